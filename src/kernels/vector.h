@@ -1,0 +1,34 @@
+// Vector kernels. n may be 0 or negative: sums are then 0 and nothing is written. Strides (incx
+// ...) count doubles. The digits and letters of a name tell the strides: 1 contiguous, j with a
+// stride. Long sums keep several partial sums side by side, the same in every build variant.
+#pragma once
+
+namespace tqnlp {
+
+// Scaled Euclidean norm of x; free of overflow and underflow.
+double zvenorm(long n, long incx, const double* x);
+
+// Largest absolute value.
+double zvamx(long n, const double* x);
+double zvamxj(long n, long incx, const double* x);
+
+// Dot products. zvdots1: x given by an index list, sum of x[ind[k]] * y[k].
+double zvdot11(long n, const double* x, const double* y);
+double zvdotj1(long n, long incx, const double* x, const double* y);
+double zvdotjj(long n, long incx, const double* x, long incy, const double* y);
+double zvdots1(long n, const long* ind, const double* x, const double* y);
+double zinner(long n, const double* x, const double* y);
+
+// z := alpha x + y; z may be x or y.
+void zvaxpy(double* z, const double* x, const double* y, long n, double alpha);
+
+// a := a + alpha b, in the named strides.
+void zvxay11(long n, double* a, double alpha, const double* b);
+void zvxay1j(long n, double* a, double alpha, long incb, const double* b);
+void zvxayj1(long n, long inca, double* a, double alpha, const double* b);
+
+// z := alpha x; x := alpha x.
+void zvz111(long n, double* z, double alpha, const double* x);
+void zvscl11(long n, double* x, double alpha);
+
+}  // namespace tqnlp
