@@ -1,6 +1,7 @@
 // Step limit, linear dependence (source znlpba1) and the feasible start (source znlpfea).
 #pragma once
 
+#include "aasubs/constraints/znlplcq.h"
 #include "aasubs/record/minstr.h"
 
 namespace tqnlp {
@@ -16,8 +17,5 @@ int znlpfea(MINSTR* str, int job);
 int znlpfe1(MINSTR* str, int job, long kcon);
 int znlpfe2(MINSTR* str, int job, long kcon);
 int znlplip(MINSTR* str, long ic, long kcon);
-
-// Constrained quadratic subproblem (source znlplcq).
-int znlplcq(MINSTR* str, int nolm, int load, double lamb, double* grad, double* hess, double* hpro);
 
 }  // namespace tqnlp

@@ -1,0 +1,272 @@
+// tqnlp: the nonlinear optimization subroutines of the matrix language TQL, for C++ programs.
+//
+// A Session holds the modules (functions) of its user, runs the subroutines (NLPQN, NLPTR, NLPLM
+// ...) on them by name, and keeps the log and the report tables of the last call.
+//
+//   tqnlp::Session tql;
+//   tql.module("ROSEN", [](const tqnlp::Matrix& x) {
+//     const double a = x(0, 0), b = x(0, 1);
+//     return tqnlp::Matrix::scalar(100 * (b - a * a) * (b - a * a) + (1 - a) * (1 - a));
+//   });
+//   auto results = tql.call("NLPQN", {"ROSEN", tqnlp::Matrix::row({-1.2, 1.0})});
+//   double rc = results[0](0, 0);
+//   tqnlp::Matrix x = results[1];
+//
+// Sessions share nothing: each thread may run a call on a session of its own. One session serves
+// one thread at a time.
+#pragma once
+
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <iosfwd>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tqnlp {
+
+namespace embed {
+struct Task;
+}
+
+// ---- Matrices -----------------------------------------------------------------------------------
+
+// The missing value: a NaN with bits of its own. Test with is_missing, never by comparison.
+extern const double missing;
+bool is_missing(double value);
+
+// A numeric matrix by rows, or a 1x1 character matrix that holds a name. Copying copies the numbers.
+// A matrix without elements stands for an absent argument.
+//
+// Sizes below zero, sizes whose product no memory can hold and a list of the wrong length are
+// refused with std::invalid_argument; an index outside the matrix with std::out_of_range; reading
+// numbers of a character matrix with std::invalid_argument.
+class Matrix {
+ public:
+  Matrix() = default;                                            // empty, 0x0
+  Matrix(long rows, long cols);                                  // zeros
+  Matrix(long rows, long cols, std::vector<double> by_rows);     // the numbers row after row
+  Matrix(const char* name);                                      // character
+  Matrix(std::string name);                                      // character
+  Matrix(std::nullptr_t) = delete;
+  Matrix(const Matrix&) = default;
+  Matrix& operator=(const Matrix&) = default;
+  Matrix(Matrix&& from) noexcept;
+  Matrix& operator=(Matrix&& from) noexcept;
+  ~Matrix() = default;
+
+  static Matrix row(std::vector<double> values);
+  static Matrix col(std::vector<double> values);
+  static Matrix scalar(double value);
+  static Matrix filled(long rows, long cols, double value);
+  static Matrix identity(long n);
+  // Matrix::of({{1, 2}, {3, 4}}): every row of the same length.
+  static Matrix of(std::initializer_list<std::initializer_list<double>> rows);
+
+  long rows() const { return rows_; }
+  long cols() const { return cols_; }
+  long size() const { return rows_ * cols_; }
+  bool empty() const { return size() == 0; }
+  bool is_character() const { return character_; }
+  bool is_scalar() const { return !character_ && size() == 1; }
+  const std::string& text() const;  // the name that a character matrix holds
+
+  double& operator()(long i, long j) { return data_unchecked()[offset(i, j)]; }  // zero-based
+  double operator()(long i, long j) const { return data_unchecked()[offset(i, j)]; }
+  double& operator[](long k) { return data_unchecked()[offset(k)]; }  // k-th number by rows
+  double operator[](long k) const { return data_unchecked()[offset(k)]; }
+
+  double* data();  // by rows; null for an empty or a character matrix
+  const double* data() const;
+  double* begin() { return data(); }
+  double* end();
+  const double* begin() const { return data(); }
+  const double* end() const;
+  std::vector<double> values() const;  // a copy of the numbers by rows
+  Matrix transposed() const;
+
+  // Same kind, shape and contents; two values that are no numbers (NaN) count as equal.
+  friend bool operator==(const Matrix& a, const Matrix& b);
+
+ private:
+  // A single number needs no memory of its own: most results of modules are one number.
+  double* data_unchecked() { return rows_ * cols_ == 1 ? &single_ : values_.data(); }
+  const double* data_unchecked() const { return rows_ * cols_ == 1 ? &single_ : values_.data(); }
+  long offset(long i, long j) const {
+    if (i < 0 || i >= rows_ || j < 0 || j >= cols_ || character_) refuse_index(i, j);
+    return i * cols_ + j;
+  }
+  long offset(long k) const {
+    if (k < 0 || k >= rows_ * cols_ || character_) refuse_index(k);
+    return k;
+  }
+  [[noreturn]] void refuse_index(long i, long j) const;
+  [[noreturn]] void refuse_index(long k) const;
+
+  long rows_ = 0;
+  long cols_ = 0;
+  double single_ = 0.0;
+  std::vector<double> values_;
+  std::string text_;
+  bool character_ = false;
+};
+
+// Rows on lines of their own, elements separated by blanks; a name as it is.
+std::ostream& operator<<(std::ostream& out, const Matrix& matrix);
+
+// ---- Log and report tables ----------------------------------------------------------------------
+
+enum class Severity { note, warning, error };
+
+// A line of the log. Group 178: the calling surface; 549: the optimization code; group 0 with
+// number 0: a literal line, or a remark of the host.
+struct LogRecord {
+  int group = 0;
+  int number = 0;
+  Severity severity = Severity::note;
+  std::string text;
+};
+
+// A cell of a table: empty, a number, a count or a text.
+using Cell = std::variant<std::monostate, double, long, std::string>;
+
+// A report table. A table of labels and values has the columns "Label" and "Value".
+struct Table {
+  std::string name;           // "IterHist"
+  std::string template_name;  // "Base.NLP.IterHist"
+  std::string title;
+  std::vector<std::string> columns;
+  std::vector<std::vector<Cell>> rows;  // each as long as columns
+};
+
+// ---- Errors -------------------------------------------------------------------------------------
+
+// What all errors of a call have in common: the log lines that say why. Also in what().
+class Error : public std::runtime_error {
+ public:
+  Error(const std::string& text, std::vector<LogRecord> log)
+      : std::runtime_error(text), log_(std::move(log)) {}
+  const std::vector<LogRecord>& log() const { return log_; }
+
+ private:
+  std::vector<LogRecord> log_;
+};
+
+// The subroutine refused the call: code() is 1 out of memory, 3 a named module does not exist, 6 bad
+// argument (also one that is refused before the subroutine runs, and an unknown subroutine), 100
+// no report object.
+class CallError : public Error {
+ public:
+  CallError(int code, const std::string& text, std::vector<LogRecord> log)
+      : Error(text, std::move(log)), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// The call could not go on: code() is 1016 no memory for the table of subroutines, 1020 a work file
+// failed, 9999 an inconsistency. All memory of the call has been released; the session goes on.
+class FatalError : public Error {
+ public:
+  FatalError(int code, const std::string& text, std::vector<LogRecord> log)
+      : Error(text, std::move(log)), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// Thrown by a module that cannot be evaluated at a point: the technique then backs up. Returning
+// the missing value, or any other NaN, says the same.
+class EvaluationFailed : public std::runtime_error {
+ public:
+  EvaluationFailed() : std::runtime_error("the module cannot be evaluated at this point") {}
+  using std::runtime_error::runtime_error;
+};
+
+// ---- Sessions -----------------------------------------------------------------------------------
+
+// What a subroutine takes.
+struct Subroutine {
+  enum class Argument { matrix, name };
+  std::string name;
+  int fewest = 0;                   // arguments
+  int most = 0;                     // arguments
+  std::vector<Argument> arguments;  // the kind of each of the most arguments
+};
+
+class Session {
+ public:
+  using Function = std::function<Matrix(const Matrix& x)>;
+  using Termination = std::function<double(const Matrix& x, double crit)>;
+
+  Session();
+  ~Session();
+  Session(Session&&) noexcept;
+  Session& operator=(Session&&) noexcept;
+
+  // Makes a module known under a name of 1 to 32 characters, upper and lower case being the same; a
+  // module of that name is replaced. The body gets the point as a 1xn matrix, valid until it
+  // returns, and answers a matrix of the shape that its role asks for. It may call subroutines, on
+  // this session or another. An exception ends the run and reaches the caller of call as the same
+  // object, except EvaluationFailed, which marks the point as one that cannot be evaluated.
+  void module(std::string name, Function body);
+
+  // A module that takes the place of the termination test: it gets the point and the objective
+  // there, and answers the code of the test as a number (0 goes on).
+  void termination_module(std::string name, Termination body);
+
+  // Forgets a module. Returns whether there was one.
+  bool remove_module(const std::string& name);
+  bool has_module(const std::string& name) const;
+
+  // Calls a subroutine by name (upper and lower case being the same) with positional arguments;
+  // empty matrices stand for absent ones. The arguments are copied. Returns the results in order:
+  // of the optimizers the return code of the run (1x1) and the final point (1xn). A run that ends
+  // with a negative code is no error here.
+  // Throws CallError when the call is refused, FatalError when it could not go on, and what a module
+  // threw; std::logic_error when another thread is running a call on this session.
+  std::vector<Matrix> call(std::string subroutine, std::vector<Matrix> arguments);
+
+  // Log and tables of the last call. Every call that is not made from within a module of this
+  // session clears both at its start; nested calls add to those of the call around them.
+  const std::vector<LogRecord>& log() const;
+  const std::vector<Table>& tables() const;
+  // Lines of the last call's report that stand outside of tables.
+  const std::vector<LogRecord>& printed() const;
+
+  // A variable of the session, such as "_ITER_", the iteration of the run; a module may read it.
+  // Empty when there is no variable of this name.
+  Matrix variable(std::string name) const;
+
+  // Sets a debug option of the module, such as "-nlpitermsg".
+  void debug_option(std::string name, int value);
+
+  // When on, a division by zero, an invalid operation or an overflow in a module is written to the
+  // log and counts as a failed evaluation, whatever the module returns. Off at first.
+  void trap_math_errors(bool on);
+
+  // The subroutines that can be called.
+  static std::vector<Subroutine> subroutines();
+
+  // For the tests of this library.
+  embed::Task& task() { return *task_; }
+  const embed::Task& task() const { return *task_; }
+
+ private:
+  std::unique_ptr<embed::Task> task_;
+};
+
+// The last call of a session as text to read (log, then tables), as a JSON document, and single
+// tables of it. In JSON, numbers that are not finite and empty cells are null.
+std::string text_report(const Session& session);
+std::string json_report(const Session& session);
+std::string text_table(const Table& table);
+std::string json_table(const Table& table);
+
+}  // namespace tqnlp

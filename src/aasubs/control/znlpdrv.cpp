@@ -1,0 +1,424 @@
+// znlpdrv: the DRiVer of a run, the one point through which every run passes.
+//
+// Job 1 makes the start feasible, evaluates objective, constraints and derivatives there, tests
+// supplied derivatives and writes the start reports. Job 2 runs the technique, evaluates the
+// solution once more and writes the final reports. The driver holds no state and allocates nothing;
+// an array that could not be computed is filled with the missing value, every failure is a code.
+//
+// Also here: the table of techniques, and znlpmer, the math-error trap.
+#include "aasubs/control/znlpdrv.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iterator>
+
+#include "aasubs/constraints/znlpba1.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/control/znlppre.h"
+#include "aasubs/newton/znlpnrr.h"
+#include "aasubs/post/stop_analysis.h"
+#include "aasubs/record/covstr.h"
+#include "host/language.h"
+#include "host/log.h"
+
+namespace tqnlp {
+
+// ---- Techniques
+// -----------------------------------------------------------------------------------
+
+struct Technique {
+  int tech;
+  const char* name;  // eight characters, padded with blanks
+  Callback run;      // null: no such technique runs here
+};
+
+static constexpr int TECHNIQUE_NONE = 1;
+static constexpr int TECHNIQUE_OLDRAP = 6;  // has a name and no code: ends with code 0
+
+static constexpr Technique TECHNIQUES[] = {
+    {TECHNIQUE_NONE, "NONE    ", nullptr},
+    {2, "TRUREG  ", nullptr},
+    {3, "NEWRAP  ", nullptr},
+    {4, "NRRIDG  ", znlpnrr},
+    {5, "NRLINS  ", nullptr},
+    {TECHNIQUE_OLDRAP, "OLDRAP  ", nullptr},
+    {7, "GAUNEW  ", nullptr},
+    {8, "LEVMAR  ", nullptr},
+    {9, "DBLDOG  ", nullptr},
+    {10, "QUANEW  ", nullptr},
+    {11, "QUANEW  ", nullptr},
+    {12, "HYQUAN  ", nullptr},
+    {13, "CONGRA  ", nullptr},
+    {14, "NMSIMP  ", nullptr},
+    {15, "NMSIM2  ", nullptr},
+    {16, "QUADAS  ", nullptr},
+    {21, "VMCWD   ", nullptr},
+};
+
+static const Technique* find_technique(int tech) {
+  const auto* found = std::find_if(std::begin(TECHNIQUES), std::end(TECHNIQUES),
+                                   [tech](const Technique& t) { return t.tech == tech; });
+  return found == std::end(TECHNIQUES) ? nullptr : found;
+}
+
+const char* technique_name(int tech) {
+  const Technique* technique = find_technique(tech);
+  return technique != nullptr ? technique->name : "UNKNOWN ";
+}
+
+bool technique_is_built(const MINSTR* str) {
+  const Technique* technique = find_technique(str->tech);
+  return technique == nullptr || technique->run != nullptr || str->tech == TECHNIQUE_NONE ||
+         str->tech == TECHNIQUE_OLDRAP;
+}
+
+static int run_technique(MINSTR* str) {
+  if (!technique_is_built(str)) {
+    xpslog("Technique %s is not part of this version.", technique_name(str->tech));
+    xexit(EXIT_INCONSISTENT, 0);
+  }
+  const Technique* technique = find_technique(str->tech);
+  return technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
+}
+
+// ---- What both jobs share
+// -------------------------------------------------------------------------
+
+// A state that asks for a service that this version does not have (the entries never make one).
+[[noreturn]] static void service_is_absent(const char* what) {
+  xpslog("%s is not part of this version.", what);
+  xexit(EXIT_INCONSISTENT, 0);
+}
+
+static bool has_general_constraints(const MINSTR* str) {
+  return str->nlicon != 0 || str->lincon != 0;
+}
+
+static bool failed(MINSTR* str, Callback callback) {
+  return callback(str) != 0 || str->tbig != 0.0;
+}
+
+static void set_message_detail(MINSTR* str) { str->zmsg = std::clamp(zbugi("-nlpitermsg"), 1, 3); }
+
+static void mark_gradient_missing(MINSTR* str) { vzfdl(MISSING, str->grad, str->nvar); }
+
+static void mark_constraints_missing(MINSTR* str) {
+  if (str->nlicon != 0) vzfdl(MISSING, str->fcon, str->nnlc);
+}
+
+static void mark_constraint_jacobian_missing(MINSTR* str) {
+  if (str->nlicon != 0) vzfdl(MISSING, str->jcon, str->nnlc * str->nvar);
+}
+
+// With nonlinear constraints: merit function, constraint values and, where post-analysis wants it,
+// their Jacobian.
+static void mark_lagrangian_missing(MINSTR* str) {
+  if (str->nlicon == 0) return;
+  str->crlf = MISSING;
+  mark_constraints_missing(str);
+  if (str->covstr != nullptr && str->covstr->usjnc != nullptr) {
+    mark_constraint_jacobian_missing(str);
+  }
+}
+
+// Objective at x, into crit and cold.
+static bool evaluate_objective(MINSTR* str) {
+  str->ifdr = ORDER_FUNCTION;
+  const bool in_covstr = str->covstr != nullptr && str->covstr->usfct != nullptr;
+  const bool bad = failed(str, in_covstr ? str->covstr->usfct : str->usfct);
+  if (!bad) str->cold = str->crit;
+  return !bad;
+}
+
+static bool evaluate_constraints(MINSTR* str) {
+  if (str->nlicon == 0) return true;
+  const bool in_covstr = str->covstr != nullptr && str->covstr->usnlc != nullptr;
+  const Callback callback = in_covstr ? str->covstr->usnlc : str->usnlc;
+  return callback == nullptr || !failed(str, callback);
+}
+
+static bool evaluate_gradient(MINSTR* str) {
+  str->ifdr = ORDER_GRADIENT;
+  const bool in_covstr = str->covstr != nullptr && str->covstr->usgrd != nullptr;
+  const Callback callback = in_covstr ? str->covstr->usgrd : str->usgrd;
+  return callback == nullptr || !failed(str, callback);
+}
+
+// Constraint Jacobian; the function is called again first when the user's code keeps work between a
+// function call and its derivative call.
+static bool evaluate_constraint_jacobian(MINSTR* str) {
+  if (str->nlicon == 0) return true;
+  if (str->fsav != 0 && str->ifdr > ORDER_FUNCTION) {
+    str->ifdr = ORDER_FUNCTION;
+    if (failed(str, str->usfct)) return false;
+  }
+  str->ifdr = ORDER_GRADIENT;
+  const bool in_covstr = str->covstr != nullptr && str->covstr->usjnc != nullptr;
+  const Callback callback = in_covstr ? str->covstr->usjnc : str->usjnc;
+  return callback == nullptr || !failed(str, callback);
+}
+
+static void estimate_intervals(const MINSTR* str) {
+  if (str->cfdh != 0) service_is_absent("The estimate of difference intervals");
+}
+
+// Rebuilds the frame of the working set for a report; multipliers 1 first form, 2 second form.
+static void rebuild_frame(MINSTR* str, int multipliers) {
+  if (str->opro == 2) service_is_absent("The range-space frame");
+  if (str->opro != 0) znlpfta(str, 0, multipliers, 0, nullptr, nullptr, nullptr);
+}
+
+// ---- Job 1: prepare
+// ---------------------------------------------------------------------------------
+
+static int longest_name(const char* const* names, long count) {
+  int longest = 0;
+  for (long i = 0; names != nullptr && i < count; ++i) {
+    longest = std::max(longest, static_cast<int>(std::strlen(names[i])));
+  }
+  return longest;
+}
+
+// No point satisfies the constraints: x returns to the user's start, nothing is known there.
+static int give_up_feasibility(MINSTR* str) {
+  xpmlog(OPTIMIZATION, 46, {str->ceps});
+  std::copy_n(str->xold, str->nvar, str->x);
+  str->ipre = 0;
+  znlpfch(str, 1, 1, 0);
+  str->crit = MISSING;
+  mark_gradient_missing(str);
+  mark_lagrangian_missing(str);
+  return -10;
+}
+
+// Moves the start into the region of bounds and linear constraints. Returns 0 or -10.
+static int make_start_feasible(MINSTR* str) {
+  if (str->bounds == 0 && str->lincon == 0) return 0;
+  std::copy_n(str->x, str->nvar, str->xold);
+  if (str->opro == 2) service_is_absent("The range-space frame");
+  const int result = znlpfea(str, 2);
+  if (result >= 0) {
+    if (result > 0) {
+      xpmlog(OPTIMIZATION, 10);
+      if (str->dbug != 0.0) xpmout(OPTIMIZATION, 10);
+    }
+    std::copy_n(str->x, str->nvar, str->xold);
+    return 0;
+  }
+  if (str->nlicon != 0 && znlpfnc(str, 1) == 0) return 0;
+  return give_up_feasibility(str);
+}
+
+// Objective, constraints and first derivatives at the start. Returns 0, -1 or -2.
+static int evaluate_start(MINSTR* str) {
+  mark_gradient_missing(str);
+  mark_constraints_missing(str);
+  str->indf = AT_START;
+  if (!evaluate_objective(str)) {
+    str->crit = MISSING;
+    mark_gradient_missing(str);
+    mark_lagrangian_missing(str);
+    return -1;
+  }
+  str->dfes = str->lsqu != 0 ? std::fabs(str->crit / 20.0) : MISSING;
+  if (!evaluate_constraints(str)) {
+    mark_gradient_missing(str);
+    mark_lagrangian_missing(str);
+    return -1;
+  }
+  estimate_intervals(str);
+  if (!evaluate_gradient(str)) {
+    mark_gradient_missing(str);
+    return -2;
+  }
+  if (!evaluate_constraint_jacobian(str)) {
+    mark_constraint_jacobian_missing(str);
+    return -2;
+  }
+  return 0;
+}
+
+static int report_failed_start(MINSTR* str, int code, bool start_report, int detail) {
+  if (start_report) {
+    if (code == -10 && !wzmis(str->crit)) znlpptm(str, -10, 1);
+    znlppre(str, str->dbug >= 3.0 ? -10 : -1, detail);
+    if (str->covstr != nullptr && str->covstr->uspmat != nullptr) str->covstr->uspmat(str, -1);
+  }
+  str->rcod = code;
+  return code;
+}
+
+static int start_level(const MINSTR* str) {
+  if (str->dbug >= 4.0) return -3;
+  return str->dbug == 3.0 ? -2 : -1;
+}
+
+static int prepare(MINSTR* str, int pfun, int dtst, int ctst) {
+  const bool start_report = str->covstr != nullptr ? str->covstr->pini != 0 : (pfun & 1) != 0;
+  const int detail = str->covstr != nullptr ? str->covstr->pfun : pfun / 2;
+  str->maxpnam = longest_name(str->pnam, str->nvar);
+  str->maxfnam = longest_name(str->fnam, str->mequ);
+
+  int code = make_start_feasible(str);
+  if (code == 0) code = evaluate_start(str);
+  if (code != 0) return report_failed_start(str, code, start_report, detail);
+
+  if (has_general_constraints(str) || str->bounds != 0) {
+    znlpfch(str, 1, 1, str->ipre);
+    rebuild_frame(str, 1);
+  }
+  if (start_report) znlppre(str, start_level(str), detail);
+  if (str->gchk != 0 && str->fqad == 0 && dtst != 0) service_is_absent("The derivative test");
+  if (ctst != 0) service_is_absent("The test of a constraint Jacobian");
+  if (str->covstr != nullptr) {
+    if (str->covstr->uscmat != nullptr) str->covstr->uscmat(str, 0);
+    if (str->covstr->uspmat != nullptr) str->covstr->uspmat(str, 0);
+  }
+  str->rcod = 0;
+  return 0;
+}
+
+// ---- Job 2: run
+// ---------------------------------------------------------------------------------------
+
+// The technique, unless a limit forbids its first iteration.
+static int run_within_limits(MINSTR* str) {
+  if (str->tech == TECHNIQUE_NONE) return 0;
+  if (str->maxi <= 0.0 || str->maxf <= 0.0) return -8;
+  if (str->upti <= 0.0) return -9;
+  return run_technique(str);
+}
+
+// Widens the feasibility tolerance tenfold until the final point passes, at most to 10^10 ceps.
+static void widen_tolerance_to_fit(MINSTR* str) {
+  static constexpr int WIDEST = 10;
+  double tolerance = std::max(str->ceps, SMALLEST_TOLERANCE);
+  str->ipre = 0;
+  while (znlpfch(str, 1, 1, str->ipre) != 0) {
+    tolerance *= 10.0;
+    ++str->ipre;
+    if (str->ipre >= WIDEST || tolerance > RIDGE_CEILING) {
+      znlpfch(str, 1, 1, str->ipre);
+      break;
+    }
+  }
+}
+
+// Evaluates the solution once more, so that every reported quantity belongs to x. Returns the code
+// of the run, or -3 or -4 when an evaluation failed.
+static int evaluate_solution(MINSTR* str, int code) {
+  mark_gradient_missing(str);
+  mark_constraints_missing(str);
+  str->indf = AT_SOLUTION;
+  if (!evaluate_objective(str)) {
+    code = -3;
+    str->crit = MISSING;
+  }
+  if (!evaluate_constraints(str)) {
+    mark_constraints_missing(str);
+    code = -3;
+  }
+  estimate_intervals(str);
+  if (!evaluate_gradient(str)) {
+    mark_gradient_missing(str);
+    code = -4;
+  }
+  if (!evaluate_constraint_jacobian(str)) {
+    mark_constraint_jacobian_missing(str);
+    code = -4;
+  }
+  if (has_general_constraints(str) || str->bounds != 0) {
+    widen_tolerance_to_fit(str);
+    rebuild_frame(str, str->ulm2 != 0 ? 2 : 1);
+  }
+  return code;
+}
+
+static int final_level(const MINSTR* str, bool evaluated) {
+  int level = 0;
+  if (str->dbug >= 4.0) {
+    level = 3;
+  } else if (str->dbug == 3.0) {
+    level = 2;
+  } else if (str->covstr != nullptr && str->covstr->psho != 0) {
+    level = 1;
+  }
+  return evaluated ? level : std::min(level, 1);
+}
+
+static int run(MINSTR* str, int pfun) {
+  str->indf = IN_RUN;
+  if (str->dbug != 0.0) pritech(str);
+  str->mtim = zdattim();
+  int code = run_within_limits(str);
+  str->mtim = zdattim() - str->mtim;
+
+  const bool evaluated = !((code >= -4 && code <= -1) || code == -11);
+  if (evaluated) code = evaluate_solution(str, code);
+  str->rcod = code;
+  if (!wzmis(str->crit)) znlpptm(str, code, 0);
+  COVSTR* post = str->covstr;
+  if (evaluated && post != nullptr && post->uscmat != nullptr) post->uscmat(str, 1);
+
+  const int level = final_level(str, evaluated);
+  if (level != 0) znlppre(str, level, post != nullptr ? post->pfun : pfun / 2);
+  if (evaluated && post != nullptr && post->uspmat != nullptr) post->uspmat(str, 1);
+  if (code >= 0 && post != nullptr && post->plcstr != nullptr && post->plcstr->job != 0) {
+    service_is_absent("The computation of profile-likelihood limits");
+  }
+  return code;
+}
+
+int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst) {
+  set_message_detail(str);
+  return job == 2 ? run(str, pfun) : prepare(str, pfun, dtst, ctst);
+}
+
+// ---- Math-error trap
+// ----------------------------------------------------------------------------------
+
+// Writes the line of a trapped error and returns the code of its kind.
+static int describe_math_error(int type) {
+  switch (type) {
+    case 1:
+      xpslog("Domain error trapped");
+      return -1;
+    case 2:
+      xpslog("Singular error trapped");
+      return -1;
+    case 3:
+    case 12:
+      xpslog("Overflow error trapped");
+      return -1;
+    case 4:
+    case 11:
+      xpslog("**************************************");
+      xpslog("Underflow error: Should not be trapped");
+      xpslog("**************************************");
+      return 0;
+    case 5:
+    case 6:
+      xpslog("Loss of precision trapped");
+      return -1;
+    case 13:
+      xpslog("Division by 0 error trapped");
+      return -1;
+    case 14:
+    case 15:
+      xpslog("Bad floating number");
+      return -1;
+    default:
+      xpslog("Unidentified type of error trapped");
+      return -1;
+  }
+}
+
+int znlpmer(const WTMTHERR* x) {
+  const int code = describe_math_error(x->type);
+  const MINSTR* running = tqlq()->record;
+  if (running != nullptr && running->mpin != nullptr) wtresum(running->mpin, code);
+  return code;
+}
+
+}  // namespace tqnlp

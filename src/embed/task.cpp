@@ -1,0 +1,72 @@
+// task: the active task of a thread, the frames of its calls, planned failures and counters.
+#include "embed/task.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace tqnlp::embed {
+
+static thread_local Task* active_task = nullptr;
+
+Task& current_task() {
+  if (active_task != nullptr) return *active_task;
+  static thread_local Task own;
+  return own;
+}
+
+Task::Task() { frames.emplace_back(); }
+
+Task::~Task() {
+  long bytes = 0;
+  for (Frame& frame : frames) release_blocks(frame, &bytes);
+}
+
+Activation::Activation(Task& task) : outer_(active_task) { active_task = &task; }
+Activation::~Activation() { active_task = outer_; }
+
+FrameScope::FrameScope(Task& task) : task_(task) {
+  if (task.frames.size() == 1) {
+    task.counters.blocks_left = task.counters.bytes_left = task.counters.files_left = 0;
+  }
+  task.frames.emplace_back().first_log = task.log.size();
+}
+
+FrameScope::~FrameScope() {
+  Frame& frame = task_.frame();
+  task_.counters.blocks_left += release_blocks(frame, &task_.counters.bytes_left);
+  task_.counters.files_left += static_cast<long>(frame.files.size());
+  task_.frames.pop_back();
+}
+
+void add_log(Task& task, int group, int number, Severity severity, std::string text) {
+  task.log.push_back({group, number, severity, std::move(text)});
+}
+
+std::string language_name(std::string name) {
+  while (!name.empty() && name.back() == ' ') name.pop_back();
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return name;
+}
+
+void plan_fault(Task& task, Fault kind, long k, bool onwards) {
+  Countdown& countdown = task.faults[static_cast<int>(kind)];
+  countdown.left = k;
+  countdown.onwards = onwards;
+}
+
+void clear_faults(Task& task) {
+  for (Countdown& countdown : task.faults) countdown.left = -1;
+}
+
+bool fault_pending(const Task& task, Fault kind) {
+  return task.faults[static_cast<int>(kind)].left >= 0;
+}
+
+long operations(const Task& task, Fault kind) { return task.faults[static_cast<int>(kind)].done; }
+
+Counters counters(const Task& task) { return task.counters; }
+
+void advance_clock(Task& task, double seconds) { task.clock_ahead += seconds; }
+
+}  // namespace tqnlp::embed

@@ -1,0 +1,176 @@
+// The task of a session: everything that the embedded host keeps between and during calls.
+//
+// The active task of a thread is a thread_local pointer that Session::call sets. Without one, the
+// host's functions work on a task that belongs to the thread, so that parts of the module can be
+// driven directly.
+//
+// Calls nest (a module may call a subroutine), and each has a frame. A frame owns what its call
+// takes: memory blocks, work files, report objects, prepared module calls, results. What the call
+// does not give back is freed with the frame. The frame at the bottom holds what outlives the calls:
+// the variables, and what is taken without a call.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "embed/faults.h"
+#include "host/files.h"
+#include "host/language.h"
+#include "host/process.h"
+#include "host/tables.h"
+#include "tqnlp/tqnlp.hpp"
+
+namespace tqnlp {
+
+// An argument of a call.
+struct TQLARG {
+  Matrix value;
+};
+
+// A module of the user. A prepared call shares it, so that a module may be replaced while it runs.
+struct TQLMOD {
+  int kind = MODULE_FUNCTION;
+  Session::Function function;        // MODULE_FUNCTION
+  Session::Termination termination;  // MODULE_TERMINATION
+};
+
+// The host's part of a prepared call. It keeps the matrix that the module is given, so that an
+// evaluation takes no memory, and the result of the last run, which the bridge reads.
+struct TQLCALL {
+  std::shared_ptr<const TQLMOD> module;
+  Matrix argument;
+  Matrix result;
+};
+
+// An unnamed work file, kept in memory.
+struct WorkFile {
+  std::vector<char> bytes;
+  std::size_t position = 0;
+};
+
+// A delivery object or, when table is set, an open table.
+struct RvxObject {
+  enum class Kind { delivery, table };
+  // Where the cell of a column is read from when a row is added.
+  using Source = std::variant<const char*, const double*, const long*, const int*, const RvxText*>;
+
+  Kind kind = Kind::delivery;
+  Table table;
+  std::vector<Source> sources;
+};
+
+namespace embed {
+
+// Head of a block of the task's memory; the block's bytes follow. Blocks stand in a ring with the
+// head that their frame holds.
+struct alignas(std::max_align_t) Block {
+  Block* previous = this;
+  Block* next = this;
+  std::size_t bytes = 0;
+  Task* owner = nullptr;
+};
+
+struct Frame {
+  Block blocks;  // ring of the blocks taken by this call
+  std::list<std::unique_ptr<WorkFile>> files;
+  std::list<std::unique_ptr<RvxObject>> reports;
+  std::list<std::unique_ptr<TQLCALL>> prepared;
+  std::deque<Matrix> results;
+  std::exception_ptr thrown;  // what a module threw: the call ends, and rethrows it
+  int exit_state = 0;         // of the last run module
+  TQLSS* current = nullptr;   // the current prepared call
+  TQLTASK record{};           // what the module sees through tqlq
+  std::size_t first_log = 0;  // where the log of this call begins
+};
+
+// The k-th operation of a kind fails; the countdown is negative when no fault is planned.
+struct Countdown {
+  long left = -1;
+  bool onwards = false;
+  long done = 0;  // operations of this kind so far
+
+  // Counts one operation; must it fail?
+  bool strikes() {
+    ++done;
+    if (left < 0) return false;
+    if (left > 0) {
+      --left;
+      return false;
+    }
+    if (!onwards) left = -1;
+    return true;
+  }
+};
+
+struct Task {
+  Task();
+  ~Task();
+  Task(const Task&) = delete;
+  Task& operator=(const Task&) = delete;
+
+  Frame& frame() { return frames.back(); }
+
+  std::deque<Frame> frames;  // the bottom frame and one a running call; addresses stay
+  std::map<std::string, std::shared_ptr<TQLMOD>> modules;
+  std::map<std::string, TQLSYM> variables;
+  std::map<std::string, int> debug_options;
+  std::vector<LogRecord> log;
+  std::vector<Table> tables;
+  std::vector<LogRecord> printed;
+  std::vector<std::size_t> printed_after;  // number of tables before each printed line
+  int (*math_error)(const WTMTHERR*) = nullptr;  // handler of math errors; null: not trapped
+  Countdown faults[fault_kinds];
+  Counters counters;
+  double clock_ahead = 0.0;    // seconds that tests add to the clock
+  std::recursive_mutex in_use;  // held by the thread that runs calls
+};
+
+// The active task of this thread, or the thread's own when no session is active.
+Task& current_task();
+
+// Makes a task the active one of this thread for a scope.
+class Activation {
+ public:
+  explicit Activation(Task& task);
+  ~Activation();
+  Activation(const Activation&) = delete;
+  Activation& operator=(const Activation&) = delete;
+
+ private:
+  Task* outer_;
+};
+
+// A frame for the call of a scope. At its end, what the call left behind is freed and counted.
+class FrameScope {
+ public:
+  explicit FrameScope(Task& task);
+  ~FrameScope();
+  FrameScope(const FrameScope&) = delete;
+  FrameScope& operator=(const FrameScope&) = delete;
+
+ private:
+  Task& task_;
+};
+
+// Moves a block from the frame of its call to the bottom frame: it outlives the call.
+void keep_block(Task& task, void* data);
+
+// Frees the blocks of a frame. Returns how many there were, and adds up their bytes.
+long release_blocks(Frame& frame, long* bytes);
+
+// Appends a line to the log.
+void add_log(Task& task, int group, int number, Severity severity, std::string text);
+
+// A name as the language keeps it: upper case, without blanks at the end.
+std::string language_name(std::string name);
+
+}  // namespace embed
+}  // namespace tqnlp

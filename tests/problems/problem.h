@@ -1,0 +1,83 @@
+// The library of published problems that many tests share.
+#pragma once
+
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "problems/jet.h"
+#include "support/record.h"
+
+namespace tqnlp::test {
+
+inline constexpr double NONE = std::numeric_limits<double>::infinity();  // an absent bound
+
+struct Problem {
+  std::string name;
+  long n = 0;
+  std::vector<double> start;
+  // Published minimum, and other local minima that a descent method may rightly end in.
+  std::vector<double> minima;
+  std::function<double(const double* x)> value;
+  std::function<Jet(const Jet* x)> jet;
+  // Sums of squares: m residuals, f = sum of r_i^2. Empty for other objectives.
+  long m = 0;
+  std::function<void(const double* x, double* r)> residuals;
+  std::function<void(const Jet* x, Jet* r)> residual_jets;
+  // Bounds (empty: none; NONE and -NONE absent) and linear rows, op 0 equality, 1 at least, -1 at
+  // most.
+  std::vector<double> lower;
+  std::vector<double> upper;
+  std::vector<LinearRow> rows;
+
+  // Value, gradient and packed Hessian at x.
+  double evaluate(const double* x, double* gradient, double* hessian) const;
+  // Value and gradient alone.
+  double evaluate(const double* x, double* gradient) const {
+    return evaluate(x, gradient, nullptr);
+  }
+};
+
+// A problem whose objective is a generic callable f(x), x an array of numbers or jets.
+template <typename F>
+Problem scalar_problem(std::string name, std::vector<double> start, std::vector<double> minima,
+                       F f) {
+  Problem p;
+  p.name = std::move(name);
+  p.n = static_cast<long>(start.size());
+  p.start = std::move(start);
+  p.minima = std::move(minima);
+  p.value = [f](const double* x) { return f(x); };
+  p.jet = [f](const Jet* x) { return f(x); };
+  return p;
+}
+
+// A sum of squares of m residuals, given by a generic callable f(x, r).
+template <typename F>
+Problem residual_problem(std::string name, long m, std::vector<double> start,
+                         std::vector<double> minima, F f) {
+  const auto sum = [f, m](auto* x) {
+    using T = std::remove_cvref_t<decltype(*x)>;
+    std::vector<T> r(static_cast<std::size_t>(m));
+    f(x, r.data());
+    T total(0.0);
+    for (const T& value : r) total += value * value;
+    return total;
+  };
+  Problem p = scalar_problem(std::move(name), std::move(start), std::move(minima), sum);
+  p.m = m;
+  p.residuals = [f](const double* x, double* r) { f(x, r); };
+  p.residual_jets = [f](const Jet* x, Jet* r) { f(x, r); };
+  return p;
+}
+
+// More, Garbow and Hillstrom, Testing Unconstrained Optimization Software, ACM TOMS 7 (1981):
+// all 35.
+std::vector<Problem> more_garbow_hillstrom();
+
+// Hock and Schittkowski, Test Examples for Nonlinear Programming Codes (1981): those that have only
+// bounds and linear constraints.
+std::vector<Problem> hock_schittkowski_linear();
+
+}  // namespace tqnlp::test

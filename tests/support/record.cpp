@@ -1,0 +1,190 @@
+#include "support/record.h"
+
+#include <cmath>
+
+#include "aasubs/control/znlptrm.h"
+#include "host/log.h"
+
+namespace tqnlp::test {
+
+// Row i of the constraint matrix, expanded; tests have no nonlinear constraints.
+static int expand_row(MINSTR* str, long i, double* w) {
+  vzfdl(0.0, w, str->nvar);
+  for (long k = i > 0 ? str->naco[i - 1] : 0; k < str->naco[i]; ++k) w[str->jalc[k]] = str->alcn[k];
+  return 0;
+}
+
+static int call_objective(MINSTR* str) {
+  auto* record = static_cast<TestRecord*>(str);
+  if (str->indf < GRADIENT_STEP) ++str->nfct;
+  str->tbig = 1.0;
+  const double value = record->f(str->x);
+  if (std::isnan(value)) return -11;
+  str->crit = str->func[0] = value;
+  str->tbig = 0.0;
+  return 0;
+}
+
+static int finish_array(MINSTR* str, const double* values, long count) {
+  for (long i = 0; i < count; ++i) {
+    if (std::isnan(values[i])) {
+      str->tbig = 1.0;
+      return -11;
+    }
+  }
+  str->tbig = 0.0;
+  return 0;
+}
+
+static int call_gradient(MINSTR* str) {
+  ++str->ngrd;
+  static_cast<TestRecord*>(str)->g(str->x, str->grad);
+  return finish_array(str, str->grad, str->nvar);
+}
+
+static int call_hessian(MINSTR* str) {
+  auto* record = static_cast<TestRecord*>(str);
+  ++str->nhes;
+  record->g(str->x, str->grad);
+  record->h(str->x, str->hess);
+  if (finish_array(str, str->grad, str->nvar) != 0) return -11;
+  return finish_array(str, str->hess, str->nnva);
+}
+
+TestRecord::TestRecord(long n, int technique) : MINSTR{} {
+  nvar = n;
+  nnva = packed_size(n);
+  mequ = mfun = 1;
+  tech = technique;
+  vers = 2;
+  tupd = 1;
+  tlin = 2;
+  ider = 4;
+  dhes = damp = rtop = dfes = deat = MISSING;
+  nres = NEVER;
+  ceps = ldct = sing = 1e-8;
+  salf = 1.0;
+  sigm = 0.4;
+  ssin = 1e20;
+  fdig = cdig = 15.653559774527022;
+  upti = HUGE_VALUE;
+  maxi = 200;
+  maxf = 500;
+  atol = -1.3407807929942999e154;
+  ftol = 2.2204460492503141e-16;
+  gtol = 1e-8;
+  agtl = 1e-5;
+  zmsg = 1;
+  uster = znlptrm;
+  acget = expand_row;
+
+  toln = longs(30);
+  ipiv = longs(n);
+  iwk = longs(3 * n + 1);
+  ifxr = longs(n);
+  for (long i = 0; i < n; ++i) ifxr[i] = i;
+  det = doubles(6 * n + 5);
+  x = det + 5;
+  work = x + n;
+  grad = work + n;
+  xold = grad + n;
+  gold = xold + n;
+  sdir = gold + n;
+  func = doubles(2);
+  fold = func + 1;
+  wrk2 = doubles(8 * n + 8);
+  hess = doubles(nnva);
+  hpro = doubles(nnva);
+  half = doubles(3 * nnva);
+  hesalo = hpralo = hlfalo = 1;
+  dsca = doubles(n);
+  wfid = doubles(n + 2);
+  lag2 = doubles(2 * n);
+  status_.assign(static_cast<std::size_t>(n) + 1, 0);
+  iabc = status_.data();
+  lb = doubles(n);
+  ub = doubles(n);
+  vzfdl(-HUGE_VALUE, lb, n);
+  vzfdl(HUGE_VALUE, ub, n);
+  gpro = doubles(n * (n + 5) + nnva);
+  lagm = gpro + n;
+  dcds = lagm + n;
+  awrk = dcds + 2 * n;
+  qlcn = awrk + n;
+  llcn = qlcn + n * n;
+  iact = longs(2 * n);
+  liwk = iact + n;
+}
+
+double* TestRecord::doubles(long count) {
+  return double_arrays_.emplace_back(static_cast<std::size_t>(count) + 1, 0.0).data();
+}
+
+long* TestRecord::longs(long count) {
+  return long_arrays_.emplace_back(static_cast<std::size_t>(count) + 1, 0).data();
+}
+
+void TestRecord::count_constraints() {
+  ntec = neqc + nbec;
+  ntco = nbec + nbic + ncon;
+  const long capacity = ntco > nvar ? ntco : nvar;
+  iact = longs(2 * capacity);
+  liwk = iact + capacity;
+}
+
+TestRecord& TestRecord::with_bounds(std::vector<double> lower, std::vector<double> upper) {
+  bounds = 1;
+  nbec = nbic = 0;
+  for (long j = 0; j < nvar; ++j) {
+    lb[j] = lower[static_cast<std::size_t>(j)];
+    ub[j] = upper[static_cast<std::size_t>(j)];
+    if (lb[j] == ub[j]) {
+      iabc[j] = 2;
+      ++nbec;
+    } else {
+      nbic += (lower_exists(lb[j]) ? 1 : 0) + (upper_exists(ub[j]) ? 1 : 0);
+    }
+  }
+  count_constraints();
+  return *this;
+}
+
+TestRecord& TestRecord::with_rows(const std::vector<LinearRow>& rows) {
+  lincon = 1;
+  opro = 1;
+  aspa = 1;
+  ncon = static_cast<long>(rows.size());
+  neqc = 0;
+  alcn = doubles(ncon * nvar);
+  blcn = doubles(ncon);
+  naco = longs(ncon);
+  jalc = longs(ncon * nvar);
+  long stored = 0;
+  for (long i = 0; i < ncon; ++i) {
+    const LinearRow& row = rows[static_cast<std::size_t>(i)];
+    if (row.op == 0) ++neqc;
+    blcn[i] = row.b;
+    for (long j = 0; j < nvar; ++j) {
+      if (row.a[static_cast<std::size_t>(j)] == 0.0) continue;
+      alcn[stored] = row.a[static_cast<std::size_t>(j)];
+      jalc[stored++] = j;
+    }
+    naco[i] = stored;
+  }
+  count_constraints();
+  return *this;
+}
+
+TestRecord& TestRecord::at(const std::vector<double>& start) {
+  for (long j = 0; j < nvar; ++j) x[j] = start[static_cast<std::size_t>(j)];
+  return *this;
+}
+
+TestRecord& TestRecord::with_callbacks() {
+  usfct = f ? call_objective : nullptr;
+  usgrd = g ? call_gradient : nullptr;
+  ushes = h ? call_hessian : nullptr;
+  return *this;
+}
+
+}  // namespace tqnlp::test

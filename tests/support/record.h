@@ -1,0 +1,52 @@
+// A filled problem record for tests that drive the module's functions directly, without the calling
+// surface: every array that a second-order run with bounds and linear constraints needs, and
+// callbacks that go to std::function members.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp::test {
+
+// One linear constraint a'x (op) b with op 0 equality, 1 at least. Equalities stand first.
+struct LinearRow {
+  std::vector<double> a;
+  int op;
+  double b;
+};
+
+struct TestRecord : MINSTR {
+  // All bounds absent, no constraints; technique 4, tolerances and limits at their defaults.
+  explicit TestRecord(long n, int technique = 4);
+  TestRecord(const TestRecord&) = delete;
+  TestRecord& operator=(const TestRecord&) = delete;
+
+  // Sets both bounds (and the flag bounds); counts nbec, nbic.
+  TestRecord& with_bounds(std::vector<double> lower, std::vector<double> upper);
+  // Sets the linear constraints as the calling surface stores them (sparse by rows), opro 1.
+  TestRecord& with_rows(const std::vector<LinearRow>& rows);
+  TestRecord& at(const std::vector<double>& point);
+
+  // Objective pieces; an absent one leaves the callback null. A value that is missing or NaN counts
+  // as a failed evaluation.
+  std::function<double(const double* point)> f;
+  std::function<void(const double* point, double* gradient)> g;
+  std::function<void(const double* point, double* hessian_packed)> h;
+  // Installs callbacks for the pieces that are set.
+  TestRecord& with_callbacks();
+
+  std::vector<double> point() const { return {x, x + nvar}; }
+
+ private:
+  double* doubles(long count);
+  long* longs(long count);
+  void count_constraints();
+
+  std::vector<std::vector<double>> double_arrays_;
+  std::vector<std::vector<long>> long_arrays_;
+  std::vector<int> status_;
+};
+
+}  // namespace tqnlp::test
