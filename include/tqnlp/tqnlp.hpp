@@ -39,19 +39,19 @@ struct Task;
 extern const double missing;
 bool is_missing(double value);
 
-// A numeric matrix by rows, or a 1x1 character matrix that holds a name. Copying copies the numbers.
-// A matrix without elements stands for an absent argument.
+// A numeric matrix by rows, or a 1x1 character matrix that holds a name. Copying copies the
+// numbers. A matrix without elements stands for an absent argument.
 //
 // Sizes below zero, sizes whose product no memory can hold and a list of the wrong length are
 // refused with std::invalid_argument; an index outside the matrix with std::out_of_range; reading
 // numbers of a character matrix with std::invalid_argument.
 class Matrix {
  public:
-  Matrix() = default;                                            // empty, 0x0
-  Matrix(long rows, long cols);                                  // zeros
-  Matrix(long rows, long cols, std::vector<double> by_rows);     // the numbers row after row
-  Matrix(const char* name);                                      // character
-  Matrix(std::string name);                                      // character
+  Matrix() = default;                                         // empty, 0x0
+  Matrix(long rows, long cols);                               // zeros
+  Matrix(long rows, long cols, std::vector<double> by_rows);  // the numbers row after row
+  Matrix(const char* name);                                   // character
+  Matrix(std::string name);                                   // character
   Matrix(std::nullptr_t) = delete;
   Matrix(const Matrix&) = default;
   Matrix& operator=(const Matrix&) = default;
@@ -156,9 +156,9 @@ class Error : public std::runtime_error {
   std::vector<LogRecord> log_;
 };
 
-// The subroutine refused the call: code() is 1 out of memory, 3 a named module does not exist, 6 bad
-// argument (also one that is refused before the subroutine runs, and an unknown subroutine), 100
-// no report object.
+// The subroutine refused the call: code() is 1 out of memory, 3 a named module does not exist, 6
+// bad argument (also one that is refused before the subroutine runs, and an unknown subroutine),
+// 100 no report object.
 class CallError : public Error {
  public:
   CallError(int code, const std::string& text, std::vector<LogRecord> log)
@@ -229,8 +229,8 @@ class Session {
   // empty matrices stand for absent ones. The arguments are copied. Returns the results in order:
   // of the optimizers the return code of the run (1x1) and the final point (1xn). A run that ends
   // with a negative code is no error here.
-  // Throws CallError when the call is refused, FatalError when it could not go on, and what a module
-  // threw; std::logic_error when another thread is running a call on this session.
+  // Throws CallError when the call is refused, FatalError when it could not go on, and what a
+  // module threw; std::logic_error when another thread is running a call on this session.
   std::vector<Matrix> call(std::string subroutine, std::vector<Matrix> arguments);
 
   // Log and tables of the last call. Every call that is not made from within a module of this

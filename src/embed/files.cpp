@@ -1,4 +1,9 @@
-// files: unnamed work files of bytes. They are kept in memory and live at most as long as the call.
+// files: unnamed work files of bytes.
+//
+// A file is a growing array in memory with a position. The module writes a Jacobian or the matrix
+// of a quadratic by columns and reads it back many times, so that a disk would only be slower, and
+// there is no name that could clash and no file that could stay behind. A file belongs to the frame
+// of the call that opened it and goes with it at the latest.
 #include "host/files.h"
 
 #include <algorithm>
@@ -20,6 +25,7 @@ static constexpr int NO_SPACE = 2;   // the file cannot grow
 static constexpr int PAST_END = 3;   // fewer bytes are left than were asked for
 static constexpr int BAD_VALUE = 4;  // a negative position or length
 
+// Counts an operation; is it one that a test wants to fail?
 static bool planned_failure(Task& task) {
   return task.faults[static_cast<int>(Fault::file_operation)].strikes();
 }
@@ -41,6 +47,8 @@ int xcpoint(WorkFile* handle, long position) {
   return DONE;
 }
 
+// Reads all of length bytes or nothing: a short read would hand old contents of the buffer on as
+// numbers.
 int xcread(WorkFile* handle, void* buffer, long length) {
   if (planned_failure(embed::current_task()) || handle == nullptr) return FAILED;
   if (length < 0) return BAD_VALUE;
@@ -62,6 +70,7 @@ int xcwrite(WorkFile* handle, const void* buffer, long length) {
   const std::size_t end = handle->position + count;
   if (end > handle->bytes.size()) {
     try {
+      // Doubling keeps a file that is written in many small pieces at linear cost.
       if (end > handle->bytes.capacity())
         handle->bytes.reserve(std::max(end, 2 * handle->bytes.capacity()));
       handle->bytes.resize(end);
@@ -82,6 +91,7 @@ int xcclose(WorkFile* handle, int) {
   if (handle == nullptr) return DONE;
   Task& task = embed::current_task();
   const bool failed = planned_failure(task);
+  // The innermost call comes first: nearly always it is the one that opened the file.
   for (auto frame = task.frames.rbegin(); frame != task.frames.rend(); ++frame) {
     auto& files = frame->files;
     const auto place = std::find_if(files.begin(), files.end(),

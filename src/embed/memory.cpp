@@ -1,7 +1,8 @@
 // memory: the task's allocator, pools and matrix memory.
 //
 // Every block has a head that links it into the ring of the call that took it, so that it is given
-// back in constant time and the end of a call can free what is left.
+// back in constant time and the end of a call can free what is left. Blocks come from calloc: large
+// ones are zero pages of the system then, which cost nothing until they are used.
 #include "host/memory.h"
 
 #include <cassert>
@@ -23,6 +24,7 @@ static constexpr std::size_t LARGEST_BLOCK = (std::size_t{1} << 40) - 4096;
 
 static Block* head_of(void* data) { return static_cast<Block*>(data) - 1; }
 
+// At the end of the ring, so that blocks stand in the order in which they were taken.
 static void link_into(Block& ring, Block* block) {
   block->previous = ring.previous;
   block->next = &ring;
@@ -52,7 +54,7 @@ void* vmalloc_handler(std::size_t bytes, int) {
 void vmfree_handler(void* data) {
   if (data == nullptr) return;
   Block* block = head_of(data);
-  assert(block->owner != nullptr);
+  assert(block->owner != nullptr);  // given back twice, or not a block of a host
   ++block->owner->counters.blocks_given;
   unlink(block);
   block->owner = nullptr;
@@ -70,11 +72,11 @@ void xmemmsg(std::size_t bytes) {
                  "A request for " + std::to_string(bytes) + " bytes of memory was refused.");
 }
 
-// ---- Pools: blocks of their own, chained, with an account of what the pool may still hold --------
+// ---- Pools: blocks of their own, chained, with an account of what the pool may still hold
+// --------
 
-struct PoolBlock {
-  PoolBlock* next;
-  std::max_align_t data[];
+struct alignas(std::max_align_t) PoolBlock {
+  PoolBlock* next;  // the block's bytes follow
 };
 
 struct MemPool {
@@ -95,7 +97,7 @@ void* xmemdef(MemPool* pool, std::size_t bytes) {
   block->next = pool->first;
   pool->first = block;
   pool->left -= bytes;
-  return block->data;
+  return block + 1;
 }
 
 void xmpoold(MemPool* pool) {
@@ -110,6 +112,7 @@ void xmpoold(MemPool* pool) {
 
 // ---- Memory of matrices -------------------------------------------------------------------------
 
+// Matrices are handed to modules by copy, so that their memory is memory like any other.
 double* tqwalo2(long bytes) {
   if (bytes < 0) return nullptr;
   return static_cast<double*>(vmalloc_handler(static_cast<std::size_t>(bytes), 0));
@@ -134,6 +137,7 @@ void keep_block(Task& task, void* data) {
   link_into(task.frames.front().blocks, block);
 }
 
+// What the module gave back itself is counted; what is freed here is not, so that tests can tell.
 long release_blocks(Frame& frame, long* bytes) {
   long count = 0;
   for (Block* block = frame.blocks.next; block != &frame.blocks; ++count) {

@@ -17,6 +17,8 @@ struct JumpBuffer {
   char place;  // only the address matters
 };
 
+// A guard answers for its own point only: a resume further out passes through, and each guard on
+// the way puts its outer point back.
 int wtguard(JumpBuffer** point, int (*body)(MINSTR* str), MINSTR* str) {
   // Puts the outer point back on every way out.
   struct Guard {
@@ -36,6 +38,7 @@ int wtguard(JumpBuffer** point, int (*body)(MINSTR* str), MINSTR* str) {
   }
 }
 
+// Nowhere to resume at: the call cannot go on.
 void wtresum(JumpBuffer* point, int code) {
   if (point == nullptr) xexit(EXIT_INCONSISTENT, 0);
   throw embed::MathResume{point, code};
@@ -47,6 +50,7 @@ int zbugi(const char* name) {
   return place == options.end() ? 0 : place->second;
 }
 
+// A steady clock: a limit of time must not be met because somebody set the wall clock.
 double zdattim() {
   using Seconds = std::chrono::duration<double>;
   return Seconds(std::chrono::steady_clock::now().time_since_epoch()).count() +

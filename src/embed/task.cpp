@@ -1,4 +1,8 @@
 // task: the active task of a thread, the frames of its calls, planned failures and counters.
+//
+// The only state that is shared by several functions without being passed on is the pointer to the
+// active task, one a thread. It is set for the length of a call and put back by the scope that set
+// it, so that calls on several sessions can stand inside one another.
 #include "embed/task.h"
 
 #include <algorithm>
@@ -8,6 +12,7 @@ namespace tqnlp::embed {
 
 static thread_local Task* active_task = nullptr;
 
+// The thread's own task is made when it is needed first, and goes with the thread.
 Task& current_task() {
   if (active_task != nullptr) return *active_task;
   static thread_local Task own;
@@ -16,6 +21,7 @@ Task& current_task() {
 
 Task::Task() { frames.emplace_back(); }
 
+// Memory that was taken without a call, and the values of the variables.
 Task::~Task() {
   long bytes = 0;
   for (Frame& frame : frames) release_blocks(frame, &bytes);
@@ -24,6 +30,7 @@ Task::~Task() {
 Activation::Activation(Task& task) : outer_(active_task) { active_task = &task; }
 Activation::~Activation() { active_task = outer_; }
 
+// An outermost call starts the count of what is left behind; calls within it add to the count.
 FrameScope::FrameScope(Task& task) : task_(task) {
   if (task.frames.size() == 1) {
     task.counters.blocks_left = task.counters.bytes_left = task.counters.files_left = 0;

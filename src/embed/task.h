@@ -6,8 +6,8 @@
 //
 // Calls nest (a module may call a subroutine), and each has a frame. A frame owns what its call
 // takes: memory blocks, work files, report objects, prepared module calls, results. What the call
-// does not give back is freed with the frame. The frame at the bottom holds what outlives the calls:
-// the variables, and what is taken without a call.
+// does not give back is freed with the frame. The frame at the bottom holds what outlives the
+// calls: the variables, and what is taken without a call.
 #pragma once
 
 #include <cstddef>
@@ -36,7 +36,8 @@ struct TQLARG {
 };
 
 // A module of the user. A prepared call shares it, so that a module may be replaced while it runs.
-struct TQLMOD {
+struct TQLMOD : std::enable_shared_from_this<TQLMOD> {
+  std::string name;
   int kind = MODULE_FUNCTION;
   Session::Function function;        // MODULE_FUNCTION
   Session::Termination termination;  // MODULE_TERMINATION
@@ -45,7 +46,7 @@ struct TQLMOD {
 // The host's part of a prepared call. It keeps the matrix that the module is given, so that an
 // evaluation takes no memory, and the result of the last run, which the bridge reads.
 struct TQLCALL {
-  std::shared_ptr<const TQLMOD> module;
+  std::shared_ptr<TQLMOD> module;
   Matrix argument;
   Matrix result;
 };
@@ -84,7 +85,9 @@ struct Frame {
   std::list<std::unique_ptr<RvxObject>> reports;
   std::list<std::unique_ptr<TQLCALL>> prepared;
   std::deque<Matrix> results;
+  double no_numbers = 0.0;    // where the numbers of a result without any would stand
   std::exception_ptr thrown;  // what a module threw: the call ends, and rethrows it
+  std::string thrown_by;      // name of that module
   int exit_state = 0;         // of the last run module
   TQLSS* current = nullptr;   // the current prepared call
   TQLTASK record{};           // what the module sees through tqlq
@@ -125,11 +128,11 @@ struct Task {
   std::vector<LogRecord> log;
   std::vector<Table> tables;
   std::vector<LogRecord> printed;
-  std::vector<std::size_t> printed_after;  // number of tables before each printed line
+  std::vector<std::size_t> printed_after;        // number of tables before each printed line
   int (*math_error)(const WTMTHERR*) = nullptr;  // handler of math errors; null: not trapped
   Countdown faults[fault_kinds];
   Counters counters;
-  double clock_ahead = 0.0;    // seconds that tests add to the clock
+  double clock_ahead = 0.0;     // seconds that tests add to the clock
   std::recursive_mutex in_use;  // held by the thread that runs calls
 };
 
@@ -165,6 +168,9 @@ void keep_block(Task& task, void* data);
 
 // Frees the blocks of a frame. Returns how many there were, and adds up their bytes.
 long release_blocks(Frame& frame, long* bytes);
+
+// Hands on the tables that the current call left open, as far as they have rows.
+void hand_on_open_tables(Task& task);
 
 // Appends a line to the log.
 void add_log(Task& task, int group, int number, Severity severity, std::string text);

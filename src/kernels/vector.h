@@ -1,25 +1,29 @@
 // Vector kernels. n may be 0 or negative: sums are then 0 and nothing is written. Strides (incx
-// ...) count doubles. The digits and letters of a name tell the strides: 1 contiguous, j with a
-// stride. Long sums keep several partial sums side by side, the same in every build variant.
+// ...) count doubles and may be negative only where a caller passes a pointer that fits. The digits
+// and letters of a name tell the strides: 1 contiguous, j with a stride, s by an index list. Long
+// sums keep several partial sums side by side, the same in every build variant, so that a result
+// does not depend on the processor.
 #pragma once
 
 namespace tqnlp {
 
-// Scaled Euclidean norm of x; free of overflow and underflow.
+// Euclidean norm of x, free of overflow and underflow. An element too small to matter beside the
+// largest one is skipped on purpose where its square could underflow. A NaN in x gives NaN.
 double zvenorm(long n, long incx, const double* x);
 
-// Largest absolute value.
+// Largest absolute value; 0 for an empty vector; a NaN is passed over.
 double zvamx(long n, const double* x);
 double zvamxj(long n, long incx, const double* x);
 
-// Dot products. zvdots1: x given by an index list, sum of x[ind[k]] * y[k].
+// Dot products. zvdots1: x given by an index list, sum of x[ind[k]] * y[k]. zinner is zvdot11 under
+// the name that the older Newton code uses.
 double zvdot11(long n, const double* x, const double* y);
 double zvdotj1(long n, long incx, const double* x, const double* y);
 double zvdotjj(long n, long incx, const double* x, long incy, const double* y);
 double zvdots1(long n, const long* ind, const double* x, const double* y);
 double zinner(long n, const double* x, const double* y);
 
-// z := alpha x + y; z may be x or y.
+// z := alpha x + y; z may be x or y, else the vectors must not overlap.
 void zvaxpy(double* z, const double* x, const double* y, long n, double alpha);
 
 // a := a + alpha b, in the named strides.

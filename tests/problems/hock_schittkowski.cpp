@@ -1,6 +1,7 @@
 // Problems of Hock and Schittkowski (Test Examples for Nonlinear Programming Codes, Lecture Notes
 // in Economics and Mathematical Systems 187, 1981) with bounds and linear constraints only, with
-// the starts and minima given there. Number 112 has the minimum that later authors confirmed.
+// the starts and minima given there. Number 112 has the minimum that later authors
+// confirmed; number 105 is left out, since its table of 235 data could not be confirmed.
 #include <array>
 #include <numbers>
 
@@ -180,7 +181,7 @@ static void equality_problems(std::vector<Problem>& all) {
                                       return sum;
                                     }),
                      repeat(1e-6, 10), repeat(NONE, 10),
-                     {{{1, 2, 2, 0, 0, 0, 1, 0, 0, 1}, 0, 2},
+                     {{{1, 2, 2, 0, 0, 1, 0, 0, 0, 1}, 0, 2},
                       {{0, 0, 0, 1, 2, 1, 1, 0, 0, 0}, 0, 1},
                       {{0, 0, 1, 0, 0, 0, 1, 1, 2, 1}, 0, 1}}));
 }
@@ -262,36 +263,6 @@ static Problem problem_86() {
                {{-1, -2, -3, -2, -1}, 1, -60},
                {{1, 2, 3, 4, 5}, 1, 5},
                {{1, 1, 1, 1, 1}, 1, 1}});
-}
-
-// Maximum likelihood of a mixture of three normal distributions.
-struct Group {
-  double y;
-  double count;
-};
-static constexpr Group MIXTURE_DATA[] = {
-    {95, 1},   {105, 1},  {110, 4},  {115, 4}, {120, 15}, {125, 15}, {130, 15}, {135, 13},
-    {140, 21}, {145, 12}, {150, 17}, {155, 4}, {160, 20}, {165, 8},  {170, 17}, {175, 8},
-    {180, 6},  {185, 6},  {190, 7},  {195, 4}, {200, 3},  {205, 3},  {210, 8},  {215, 1},
-    {220, 6},  {230, 5},  {235, 1},  {240, 7}, {245, 1},  {250, 2}};
-static Problem problem_105() {
-  return with(
-      scalar_problem("HS105", {0.1, 0.2, 100, 125, 175, 11.2, 13.2, 15.8}, {1138.416240},
-                     [](auto x) {
-                       Number<decltype(x)> sum(0.0);
-                       const auto density = [](double y, const auto& mean, const auto& sigma) {
-                         return exp(-square(y - mean) / (2.0 * square(sigma))) / sigma;
-                       };
-                       for (const Group& g : MIXTURE_DATA) {
-                         const auto mixture = x[0] * density(g.y, x[2], x[5]) +
-                                              x[1] * density(g.y, x[3], x[6]) +
-                                              (1.0 - x[0] - x[1]) * density(g.y, x[4], x[7]);
-                         sum -= g.count * log(mixture / std::sqrt(2.0 * std::numbers::pi));
-                       }
-                       return sum;
-                     }),
-      {0.001, 0.001, 100, 130, 170, 5, 5, 5}, {0.499, 0.449, 180, 210, 240, 25, 25, 25},
-      {{{1, 1, 0, 0, 0, 0, 0, 0}, -1, 1}});
 }
 
 static Problem problem_118() {
@@ -378,7 +349,6 @@ std::vector<Problem> hock_schittkowski_linear() {
   equality_problems(all);
   inequality_problems(all);
   all.push_back(problem_86());
-  all.push_back(problem_105());
   all.push_back(problem_118());
   all.push_back(problem_119());
   return all;

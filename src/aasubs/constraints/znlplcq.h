@@ -24,9 +24,10 @@ namespace tqnlp {
 // the solution through feasible points; from any other the solution is approached from outside, and
 // is the same.
 //
-// Uses x, grad, sdir, gpro, lagm, dcds, work, awrk, liwk, qlcn, llcn, ipiv (ipiv with hess only) and
-// changes iabc, ifxr, iact, nabc, nalc, nldc, nlbc, gmax; sets ridg to 0. xold, gold, crit, chac and
-// idac stay as they are. opro 2 ends the run with exit code 9999.
+// Uses x, grad, sdir, gpro, lagm, dcds, work, awrk, liwk, qlcn, llcn, ipiv (ipiv with hess only)
+// and changes iabc, ifxr, iact, nabc, nalc, nldc, nlbc, gmax, stub; sets ridg to 0; load 0 rebuilds
+// the frame and with it resets chac. xold, gold, crit and idac stay. Needs the arrays of the block
+// gpro. opro 2 ends the run with exit code 9999.
 //
 // Returns 0: x solves the problem within ceps*10^ipre, and the working set is the one of the
 // solution; -1: no further step can be formed (a zero pivot in T, no point satisfies all

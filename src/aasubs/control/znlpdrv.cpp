@@ -24,8 +24,7 @@
 
 namespace tqnlp {
 
-// ---- Techniques
-// -----------------------------------------------------------------------------------
+// ---- Techniques ---------------------------------------------------------------------------------
 
 struct Technique {
   int tech;
@@ -82,8 +81,7 @@ static int run_technique(MINSTR* str) {
   return technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
 }
 
-// ---- What both jobs share
-// -------------------------------------------------------------------------
+// ---- What both jobs share -----------------------------------------------------------------------
 
 // A state that asks for a service that this version does not have (the entries never make one).
 [[noreturn]] static void service_is_absent(const char* what) {
@@ -122,13 +120,17 @@ static void mark_lagrangian_missing(MINSTR* str) {
   }
 }
 
-// Objective at x, into crit and cold.
-static bool evaluate_objective(MINSTR* str) {
+static bool call_objective(MINSTR* str) {
   str->ifdr = ORDER_FUNCTION;
   const bool in_covstr = str->covstr != nullptr && str->covstr->usfct != nullptr;
-  const bool bad = failed(str, in_covstr ? str->covstr->usfct : str->usfct);
-  if (!bad) str->cold = str->crit;
-  return !bad;
+  return !failed(str, in_covstr ? str->covstr->usfct : str->usfct);
+}
+
+// Objective at x, into crit and cold.
+static bool evaluate_objective(MINSTR* str) {
+  if (!call_objective(str)) return false;
+  str->cold = str->crit;
+  return true;
 }
 
 static bool evaluate_constraints(MINSTR* str) {
@@ -149,10 +151,7 @@ static bool evaluate_gradient(MINSTR* str) {
 // function call and its derivative call.
 static bool evaluate_constraint_jacobian(MINSTR* str) {
   if (str->nlicon == 0) return true;
-  if (str->fsav != 0 && str->ifdr > ORDER_FUNCTION) {
-    str->ifdr = ORDER_FUNCTION;
-    if (failed(str, str->usfct)) return false;
-  }
+  if (str->fsav != 0 && str->ifdr > ORDER_FUNCTION && !call_objective(str)) return false;
   str->ifdr = ORDER_GRADIENT;
   const bool in_covstr = str->covstr != nullptr && str->covstr->usjnc != nullptr;
   const Callback callback = in_covstr ? str->covstr->usjnc : str->usjnc;
@@ -169,8 +168,7 @@ static void rebuild_frame(MINSTR* str, int multipliers) {
   if (str->opro != 0) znlpfta(str, 0, multipliers, 0, nullptr, nullptr, nullptr);
 }
 
-// ---- Job 1: prepare
-// ---------------------------------------------------------------------------------
+// ---- Job 1: prepare -----------------------------------------------------------------------------
 
 static int longest_name(const char* const* names, long count) {
   int longest = 0;
@@ -279,8 +277,7 @@ static int prepare(MINSTR* str, int pfun, int dtst, int ctst) {
   return 0;
 }
 
-// ---- Job 2: run
-// ---------------------------------------------------------------------------------------
+// ---- Job 2: run ---------------------------------------------------------------------------------
 
 // The technique, unless a limit forbids its first iteration.
 static int run_within_limits(MINSTR* str) {
@@ -375,8 +372,7 @@ int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst) {
   return job == 2 ? run(str, pfun) : prepare(str, pfun, dtst, ctst);
 }
 
-// ---- Math-error trap
-// ----------------------------------------------------------------------------------
+// ---- Math-error trap ----------------------------------------------------------------------------
 
 // Writes the line of a trapped error and returns the code of its kind.
 static int describe_math_error(int type) {

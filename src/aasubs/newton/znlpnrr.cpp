@@ -6,11 +6,10 @@
 // Reference  Levenberg (1944), Marquardt (1963); Goldfeld, Quandt and Trotter (1966) for the ridge;
 //            one Householder tridiagonalization (Wilkinson 1965) per iteration makes a further
 //            ridge cost O(n) for its factor and O(n^2) for carrying the step back.
-// Reads      hfrm (2 diagonal, any other packed), hesc, sing, fsav, lsqu, ulm2, ipre, bounds,
-// lincon Writes     x, crit, grad, gmax, gcri, pred, rhor, ridg, stub, dfes, chac, null, counters
-// Work       wrk2 = q diagonal of the tridiagonal form | e its sub-diagonal | ql = q + ridge | (n)
-// |
-//                   dl | el factor, n doubles each; 6n in all
+// Reads      hfrm (2 diagonal, else packed), hesc, sing, fsav, lsqu, ulm2, ipre, bounds, lincon
+// Writes     x, crit, grad, gmax, gcri, pred, rhor, ridg, stub, dfes, chac, null, counters
+// Work       wrk2, 6n in all: q diagonal of the tridiagonal form (n), e its sub-diagonal (n),
+//            ql = q + ridge (2n), factor (2n)
 //            gold = negative reduced gradient in the tridiagonal basis; work = reduced step;
 //            hess (hpro with linear constraints) = the orthogonal transformation
 // Ends       codes of uster; -3 no evaluable step, -4 derivatives failed, -5 no usable ridge,
@@ -85,8 +84,7 @@ static void return_to_xold(MINSTR* str) {
   std::copy_n(str->xold, str->nvar, str->x);
 }
 
-// ---- Derivatives and the reduced problem
-// ---------------------------------------------------------------
+// ---- Derivatives and the reduced problem --------------------------------------------------------
 
 static void set_identity_hessian(MINSTR* str) {
   if (str->hfrm == 2) {
@@ -194,8 +192,7 @@ static int gethes(MINSTR* str, int job, bool user_hessian) {
   return reduce_problem(str);
 }
 
-// ---- Steps of one iteration
-// --------------------------------------------------------------------------------
+// ---- Steps of one iteration ---------------------------------------------------------------------
 
 static bool ridge_usable(const MINSTR* str) { return str->ridg < RIDGE_CEILING; }
 
@@ -451,8 +448,11 @@ static Next iterate(MINSTR* str, RidgeRun& run) {
 static int end_stage(MINSTR* str, RidgeRun& run) {
   if (str->nitr != 0.0) {
     int code = 0;
-    if (!evaluate(str, &code)) run.ij = -3;
-    if (gethes(str, 1, true) < 0 || str->tbig != 0.0) run.ij = -4;
+    if (!evaluate(str, &code)) {
+      run.ij = -3;  // derivatives would need the value that has just failed
+    } else if (gethes(str, 1, true) < 0 || str->tbig != 0.0) {
+      run.ij = -4;
+    }
   }
   return str->uster(str, run.ij < 0 ? run.ij : 1);
 }

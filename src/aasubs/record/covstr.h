@@ -33,7 +33,7 @@ struct COVSTR {
   PLCSTR plcs;                                           // options of the limits, by value
   PLCSTR* plcstr;                                        // the options in force, or null
   int icov;                                              // kind of covariance matrix
-  int sigs;                                              // kind of the scale estimate
+  double sigs;                                           // scale of the residuals
   char vardef[8];                                        // divisor of the variance
   double asin, msin, vsin, csin;                         // singularity criteria
   int ihlf;                                              // form of the half factor

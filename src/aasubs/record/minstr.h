@@ -91,8 +91,7 @@ struct MINSTR {
   double dhes;  // multiple of the identity used as initial Hessian; missing: technique's default
   double nres;  // [iterations] after which a technique restarts; NEVER
 
-  // ---- Group 3. Constraints (input)
-  // --------------------------------------------------------------
+  // ---- Group 3. Constraints (input) -------------------------------------------------------------
   int bounds;     // nonzero: lb, ub and iabc exist
   int lincon;     // nonzero: linear constraints exist
   int nlicon;     // nonzero: nonlinear constraints exist
@@ -159,8 +158,7 @@ struct MINSTR {
   long* toln;   // 30 counts: 1..8 consecutive iterations a criterion must hold (0 and 1: at once),
                 // 11..18 those counted so far, 20..29 saved while an inner technique runs
 
-  // ---- Group 7. Index and name arrays (input)
-  // ----------------------------------------------------
+  // ---- Group 7. Index and name arrays (input) ---------------------------------------------------
   long* ipiv;               // n; pivots and permutations of factorizations
   long* iwk;                // general integer work
   const char* const* pnam;  // n parameter names; null: X1, X2, ...
@@ -183,7 +181,7 @@ struct MINSTR {
   double* hess;  // by hfrm; Hessian, quasi-Newton matrix or factor
   double* half;  // 3 nnva; Hessian of the Lagrangian and companions
   double* jacm;  // m x n; Jacobian when it is held in memory
-  double* dsca;  // n; diagonal scale, in the order of the reduced vector
+  double* dsca;  // n; diagonal scale: by parameter without linear constraints, else by component
   double* qvec;  // n; linear term of the quadratic
   short* ofco;   // n; code of a parameter's difference interval
   double* wfid;  // difference work, at least max(2, n+1)
@@ -220,8 +218,7 @@ struct MINSTR {
   short hpralo;      // 1: hpro was allocated
   short hlfalo;      // 1: half was allocated
 
-  // ---- Group 10. Callbacks (input); null: absent
-  // --------------------------------------------------
+  // ---- Group 10. Callbacks (input); null: absent ------------------------------------------------
   Callback usfct;                                // objective at x: sets crit, and func; never null
   Callback usgrd;                                // gradient at x into grad
   Callback usjac;                                // Jacobian at x
@@ -236,13 +233,11 @@ struct MINSTR {
                double* uvec, double* vvec, double* wvec);  // quasi-Newton update
   Callback linse;                                          // line search
 
-  // ---- Group 11. Recovery
-  // -------------------------------------------------------------------------
+  // ---- Group 11. Recovery -----------------------------------------------------------------------
   SPAR shes;         // sparsity pattern of hess when hfrm is 1
   JumpBuffer* mpin;  // where a trapped math error resumes; null: nowhere
 
-  // ---- Group 12. Status of a run
-  // ------------------------------------------------------------------
+  // ---- Group 12. Status of a run ----------------------------------------------------------------
   double tbig;  // nonzero: the last evaluation failed or was too large; test after callbacks
   double nitr;  // iteration number
   double indf;  // what the present evaluation is for, see above
@@ -256,8 +251,7 @@ struct MINSTR {
   int opro;     // frame of general constraints: 0 none, 1 null space, 2 range space
   int ulm2;     // 1: multipliers come from the second form
 
-  // ---- Group 13. Counters (result)
-  // ----------------------------------------------------------------
+  // ---- Group 13. Counters (result) --------------------------------------------------------------
   long nfct;   // function calls with indf below 7
   long ngrd;   // gradient calls
   long nhes;   // Hessian or Jacobian calls
@@ -281,8 +275,7 @@ struct MINSTR {
   long* jalc;  // column of each stored coefficient of alcn
   long* naco;  // ncon; coefficients stored up to the end of each row
 
-  // ---- Group 14. Iteration values (result)
-  // ---------------------------------------------------------
+  // ---- Group 14. Iteration values (result) ------------------------------------------------------
   double crit;   // objective at x, negated when maximizing
   double cold;   // objective at xold
   double gmax;   // largest absolute element of the projected gradient
@@ -305,8 +298,7 @@ struct MINSTR {
   double* spro;  // projected step, points to work
   double* vnlc;  // values for the nonlinear-constraint report
 
-  // ---- Group 15. Sub-records
-  // -----------------------------------------------------------------------
+  // ---- Group 15. Sub-records --------------------------------------------------------------------
   ARGMTS* secstr;  // decoded arguments; null when no calling surface drives the run
   void* thdstr;    // working record of the running technique
   COVSTR* covstr;  // post-analysis; null in every call of the thirteen subroutines

@@ -1,0 +1,291 @@
+// The sparse Cholesky against CHOLMOD's simplicial LL' (its own AMD ordering), and the dense indefinite
+// factorization against LAPACK's packed dsptrf and dsptrs. One thread each; set OPENBLAS_NUM_THREADS=1.
+//
+// Sparse cases are 2-D Laplacians on a square of m by m points: order n = m^2. Ordering and symbolic
+// factorization are timed apart from the numeric work, as a run does them once for many
+// factorizations.
+#include <benchmark/benchmark.h>
+#include <suitesparse/cholmod.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "aasubs/record/packed.h"
+#include "kernels/indefinite.h"
+#include "kernels/sparse.h"
+
+extern "C" {
+void dsptrf_(const char* uplo, const int* n, double* ap, int* ipiv, int* info);
+void dsptrs_(const char* uplo, const int* n, const int* nrhs, const double* ap, const int* ipiv,
+             double* b, const int* ldb, int* info);
+}
+
+namespace {
+
+using namespace tqnlp;
+
+struct Triples {
+  std::vector<long> row, column;
+  std::vector<double> value;
+  void add(long i, long j, double v) {
+    row.push_back(i);
+    column.push_back(j);
+    value.push_back(v);
+  }
+};
+
+Triples laplacian(long m) {
+  Triples t;
+  for (long v = 0; v < m * m; ++v) {
+    t.add(v, v, 4.01);
+    if (v % m != 0) t.add(v, v - 1, -1.0);
+    if (v >= m) t.add(v, v - m, -1.0);
+  }
+  return t;
+}
+
+// ---- Ours --------------------------------------------------------------------------------------
+
+struct OurSystem {
+  long n;
+  std::vector<long> ja, iprm, perm, cnt, graph, node, next, ju;
+  std::vector<double> a, u, b;
+
+  explicit OurSystem(long m)
+      : n(m * m), iprm(n), perm(n), cnt(3 * n + 3), node(3 * n + 3), next(3 * n + 3), b(n, 1.0) {
+    const Triples t = laplacian(m);
+    const long nz = static_cast<long>(t.row.size());
+    ja.resize(n + 1 + nz);
+    a.resize(ja.size());
+    zslltco(1, n, nz, t.row.data(), t.column.data(), t.value.data(), ja.data(), a.data());
+    graph.resize(2 * (ja[n] - n - 1) + n + 1);
+    analyse();
+  }
+  void analyse() {
+    order();
+    long room = n + 1;
+    ju.resize(room);
+    if (symbolic(room) != 0) {
+      room = ju[n];
+      ju.resize(room);
+      symbolic(room);
+    }
+    u.resize(room);
+  }
+  void order() {
+    zslumdg(n, static_cast<long>(graph.size()), ja.data(), iprm.data(), perm.data(), cnt.data(),
+            graph.data(), node.data(), next.data(), 1);
+  }
+  int symbolic(long room) {
+    return zslltsf(n, room, iprm.data(), perm.data(), cnt.data(), graph.data(), node.data(),
+                   next.data(), ju.data());
+  }
+  int factor() {
+    return zslltnf(1, 0, n, 1e-12, ja.data(), ju.data(), perm.data(), a.data(), u.data());
+  }
+  void solve() { zslltso(n, perm.data(), ju.data(), u.data(), b.data()); }
+};
+
+void ours_analyse(benchmark::State& state) {
+  OurSystem s(state.range(0));
+  for (auto _ : state) {
+    s.order();
+    s.symbolic(static_cast<long>(s.ju.size()));
+  }
+  state.counters["entries"] = static_cast<double>(s.ju[s.n] - 1);
+}
+
+void ours_factor(benchmark::State& state) {
+  OurSystem s(state.range(0));
+  for (auto _ : state)
+    if (s.factor() != 0) state.SkipWithError("not positive definite");
+}
+
+void ours_solve(benchmark::State& state) {
+  OurSystem s(state.range(0));
+  s.factor();
+  for (auto _ : state) {
+    std::fill(s.b.begin(), s.b.end(), 1.0);
+    s.solve();
+    benchmark::ClobberMemory();
+  }
+}
+
+void ours_factor_and_solve(benchmark::State& state) {
+  OurSystem s(state.range(0));
+  for (auto _ : state) {
+    std::fill(s.b.begin(), s.b.end(), 1.0);
+    s.factor();
+    s.solve();
+    benchmark::ClobberMemory();
+  }
+}
+
+// ---- CHOLMOD -----------------------------------------------------------------------------------
+
+struct PeerSystem {
+  cholmod_common common{};
+  cholmod_sparse* a = nullptr;
+  cholmod_factor* factor = nullptr;
+  cholmod_dense* b = nullptr;
+
+  explicit PeerSystem(long m) {
+    cholmod_start(&common);
+    common.supernodal = CHOLMOD_SIMPLICIAL;
+    common.final_ll = 1;
+    common.nmethods = 1;
+    common.method[0].ordering = CHOLMOD_AMD;
+    const Triples t = laplacian(m);
+    const size_t n = static_cast<size_t>(m * m);
+    cholmod_triplet* triplet =
+        cholmod_allocate_triplet(n, n, t.row.size(), -1, CHOLMOD_REAL, &common);
+    for (size_t k = 0; k < t.row.size(); ++k) {
+      static_cast<int*>(triplet->i)[k] = static_cast<int>(t.row[k]);
+      static_cast<int*>(triplet->j)[k] = static_cast<int>(t.column[k]);
+      static_cast<double*>(triplet->x)[k] = t.value[k];
+    }
+    triplet->nnz = t.row.size();
+    a = cholmod_triplet_to_sparse(triplet, 0, &common);
+    cholmod_free_triplet(&triplet, &common);
+    factor = cholmod_analyze(a, &common);
+    b = cholmod_ones(n, 1, CHOLMOD_REAL, &common);
+  }
+  PeerSystem(const PeerSystem&) = delete;
+  PeerSystem& operator=(const PeerSystem&) = delete;
+  ~PeerSystem() {
+    cholmod_free_dense(&b, &common);
+    cholmod_free_factor(&factor, &common);
+    cholmod_free_sparse(&a, &common);
+    cholmod_finish(&common);
+  }
+  // With room for the solution kept between calls.
+  void solve(cholmod_dense** x, cholmod_dense** y, cholmod_dense** e) {
+    cholmod_solve2(CHOLMOD_A, factor, b, nullptr, x, nullptr, y, e, &common);
+  }
+};
+
+void peer_analyse(benchmark::State& state) {
+  PeerSystem s(state.range(0));
+  for (auto _ : state) {
+    cholmod_factor* f = cholmod_analyze(s.a, &s.common);
+    cholmod_free_factor(&f, &s.common);
+  }
+  state.counters["entries"] = s.common.lnz;
+}
+
+void peer_factor(benchmark::State& state) {
+  PeerSystem s(state.range(0));
+  for (auto _ : state) cholmod_factorize(s.a, s.factor, &s.common);
+}
+
+void peer_solve(benchmark::State& state) {
+  PeerSystem s(state.range(0));
+  cholmod_factorize(s.a, s.factor, &s.common);
+  cholmod_dense *x = nullptr, *y = nullptr, *e = nullptr;
+  for (auto _ : state) s.solve(&x, &y, &e);
+  for (cholmod_dense** d : {&x, &y, &e}) cholmod_free_dense(d, &s.common);
+}
+
+void peer_factor_and_solve(benchmark::State& state) {
+  PeerSystem s(state.range(0));
+  cholmod_dense *x = nullptr, *y = nullptr, *e = nullptr;
+  for (auto _ : state) {
+    cholmod_factorize(s.a, s.factor, &s.common);
+    s.solve(&x, &y, &e);
+  }
+  for (cholmod_dense** d : {&x, &y, &e}) cholmod_free_dense(d, &s.common);
+}
+
+// ---- Dense indefinite --------------------------------------------------------------------------
+
+// Random matrices are indefinite and need blocks of order 2 throughout; kind 1 has a heavy diagonal of
+// both signs, as Hessians near a saddle have.
+std::vector<double> indefinite(long n, long kind) {
+  std::mt19937 random(7);
+  std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+  std::vector<double> a(packed_size(n));
+  for (double& v : a) v = uniform(random);
+  if (kind == 1)
+    for (long i = 0; i < n; ++i)
+      a[zisub(i, i)] += (i % 3 ? 1.0 : -1.0) * static_cast<double>(n);
+  return a;
+}
+
+void ours_udu_factor(benchmark::State& state) {
+  const long n = state.range(0);
+  const std::vector<double> start = indefinite(n, state.range(1));
+  std::vector<double> a = start;
+  std::vector<long> h(n);
+  for (auto _ : state) {
+    std::copy(start.begin(), start.end(), a.begin());
+    zududec(n, 0.0, nullptr, a.data(), h.data());
+    benchmark::ClobberMemory();
+  }
+}
+
+void peer_udu_factor(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  const std::vector<double> start = indefinite(n, state.range(1));
+  std::vector<double> a = start;
+  std::vector<int> h(n);
+  int info = 0;
+  for (auto _ : state) {
+    std::copy(start.begin(), start.end(), a.begin());
+    dsptrf_("U", &n, a.data(), h.data(), &info);
+    benchmark::ClobberMemory();
+  }
+}
+
+void ours_udu_solve(benchmark::State& state) {
+  const long n = state.range(0);
+  std::vector<double> a = indefinite(n, state.range(1)), b(n);
+  std::vector<long> h(n);
+  zududec(n, 0.0, nullptr, a.data(), h.data());
+  for (auto _ : state) {
+    std::fill(b.begin(), b.end(), 1.0);
+    zudusol(n, 1, n, a.data(), b.data(), h.data());
+    benchmark::ClobberMemory();
+  }
+}
+
+void peer_udu_solve(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0)), one = 1;
+  std::vector<double> a = indefinite(n, state.range(1)), b(n);
+  std::vector<int> h(n);
+  int info = 0;
+  dsptrf_("U", &n, a.data(), h.data(), &info);
+  for (auto _ : state) {
+    std::fill(b.begin(), b.end(), 1.0);
+    dsptrs_("U", &n, &one, a.data(), h.data(), b.data(), &n, &info);
+    benchmark::ClobberMemory();
+  }
+}
+
+void grids(benchmark::internal::Benchmark* b) {
+  for (long m : {10, 20, 50, 100, 200, 300, 500}) b->Arg(m);
+  b->ArgName("m")->Unit(benchmark::kMicrosecond);
+}
+
+void orders(benchmark::internal::Benchmark* b) {
+  for (long kind : {0, 1})
+    for (long n : {2, 5, 10, 20, 50, 100, 200, 500, 1000}) b->Args({n, kind});
+  b->ArgNames({"n", "kind"});
+}
+
+BENCHMARK(ours_analyse)->Apply(grids);
+BENCHMARK(peer_analyse)->Apply(grids);
+BENCHMARK(ours_factor)->Apply(grids);
+BENCHMARK(peer_factor)->Apply(grids);
+BENCHMARK(ours_solve)->Apply(grids);
+BENCHMARK(peer_solve)->Apply(grids);
+BENCHMARK(ours_factor_and_solve)->Apply(grids);
+BENCHMARK(peer_factor_and_solve)->Apply(grids);
+BENCHMARK(ours_udu_factor)->Apply(orders);
+BENCHMARK(peer_udu_factor)->Apply(orders);
+BENCHMARK(ours_udu_solve)->Apply(orders);
+BENCHMARK(peer_udu_solve)->Apply(orders);
+
+}  // namespace
+
+BENCHMARK_MAIN();

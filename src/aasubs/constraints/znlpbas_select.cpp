@@ -1,0 +1,292 @@
+// znlpbas, part of the choice: which constraints leave the working set.
+//
+// Method     Multipliers below a threshold name the candidates, most negative first. Each is
+//            dropped on trial; it stays out if the projected descent direction is then not blocked
+//            at once, and goes back otherwise. At a degenerate point, where no single drop helps,
+//            all candidates are dropped together and those that block come back one at a time.
+//            With bounds alone the bound with the largest inward slope leaves without a trial: a
+//            direction that frees it alone cannot be blocked by the others.
+// Reference  Gill and Murray (1974), Numerical Methods for Constrained Optimization, chapter 2;
+//            Fletcher (1987), Practical Methods of Optimization, section 10.3, on degeneracy.
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpbas_internal.h"
+
+namespace tqnlp {
+
+namespace bas {
+
+static constexpr double GRADIENT_SHARE = 0.001;  // threshold against gmax
+static constexpr double TOLERANCE_SHARE = 0.1;   // threshold against ABSGCONV
+static constexpr double LARGEST_THRESHOLD = 0.001;
+
+double gtres(const MINSTR* str) {
+  if (!wzmis(str->deat) && str->deat > 0.0) return str->deat;
+  const double slope = reduced_dimension(str) == 0 ? EPS : GRADIENT_SHARE * str->gmax;
+  return std::min(std::max(slope, TOLERANCE_SHARE * str->agtl), LARGEST_THRESHOLD);
+}
+
+// Ascending by value, codes alongside: Shell's method, which exchanges only on strictly greater.
+static void sort_candidates(long count, double* value, long* code) {
+  for (long gap = count / 2; gap > 0; gap /= 2) {
+    for (long i = gap; i < count; ++i) {
+      for (long j = i - gap; j >= 0 && value[j] > value[j + gap]; j -= gap) {
+        std::swap(value[j], value[j + gap]);
+        std::swap(code[j], code[j + gap]);
+      }
+    }
+  }
+}
+
+long sortlm(MINSTR* str, int ilm2, double tres) {
+  const double* multiplier = str->lag2;
+  if (ilm2 == 0 || znlplm2(str) != 0) {
+    znlpglm(str, 0, str->grad, str->lagm);
+    multiplier = str->lagm;
+  }
+  // The list of candidates is never ahead of the multiplier that is read.
+  long count = 0;
+  auto take = [&](double value, long code) {
+    if (!(value < -tres)) return;
+    str->lagm[count] = value;
+    str->liwk[count++] = code;
+  };
+  for (long k = 0; k < str->nabc; ++k) {
+    const long j = str->ifxr[free_count(str) + k];
+    if (str->iabc[j] != 2) take(multiplier[k], j);
+  }
+  for (long k = 0; k < str->nalc; ++k) {
+    if (is_equality(str, str->iact[k])) continue;
+    take(multiplier[str->nabc + k], str->nvar + str->iact[k]);
+  }
+  sort_candidates(count, str->lagm, str->liwk);
+  return count;
+}
+
+}  // namespace bas
+
+using namespace bas;
+
+// Multipliers above this do not count in a block when the threshold is finer.
+static constexpr double BLOCK_MULTIPLIER = 1e-6;
+
+// What one call of znlpdac shares among its passes.
+struct Selection {
+  int job = 0;
+  int second_form = 0;
+  long* nhlf = nullptr;
+  double* ches = nullptr;
+  double* hess = nullptr;
+  long chac_before = 0;
+  long retries_left = 0;  // returns to the start because a deferred constraint entered
+  int flag = 0;           // nonzero: ches has a row that was not computed, or retries ran out
+};
+
+static constexpr int UNIT_ROW_SINGLE = 3;
+static constexpr int UNIT_ROW_BLOCK = 5;
+static constexpr int NOT_SETTLED = 7;
+
+enum class Search { restart, finish };
+
+// ---- Bounds alone -----------------------------------------------------------------------------
+
+// A slope must exceed the threshold, and a later one the best so far: the first of equals wins.
+// Fixed parameters do not compete.
+static int drop_one_bound(MINSTR* str, Selection& run) {
+  double largest = gtres(str);
+  long chosen = -1;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] != 1 && str->iabc[j] != -1) continue;
+    const double slope = -str->iabc[j] * str->grad[j];
+    if (slope > largest) {
+      largest = slope;
+      chosen = j;
+    }
+  }
+  if (chosen < 0) return 0;
+  str->idac = chosen + 1;
+  const int status = bcupd(str, run.job, chosen, run.nhlf, run.ches, run.hess);
+  const long nfre = free_count(str);
+  std::swap(str->ifxr[place_of(str, nfre, str->nvar, chosen)], str->ifxr[nfre]);
+  str->iabc[chosen] = 0;
+  --str->nabc;
+  str->chac = -1 - str->chac;
+  return status != 0 ? -status : static_cast<int>(str->idac);
+}
+
+// ---- General constraints ----------------------------------------------------------------------
+
+// Is there anything in the factors that may leave?
+static bool an_inequality_is_active(const MINSTR* str) {
+  for (long k = free_count(str); k < str->nvar; ++k) {
+    if (str->iabc[str->ifxr[k]] != 2) return true;
+  }
+  return std::any_of(str->iact, str->iact + str->nalc,
+                     [str](long entry) { return !is_equality(str, entry); });
+}
+
+// Drops the candidate with this code of liwk; the result is that of znlpdod.
+static int drop_candidate(MINSTR* str, const Selection& run, long code) {
+  const bool is_bound = code < str->nvar;
+  return znlpdod(str, run.job, is_bound ? str->iabc[code] : 0, is_bound ? code : code - str->nvar,
+                 run.nhlf, str->gpro, run.ches, run.hess);
+}
+
+static long deferred(const MINSTR* str) { return str->nldc + str->nlbc; }
+
+// Did a deferred constraint enter? The pass then starts afresh. Each return uses up a deferred
+// constraint, and a pass defers a constraint at most once, so that the limit is far from any
+// regular run; past it the deferred ones wait and the result says that the search did not settle.
+static bool deferred_entered(MINSTR* str, Selection& run) {
+  if (deferred(str) == 0) return false;
+  if (run.retries_left == 0) {
+    run.flag = NOT_SETTLED;
+    return false;
+  }
+  if (znlpcld(str, run.job, run.nhlf, str->gpro, run.ches) == 0) return false;
+  --run.retries_left;
+  return true;
+}
+
+// Puts a candidate back whose removal did not help. It was independent before, so that the test of
+// dependence is left out; a refusal means that the factors are broken.
+static void put_back(MINSTR* str, const Selection& run, long code, int status,
+                     long deferred_before) {
+  int refused = 0;
+  if (deferred(str) != deferred_before) {
+    refused = znlpact(str, run.job, 0, run.nhlf, str->gpro, run.ches);
+  } else {
+    refused = znlpupd(str, 0, run.job, 1, status, code < str->nvar ? code : code - str->nvar,
+                      run.nhlf, str->gpro, run.ches);
+  }
+  if (refused != 0) inconsistent();
+}
+
+// First pass: one candidate at a time. Leaves idac at the code of the one that stays out, or at 0.
+static Search drop_one_at_a_time(MINSTR* str, Selection& run, long count) {
+  for (long k = 0; k < count; ++k) {
+    const long code = str->liwk[k];
+    const int status = code < str->nvar ? str->iabc[code] : 0;
+    const long deferred_before = deferred(str);
+    // The flag stays even if this candidate goes back: the rotations then mix the row in.
+    if (drop_candidate(str, run, code) != 0) run.flag = UNIT_ROW_SINGLE;
+    if (deferred_entered(str, run)) return Search::restart;
+    long blocking = -1;
+    if (znlptcs(str, str->gpro, &blocking, nullptr) == 0) {
+      str->idac = code + 1;
+      return Search::finish;
+    }
+    put_back(str, run, code, status, deferred_before);
+  }
+  return Search::finish;
+}
+
+// Is the constraint with this blocking code in the working set, active or deferred?
+static bool in_working_set(const MINSTR* str, long code) {
+  const long n = str->nvar;
+  if (code < 2 * n) return str->iabc[code % n] != 0;
+  const long* end = str->iact + str->nalc + str->nldc;
+  return std::find(static_cast<const long*>(str->iact), end, code - 2 * n) != end;
+}
+
+// Adds the first of the listed blocking constraints that is not in the working set.
+static bool add_blocking(MINSTR* str, const Selection& run, long listed) {
+  const long n = str->nvar;
+  for (long k = 0; k < listed; ++k) {
+    const long code = str->liwk[k];
+    if (in_working_set(str, code)) continue;
+    const int koc = code < n ? 1 : (code < 2 * n ? -1 : 0);
+    znlpupd(str, 0, run.job, 0, koc, code < 2 * n ? code % n : code - 2 * n, run.nhlf, str->gpro,
+            run.ches);
+    return true;
+  }
+  return false;
+}
+
+// Adds what blocks until the direction is feasible. Each pass takes a constraint into the working
+// set or defers it, so that there are no more passes than constraints.
+static bool regain_feasible_direction(MINSTR* str, const Selection& run) {
+  const long most = 2 * str->nvar + str->ncon + str->nnlc;
+  for (long pass = 0; pass <= most; ++pass) {
+    long listed = -1;
+    if (reduced_dimension(str) == 0) return false;  // no direction is left, not a feasible one
+    if (znlptcs(str, str->gpro, &listed, str->liwk) == 0) return true;
+    if (!add_blocking(str, run, listed)) return false;
+  }
+  return false;
+}
+
+// Second pass: all candidates together. Sets idac to BLOCK_DROPPED or to minus their number.
+static Search drop_block(MINSTR* str, Selection& run, double tres) {
+  long count = sortlm(str, run.second_form, tres);
+  if (tres < BLOCK_MULTIPLIER) {
+    // The list ends with the first multiplier that is hardly negative.
+    const double* end = str->lagm + count;
+    const double* first = std::find_if(static_cast<const double*>(str->lagm), end,
+                                       [](double value) { return value > -BLOCK_MULTIPLIER; });
+    if (first != end) count = first - str->lagm + 1;
+  }
+  if (count < 2) return Search::finish;  // a single one has been tried
+  znlpgcs(str, str->gpro);
+  for (long k = 0; k < count; ++k) {
+    if (drop_candidate(str, run, str->liwk[k]) != 0) run.flag = UNIT_ROW_BLOCK;
+  }
+  if (deferred_entered(str, run)) return Search::restart;
+  str->idac = regain_feasible_direction(str, run) ? BLOCK_DROPPED : -count;
+  return Search::finish;
+}
+
+// One pass over the candidates of the present working set.
+static Search search_once(MINSTR* str, Selection& run) {
+  str->idac = 0;
+  if (!an_inequality_is_active(str)) return Search::finish;
+  const double tres = gtres(str);
+  const long count = sortlm(str, run.second_form, tres);
+  if (count == 0) return Search::finish;
+  znlpgcs(str, str->gpro);
+  if (drop_one_at_a_time(str, run, count) == Search::restart) return Search::restart;
+  if (str->idac == 0) {
+    // While constraints are still being picked up a single drop that fails is no dead end.
+    const bool still_moving = run.chac_before != 0 && str->nabc + str->nalc < str->nvar;
+    if (still_moving || count == 1) return Search::finish;
+    if (drop_block(str, run, tres) == Search::restart) return Search::restart;
+  }
+  return deferred_entered(str, run) ? Search::restart : Search::finish;
+}
+
+// 1 for a single drop and for a block whose direction is feasible, 2 for a block without such a
+// direction; negative when ches has a row that was not computed, -3 when nothing was dropped then.
+static int drop_result(const MINSTR* str, const Selection& run) {
+  const int result = str->idac > 0 ? 1 : (str->idac < 0 ? 2 : 0);
+  if (run.flag == 0) return result;
+  return result != 0 ? -result : -3;
+}
+
+int znlpdac(MINSTR* str, int job, int job2, long* nhlf, double* ches, double* hess) {
+  refuse_range_frame(str);
+  Selection run;
+  run.job = job;
+  run.second_form = job2;
+  run.nhlf = nhlf;
+  run.ches = ches;
+  run.hess = hess;
+  run.chac_before = str->chac;
+  str->idac = 0;
+  if (!has_general_constraints(str)) return drop_one_bound(str, run);
+  if (str->ider == 0) inconsistent();
+
+  const long bounds_before = str->nabc;
+  const long rows_before = str->nalc;
+  run.retries_left = 10 * (str->nvar + str->ncon + str->nnlc);
+  while (search_once(str, run) == Search::restart) {
+  }
+  // Trials may have written chac.
+  const bool fell = str->nabc < bounds_before || str->nalc < rows_before;
+  str->chac = fell ? -1 - run.chac_before : run.chac_before;
+  return drop_result(str, run);
+}
+
+}  // namespace tqnlp

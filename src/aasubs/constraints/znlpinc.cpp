@@ -1,0 +1,227 @@
+// znlpinc: INdex of the quadratic and its Companions znlphlo (Hessian LOad) and znlpclo (Cholesky
+// LOad): the loading routines of the quadratic techniques, whose matrix lives in utquad in the
+// layout told in znlpba1.h.
+//
+// Factors: packed LL' by columns (a pivot that is not above sing clears its column and is counted),
+// packed LDL' for the free parameters, sparse Cholesky in one of the patterns of shes, or the roots
+// of a diagonal. Golub and Van Loan, Matrix Computations (1996), section 4.2.
+//
+// Work: znlpclo reads one row, or the diagonal, into work; iwk holds the position of each parameter
+// among the free ones, negative numbers for the others.
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba1.h"
+#include "host/files.h"
+#include "host/log.h"
+#include "host/process.h"
+#include "kernels/sparse.h"
+
+namespace tqnlp {
+
+static constexpr int PACKED = 0;  // hfrm
+static constexpr int SPARSE = 1;
+static constexpr int DIAGONAL = 2;
+
+// ---- Index ------------------------------------------------------------------------------------
+
+// Brings free parameters into the front of the identity by exchanges, which moves as few indices as
+// possible: each bound one in the front changes places with the next free one behind it.
+static void exchange_to_front(const MINSTR* str, long* order) {
+  const long n = str->nvar;
+  const long free = n - str->nabc;
+  long behind = free;
+  for (long l = 0; l < free; ++l) {
+    if (str->iabc[order[l]] == 0) continue;
+    while (behind < n && str->iabc[order[behind]] != 0) ++behind;
+    if (behind == n) xexit(EXIT_INCONSISTENT, 0);
+    std::swap(order[l], order[behind]);
+  }
+}
+
+int znlpinc(MINSTR* str, int dofac) {
+  const long n = str->nvar;
+  const bool some_bound = str->bounds != 0 && str->nabc > 0;
+  for (long j = 0; j < n; ++j) str->ifxr[j] = j;
+  if (some_bound && str->hfrm == SPARSE) {
+    exchange_to_front(str, str->ifxr);
+  } else if (some_bound) {
+    std::stable_partition(str->ifxr, str->ifxr + n, [&](long j) { return str->iabc[j] == 0; });
+  }
+  if (dofac != 0 && str->usclo != nullptr) str->usclo(str);
+  return 0;
+}
+
+// ---- Reading ----------------------------------------------------------------------------------
+
+static void check_file(int status) {
+  if (status == 0) return;
+  xprrlog(0, status);
+  xexit(EXIT_WORK_FILE, 0);
+}
+
+static void read_doubles(MINSTR* str, double* to, long count) {
+  check_file(xcread(str->utquad, to, count * static_cast<long>(sizeof(double))));
+}
+
+static void read_longs(MINSTR* str, long* to, long count) {
+  check_file(xcread(str->utquad, to, count * static_cast<long>(sizeof(long))));
+}
+
+// Rewinds the file and reads what stands before the matrix.
+static void read_head(MINSTR* str) {
+  check_file(xcpoint(str->utquad, 0));
+  if (str->fqad != 0) read_doubles(str, str->qvec, str->nvar);
+}
+
+static void read_sparse(MINSTR* str) {
+  const SPAR& s = str->shes;
+  read_doubles(str, str->hess, s.mxja);
+  read_longs(str, s.jasp, s.mxja);
+  read_longs(str, s.jusp, s.mxju);
+  read_longs(str, s.perm, str->nvar);
+  read_longs(str, s.iprm, str->nvar);
+}
+
+int znlphlo(MINSTR* str) {
+  const long n = str->nvar;
+  read_head(str);
+  switch (str->hfrm) {
+    case SPARSE:
+      read_sparse(str);
+      break;
+    case DIAGONAL:
+      read_doubles(str, str->hess, n);
+      break;
+    case PACKED:
+      for (long i = 0; i < n; ++i) read_doubles(str, str->hess + packed_size(i), i + 1);
+      break;
+    default:
+      xexit(EXIT_INCONSISTENT, 0);
+  }
+  return 0;
+}
+
+// ---- Packed factors ---------------------------------------------------------------------------
+
+static double honoured_limit(double sing) { return sing < TINY ? SMALLEST_TOLERANCE : sing; }
+
+// What elimination of the columns before j leaves of element (i, j), for LL' (d null) or LDL' with
+// D in d, one double per diagonal position of the packed triangle.
+static double remainder(long i, long j, const double* c, bool unit_lower) {
+  const double* row = c + packed_size(i);
+  const double* column = c + packed_size(j);
+  double sum = row[j];
+  if (unit_lower) {
+    for (long k = 0; k < j; ++k) sum -= row[k] * column[k] * c[packed_size(k) + k];
+  } else {
+    for (long k = 0; k < j; ++k) sum -= row[k] * column[k];
+  }
+  return sum;
+}
+
+// Column Cholesky in place. Pivots that are not above sing become 0 with their column. Returns
+// their number. unit_lower: the pivots stay apart as D on the diagonal, and L has a unit diagonal.
+static long factor_columns(long n, double sing, double* c, bool unit_lower) {
+  const double limit = honoured_limit(sing);
+  long zeros = 0;
+  for (long j = 0; j < n; ++j) {
+    double* pivot = c + packed_size(j) + j;
+    *pivot = remainder(j, j, c, unit_lower);
+    const bool good = *pivot > limit;
+    if (!good) {
+      *pivot = 0.0;
+      ++zeros;
+    } else if (!unit_lower) {
+      *pivot = std::sqrt(*pivot);
+    }
+    for (long i = j + 1; i < n; ++i) {
+      double* element = c + packed_size(i) + j;
+      *element = good ? remainder(i, j, c, unit_lower) / *pivot : 0.0;
+    }
+  }
+  return zeros;
+}
+
+static long lltdec(long n, double sing, double* c) { return factor_columns(n, sing, c, false); }
+
+static long dlltdec(long n, double sing, double* c) { return factor_columns(n, sing, c, true); }
+
+// ---- Loading of the factor --------------------------------------------------------------------
+
+// iwk := position of each parameter among the free ones, or -1, -2, ... for the others.
+static void mark_positions(MINSTR* str) {
+  const long n = str->nvar;
+  const long free = n - str->nabc;
+  for (long l = 0; l < n; ++l) str->iwk[str->ifxr[l]] = l < free ? l : free - l - 1;
+}
+
+static long load_packed(MINSTR* str) {
+  const long n = str->nvar;
+  if (str->bounds == 0) {
+    for (long i = 0; i < n; ++i) read_doubles(str, str->half + packed_size(i), i + 1);
+    return lltdec(n, str->sing, str->half);
+  }
+  mark_positions(str);
+  for (long i = 0; i < n; ++i) {
+    read_doubles(str, str->work, i + 1);
+    const long row = str->iwk[i];
+    if (row < 0) continue;
+    for (long j = 0; j <= i; ++j) {
+      const long column = str->iwk[j];
+      if (column >= 0) str->half[zisub(row, column)] = str->work[j];
+    }
+  }
+  return dlltdec(n - str->nabc, str->sing, str->half);
+}
+
+// With bounds the pattern of the free parameters is made first: it follows the working set.
+static long load_sparse(MINSTR* str) {
+  const long n = str->nvar;
+  const SPAR& s = str->shes;
+  read_sparse(str);
+  if (str->bounds == 0) {
+    return zslltnf(1, 0, n, str->sing, s.jasp, s.jusp, s.perm, str->hess, str->half);
+  }
+  mark_positions(str);
+  const long order = zslltiu(s.jasl, s.jusl, str->iwk, n, s.jasp, s.jusp, s.perm, s.iprm, s.mxju,
+                             nullptr, nullptr);
+  if (order < 0) xexit(EXIT_INCONSISTENT, 0);
+  return zslltf2(2, s.jasl, s.jusl, 0, order, str->sing, s.jasp, s.jusp, str->iwk, str->hess,
+                 str->half);
+}
+
+// A value that is not above sing counts only where its parameter is free.
+static long load_diagonal(MINSTR* str) {
+  const long n = str->nvar;
+  long zeros = 0;
+  read_doubles(str, str->work, n);
+  for (long j = 0; j < n; ++j) {
+    const bool good = str->work[j] > str->sing;
+    str->half[j] = good ? std::sqrt(str->work[j]) : 0.0;
+    if (!good && (str->bounds == 0 || str->iabc[j] == 0)) ++zeros;
+  }
+  return zeros;
+}
+
+int znlpclo(MINSTR* str) {
+  if (str->clod != 0) xexit(EXIT_INCONSISTENT, 0);
+  read_head(str);
+  long failed = 0;
+  switch (str->hfrm) {
+    case PACKED:
+      failed = load_packed(str);
+      break;
+    case SPARSE:
+      failed = load_sparse(str);
+      break;
+    case DIAGONAL:
+      failed = load_diagonal(str);
+      break;
+    default:
+      xexit(EXIT_INCONSISTENT, 0);
+  }
+  return failed == 0 ? 0 : -1;
+}
+
+}  // namespace tqnlp

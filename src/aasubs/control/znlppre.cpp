@@ -1,0 +1,330 @@
+// znlppre: PRints the REsults of a point: parameters, function values, difference intervals,
+// constraints, multipliers, projected gradient.
+//
+// Each table is one function: it describes its row as a local record, binds the columns to it, and
+// writes a row an element. Siblings: znlppre_problem (pritech), znlppre_constraints (pricon and
+// its family, prinlc), znlppre_stop (znlpptm), znlppre_matrix (znlppmt).
+#include "aasubs/control/znlppre.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "aasubs/control/report_tables.h"
+#include "aasubs/record/covstr.h"
+
+namespace tqnlp {
+
+static constexpr int INFEASIBLE_START = -10;
+static constexpr int WITH_CONSTRAINTS = 2;
+static constexpr int WITH_MULTIPLIERS = 3;
+
+static long free_parameters(const MINSTR* str) { return str->nvar - str->nabc; }
+
+// ---- Probability of a t value -------------------------------------------------------------------
+
+// Continued fraction of the incomplete beta function (Abramowitz and Stegun 26.5.8), evaluated from
+// the front by the method of Lentz. Good for x below (a + 1) / (a + b + 2).
+static double beta_fraction(double a, double b, double x) {
+  static constexpr int MOST_TERMS = 500;
+  auto away_from_zero = [](double v) { return std::fabs(v) < TINY ? TINY : v; };
+  double c = 1.0;
+  double d = 1.0 / away_from_zero(1.0 - (a + b) * x / (a + 1.0));
+  double value = d;
+  for (int m = 1; m <= MOST_TERMS; ++m) {
+    const double even = m * (b - m) * x / ((a + 2.0 * m - 1.0) * (a + 2.0 * m));
+    d = 1.0 / away_from_zero(1.0 + even * d);
+    c = away_from_zero(1.0 + even / c);
+    value *= c * d;
+    const double odd = -(a + m) * (a + b + m) * x / ((a + 2.0 * m) * (a + 2.0 * m + 1.0));
+    d = 1.0 / away_from_zero(1.0 + odd * d);
+    c = away_from_zero(1.0 + odd / c);
+    const double factor = c * d;
+    value *= factor;
+    if (!(std::fabs(factor - 1.0) > 4.0 * EPS)) break;
+  }
+  return value;
+}
+
+static double incomplete_beta(double a, double b, double x) {
+  if (x <= 0.0) return 0.0;
+  if (x >= 1.0) return 1.0;
+  const double front = std::exp(std::lgamma(a + b) - std::lgamma(a) - std::lgamma(b) +
+                                a * std::log(x) + b * std::log1p(-x));
+  if (x < (a + 1.0) / (a + b + 2.0)) return front * beta_fraction(a, b, x) / a;
+  return 1.0 - front * beta_fraction(b, a, 1.0 - x) / b;
+}
+
+// P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known.
+static double probability_beyond(double t, double df) {
+  if (wzmis(t) || std::isnan(t)) return MISSING;
+  if (wzmis(df) || !(df > 0.0)) return std::erfc(std::fabs(t) / std::sqrt(2.0));
+  return incomplete_beta(0.5 * df, 0.5, df / (df + t * t));
+}
+
+// ---- Parameters ---------------------------------------------------------------------------------
+
+struct EstimateColumns {
+  bool errors, gradient, lagrangian, bounds, active, dependent;
+};
+
+struct EstimateRow {
+  HeadText head;
+  long number;
+  RvxText parameter;
+  double estimate, error, t, probability, gradient, lagrangian, lower, upper;
+  RvxText active, dependent;
+};
+
+static bool any_status(const MINSTR* str, bool fixed_only) {
+  return std::any_of(str->iabc, str->iabc + str->nvar,
+                     [=](int status) { return fixed_only ? status == 2 : status != 0; });
+}
+
+static EstimateColumns choose_columns(const MINSTR* str, int job) {
+  EstimateColumns c{};
+  const bool start = job < 0;
+  c.errors = !start && str->ster != nullptr;
+  if (job == INFEASIBLE_START) return c;
+  c.gradient = str->usgrd != nullptr;
+  c.lagrangian = str->nlicon != 0 && str->opro != 0;
+  if (str->bounds == 0) return c;
+  c.bounds = start;
+  c.active = any_status(str, start);
+  c.dependent = !start && str->nlbc != 0;
+  return c;
+}
+
+static void add_estimate_columns(RvxObject** table, const EstimateColumns& c, EstimateRow& row) {
+  add_column(table, "TitleText1", &row.head.cell);
+  add_column(table, "Number", &row.number);
+  add_column(table, "Parameter", &row.parameter);
+  add_column(table, "Estimate", &row.estimate);
+  if (c.errors) {
+    add_column(table, "AppStdErr", &row.error);
+    add_column(table, "tValue", &row.t);
+    add_column(table, "Probt", &row.probability);
+  }
+  if (c.gradient) add_column(table, "GradObj", &row.gradient);
+  if (c.lagrangian) add_column(table, "GradLag", &row.lagrangian);
+  if (c.bounds) {
+    add_column(table, "LowerBC", &row.lower);
+    add_column(table, "UpperBC", &row.upper);
+  }
+  if (c.active) add_column(table, "ActiveBC", &row.active);
+  if (c.dependent) add_column(table, "LinDep", &row.dependent);
+}
+
+// Is x[j] outside of its bounds by more than the feasibility tolerance?
+static bool violates_bound(const MINSTR* str, long j) {
+  const double eps = feasibility_tolerance(str, str->ipre);
+  const double lb = str->lb[j];
+  const double ub = str->ub[j];
+  return (lower_exists(lb) && str->x[j] < lb - (std::fabs(lb) + 1.0) * eps) ||
+         (upper_exists(ub) && str->x[j] > ub + (std::fabs(ub) + 1.0) * eps);
+}
+
+// Was the bound of parameter j left out of the working set? It is active, and still among the free.
+static bool bound_is_deferred(const MINSTR* str, long j) {
+  if (str->iabc[j] == 0 || str->ifxr == nullptr) return false;
+  const long* first = str->ifxr;
+  const long* end = first + free_parameters(str);
+  return std::find(first, end, j) != end;
+}
+
+static void fill_errors(const MINSTR* str, long j, EstimateRow& row) {
+  row.error = str->ster[j];
+  const bool usable = !wzmis(row.error) && row.error > 0.0;
+  row.t = usable ? row.estimate / row.error : MISSING;
+  row.probability = probability_beyond(row.t, str->covstr != nullptr ? str->covstr->df : MISSING);
+}
+
+static void fill_estimate(const MINSTR* str, long j, const EstimateColumns& c, EstimateRow& row) {
+  row.number = j + 1;
+  row.parameter = parameter_name(str, j);
+  row.estimate = str->x[j];
+  if (c.errors) fill_errors(str, j, row);
+  if (c.gradient) row.gradient = users_value(str, str->grad[j]);
+  if (c.lagrangian) row.lagrangian = users_value(str, str->grlf[j]);
+  if (c.bounds) {
+    row.lower = lower_exists(str->lb[j]) ? str->lb[j] : MISSING;
+    row.upper = upper_exists(str->ub[j]) ? str->ub[j] : MISSING;
+  }
+  if (c.active) {
+    row.active = literal_text(violates_bound(str, j) ? "Violat. BC" : bound_kind(str->iabc[j]));
+  }
+  if (c.dependent) row.dependent = literal_text(bound_is_deferred(str, j) ? " LinDep " : "");
+}
+
+static void write_estimates(MINSTR* str, int job) {
+  const bool start = job < 0;
+  RvxObject** table = &str->parest;
+  EstimateRow row{};
+  const EstimateColumns columns = choose_columns(str, job);
+  open_table(str->rvx, table, "ParameterEstimates",
+             start ? TITLE_START_ESTIMATES : TITLE_FINAL_ESTIMATES);
+  add_estimate_columns(table, columns, row);
+  row.head.set(start ? TEXT_START_ESTIMATES : TEXT_FINAL_ESTIMATES);
+  for (long j = 0; j < str->nvar && *table != nullptr; ++j) {
+    fill_estimate(str, j, columns, row);
+    add_row(table);
+    row.head.clear();
+  }
+  close_table(table);
+}
+
+// ---- Function values of least squares -----------------------------------------------------------
+
+static void write_functions(MINSTR* str, int job) {
+  RvxObject** table = &str->presid;
+  HeadText head;
+  long number = 0;
+  RvxText function{};
+  double value = 0.0;
+  open_table(str->rvx, table, "OptStartRes",
+             job < 0 ? TITLE_START_ESTIMATES : TITLE_FINAL_ESTIMATES);
+  add_column(table, "TitleText1", &head.cell);
+  add_column(table, "Number", &number);
+  add_column(table, "Function", &function);
+  add_column(table, "Value", &value);
+  head.set(TEXT_FUNCTIONS);
+  for (long i = 0; i < str->mequ && *table != nullptr; ++i) {
+    number = i + 1;
+    function = str->fnam != nullptr ? unpadded(str->fnam[i]) : numbered_name("F", number);
+    value = users_value(str, str->func[i]);
+    add_row(table);
+    head.clear();
+  }
+  close_table(table);
+}
+
+// ---- Difference intervals -----------------------------------------------------------------------
+
+void prifdh(MINSTR* str) {
+  if (str->dbug == 0.0 || str->hfwd == nullptr) return;
+  const long n = str->nvar;
+  const bool constants =
+      str->ofco != nullptr && std::any_of(str->ofco, str->ofco + n, [](short c) { return c != 0; });
+  RvxObject** table = &str->fdest;
+  HeadText head;
+  long number = 0;
+  RvxText parameter{}, constant{};
+  double estimate = 0.0, forward = 0.0, central = 0.0;
+  open_table(str->rvx, table, "FiniteDiff", TITLE_INTERVALS);
+  add_column(table, "TitleText2", &head.cell);
+  add_column(table, "Number", &number);
+  add_column(table, "Parameter", &parameter);
+  add_column(table, "Estimate", &estimate);
+  add_column(table, "Forward", &forward);
+  add_column(table, "Central", &central);
+  if (constants) add_column(table, "Constant", &constant);
+  head.set(TEXT_INTERVALS);
+  for (long j = 0; j < n && *table != nullptr; ++j) {
+    number = j + 1;
+    parameter = parameter_name(str, j);
+    estimate = str->x[j];
+    forward = str->hfwd[j];
+    central = str->hcnt[j];
+    if (constants) constant = str->ofco[j] != 0 ? report_text(WORD_CONSTANT) : RvxText{};
+    add_row(table);
+    head.clear();
+  }
+  close_table(table);
+}
+
+// ---- Multipliers and projected gradient ---------------------------------------------------------
+
+struct MultiplierRow {
+  HeadText head;
+  long number;
+  RvxText kind, name;
+  double first, second;
+};
+
+static void write_multipliers(MINSTR* str) {
+  RvxObject** table = &str->lagmul;
+  MultiplierRow row{};
+  const bool second_form = str->ulm2 != 0 && str->lag2 != nullptr;
+  open_table(str->rvx, table, "Lagrange", TITLE_MULTIPLIERS);
+  add_column(table, "TitleText", &row.head.cell);
+  add_column(table, "Number", &row.number);
+  add_column(table, "Parameter1", &row.kind);
+  add_column(table, "Parameter2", &row.name);
+  add_column(table, "Lagrange", &row.first);
+  if (second_form) add_column(table, "SecondOrder", &row.second);
+  row.head.set(second_form ? TEXT_SECOND_ORDER_MULTIPLIERS : TEXT_MULTIPLIERS);
+  // Bounds in the order of the tail of ifxr, then general constraints in the order of iact.
+  for (long k = 0; k < str->nabc + str->nalc && *table != nullptr; ++k) {
+    row.number = k + 1;
+    if (k < str->nabc) {
+      const long j = str->ifxr[free_parameters(str) + k];
+      row.kind = literal_text(bound_kind(str->iabc[j]));
+      row.name = parameter_name(str, j);
+    } else {
+      const long c = str->iact[k - str->nabc];
+      row.kind = literal_text(constraint_kind(str, c));
+      row.name = constraint_name(str, c);
+    }
+    row.first = users_value(str, str->lagm[k]);
+    if (second_form) row.second = users_value(str, str->lag2[k]);
+    add_row(table);
+    row.head.clear();
+  }
+  close_table(table);
+}
+
+static void write_projected_gradient(MINSTR* str) {
+  const long dimension = free_parameters(str) - str->nalc;
+  if (dimension <= 0) return;
+  // Without active general constraints the reduced space is spanned by the free parameters.
+  const bool by_parameter = str->nalc == 0;
+  RvxObject** table = &str->projgra;
+  HeadText head;
+  long number = 0;
+  RvxText direction{};
+  double gradient = 0.0;
+  open_table(str->rvx, table, "ProjGrad", TITLE_PROJECTED_GRADIENT);
+  add_column(table, "TitleText", &head.cell);
+  add_column(table, "Number", &number);
+  add_column(table, "FreeDimension", &direction);
+  add_column(table, "ProjGrad", &gradient);
+  head.set(TEXT_PROJECTED_GRADIENT);
+  for (long k = 0; k < dimension && *table != nullptr; ++k) {
+    number = k + 1;
+    direction = by_parameter ? parameter_name(str, str->ifxr[k]) : numbered_name("Z", number);
+    gradient = users_value(str, str->gpro[k]);
+    add_row(table);
+    head.clear();
+  }
+  close_table(table);
+}
+
+// ---- All tables of a point ----------------------------------------------------------------------
+
+static void write_constraints(MINSTR* str, int job) {
+  if (str->ncon > 0) {
+    if (job < 0) {
+      pricon1(str, job);
+    } else {
+      pricon2(str);
+    }
+  }
+  pricon3(str);
+  if (str->nlicon != 0) prinlc(str, job);
+}
+
+void znlppre(MINSTR* str, int job, int pfun) {
+  if (str->dbug == 0.0) return;
+  const int level = std::abs(job);
+  write_estimates(str, job);
+  if (str->lsqu != 0 && pfun != 0) write_functions(str, job);
+  if (job != INFEASIBLE_START && str->cfdh != 0) prifdh(str);
+  if (level >= WITH_CONSTRAINTS) write_constraints(str, job);
+  // Without an objective there are no multipliers and no gradient to show.
+  if (level < WITH_MULTIPLIERS || wzmis(str->crit)) return;
+  if (str->opro == 0 || str->nabc + str->nalc == 0) return;
+  write_multipliers(str);
+  write_projected_gradient(str);
+}
+
+}  // namespace tqnlp

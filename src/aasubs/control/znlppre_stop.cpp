@@ -1,0 +1,268 @@
+// znlpptm: PrinTs the TerMination of a run: summary, status, and the messages of its code.
+//
+// The same reason is told twice, as a sentence in the log and as a shorter text in the table of the
+// status; END_TEXTS has both for every code whose messages take no arguments.
+#include <cmath>
+
+#include "aasubs/control/report_tables.h"
+#include "aasubs/control/znlpdrv.h"
+#include "aasubs/control/znlppre.h"
+#include "aasubs/control/znlptrm.h"
+#include "host/log.h"
+
+namespace tqnlp {
+
+static constexpr int FIRST_NEAR_CRITERION = NEAR_CRITERION + 1;
+static constexpr int LAST_NEAR_CRITERION = NEAR_CRITERION + CONSECUTIVE_COUNTERS;
+
+// ---- Summary ------------------------------------------------------------------------------------
+
+// Rows of the summary beyond what every technique shows: which counters, which state.
+enum StopLayout : int {
+  STOP_PLAIN = 0,
+  STOP_LEVMAR = 12,          // also TRUREG on least squares
+  STOP_DOGLEG = 14,          //
+  STOP_RIDGE = 17,           //
+  STOP_RIDGE_SQUARES = 19,   //
+  STOP_LINE_SEARCH = 22,     // QUANEW, CONGRA, QUADAS
+  STOP_HYBRID = 25,          //
+  STOP_SIMPLEX = 27,         //
+  STOP_COBYLA = 30,          //
+  STOP_TRUST_REGION = 32,    //
+  STOP_NEWTON = 34,          //
+  STOP_NEWTON_SQUARES = 35,  //
+  STOP_SEQUENTIAL = 36,      // QUANEW with nonlinear constraints
+  STOP_RANGE_SPACE = 259,    // CONGRA and QUADAS in the range-space frame
+};
+
+static StopLayout stop_layout(const MINSTR* str) {
+  static constexpr int RANGE_SPACE = 2;
+  const bool squares = str->lsqu != 0;
+  const bool nonlinear = str->nlicon != 0;
+  switch (str->tech) {
+    case 2:
+      return squares ? STOP_LEVMAR : STOP_TRUST_REGION;
+    case 8:
+      return STOP_LEVMAR;
+    case 4:
+    case 5:
+    case 6:
+      return squares ? STOP_RIDGE_SQUARES : STOP_RIDGE;
+    case 3:
+    case 7:
+      return squares ? STOP_NEWTON_SQUARES : STOP_NEWTON;
+    case 10:
+    case 11:
+    case 21:  // VMCWD reports as QUANEW
+      return nonlinear ? STOP_SEQUENTIAL : STOP_LINE_SEARCH;
+    case 9:
+      return STOP_DOGLEG;
+    case 12:
+      return STOP_HYBRID;
+    case 13:
+    case 16:
+      return str->opro == RANGE_SPACE ? STOP_RANGE_SPACE : STOP_LINE_SEARCH;
+    case 14:
+    case 15:
+      return nonlinear ? STOP_COBYLA : STOP_SIMPLEX;
+    default:
+      return STOP_PLAIN;
+  }
+}
+
+static void write_work(MINSTR* str, RvxObject** table, StopLayout layout) {
+  add_pair(table, LABEL_ITERATIONS, static_cast<long>(str->nitr));
+  add_pair(table, LABEL_FUNCTION_CALLS, str->nfct);
+  switch (layout) {
+    case STOP_LEVMAR:
+    case STOP_RIDGE_SQUARES:
+    case STOP_HYBRID:
+    case STOP_NEWTON_SQUARES:
+      return add_pair(table, LABEL_JACOBIAN_CALLS, str->nhes);
+    case STOP_DOGLEG:
+    case STOP_LINE_SEARCH:
+    case STOP_SEQUENTIAL:
+    case STOP_RANGE_SPACE:
+      return add_pair(table, LABEL_GRADIENT_CALLS, str->ngrd);
+    case STOP_RIDGE:
+    case STOP_TRUST_REGION:
+    case STOP_NEWTON:
+      return add_pair(table, LABEL_HESSIAN_CALLS, str->nhes);
+    case STOP_SIMPLEX:
+    case STOP_COBYLA:
+      return add_pair(table, LABEL_RESTARTS, str->ires);
+    case STOP_PLAIN:
+      return;
+  }
+}
+
+static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
+  const double objective = users_value(str, str->crit);
+  if (layout == STOP_SEQUENTIAL || layout == STOP_COBYLA) {
+    add_pair(table, LABEL_OBJECTIVE, objective);
+    add_pair(table, LABEL_LARGEST_VIOLATION, str->cmax);
+    return;
+  }
+  add_pair(table, str->idac >= 1 ? LABEL_ACTIVE_AFTER_DROP : LABEL_ACTIVE, str->nabc + str->nalc);
+  add_pair(table, LABEL_OBJECTIVE, objective);
+  // The simplex keeps its size where other techniques keep the gradient.
+  if (layout != STOP_SIMPLEX) add_pair(table, LABEL_LARGEST_GRADIENT, str->gmax);
+}
+
+// What steered the steps of the technique.
+static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
+  switch (layout) {
+    case STOP_LEVMAR:
+    case STOP_TRUST_REGION:
+      add_pair(table, LABEL_LAMBDA, str->lamb);
+      add_pair(table, LABEL_RATIO, str->rhor);
+      return add_pair(table, LABEL_RADIUS, str->delt);
+    case STOP_RIDGE:
+    case STOP_RIDGE_SQUARES:
+      add_pair(table, LABEL_RATIO, str->rhor);
+      return add_pair(table, LABEL_RIDGE, str->ridg);
+    case STOP_DOGLEG:
+      add_pair(table, LABEL_SLOPE, negated(str->pred));
+      return add_pair(table, LABEL_RADIUS, str->delt);
+    case STOP_LINE_SEARCH:
+    case STOP_HYBRID:
+    case STOP_NEWTON:
+    case STOP_NEWTON_SQUARES:
+    case STOP_RANGE_SPACE:
+      return add_pair(table, LABEL_SLOPE, negated(str->pred));
+    case STOP_SEQUENTIAL:
+      add_pair(table, LABEL_OBJECTIVE_GRADIENT, str->gmax);
+      add_pair(table, LABEL_MERIT, str->crlf);
+      return add_pair(table, LABEL_LAGRANGIAN_GRADIENT, str->gmlf);
+    case STOP_COBYLA:
+      add_pair(table, LABEL_MERIT_OF_SIMPLEX, str->pred);
+      return add_pair(table, LABEL_RADIUS, str->rhor);
+    case STOP_SIMPLEX:
+      add_pair(table, LABEL_DEVIATION, str->pred);
+      add_pair(table, LABEL_SIMPLEX_DELTA, str->alfa);
+      return add_pair(table, LABEL_SIMPLEX_SIZE, str->gmax);
+    case STOP_PLAIN:
+      return;
+  }
+}
+
+static void write_summary(MINSTR* str) {
+  const StopLayout layout = stop_layout(str);
+  RvxObject** table = &str->out;
+  open_table(str->rvx, table, "IterStop", TITLE_STOP);
+  write_work(str, table, layout);
+  write_point(str, table, layout);
+  write_steering(str, table, layout);
+  close_table(table);
+}
+
+// ---- Reasons ------------------------------------------------------------------------------------
+
+struct EndText {
+  int code;
+  int log;     // message of the log; 0: none
+  int reason;  // text of the status table
+};
+
+static constexpr EndText END_TEXTS[] = {
+    {ALL_PARAMETERS_ACTIVE, 609, REASON_VERTEX},
+    {-1, 131, 131},
+    {-2, 132, 132},
+    {FUNCTION_FAILED, 133, 133},
+    {-4, 134, 134},
+    {-6, 8, 8},
+    {-7, 9, 9},
+    {-10, 130, 130},
+    {MODULE_FAILED, 0, REASON_MODULE},  // the failing call has told its own message
+};
+
+static constexpr int TECHNIQUE_NONE = 1;
+static constexpr int IN_FULL = 3;  // zmsg: the status table tells limits in full
+
+// Severities of message 4.
+static constexpr long AS_ERROR = 1;
+static constexpr long AS_NOTE = 3;
+
+static bool stopped_early(const MINSTR* str) { return str->nitr < static_cast<double>(str->mini); }
+
+// Logs message number log (0: none) and gives the text of message number reason for the status
+// table, both with the arguments.
+static RvxText tell(const MINSTR* str, int log, int reason, MsgArgs args = {}) {
+  if (log != 0) xpmlog(OPTIMIZATION, log, args);
+  return str->dbug != 0.0 ? report_text(reason, args) : RvxText{};
+}
+
+static long severity_of(const MINSTR* str, int fail) {
+  if (fail == COUNT_LIMIT) return str->zmsg;
+  return fail == NO_PROGRESS && stopped_early(str) ? AS_NOTE : AS_ERROR;
+}
+
+// The message of the code in the log; its reason for the status table.
+static RvxText tell_reason(const MINSTR* str, int fail) {
+  const bool in_full = str->zmsg == IN_FULL;
+  if (fail == 0) {
+    return str->nitr == 0.0 ? tell(str, 613, REASON_NOT_RUN) : tell(str, 614, 614);
+  }
+  if (fail >= FIRST_CRITERION && fail <= LAST_CRITERION) {
+    const RvxText name = unpadded(criterion(fail).name);
+    return tell(str, 607, REASON_CRITERION, {name.text});
+  }
+  if (fail >= FIRST_NEAR_CRITERION && fail <= LAST_NEAR_CRITERION) {
+    const Criterion& c = criterion(fail - STOP_OVERRULED);
+    const RvxText name = unpadded(c.name);
+    return tell(str, 611, REASON_NEAR_CRITERION, {name.text, str->toln[c.counter]});
+  }
+  if (fail == NO_PROGRESS) {
+    const int message = stopped_early(str) ? 3 : 1;
+    return tell(str, message, message);
+  }
+  if (fail == COUNT_LIMIT) {
+    const RvxText name = unpadded(technique_name(str->tech));
+    return tell(str, 605, in_full ? REASON_LIMIT_IN_FULL : REASON_LIMIT,
+                {str->maxi, str->maxf, name.text});
+  }
+  if (fail == TIME_LIMIT) {
+    return tell(str, 2, in_full ? REASON_TIME_IN_FULL : REASON_TIME, {str->upti});
+  }
+  for (const EndText& end : END_TEXTS) {
+    if (end.code == fail) return tell(str, end.log, end.reason);
+  }
+  return RvxText{};  // a termination module of the user may answer any code
+}
+
+// What a reader of the result should know besides.
+static void tell_doubts(const MINSTR* str, int fail, int job) {
+  static constexpr int WIDEST = 10;  // ipre when no tolerance fits
+  static constexpr double LARGE_GRADIENT = 0.001;
+  if (str->ipre >= WIDEST) {
+    xpmlog(OPTIMIZATION, 253);
+  } else if (str->ipre != 0) {
+    xpmlog(OPTIMIZATION, 137, {feasibility_tolerance(str, str->ipre)});
+  }
+  if (job == 0 && fail >= 0 && str->gmax > LARGE_GRADIENT) xpmlog(OPTIMIZATION, 136);
+  if (str->idac != 0) xpmlog(OPTIMIZATION, 138);
+}
+
+static void write_status(MINSTR* str, int fail, const RvxText& reason) {
+  RvxObject** table = &str->out;
+  const long status = fail;
+  open_table(str->rvx, table, "ConvergenceStatus", TITLE_STATUS);
+  add_column(table, "Status", &status);
+  add_column(table, "Reason", &reason);
+  add_row(table);
+  close_table(table);
+}
+
+void znlpptm(MINSTR* str, int fail, int job) {
+  close_table(&str->ithis);
+  if (str->dbug != 0.0 && job == 0) write_summary(str);
+  if (fail < 0 && str->tech != TECHNIQUE_NONE) {
+    const RvxText name = unpadded(technique_name(str->tech));
+    xpmlog(OPTIMIZATION, 4, {name.text, severity_of(str, fail)});
+  }
+  const RvxText reason = tell_reason(str, fail);
+  tell_doubts(str, fail, job);
+  if (str->dbug != 0.0) write_status(str, fail, reason);
+}
+
+}  // namespace tqnlp

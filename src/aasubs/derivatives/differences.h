@@ -1,0 +1,51 @@
+// What the sources of znlpfid share: intervals, shifts away from bounds, guarded sums.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+enum class Side { forward = 0, central = 1 };
+
+// Relative intervals for a number of accurate digits: digits^(-1/2) and its power 2/3.
+double forward_interval(double digits);
+double central_interval(double digits);
+
+// Do per-parameter intervals (hfwd, hcnt) hold for the objective, for the constraints?
+bool objective_has_intervals(const MINSTR* str);
+bool constraints_have_intervals(const MINSTR* str);
+
+// Smallest step of a retreat at a parameter value.
+double step_floor(double xj);
+// Step from xj with scale * r added: the distance that the floating-point numbers really make.
+double step_made(double xj, double increment);
+
+// Calls the objective (gradient) and notes it in ifdr; true on success.
+bool call_function(MINSTR* str);
+bool call_gradient_there(MINSTR* str);
+
+// Moves x away from the bounds, so that the perturbed points stay inside; work keeps the caller's
+// x. cfdh nonzero: per-parameter intervals. job nonzero: evaluates the moved point. Returns 0 not
+// moved, 1 moved, -1 the moved point could not be evaluated.
+int movx(MINSTR* str, int job, int cfdh, Side forc, double eps);
+
+// grad by differences from base value crit, residuals in wfid. 0, -2 retreat ran out, -3 overflow.
+int dograd(MINSTR* str, Side forc, double eps, double crit);
+
+// Adds to grad[j] the weighted derivatives of the summands; false on overflow. Column: m
+// derivatives.
+bool add_to_gradient(MINSTR* str, long j, const double* column);
+
+// *a += b and *a += b c, kept inside the range of doubles: nonzero when a sum would overflow.
+int tstsum(double* a, double b);
+int tstsum2(double* a, double b, double c);
+
+// One term of a crossproduct entry for column entries a, b and residual f. hupd negates f when
+// maximizing; the form without the negation serves znlpjdt, deliberately. -1 on overflow.
+int add_crossproduct_term(const MINSTR* str, double* sum, double f, double a, double b);
+int hupd(const MINSTR* str, double* sum, double f, double a, double b);
+
+// Moves work back to x and restores the user's state there: 0, or -10.
+int return_from_shift(MINSTR* str);
+
+}  // namespace tqnlp

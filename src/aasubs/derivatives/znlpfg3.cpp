@@ -1,0 +1,146 @@
+// znlpfg3: Finite-difference Gradient, third form: one interval a component, from curvature
+// estimates. A component is differenced forward where that is accurate enough, centrally elsewhere.
+//
+// Reference  Stewart (1967), JACM 14; Gill, Murray, Saunders and Wright (1983), SIAM J. Sci. Stat.
+//            Comput. 4
+// Reads      crit, x, grad (previous gradient; missing counts as zero)
+// Writes     grad, ngrd; wfid keeps func (m)
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/derivatives/differences.h"
+#include "aasubs/derivatives/znlpfid.h"
+
+namespace tqnlp {
+
+static constexpr double LEAST_ERROR = 1.110223024625157e-15;  // relative error of the objective
+static constexpr double ROOT_EPS = 1.053671212772351e-08;     // square root of the rounding unit
+static constexpr double LEAST_STEP = 5.551115123125785e-15;   // against the parameter's size
+static constexpr double LARGE_STEP = 0.02;                    // against the parameter's size
+static constexpr double FORWARD_IS_ACCURATE = 0.002;          // curvature term against the slope
+static constexpr double CENTRAL_ERROR = 2000.0;
+
+struct Component {
+  double slope;      // previous derivative
+  double curvature;  // estimate of the second derivative
+  double size;       // of the parameter, at least 1
+  double noise;      // absolute error of the objective
+};
+
+struct Step {
+  double h;
+  bool central;
+};
+
+// Forward step that balances truncation and cancellation.
+static double balanced_step(const Component& c) {
+  const double a = std::fabs(c.curvature);
+  const double slope = std::fabs(c.slope);
+  if (slope * slope <= c.noise * a) {
+    const double t = 2.0 * std::cbrt(c.noise * slope / (a * a));
+    return t * (1.0 - 2.0 * slope / (3.0 * a * t + 4.0 * slope));
+  }
+  const double t = 2.0 * std::sqrt(c.noise / a);
+  return t * (1.0 - a * t / (3.0 * a * t + 4.0 * slope));
+}
+
+static Step choose_step(const Component& c, double afx) {
+  if (c.curvature == 0.0) return {c.size, false};
+  if (c.slope == 0.0 || afx <= EPS) return {ROOT_EPS * c.size, false};
+  const double a = std::fabs(c.curvature);
+  const double slope = std::fabs(c.slope);
+  const double least = LEAST_STEP * c.size;
+  double h = std::max(balanced_step(c), least);
+  if (a * h <= FORWARD_IS_ACCURATE * slope) {
+    if (h >= LARGE_STEP * c.size) h = ROOT_EPS * c.size;
+    return {c.slope * c.curvature < 0.0 ? -h : h, false};
+  }
+  h = CENTRAL_ERROR * c.noise / (std::sqrt(CENTRAL_ERROR * a * c.noise + slope * slope) + slope);
+  h = std::max(h, least);
+  if (h >= LARGE_STEP * c.size) h = c.size * std::pow(ROOT_EPS, 2.0 / 3.0);
+  return {h, true};
+}
+
+static bool evaluate_at(MINSTR* str, long i, double value) {
+  str->x[i] = value;
+  return call_function(str) && str->tbig == 0.0;
+}
+
+// One-sided derivative, on either side; false when both fail down to the rounding unit.
+static bool one_sided(MINSTR* str, long i, double xi, double h, double base, double* derivative) {
+  for (;;) {
+    for (const double step : {h, -h}) {
+      if (evaluate_at(str, i, xi + step)) {
+        *derivative = (str->crit - base) / step;
+        return true;
+      }
+    }
+    if (!(std::fabs(h) > EPS)) return false;
+    h *= 0.5;
+  }
+}
+
+// Two-sided derivative. At the smallest step a failing plus side leaves the minus side; 0, -1, -2.
+static int two_sided(MINSTR* str, long i, double xi, double h, double base, double* derivative) {
+  for (;;) {
+    const bool plus_good = evaluate_at(str, i, xi + h);
+    const double plus = str->crit;
+    const bool minus_good = plus_good && evaluate_at(str, i, xi - h);
+    if (minus_good) {
+      *derivative = (plus - str->crit) / (2.0 * h);
+      return 0;
+    }
+    if (!(h > EPS)) {
+      if (plus_good) return -2;
+      if (!evaluate_at(str, i, xi - h)) return -1;
+      *derivative = (base - str->crit) / h;
+      return 0;
+    }
+    h *= 0.5;
+  }
+}
+
+static Component describe(const MINSTR* str, long i, double eta, const double* alfa,
+                          const double* dscl, double afx) {
+  const double xi = str->x[i];
+  Component c{};
+  c.slope = wzmis(str->grad[i]) ? 0.0 : str->grad[i];
+  c.curvature = alfa != nullptr ? alfa[i] : 1.0;
+  c.size = std::max(std::fabs(xi), dscl != nullptr ? 1.0 / dscl[i] : 0.0);
+  c.size = std::max(c.size, 1.0);
+  double error = std::fabs(eta);
+  if (afx > TINY) error = std::max(error, EPS * std::fabs(xi) * std::fabs(c.slope) / afx);
+  c.noise = error * afx;
+  return c;
+}
+
+int znlpfg3(MINSTR* str, double eta, const double* alfa, const double* dscl) {
+  if (str->nvar < 1) return 0;
+  ++str->ngrd;
+  const int indf = static_cast<int>(str->indf);
+  const double crit = str->crit;
+  const double afx = std::fabs(crit);
+  str->indf = GRADIENT_STEP;
+  if (!(eta > TINY)) eta = LEAST_ERROR;
+  std::copy_n(str->func, str->mequ, str->wfid);
+
+  int code = 0;
+  for (long i = 0; code == 0 && i < str->nvar; ++i) {
+    const double xi = str->x[i];
+    const Step step = choose_step(describe(str, i, eta, alfa, dscl, afx), afx);
+    double derivative = 0.0;
+    if (step.central) {
+      code = two_sided(str, i, xi, step.h, crit, &derivative);
+    } else if (!one_sided(str, i, xi, step.h, crit, &derivative)) {
+      code = -1;
+    }
+    str->x[i] = xi;
+    if (code == 0) str->grad[i] = derivative;
+  }
+  std::copy_n(str->wfid, str->mequ, str->func);
+  str->crit = crit;
+  str->indf = indf;
+  return code;
+}
+
+}  // namespace tqnlp

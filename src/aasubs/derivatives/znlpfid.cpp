@@ -1,0 +1,269 @@
+// znlpfid: FInite Differences. Gradients, and what all differences share.
+//
+// Method     forward and central differences with the interval digits^(-1/2), digits^(-1/3), or
+// with
+//            intervals a parameter; a point that cannot be evaluated makes the step retreat
+// Reference  Dennis and Schnabel (1983), sections 5.4 and 5.6; Gill, Murray and Wright (1981), 4.6
+// Reads      fdig, cfdh, hfwd, hcnt, nfuv, lsqu, l1nm, bounds, lb, ub, iabc
+// Writes     grad, counters; work keeps the caller's x while x stands shifted away from a bound
+// Work       wfid = func at the base point (m) | func at the plus side of a central difference (m)
+#include "aasubs/derivatives/znlpfid.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/derivatives/differences.h"
+
+namespace tqnlp {
+
+static constexpr double HALF_LOG_10 = 1.151292546497023;            // ln(10)/2
+static constexpr double DEFAULT_INTERVAL = 2.1073424255447021e-08;  // square root of 2^-51
+static constexpr double TEN_ROUNDING_UNITS = 1.110223024625157e-15;
+
+// ---- Intervals
+// ------------------------------------------------------------------------------------------
+
+double forward_interval(double digits) {
+  return digits > 0.0 ? std::exp(-HALF_LOG_10 * digits) : DEFAULT_INTERVAL;
+}
+
+double central_interval(double digits) {
+  return std::exp(2.0 * std::log(forward_interval(digits)) / 3.0);
+}
+
+bool objective_has_intervals(const MINSTR* str) { return str->cfdh == 1 || str->cfdh == 3; }
+
+bool constraints_have_intervals(const MINSTR* str) { return str->cfdh == 2 || str->cfdh == 3; }
+
+double step_floor(double xj) { return TEN_ROUNDING_UNITS * std::max(1.0, std::fabs(xj)); }
+
+double step_made(double xj, double increment) {
+  const double perturbed = xj + increment;
+  return std::max(perturbed - xj, TEN_ROUNDING_UNITS * std::fabs(xj));
+}
+
+// ---- Evaluations
+// ------------------------------------------------------------------------------------------
+
+bool call_function(MINSTR* str) {
+  const int code = str->usfct(str);
+  str->ifdr = ORDER_FUNCTION;
+  return code == 0;
+}
+
+bool call_gradient_there(MINSTR* str) {
+  const int code = str->usgrd(str);
+  str->ifdr = ORDER_GRADIENT;
+  return code == 0;
+}
+
+int return_from_shift(MINSTR* str) {
+  std::copy_n(str->work, str->nvar, str->x);
+  return call_function(str) ? 0 : -10;
+}
+
+// ---- Shift away from the bounds
+// -----------------------------------------------------------------------------
+
+// Moves x[j] for a forward step h, which keeps its sign; true if it moved.
+static bool make_room_forward(MINSTR* str, long j, double h) {
+  double& xj = str->x[j];
+  if (h > 0.0 && xj + h > str->ub[j]) {
+    xj = str->ub[j] - h;
+    return true;
+  }
+  if (h < 0.0 && xj + h < str->lb[j]) {
+    xj = str->lb[j] - h;
+    return true;
+  }
+  return false;
+}
+
+// Moves x[j] for a central step h > 0; the upper bound has priority, an interval wider than the box
+// is not detected.
+static bool make_room_central(MINSTR* str, long j, double h) {
+  double& xj = str->x[j];
+  if (xj + h > str->ub[j]) {
+    xj = str->ub[j] - h;
+    return true;
+  }
+  if (xj - h < str->lb[j]) {
+    xj = str->lb[j] + h;
+    return true;
+  }
+  return false;
+}
+
+int movx(MINSTR* str, int job, int cfdh, Side forc, double eps) {
+  if (str->bounds == 0) return 0;
+  std::copy_n(str->x, str->nvar, str->work);
+  const double* intervals = forc == Side::forward ? str->hfwd : str->hcnt;
+  bool moved = false;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] == 2) continue;
+    const double h = (std::fabs(str->x[j]) + 1.0) * (cfdh != 0 ? intervals[j] : eps);
+    moved |= forc == Side::forward ? make_room_forward(str, j, h)
+                                   : make_room_central(str, j, std::fabs(h));
+  }
+  if (!moved) return 0;
+  if (job != 0 && !call_function(str)) return -1;
+  return 1;
+}
+
+// ---- Guarded sums
+// ---------------------------------------------------------------------------------------------
+
+int tstsum(double* a, double b) {
+  if (b > 0.0 && *a >= 0.0 && (b >= SUM_CEILING || b >= SUM_CEILING - *a)) {
+    *a = HUGE_VALUE;
+    return 1;
+  }
+  if (b < 0.0 && *a <= 0.0 && (-b >= SUM_CEILING || -b >= *a + SUM_CEILING)) {
+    *a = -HUGE_VALUE;
+    return -1;
+  }
+  if (b != 0.0) *a += b;
+  return 0;
+}
+
+int tstsum2(double* a, double b, double c) {
+  if (!(std::fabs(b) <= 1.0 || std::fabs(c) <= 1.0 || std::fabs(b) < SUM_CEILING / std::fabs(c))) {
+    return 1;
+  }
+  const int code = tstsum(a, b * c);
+  return code > 0 ? 2 : code;
+}
+
+// ---- Gradient
+// -------------------------------------------------------------------------------------------------
+
+// Weight of summand i in the gradient of the objective.
+static double summand_weight(const MINSTR* str, long i) {
+  const double base = str->wfid[i];
+  if (str->lsqu != 0) return base;
+  if (str->l1nm != 0) return base > 0.0 ? 1.0 : (base < 0.0 ? -1.0 : 0.0);
+  return 1.0;
+}
+
+bool add_to_gradient(MINSTR* str, long j, const double* column) {
+  for (long i = 0; i < str->mequ; ++i) {
+    if (tstsum(&str->grad[j], column[i] * summand_weight(str, i)) != 0) return false;
+  }
+  return true;
+}
+
+// Evaluates at xj + h. After a failure the other side is tried; when that fails too, the step that
+// is now held is compared with the floor. A positive step always ends there, deliberately: only a
+// negative starting interval comes to be halved.
+static bool evaluate_forward(MINSTR* str, long j, double xj, double* h) {
+  const double floor = step_floor(xj);
+  bool other_side = false;
+  for (;;) {
+    str->x[j] = xj + *h;
+    if (call_function(str)) return true;
+    if (!other_side) {
+      *h = -*h;
+      other_side = true;
+    } else {
+      if (!(*h > floor)) return false;
+      *h *= 0.5;
+      other_side = false;
+    }
+  }
+}
+
+// Evaluates at xj + h and xj - h with the same h; crit of the plus side in *plus, its func in the
+// second half of wfid.
+static bool evaluate_both_sides(MINSTR* str, long j, double xj, double* h, double* plus) {
+  const double floor = step_floor(xj);
+  for (;;) {
+    str->x[j] = xj + *h;
+    bool good = call_function(str);
+    if (good) {
+      *plus = str->crit;
+      if (str->nfuv == 0) std::copy_n(str->func, str->mequ, str->wfid + str->mequ);
+      str->x[j] = xj - *h;
+      good = call_function(str);
+    }
+    if (good) return true;
+    if (!(*h > floor)) return false;
+    *h *= 0.5;
+  }
+}
+
+// Derivatives of the summands between two function vectors, added to grad[j].
+static bool add_differences(MINSTR* str, long j, const double* above, const double* below,
+                            double width) {
+  for (long i = 0; i < str->mequ; ++i) {
+    const double derivative = (above[i] - below[i]) / width;
+    if (tstsum(&str->grad[j], derivative * summand_weight(str, i)) != 0) return false;
+  }
+  return true;
+}
+
+static int gradient_component(MINSTR* str, long j, Side forc, double r, double crit) {
+  const double xj = str->x[j];
+  double h = step_made(xj, (std::fabs(xj) + 1.0) * r);
+  double plus = 0.0;
+  const bool good = forc == Side::forward ? evaluate_forward(str, j, xj, &h)
+                                          : evaluate_both_sides(str, j, xj, &h, &plus);
+  str->x[j] = xj;
+  if (!good) return -2;
+  const bool central = forc == Side::central;
+  const double width = central ? 2.0 * h : h;
+  if (str->nfuv != 0) {
+    const double rise = central ? plus - str->crit : str->crit - crit;
+    return tstsum(&str->grad[j], rise / width) != 0 ? -3 : 0;
+  }
+  const double* above = central ? str->wfid + str->mequ : str->func;
+  const double* below = central ? str->func : str->wfid;
+  return add_differences(str, j, above, below, width) ? 0 : -3;
+}
+
+int dograd(MINSTR* str, Side forc, double eps, double crit) {
+  vzfdl(0.0, str->grad, str->nvar);
+  const bool own = objective_has_intervals(str);
+  const double* intervals = forc == Side::forward ? str->hfwd : str->hcnt;
+  for (long j = 0; j < str->nvar; ++j) {
+    const int code = gradient_component(str, j, forc, own ? intervals[j] : eps, crit);
+    if (code != 0) return code;
+  }
+  return 0;
+}
+
+static void save_functions(MINSTR* str) {
+  if (str->nfuv == 0) std::copy_n(str->func, str->mequ, str->wfid);
+}
+
+static void restore_functions(MINSTR* str) {
+  if (str->nfuv == 0) std::copy_n(str->wfid, str->mequ, str->func);
+}
+
+static int gradient_by_differences(MINSTR* str, Side forc) {
+  if (str->nvar < 1) return 0;
+  ++str->ngrd;
+  const int indf = static_cast<int>(str->indf);
+  const double crit = str->crit;
+  str->indf = GRADIENT_STEP;
+  const double eps =
+      forc == Side::forward ? forward_interval(str->fdig) : central_interval(str->fdig);
+  const int moved = movx(str, 1, objective_has_intervals(str) ? 1 : 0, forc, eps);
+  int code = 0;
+  if (moved >= 0) {
+    save_functions(str);
+    code = dograd(str, forc, eps, str->crit);
+    if (moved == 0) restore_functions(str);
+  }
+  // From a shifted base the status of the difference is dropped: what counts is that the user's
+  // state is restored.
+  if (moved != 0) code = return_from_shift(str);
+  str->crit = crit;
+  str->indf = indf;
+  return code;
+}
+
+int znlpfig(MINSTR* str) { return gradient_by_differences(str, Side::forward); }
+
+int znlpfg2(MINSTR* str) { return gradient_by_differences(str, Side::central); }
+
+}  // namespace tqnlp

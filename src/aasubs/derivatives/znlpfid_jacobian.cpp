@@ -1,0 +1,189 @@
+// znlpfid, Jacobians: of the summands (znlpfij, znlpfj2), with their crossproduct matrix (znlpfic,
+// znlpfc2), and of the nonlinear constraints (znlpfcj, znlpfcc). The columns of the summands'
+// Jacobian go to the utility file as they are formed; grad is accumulated in the same pass.
+//
+// Work       wfid = func at the base point (m) | func at the plus side (m); func = the column
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/derivatives/differences.h"
+#include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/record/covstr.h"
+#include "host/process.h"
+
+namespace tqnlp {
+
+// ---- Jacobian of the summands
+// ----------------------------------------------------------------------------
+
+// How one of the four routines differs from the others.
+struct JacobianKind {
+  Side side;
+  bool crossproduct;
+  bool scaled_interval;  // false: the interval lacks the factor |xj| + 1 (znlpfj2, required)
+  int plus_failed;       // code when the retreat ran out at the plus side
+};
+
+// func := column j of the Jacobian. 0, or a code when the retreat ran out.
+static int difference_column(MINSTR* str, long j, const JacobianKind& kind, double r) {
+  const double xj = str->x[j];
+  double h = step_made(xj, kind.scaled_interval ? (std::fabs(xj) + 1.0) * r : r);
+  const double floor = step_floor(xj);
+  const bool central = kind.side == Side::central;
+  double* plus = str->wfid + str->mequ;
+  for (;;) {
+    int failed = 0;
+    str->x[j] = xj + h;
+    if (!call_function(str)) {
+      failed = kind.plus_failed;
+    } else if (central) {
+      std::copy_n(str->func, str->mequ, plus);
+      str->x[j] = xj - h;
+      if (!call_function(str)) failed = -2;
+    }
+    if (failed == 0) break;
+    if (!(h > floor)) {
+      str->x[j] = xj;
+      return failed;
+    }
+    h *= 0.5;
+  }
+  str->x[j] = xj;
+  for (long i = 0; i < str->mequ; ++i) {
+    str->func[i] = central ? (plus[i] - str->func[i]) / (2.0 * h)  //
+                           : (str->func[i] - str->wfid[i]) / h;
+  }
+  return 0;
+}
+
+// Row j of the crossproduct matrix from the columns on file and func. 0 or -9.
+static int add_crossproduct_row(MINSTR* str, long j) {
+  const int form = str->lsqu == 0 && str->covstr != nullptr ? str->covstr->cfrm : str->hfrm;
+  if (form != 2) {
+    return znlpjdt(str, j, str->wfid, str->func, str->hess + packed_size(j)) != 0 ? -9 : 0;
+  }
+  str->hess[j] = 0.0;
+  for (long i = 0; i < str->mequ; ++i) {
+    if (hupd(str, &str->hess[j], str->wfid[i], str->func[i], str->func[i]) != 0) return -9;
+  }
+  return 0;
+}
+
+static int jacobian_columns(MINSTR* str, const JacobianKind& kind, double eps) {
+  vzfdl(0.0, str->grad, str->nvar);
+  const bool own = objective_has_intervals(str);
+  const double* intervals = kind.side == Side::forward ? str->hfwd : str->hcnt;
+  for (long j = 0; j < str->nvar; ++j) {
+    int code = difference_column(str, j, kind, own ? intervals[j] : eps);
+    if (code != 0) return code;
+    if (!add_to_gradient(str, j, str->func)) return -3;
+    znlpjwt(str, 0, j, 1, str->func);
+    if (kind.crossproduct) code = add_crossproduct_row(str, j);
+    if (code != 0) return code;
+  }
+  return 0;
+}
+
+static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
+  if (str->nfuv != 0) xexit(EXIT_INCONSISTENT, 0);  // the summands are not available
+  ++str->nhes;
+  const int indf = static_cast<int>(str->indf);
+  const double crit = str->crit;
+  str->indf = GRADIENT_STEP;
+  const double eps =
+      kind.side == Side::forward ? forward_interval(str->fdig) : central_interval(str->fdig);
+  const int moved = movx(str, 1, objective_has_intervals(str) ? 1 : 0, kind.side, eps);
+  int code = 0;
+  if (moved >= 0) {
+    std::copy_n(str->func, str->mequ, str->wfid);
+    code = jacobian_columns(str, kind, eps);
+    // After an overflow the run is to stop: nothing is put back.
+    if (kind.crossproduct && (code == -9 || code == -3)) return code;
+    if (moved == 0) std::copy_n(str->wfid, str->mequ, str->func);
+  }
+  if (moved != 0) code = return_from_shift(str);
+  str->crit = crit;
+  str->indf = indf;
+  return code;
+}
+
+int znlpfij(MINSTR* str) { return jacobian_by_differences(str, {Side::forward, false, true, -2}); }
+
+int znlpfj2(MINSTR* str) { return jacobian_by_differences(str, {Side::central, false, false, -2}); }
+
+int znlpfic(MINSTR* str) { return jacobian_by_differences(str, {Side::forward, true, true, -2}); }
+
+int znlpfc2(MINSTR* str) { return jacobian_by_differences(str, {Side::central, true, true, -3}); }
+
+// ---- Jacobian of the nonlinear constraints
+// ----------------------------------------------------------------
+
+static bool call_constraints(MINSTR* str) {
+  str->ifdr = ORDER_FUNCTION;
+  return (str->usnlc != nullptr ? str->usnlc : str->usfct)(str) == 0;
+}
+
+// Column j of jcon at one interval; false when the retreat ran out. Forward columns hold the values
+// at the base point on entry.
+static bool constraint_column(MINSTR* str, long j, Side forc, double r) {
+  const double xj = str->x[j];
+  const long n = str->nvar;
+  double h = step_made(xj, (std::fabs(xj) + 1.0) * r);
+  const double floor = step_floor(xj);
+  const bool central = forc == Side::central;
+  for (;;) {
+    str->x[j] = xj + h;
+    bool good = call_constraints(str);
+    if (good && central) {
+      for (long i = 0; i < str->nnlc; ++i) str->jcon[i * n + j] = str->fcon[i];
+      str->x[j] = xj - h;
+      good = call_constraints(str);
+    }
+    if (good) break;
+    if (!(h > floor)) {
+      str->x[j] = xj;
+      return false;
+    }
+    h *= 0.5;
+  }
+  str->x[j] = xj;
+  for (long i = 0; i < str->nnlc; ++i) {
+    double& entry = str->jcon[i * n + j];
+    entry = central ? (entry - str->fcon[i]) / (2.0 * h) : (str->fcon[i] - entry) / h;
+  }
+  return true;
+}
+
+static int constraint_jacobian(MINSTR* str, Side forc) {
+  ++str->njnc;
+  const int indf = static_cast<int>(str->indf);
+  const double crit = str->crit;
+  str->indf = CONSTRAINT_STEP;
+  const bool own = constraints_have_intervals(str);
+  const double eps =
+      forc == Side::forward ? forward_interval(str->cdig) : central_interval(str->cdig);
+  std::copy_n(str->x, str->nvar, str->work);
+  movx(str, 0, own ? 1 : 0, forc, eps);
+  if (forc == Side::forward) {
+    // At once: indf, crit and any shift are left as they stand, the run is to stop.
+    if (!call_constraints(str) || str->tbig != 0.0) return -1;
+    for (long i = 0; i < str->nnlc; ++i) vzfdl(str->fcon[i], str->jcon + i * str->nvar, str->nvar);
+  }
+  const double* intervals = forc == Side::forward ? str->hfwd : str->hcnt;
+  bool good = true;
+  for (long j = 0; good && j < str->nvar; ++j) {
+    good = constraint_column(str, j, forc, own ? intervals[j] : eps);
+  }
+  // A retreat that ran out ends the columns and is not reported (required).
+  std::copy_n(str->work, str->nvar, str->x);
+  const bool restored = call_constraints(str);
+  str->crit = crit;
+  str->indf = indf;
+  return restored ? 0 : -10;
+}
+
+int znlpfcj(MINSTR* str) { return constraint_jacobian(str, Side::forward); }
+
+int znlpfcc(MINSTR* str) { return constraint_jacobian(str, Side::central); }
+
+}  // namespace tqnlp

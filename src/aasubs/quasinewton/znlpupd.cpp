@@ -1,0 +1,349 @@
+// znlpupd: UPDates of quasi-Newton matrices, DFP (znlpdfp) and BFGS (znlpbfg), in three forms each.
+//
+// Method     job 1: formula on the packed inverse; job 2: rank-one corrections of an L D L' factor;
+//            job 3: product form R + u v', brought back to triangular form by rotations, with
+//            Powell's damping for BFGS
+// Reference  Broyden (1970), Fletcher (1970), Goldfarb (1970), Shanno (1970); Davidon (1959),
+// Fletcher
+//            and Powell (1963); Fletcher and Powell (1974) for L D L'; Goldfarb (1976) for R;
+//            Powell (1978) for the damping; Shanno and Phua (1978) for the scaling
+// Reads      nvar, nabc, nalc, alfa
+// Writes     half, nhup (jobs 1 and 2; job 3 leaves it alone, deliberately)
+#include "aasubs/quasinewton/znlpupd.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "kernels/dense.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+static constexpr double SCALE_LOW = 0.001;  // clip of a scaling factor
+static constexpr double SCALE_HIGH = 1000.0;
+static constexpr double ROOT_EPS = 1.053671212772351e-08;    // s'y against the curvature
+static constexpr double WIDE_ANGLE = 1.110223024625157e-15;  // s'y against |s||y|
+static constexpr double DAMPING = 0.1;                       // least s'y against s'Bs
+static constexpr double ROOT_DAMPING = 0.31622776601683794;
+
+static long order_of(const MINSTR* str) { return str->nvar - str->nabc - str->nalc; }
+
+// Result 3, 2, 1 or 0: may the pair with s'y = dxg and curvature term c be used?
+static int refuse_pair(long n, double dxg, double c, const double* s, const double* y) {
+  if (!(dxg > SMALLEST_TOLERANCE) || !(c > SMALLEST_TOLERANCE)) return 3;
+  if (c <= dxg * SMALLEST_TOLERANCE) return 2;
+  if (dxg <= WIDE_ANGLE * zvenorm(n, 1, s) * zvenorm(n, 1, y)) return 1;
+  return 0;
+}
+
+static double clip_scale(double factor) { return std::clamp(factor, SCALE_LOW, SCALE_HIGH); }
+
+static void scale_diagonal(long n, double* c, double factor) {
+  for (long i = 0; i < n; ++i) c[zisub(i, i)] *= factor;
+}
+
+// ---- Job 1: packed inverse
+// ------------------------------------------------------------------------------------
+
+static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
+  const long n = order_of(str);
+  if (iscl == 1 && str->alfa > HUNDRED_EPS) zvscl11(packed_size(n), h, clip_scale(str->alfa));
+  znlpsmv(n, nullptr, h, y, ph);
+  const double ghg = zvdot11(n, y, ph);
+  const double dxg = dotprd(n, s, y);
+  if (const int refused = refuse_pair(n, dxg, ghg, s, y); refused != 0) return refused;
+  ++str->nhup;
+  double* row = h;
+  for (long i = 0; i < n; row += ++i) {
+    const double a = s[i] / dxg;
+    const double b = ph[i] / ghg;
+    for (long j = 0; j <= i; ++j) row[j] += a * s[j] - b * ph[j];
+  }
+  return 0;
+}
+
+static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
+  const long n = order_of(str);
+  znlpsmv(n, nullptr, h, y, ph);
+  double ghg = dotprd(n, y, ph);
+  const double dxg = dotprd(n, s, y);
+  if (iscl == 1 && dxg > ROOT_EPS * ghg && ghg > HUNDRED_EPS) {
+    zvscl11(packed_size(n), h, clip_scale(dxg / ghg));
+    znlpsmv(n, nullptr, h, y, ph);
+    ghg = zvdot11(n, y, ph);
+  }
+  if (const int refused = refuse_pair(n, dxg, ghg, s, y); refused != 0) return refused;
+  ++str->nhup;
+  const double growth = 1.0 + ghg / dxg;
+  double* row = h;
+  for (long i = 0; i < n; row += ++i) {
+    const double a = s[i] * growth / dxg - ph[i] / dxg;
+    const double b = s[i] / dxg;
+    for (long j = 0; j <= i; ++j) row[j] += a * s[j] - b * ph[j];
+  }
+  return 0;
+}
+
+// ---- Job 2: L D L'
+// ---------------------------------------------------------------------------------------------
+
+static int dudfpup(MINSTR* str, int iscl, double* s, double* y, double* c, double* bs,
+                   double* work) {
+  const long n = order_of(str);
+  if (iscl == 1 && str->alfa > HUNDRED_EPS) {
+    scale_diagonal(n, c, clip_scale(1.0 / str->alfa));
+  }
+  std::copy_n(s, n, bs);
+  znlpmmu(str, 1, n, c, bs);
+  const double dbd = dotprd(n, s, bs);
+  const double dxg = dotprd(n, s, y);
+  if (const int refused = refuse_pair(n, dxg, dbd, s, y); refused != 0) return refused;
+  ++str->nhup;
+  for (long i = 0; i < n; ++i) s[i] = y[i] / dxg - bs[i] / dbd;
+  long rank = ldlupd(n, 0, -n, 0.0, -1.0 / dbd, c, bs, work);
+  rank = ldlupd(n, 0, -rank, 0.0, 1.0 / dxg, c, y, work);
+  rank = ldlupd(n, 0, -rank, 0.0, dbd, c, s, work);
+  if (rank < n) return -1;
+  return rank >= n ? 0 : -2;
+}
+
+static int dubfgsup(MINSTR* str, int iscl, double* s, double* y, double* c, double* bs,
+                    double* work) {
+  const long n = order_of(str);
+  std::copy_n(s, n, bs);
+  znlpmmu(str, 1, n, c, bs);
+  const double dxg = dotprd(n, s, y);
+  double dbd = dotprd(n, s, bs);
+  if (iscl == 1 && dxg > ROOT_EPS * dbd && dbd > HUNDRED_EPS) {
+    scale_diagonal(n, c, clip_scale(dxg / dbd));
+    std::copy_n(s, n, bs);
+    znlpmmu(str, 1, n, c, bs);
+    dbd = dotprd(n, s, bs);
+  }
+  if (const int refused = refuse_pair(n, dxg, dbd, s, y); refused != 0) return refused;
+  ++str->nhup;
+  long rank = ldlupd(n, 0, -n, 0.0, -1.0 / dbd, c, bs, work);
+  rank = ldlupd(n, 0, -rank, 0.0, 1.0 / dxg, c, y, work);
+  return rank < n ? -1 : 0;
+}
+
+// Solves L p = y for the columns with a positive pivot; returns 1/sig + sum of p_j^2 / d_j.
+static double forward_substitute(long n, double start, const double* c, const double* y,
+                                 double* p) {
+  double sum = start;
+  for (long i = 0; i < n; ++i) {
+    const double* row = c + packed_size(i);
+    double value = y[i];
+    for (long j = 0; j < i; ++j) value -= row[j] * p[j];
+    p[i] = row[i] > 0.0 ? value : 0.0;
+    if (row[i] > 0.0) sum += p[i] * p[i] / row[i];
+  }
+  return sum;
+}
+
+static double sum_of_given(long n, double start, const double* c, const double* p) {
+  double sum = start;
+  for (long j = 0; j < n; ++j) {
+    const double d = c[zisub(j, j)];
+    if (d != 0.0) sum += p[j] * p[j] / d;
+  }
+  return sum;
+}
+
+// Prepares a correction that subtracts: p receives the values of t before each column. Returns true
+// when the forward sweep is to use them.
+static bool prepare_subtraction(long n, int mk, long* ir, double eps, double sig, const double* c,
+                                const double* y, double* p, double* t) {
+  const double s = mk == 0 ? forward_substitute(n, *t, c, y, p) : sum_of_given(n, *t, c, p);
+  if (*ir <= 0) {
+    *ir = -1 - *ir;
+    *t = 0.0;
+  } else if (s > 0.0) {
+    *t = eps / sig;
+    if (eps == 0.0) --*ir;
+  } else if (mk >= 2) {
+    *t = s;
+  } else {
+    return false;
+  }
+  for (long j = n - 1; j >= 0; --j) {
+    const double v = p[j];
+    const double d = c[zisub(j, j)];
+    p[j] = *t;
+    if (d != 0.0) *t -= v * v / d;
+  }
+  return true;
+}
+
+// Corrects the columns of L below a pivot that is multiplied by q. Of the two equivalent forms the
+// constant 4 selects the more stable one.
+static void correct_column(long n, long j, double q, double t, double r, double v, double w,
+                           double* c, double* y) {
+  static constexpr double FORMS_MEET = 4.0;
+  w /= r;
+  if (q <= FORMS_MEET) {
+    for (long i = j + 1; i < n; ++i) {
+      double& l = c[packed_size(i) + j];
+      const double e = y[i] - l * v;
+      l += w * e;
+      y[i] = e;
+    }
+    return;
+  }
+  const double u = t / r;
+  for (long i = j + 1; i < n; ++i) {
+    double& entry = c[packed_size(i) + j];
+    const double l = entry;
+    entry = y[i] * w + l * u;
+    y[i] -= l * v;
+  }
+}
+
+long ldlupd(long n, int mk, long ir, double eps, double sig, double* c, double* y, double* p) {
+  if (sig == 0.0) return std::labs(ir);
+  if (n == 1) {
+    c[0] += sig * y[0] * y[0];
+    return std::labs(ir);
+  }
+  double t = 1.0 / sig;
+  const bool prepared = sig <= 0.0 && prepare_subtraction(n, mk, &ir, eps, sig, c, y, p, &t);
+  for (long j = 0; j < n; ++j) {
+    double& d = c[zisub(j, j)];
+    const double v = y[j];
+    if (!(d > 0.0)) {
+      // An empty column takes the rest of y: the rank rises by one.
+      if (ir <= 0 && sig >= 0.0 && v != 0.0) {
+        d = v * v / t;
+        for (long i = j + 1; i < n; ++i) c[packed_size(i) + j] = y[i] / v;
+        return 1 - ir;
+      }
+      continue;
+    }
+    const double w = v / d;
+    const double r = prepared ? p[j] : v * w + t;
+    const double q = r / t;
+    d *= q;
+    if (q == 0.0 || j == n - 1) break;
+    correct_column(n, j, q, t, r, v, w, c, y);
+    t = r;
+  }
+  return std::labs(ir);
+}
+
+// ---- Job 3: R'R
+// -------------------------------------------------------------------------------------------------
+
+// to := R from (job 17), R' from (job 18), or the solution of R' to = from (job 8).
+static void apply_factor(int job, long n, const double* r, const double* from, double* to) {
+  zqrsol(job, n, 1, 1, n, n, nullptr, r, from, to, nullptr, nullptr);
+}
+
+static int uvbfgs(MINSTR* str, int iscl, const double* s, const double* y, double* r, double* uvec,
+                  double* vvec) {
+  const long n = order_of(str);
+  apply_factor(17, n, r, s, uvec);
+  double dbd = zvdot11(n, uvec, uvec);
+  const double dxg = zvdot11(n, y, s);
+  if (iscl == 1 && dxg > EPS * dbd && dbd > HUNDRED_EPS) {
+    zvscl11(packed_size(n), r, clip_scale(std::sqrt(dxg / dbd)));
+    apply_factor(17, n, r, s, uvec);
+    dbd = zvdot11(n, uvec, uvec);
+  }
+  if (!(dbd > SMALLEST_TOLERANCE)) return 3;
+  apply_factor(18, n, r, uvec, vvec);
+  double cy = 0.0;
+  double cs = 1.0 / dbd;
+  if (dxg < DAMPING * dbd) {
+    const double theta = 0.9 * dbd / (dbd - dxg);
+    cy = theta / (ROOT_DAMPING * dbd);
+    cs = ((theta - 1.0) / ROOT_DAMPING + 1.0) / dbd;
+  } else {
+    cy = 1.0 / (std::sqrt(dxg) * std::sqrt(dbd));
+  }
+  for (long i = 0; i < n; ++i) vvec[i] = cy * y[i] - cs * vvec[i];
+  return 0;
+}
+
+static int uvdfp(MINSTR* str, int iscl, const double* s, const double* y, double* r, double* uvec,
+                 double* vvec) {
+  const long n = order_of(str);
+  if (iscl == 1 && str->alfa > HUNDRED_EPS) {
+    double factor = 1.0 / std::sqrt(str->alfa);
+    if (str->alfa > 10000.0) factor = 0.01;
+    if (str->alfa < 0.0001) factor = 100.0;
+    zvscl11(packed_size(n), r, factor);
+  }
+  apply_factor(8, n, r, y, uvec);
+  const double yhy = zvdot11(n, uvec, uvec);
+  const double dxg = zvdot11(n, y, s);
+  if (const int refused = refuse_pair(n, dxg, yhy, s, y); refused != 0) return refused;
+  apply_factor(17, n, r, s, vvec);
+  const double t1 = std::sqrt(yhy);
+  const double t2 = std::sqrt(dxg);
+  for (long i = 0; i < n; ++i) {
+    uvec[i] = (uvec[i] / t1 - vvec[i] / t2) / t2;
+    vvec[i] = y[i];
+  }
+  return 0;
+}
+
+// Rotates rows a1 and a2 of R in columns k to n-1: column j stands at packed_size(j).
+static void rotate_rows(long k, long n, double cosine, double sine, long a1, long a2, double* r) {
+  for (long j = k; j < n; ++j) {
+    double* column = r + packed_size(j);
+    const double upper = column[a1];
+    column[a1] = cosine * upper + sine * column[a2];
+    column[a2] = cosine * column[a2] - sine * upper;
+  }
+}
+
+void llupdat(long n, double* half, double* uvec, const double* vvec, double* wvec) {
+  long k = n - 1;
+  while (k >= 0 && uvec[k] == 0.0) --k;
+  if (k < 0) return;
+  double c = 0.0, s = 0.0;
+  vzfdl(0.0, wvec, n);
+  // Upward: u becomes a multiple of the first unit vector, R an upper Hessenberg matrix with its
+  // sub-diagonal in wvec.
+  for (long i = k - 1; i >= 0; --i) {
+    zgivcon(&uvec[i], &uvec[i + 1], &c, &s);
+    double& corner = half[zisub(i, i)];
+    wvec[i + 1] = -s * corner;
+    corner *= c;
+    rotate_rows(i + 1, n, c, s, i, i + 1, half);
+  }
+  for (long j = 0; j < n; ++j) half[packed_size(j)] += uvec[0] * vvec[j];
+  // Downward: the sub-diagonal is rotated away.
+  for (long i = 0; i < k; ++i) {
+    zgivcon(&half[zisub(i, i)], &wvec[i + 1], &c, &s);
+    rotate_rows(i + 1, n, c, s, i, i + 1, half);
+  }
+}
+
+// ---- Entries
+// ------------------------------------------------------------------------------------------------------
+
+int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
+            double* vvec, double* wvec) {
+  const long n = order_of(str);
+  if (n == 0) return 0;
+  if (job == 1) return dfpupd(str, iscl, xdif, gdif, half, uvec);
+  if (job == 2) return dudfpup(str, iscl, xdif, gdif, half, uvec, wvec);
+  const int code = uvdfp(str, iscl, xdif, gdif, half, uvec, vvec);
+  if (code == 0) llupdat(n, half, uvec, vvec, wvec);
+  return code;
+}
+
+int znlpbfg(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
+            double* vvec, double* wvec) {
+  const long n = order_of(str);
+  if (n == 0) return 0;
+  if (job == 1) return bfgsupd(str, iscl, xdif, gdif, half, uvec);
+  if (job == 2) return dubfgsup(str, iscl, xdif, gdif, half, uvec, wvec);
+  const int code = uvbfgs(str, iscl, xdif, gdif, half, uvec, vvec);
+  if (code == 0) llupdat(n, half, uvec, vvec, wvec);
+  return code;
+}
+
+}  // namespace tqnlp

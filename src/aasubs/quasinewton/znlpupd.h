@@ -1,0 +1,30 @@
+// Quasi-Newton updates (source znlpupd).
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+// Updates the matrix in half by the pair xdif (step s) and gdif (change of the gradient y), in the
+// reduced space of order nzmm = nvar - nabc - nalc.
+//   job 1  inverse Hessian, packed symmetric
+//   job 2  Hessian as L D L', packed, D on the diagonal
+//   job 3  (and any other) Hessian as R'R, R upper triangular packed by columns
+//   iscl 1 rescales the matrix first; the scaling stays also when the update is then refused
+//   uvec, vvec, wvec  work, nzmm doubles each; job 2 destroys xdif and gdif
+// Returns 0 updated; 1, 2, 3 skipped (angle of s and y too wide, curvature negligible, curvature
+// not positive); -1, -2 the factor lost rank and must be restarted.
+int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
+            double* vvec, double* wvec);
+int znlpbfg(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
+            double* vvec, double* wvec);
+
+// Rank-one correction c + sig y y' of a packed L D L' factor of order n; y is destroyed, p (n) is
+// work and, with mk above 0, the solution of L p = y on entry. ir above 0: the rank is to be kept;
+// else the matrix of rank |ir| is known to be singular. Returns the new rank.
+long ldlupd(long n, int mk, long ir, double eps, double sig, double* c, double* y, double* p);
+
+// Brings R + u v' back to triangular form: R packed by columns, of order n; wvec (n) is work.
+void llupdat(long n, double* half, double* uvec, const double* vvec, double* wvec);
+
+}  // namespace tqnlp

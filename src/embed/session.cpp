@@ -1,0 +1,343 @@
+// session: the public Session. It finds a subroutine in the module's table, looks at the arguments,
+// runs the entry within a frame of its own, and turns the ways in which a call can end into results
+// and exceptions.
+//
+// Order matters at the end of a call. The results and the lines of the log are taken out of the
+// frame first; then the frame goes, with all that the call left behind; only then is an exception
+// thrown, so that a program that catches it finds the session free for the next call. An exception
+// of a module outranks all other ends: it is their cause.
+#include <cfenv>
+#include <cstring>
+
+#include "aasubs/control/znlpdrv.h"
+#include "embed/task.h"
+#include "front/tqxnlp.h"
+#include "host/memory.h"
+
+namespace tqnlp {
+
+using embed::Frame;
+using embed::Task;
+
+static constexpr std::size_t LONGEST_NAME = 32;
+
+// ---- The module's table -------------------------------------------------------------------------
+
+static constexpr int REQUEST_TABLE = 1;
+static constexpr int REQUEST_ENTRIES = 2;
+static constexpr int ARGUMENT_BITS = 3;  // of a kind in fargi
+static constexpr long NAME_CODE = 2;
+
+// An answer of qorinlp, given back at the end of its scope.
+template <class Answer>
+class Requested {
+ public:
+  explicit Requested(int request) : answer_(static_cast<Answer*>(qorinlp(request))) {}
+  ~Requested() { vmfree_handler(answer_); }
+  Requested(const Requested&) = delete;
+  Requested& operator=(const Requested&) = delete;
+  const Answer* operator->() const { return answer_; }
+
+ private:
+  Answer* answer_;
+};
+
+// A row of the table in the words of the public interface.
+static Subroutine description(const FNCITEM& item) {
+  Subroutine subroutine;
+  subroutine.name.assign(item.fncname, strnlen(item.fncname, sizeof item.fncname));
+  subroutine.fewest = item.fncstr.fmin;
+  subroutine.most = item.fncstr.fmax;
+  const long kind_mask = (1L << ARGUMENT_BITS) - 1;
+  for (int k = 0; k < item.fncstr.fmax; ++k) {
+    const long kind = (item.fncstr.fargi >> (ARGUMENT_BITS * k)) & kind_mask;
+    subroutine.arguments.push_back(kind == NAME_CODE ? Subroutine::Argument::name
+                                                     : Subroutine::Argument::matrix);
+  }
+  return subroutine;
+}
+
+static std::vector<Subroutine> table_of_module() {
+  std::vector<Subroutine> list;
+  const Requested<FNCUSR> table(REQUEST_TABLE);
+  for (long i = 0; i < table->nfnc; ++i) list.push_back(description(table->fncitem[i]));
+  return list;
+}
+
+// The table is memory of a host: a task for the moment lends it.
+std::vector<Subroutine> Session::subroutines() {
+  Task task;
+  const embed::Activation activation(task);
+  return table_of_module();
+}
+
+// ---- Refusals before the entry ------------------------------------------------------------------
+
+static std::string count_text(std::size_t count, const char* thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
+static std::string names_of(const std::vector<Subroutine>& table) {
+  std::string names;
+  for (const Subroutine& row : table) names += (names.empty() ? "" : ", ") + row.name;
+  return names;
+}
+
+// What is wrong with an argument of this position (from 0); empty when nothing is.
+static std::string argument_fault(const Subroutine& row, std::size_t k, const Matrix& argument) {
+  const bool wants_name = row.arguments[k] == Subroutine::Argument::name;
+  if (argument.empty() || argument.is_character() == wants_name) return "";
+  const std::string place = row.name + ": argument " + std::to_string(k + 1);
+  if (wants_name)
+    return place + " must be the name of a module, not a numeric " +
+           std::to_string(argument.rows()) + "x" + std::to_string(argument.cols()) + " matrix.";
+  return place + " must be a numeric matrix, not the name \"" + argument.text() + "\".";
+}
+
+// What is wrong with the list of arguments; empty when nothing is.
+static std::string arguments_fault(const Subroutine& row, const std::vector<Matrix>& arguments) {
+  const auto count = static_cast<int>(arguments.size());
+  if (count < row.fewest)
+    return row.name + ": at least " + count_text(static_cast<std::size_t>(row.fewest), "argument") +
+           " must be given, not " + std::to_string(count) + ".";
+  if (count > row.most)
+    return row.name + ": at most " + count_text(static_cast<std::size_t>(row.most), "argument") +
+           " may be given, not " + std::to_string(count) + ".";
+  for (std::size_t k = 0; k < arguments.size(); ++k) {
+    std::string fault = argument_fault(row, k, arguments[k]);
+    if (!fault.empty()) return fault;
+  }
+  return "";
+}
+
+// ---- A call -------------------------------------------------------------------------------------
+
+static constexpr int BAD_ARGUMENT = 6;
+
+// How a call ended: results, or one of the three other ways.
+struct Outcome {
+  std::vector<Matrix> results;
+  int entry_code = 0;         // what the entry returned
+  int exit_code = 0;          // of xexit
+  std::string refusal;        // text of a refusal before the entry ran
+  std::exception_ptr thrown;  // by a module
+  std::vector<LogRecord> log;
+};
+
+static const char* meaning_of_entry(int code) {
+  switch (code) {
+    case 1:
+      return "out of memory";
+    case 3:
+      return "a named module does not exist";
+    case BAD_ARGUMENT:
+      return "bad argument";
+    case 100:
+      return "the report object could not be made";
+    default:
+      return "not told";
+  }
+}
+
+static const char* meaning_of_exit(int code) {
+  switch (code) {
+    case EXIT_NO_MEMORY:
+      return "no memory for the table of subroutines";
+    case EXIT_WORK_FILE:
+      return "a work file failed";
+    case EXIT_INCONSISTENT:
+      return "an internal inconsistency";
+    default:
+      return "not told";
+  }
+}
+
+// The text with the warnings and errors of the call, each on a line of its own.
+static std::string with_log_lines(std::string text, const std::vector<LogRecord>& log) {
+  for (const LogRecord& line : log)
+    if (line.severity != Severity::note) text += "\n  " + line.text;
+  return text;
+}
+
+// Runs the entry of a row. The order of the entries is that of the rows.
+static int run_entry(std::size_t row, std::vector<Matrix> arguments) {
+  const Requested<FNCENT> entries(REQUEST_ENTRIES);
+  std::vector<TQLARG> held;
+  held.reserve(arguments.size());
+  for (Matrix& argument : arguments) held.push_back({std::move(argument)});
+  std::vector<TQLARG*> handles;
+  handles.reserve(held.size());
+  for (TQLARG& argument : held) handles.push_back(&argument);
+  long count = static_cast<long>(handles.size());
+  return entries->entry[row](handles.data(), &count);
+}
+
+// A refusal is also a line of the log, where a reader of reports finds it.
+static void find_and_run(Task& task, const std::string& name, std::vector<Matrix> arguments,
+                         Outcome& outcome) {
+  const std::vector<Subroutine> table = table_of_module();
+  std::size_t row = 0;
+  while (row < table.size() && table[row].name != name) ++row;
+  outcome.refusal = row == table.size() ? "There is no subroutine \"" + name + "\"; there are " +
+                                              names_of(table) + "."
+                                        : arguments_fault(table[row], arguments);
+  if (outcome.refusal.empty())
+    outcome.entry_code = run_entry(row, std::move(arguments));
+  else
+    embed::add_log(task, 0, 0, Severity::error, outcome.refusal);
+}
+
+// What an exception says of itself.
+static std::string exception_text(const std::exception_ptr& thrown) {
+  try {
+    std::rethrow_exception(thrown);
+  } catch (const std::exception& error) {
+    return std::string(": ") + error.what();
+  } catch (...) {
+    return ".";
+  }
+}
+
+// Says in the log why a call broke off.
+static void log_early_end(Task& task, const Frame& frame, int exit_code) {
+  if (frame.thrown != nullptr)
+    embed::add_log(task, 0, 0, Severity::error,
+                   "Module " + frame.thrown_by + " threw an exception, which ended the run" +
+                       exception_text(frame.thrown));
+  if (exit_code != 0)
+    embed::add_log(task, 0, 0, Severity::error,
+                   "The call ended with exit code " + std::to_string(exit_code) + ": " +
+                       meaning_of_exit(exit_code) + ".");
+}
+
+// Runs a call in a frame of its own. The frame is gone when this returns.
+static Outcome run_call(Task& task, const std::string& name, std::vector<Matrix> arguments) {
+  Outcome outcome;
+  const embed::FrameScope scope(task);
+  Frame& frame = task.frame();
+  try {
+    find_and_run(task, name, std::move(arguments), outcome);
+  } catch (const embed::ExitRequest& request) {
+    outcome.exit_code = request.code;
+  } catch (const embed::MathResume&) {  // to a point that is gone
+    outcome.exit_code = EXIT_INCONSISTENT;
+  }
+  log_early_end(task, frame, outcome.exit_code);
+  embed::hand_on_open_tables(task);
+  outcome.thrown = frame.thrown;
+  outcome.results.assign(std::make_move_iterator(frame.results.begin()),
+                         std::make_move_iterator(frame.results.end()));
+  outcome.log.assign(task.log.begin() + static_cast<std::ptrdiff_t>(frame.first_log),
+                     task.log.end());
+  return outcome;
+}
+
+// A call leaves the floating-point flags of its caller as they were: its own arithmetic must not
+// look like an error of a module that makes the call.
+class FlagKeeper {
+ public:
+  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  FlagKeeper(const FlagKeeper&) = delete;
+  FlagKeeper& operator=(const FlagKeeper&) = delete;
+
+ private:
+  std::fexcept_t flags_;
+};
+
+std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> arguments) {
+  Task& task = *task_;
+  const std::unique_lock lock(task.in_use, std::try_to_lock);
+  if (!lock.owns_lock())
+    throw std::logic_error("Session: another thread is running a call on this session");
+  const embed::Activation activation(task);
+  const FlagKeeper flags;
+  if (task.frames.size() == 1) {
+    task.log.clear();
+    task.tables.clear();
+    task.printed.clear();
+    task.printed_after.clear();
+  }
+  const std::string name = embed::language_name(std::move(subroutine));
+  Outcome outcome = run_call(task, name, std::move(arguments));
+  if (outcome.thrown != nullptr) std::rethrow_exception(std::move(outcome.thrown));
+  if (outcome.exit_code != 0) {
+    const std::string text = with_log_lines(name + " could not go on:", outcome.log);
+    throw FatalError(outcome.exit_code, text, std::move(outcome.log));
+  }
+  if (!outcome.refusal.empty())
+    throw CallError(BAD_ARGUMENT, outcome.refusal, std::move(outcome.log));
+  if (outcome.entry_code != 0) {
+    const std::string text = name + " refused the call: " + meaning_of_entry(outcome.entry_code) +
+                             " (code " + std::to_string(outcome.entry_code) + ")";
+    const std::string lines = with_log_lines(text, outcome.log);
+    throw CallError(outcome.entry_code, lines, std::move(outcome.log));
+  }
+  return std::move(outcome.results);
+}
+
+// ---- The rest of a session ----------------------------------------------------------------------
+
+Session::Session() : task_(std::make_unique<Task>()) {}
+Session::~Session() = default;
+Session::Session(Session&&) noexcept = default;
+Session& Session::operator=(Session&&) noexcept = default;
+
+// The name as the language keeps it, or a refusal.
+static std::string checked_name(std::string name) {
+  std::string kept = embed::language_name(std::move(name));
+  if (kept.empty() || kept.size() > LONGEST_NAME)
+    throw std::invalid_argument("Session: the name of a module must have 1 to 32 characters, \"" +
+                                kept + "\" has " + std::to_string(kept.size()));
+  return kept;
+}
+
+// Puts a module in its place; returns it for its body to be set.
+static TQLMOD& new_module(Task& task, std::string name, int kind, bool has_body) {
+  std::string kept = checked_name(std::move(name));
+  if (!has_body) throw std::invalid_argument("Session: the body of module " + kept + " is empty");
+  auto made = std::make_shared<TQLMOD>();
+  made->name = kept;
+  made->kind = kind;
+  return *(task.modules[kept] = std::move(made));
+}
+
+void Session::module(std::string name, Function body) {
+  TQLMOD& made = new_module(*task_, std::move(name), MODULE_FUNCTION, body != nullptr);
+  made.function = std::move(body);
+}
+
+void Session::termination_module(std::string name, Termination body) {
+  TQLMOD& made = new_module(*task_, std::move(name), MODULE_TERMINATION, body != nullptr);
+  made.termination = std::move(body);
+}
+
+bool Session::remove_module(const std::string& name) {
+  return task_->modules.erase(embed::language_name(name)) > 0;
+}
+
+bool Session::has_module(const std::string& name) const {
+  return task_->modules.contains(embed::language_name(name));
+}
+
+const std::vector<LogRecord>& Session::log() const { return task_->log; }
+const std::vector<Table>& Session::tables() const { return task_->tables; }
+const std::vector<LogRecord>& Session::printed() const { return task_->printed; }
+
+// A copy: the variable may change at the next iteration.
+Matrix Session::variable(std::string name) const {
+  const auto place = task_->variables.find(embed::language_name(std::move(name)));
+  if (place == task_->variables.end()) return Matrix();
+  const TQLSYM& symbol = place->second;
+  if (symbol.kind != NUMERIC || symbol.data == nullptr) return Matrix();
+  return Matrix(symbol.rows, symbol.cols,
+                std::vector<double>(symbol.data, symbol.data + symbol.rows * symbol.cols));
+}
+
+void Session::debug_option(std::string name, int value) {
+  task_->debug_options[std::move(name)] = value;
+}
+
+void Session::trap_math_errors(bool on) { task_->math_error = on ? znlpmer : nullptr; }
+
+}  // namespace tqnlp

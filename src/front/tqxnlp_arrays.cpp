@@ -1,0 +1,270 @@
+// tqxnlp, the arrays of a run. The table below is the one list of them: a row holds the field, the
+// number of elements (0: this run has no such array) and, for a block that holds several arrays,
+// the step that sets the references into it.
+//
+// With nonlinear constraints every size is that of a problem with one more parameter: the quadratic
+// subproblem carries a slack.
+#include "front/tqxnlp_arrays.h"
+
+#include <algorithm>
+#include <limits>
+#include <type_traits>
+#include <variant>
+
+#include "front/argmts.h"
+#include "host/files.h"
+#include "host/log.h"
+#include "host/memory.h"
+#include "host/process.h"
+
+namespace tqnlp {
+
+namespace {
+
+// What sizes depend on.
+struct Sizes {
+  const MINSTR* str;
+  long n;         // order of the arrays
+  long packed;    // packed size of that order
+  long nonzeros;  // coefficients of the linear constraints
+  bool bounds;
+  bool linear;
+  bool nonlinear;
+};
+
+}  // namespace
+
+static bool general(const Sizes& s) { return s.linear || s.nonlinear; }
+
+// Only a run that may optimize has a technique; NLPFEA has none.
+static bool has_technique(const Sizes& s) { return s.str->tech != 0; }
+
+static bool second_order(const Sizes& s) { return s.str->tech >= 2 && s.str->tech <= 4; }
+
+static constexpr int NEWRAP = 3;
+static constexpr int NRRIDG = 4;
+static constexpr int LEVMAR = 8;
+static constexpr int DBLDOG = 9;
+static constexpr int HYQUAN = 12;
+static constexpr int CONGRA = 13;
+static constexpr int QUADRATIC_SEARCH = 12;  // line search of least squares that keeps func apart
+
+static constexpr long DETERMINANT = 5;  // doubles at the head of the block det
+static constexpr long VECTORS_BEHIND_DET = 6;
+static constexpr long TERMINATION_COUNTS = 30;
+
+// Length of the second work vector without nonlinear constraints.
+static long technique_work(const MINSTR* str, long n) {
+  switch (str->tech) {
+    case 2:
+      return 4 * n;
+    case NEWRAP:
+      return 2 * n;
+    case NRRIDG:
+      return 6 * n;
+    case LEVMAR:
+      return std::max(7 * n, str->secstr->igmod != 0 ? str->mequ : 0);
+    case DBLDOG:
+      return 7 * n;
+    case 10:
+    case 11:
+      return n;
+    case HYQUAN:
+      return std::max(2 * n, str->secstr->igmod != 0 ? str->mequ : 0);
+    case CONGRA:
+      return str->tupd < 2 ? 3 * n : n;
+    default:
+      return 0;
+  }
+}
+
+// With nonlinear constraints wrk2 holds the quadratic subproblem's matrix and vectors.
+static long work_length(const Sizes& s) {
+  if (!s.nonlinear) return technique_work(s.str, s.n);
+  const long ntco = s.str->ntco;
+  return s.packed + 4 * ntco + 3 * s.n + 2 * std::max(s.n, ntco);
+}
+
+// func and, behind it, fold; the quadratic line search keeps two more copies.
+static long function_values(const Sizes& s) {
+  if (s.str->lsqu == 0) return 2;
+  const bool search_keeps = s.str->tech == HYQUAN && s.str->tlin == QUADRATIC_SEARCH;
+  return (search_keeps ? 4 : 2) * s.str->mequ;
+}
+
+// wfid: saved function values and one column of differences.
+static long difference_work(const Sizes& s) {
+  if (s.str->fidi == 0) return 0;
+  if (s.str->lsqu != 0) return std::max(2 * s.str->mequ, s.str->mequ + s.n);
+  return std::max(2L, s.n + 1);
+}
+
+// ---- Blocks that hold several arrays ------------------------------------------------------------
+
+static void divide_det(MINSTR* str, const Sizes& s) {
+  str->x = str->det + DETERMINANT;
+  str->work = str->x + s.n;
+  str->grad = str->work + s.n;
+  str->xold = str->grad + s.n;
+  str->gold = str->xold + s.n;
+  str->sdir = str->gold + s.n;
+}
+
+static void divide_func(MINSTR* str, const Sizes& s) {
+  str->fold = str->func + (s.str->lsqu != 0 ? s.str->mequ : 1);
+}
+
+static void divide_intervals(MINSTR* str, const Sizes& s) { str->hcnt = str->hfwd + s.n; }
+
+static void divide_bounds(MINSTR* str, const Sizes& s) { str->ub = str->lb + s.n; }
+
+static void divide_alcn(MINSTR* str, const Sizes& s) { str->blcn = str->alcn + s.nonzeros; }
+
+static void divide_naco(MINSTR* str, const Sizes& s) { str->jalc = str->naco + s.str->ncon; }
+
+static void divide_gpro(MINSTR* str, const Sizes& s) {
+  str->lagm = str->gpro + s.n;
+  str->dcds = str->lagm + s.n;
+  str->awrk = str->dcds + 2 * s.n;
+  str->qlcn = str->awrk + s.n;
+  str->llcn = str->qlcn + s.n * s.n;
+}
+
+// A working set may hold every constraint, and never needs more than it or n.
+static long working_set(const Sizes& s) { return std::max(s.str->ntco, s.n); }
+
+static void divide_iact(MINSTR* str, const Sizes& s) { str->liwk = str->iact + working_set(s); }
+
+static void divide_fcon(MINSTR* str, const Sizes& s) { str->jcon = str->fcon + s.str->nnlc; }
+
+static void mark_hess(MINSTR* str, const Sizes&) { str->hesalo = 1; }
+static void mark_hpro(MINSTR* str, const Sizes&) { str->hpralo = 1; }
+static void mark_half(MINSTR* str, const Sizes&) { str->hlfalo = 1; }
+
+static void start_permutation(MINSTR* str, const Sizes& s) {
+  for (long j = 0; j < s.n; ++j) str->ifxr[j] = j;
+}
+
+// ---- The table ----------------------------------------------------------------------------------
+
+namespace {
+
+using Field =
+    std::variant<double * MINSTR::*, long * MINSTR::*, int * MINSTR::*, short * MINSTR::*>;
+
+struct RunArray {
+  Field field;
+  long (*count)(const Sizes& s);                // elements; 0: not in this run
+  void (*divide)(MINSTR* str, const Sizes& s);  // what follows once it is there; or null
+};
+
+}  // namespace
+
+static constexpr RunArray ARRAYS[] = {
+    {&MINSTR::toln, [](const Sizes& s) { return has_technique(s) ? TERMINATION_COUNTS : 0; },
+     nullptr},
+    {&MINSTR::det, [](const Sizes& s) { return VECTORS_BEHIND_DET * s.n + DETERMINANT; },
+     divide_det},
+    {&MINSTR::func, function_values, divide_func},
+    {&MINSTR::ipiv, [](const Sizes& s) { return s.n; }, nullptr},
+    {&MINSTR::iwk, [](const Sizes& s) { return (s.nonlinear ? 3 : 1) * s.n + 1; }, nullptr},
+    {&MINSTR::wrk2, work_length, nullptr},
+    {&MINSTR::hess,
+     [](const Sizes& s) { return has_technique(s) && s.str->tech != CONGRA ? s.packed : 0; },
+     mark_hess},
+    {&MINSTR::dsca,
+     [](const Sizes& s) { return s.str->tech == DBLDOG || second_order(s) ? s.n : 0; }, nullptr},
+    {&MINSTR::wfid, difference_work, nullptr},
+    {&MINSTR::hfwd, [](const Sizes& s) { return s.str->cfdh != 0 ? 2 * s.n : 0; },
+     divide_intervals},
+    {&MINSTR::ofco, [](const Sizes& s) { return s.str->cfdh != 0 ? s.n : 0; }, nullptr},
+    {&MINSTR::ifxr, [](const Sizes& s) { return s.bounds || general(s) ? s.n : 0; },
+     start_permutation},
+    {&MINSTR::iabc, [](const Sizes& s) { return s.bounds || general(s) ? s.n : 0; }, nullptr},
+    {&MINSTR::lb, [](const Sizes& s) { return s.bounds ? 2 * s.n : 0; }, divide_bounds},
+    {&MINSTR::alcn, [](const Sizes& s) { return s.linear ? s.nonzeros + s.str->ncon : 0; },
+     divide_alcn},
+    {&MINSTR::naco, [](const Sizes& s) { return s.linear ? s.nonzeros + s.str->ncon : 0; },
+     divide_naco},
+    {&MINSTR::gpro, [](const Sizes& s) { return general(s) ? s.n * (s.n + 5) + s.packed : 0; },
+     divide_gpro},
+    {&MINSTR::iact, [](const Sizes& s) { return general(s) ? 2 * working_set(s) : 0; },
+     divide_iact},
+    {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
+    {&MINSTR::half,
+     [](const Sizes& s) {
+       const bool second_copy = s.str->tech == 2 || s.str->tech == NEWRAP;
+       return s.nonlinear || second_copy ? 3 * s.packed : 0;
+     },
+     mark_half},
+    {&MINSTR::hpro,
+     [](const Sizes& s) {
+       return second_order(s) && (s.str->tech == NRRIDG || s.linear) ? s.packed : 0;
+     },
+     mark_hpro},
+    {&MINSTR::qvec, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
+    {&MINSTR::grlf, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
+    {&MINSTR::fcon, [](const Sizes& s) { return s.nonlinear ? (s.n + 1) * s.str->nnlc : 0; },
+     divide_fcon},
+};
+
+// Takes count elements for a field. False, with a line in the log, when the host refuses or the
+// size in bytes is beyond what can be counted.
+template <class T>
+static bool take(MINSTR* str, T* MINSTR::*field, long count) {
+  static constexpr long MOST = std::numeric_limits<long>::max() / static_cast<long>(sizeof(T));
+  const std::size_t bytes = count > MOST ? std::numeric_limits<std::size_t>::max()
+                                         : static_cast<std::size_t>(count) * sizeof(T);
+  str->*field = static_cast<T*>(vmalloc_handler(bytes, 0));
+  if (str->*field != nullptr) return true;
+  xmemmsg(bytes);
+  return false;
+}
+
+// The Jacobian of least squares may outgrow memory and lives in a file.
+static void open_jacobian_file(MINSTR* str) {
+  const WorkFileOptions options;
+  const int rc = xcopen(&str->utjacm, &options);
+  if (rc == 0) return;
+  xprrlog(0, rc);
+  xexit(EXIT_WORK_FILE, 0);
+}
+
+// The first refusal ends it; what stands until then is given back by the entry's clean-up.
+int allocate_arrays(MINSTR* str, long nonzeros) {
+  if (str->lsqu != 0) open_jacobian_file(str);
+  const long n = str->nvar + (str->nlicon != 0 ? 1 : 0);
+  const Sizes sizes{
+      str, n, packed_size(n), nonzeros, str->bounds != 0, str->lincon != 0, str->nlicon != 0};
+  for (const RunArray& array : ARRAYS) {
+    const long count = array.count(sizes);
+    if (count <= 0) continue;
+    const bool taken =
+        std::visit([str, count](auto field) { return take(str, field, count); }, array.field);
+    if (!taken) return 1;
+    if (array.divide != nullptr) array.divide(str, sizes);
+  }
+  return 0;
+}
+
+// The references into blocks are cleared too: the record outlives its arrays on the way out of an
+// entry, and a stale reference would be taken for an array.
+void release_arrays(MINSTR* str) {
+  for (const RunArray& array : ARRAYS) {
+    std::visit(
+        [str](auto field) {
+          vmfree_handler(str->*field);
+          str->*field = nullptr;
+        },
+        array.field);
+  }
+  str->x = str->work = str->grad = str->xold = str->gold = str->sdir = nullptr;
+  str->fold = str->hcnt = str->ub = str->blcn = str->jcon = nullptr;
+  str->lagm = str->dcds = str->awrk = str->qlcn = str->llcn = nullptr;
+  str->jalc = str->liwk = nullptr;
+  str->hesalo = str->hpralo = str->hlfalo = 0;
+  xcclose(str->utjacm, 1);
+  str->utjacm = nullptr;
+}
+
+}  // namespace tqnlp

@@ -1,0 +1,460 @@
+// tqxnlp, the callback bridge: preparing the modules' calls, running a module, and the callbacks of
+// general objectives (nlpfunc, nlpgrad, nlphess, nlpterm). The callbacks of least squares and of
+// nonlinear constraints stand in tqxnlp_bridge_ls.cpp.
+//
+// An evaluation costs a copy of x, the host's run and a look at the result; nothing is allocated.
+// The run is guarded: a math error that the host traps comes back here as a failed evaluation, and
+// the technique backs up as from any other.
+#include "front/tqxnlp_bridge.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+
+#include "aasubs/control/znlptrm.h"
+#include "front/tqxnlp_decode.h"
+#include "front/tqxnlp_modules.h"
+#include "host/log.h"
+#include "host/memory.h"
+#include "host/process.h"
+#include "host/strings.h"
+
+namespace tqnlp {
+
+static constexpr int ELEMENT_SIZE = 8;
+static constexpr int MESSAGE_NO_MEMORY = 1;
+static constexpr int MESSAGE_SCALAR = 148;
+static constexpr int MESSAGE_FUNCTIONS = 149;
+static constexpr int MESSAGE_MATRIX = 150;
+static constexpr int MESSAGE_HESSIAN_INCOMPLETE = 151;
+static constexpr int MESSAGE_CODE_MISSING = 152;
+static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
+static constexpr int MESSAGE_GRADIENT = 166;
+
+// ---- Preparation --------------------------------------------------------------------------------
+
+// Gives a matrix that is handed to a module rows x cols numbers, if it has another size. The host's
+// interpreter may take the data of an argument away when a module assigns to it, so that this is
+// asked before every run. Returns false, with a message, when memory is refused.
+static bool ensure_size(const ARGMTS* argm, TQLSYM* symbol, long rows, long cols) {
+  const bool fits = symbol->data != nullptr && symbol->rows * symbol->cols == rows * cols;
+  if (!fits) {
+    tqwfre2(symbol->data);
+    const long bytes = rows * cols * ELEMENT_SIZE;
+    symbol->data = tqwalo2(bytes);
+    if (symbol->data == nullptr) {
+      symbol->rows = symbol->cols = 0;
+      xpmlog(CALLING_SURFACE, MESSAGE_NO_MEMORY, {call_name(argm).text, bytes});
+      return false;
+    }
+  }
+  symbol->kind = NUMERIC;
+  symbol->elsize = ELEMENT_SIZE;
+  symbol->rows = rows;
+  symbol->cols = cols;
+  return true;
+}
+
+// Shape of what a module is expected to give. Vectors of values may stand either way; derivatives
+// may not, since a transposed matrix of derivatives would go unnoticed when it is square.
+static ResultShape expected_shape(const MINSTR* str, int job) {
+  const long n = str->nvar;
+  const long hrow = str->secstr->hrow;
+  switch (job) {
+    case CALL_OBJECTIVE:
+      return {str->lsqu != 0 ? str->mequ : 1, 1, true};
+    case CALL_GRADIENT:
+      return {str->lsqu != 0 ? str->mequ : 1, n, false};
+    case CALL_HESSIAN:
+      return {hrow != 0 ? hrow : n, hrow != 0 ? 3 : n, false};
+    case CALL_CONSTRAINTS:
+      return {1, str->nnlc, true};
+    case CALL_CONSTRAINT_JACOBIAN:
+      return {str->nnlc, n, false};
+    default:
+      return {1, 1, false};
+  }
+}
+
+int setss(MINSTR* str, int job) {
+  ARGMTS* argm = str->secstr;
+  const ModuleKind* kind = module_kind(job);
+  if (kind == nullptr) xexit(EXIT_INCONSISTENT, 0);
+  TQLCALL* call = nullptr;
+  const long status = tqsget(argm->*kind->handle, &call);
+  if (status != 0) return static_cast<int>(status);
+
+  auto* ss = static_cast<TQLSS*>(vmalloc_handler(sizeof(TQLSS), 0));
+  if (ss == nullptr) {
+    xmemmsg(sizeof(TQLSS));
+    return EVALUATION_NO_MEMORY;
+  }
+  argm->*kind->prepared = ss;
+  ss->funptr = argm->*kind->handle;
+  ss->call = call;
+
+  // The numbers of a result stay with the host, so that only the shape is set.
+  const ResultShape shape = expected_shape(str, job);
+  ss->result = &(argm->*kind->result);
+  *ss->result = {NUMERIC, ELEMENT_SIZE, shape.rows, shape.cols, nullptr};
+  ss->argument[0] = &(argm->*kind->point);
+  if (!ensure_size(argm, ss->argument[0], 1, str->nvar)) return EVALUATION_NO_MEMORY;
+  if (job == CALL_TERMINATION) {
+    ss->argument[1] = &argm->arg8;
+    if (!ensure_size(argm, ss->argument[1], 1, 1)) return EVALUATION_NO_MEMORY;
+  }
+  return 0;
+}
+
+void release_prepared_calls(ARGMTS* argm) {
+  for (const ModuleKind& kind : MODULE_KINDS) {
+    TQLSS*& ss = argm->*kind.prepared;
+    if (ss == nullptr) continue;
+    for (TQLSYM* argument : ss->argument) {
+      if (argument == nullptr) continue;
+      tqwfre2(argument->data);
+      *argument = TQLSYM{};
+    }
+    *ss->result = TQLSYM{};  // its data is the host's
+    vmfree_handler(ss);
+    ss = nullptr;
+  }
+}
+
+// ---- Running a module ---------------------------------------------------------------------------
+
+// Answers of the guarded run. The codes that the math-error trap resumes with are 0 and -1: a run
+// that was broken off has no result, even where the trap calls the error harmless.
+static constexpr int RUN_GOOD = 1;
+static constexpr int RUN_BAD = 2;
+
+static int run_current(MINSTR*) {
+  tqlrc(RUN_MODULE);
+  return tqlexst() == 0 ? RUN_GOOD : RUN_BAD;
+}
+
+// Runs a prepared call; true when the module came to its end. The result's numbers stay with the
+// host: its symbol points to them until the module runs again. The statement position and the
+// current call of the language are saved around it, so that a module may call a subroutine in turn.
+static bool run_prepared(MINSTR* str, TQLSS* ss) {
+  TQLTASK* task = tqlq();
+  TQLSS* outer = tqsput(ss);
+  ss->position[0] = task->position[0];
+  ss->position[1] = task->position[1];
+  const int outer_runs = task->module_runs;
+  task->module_runs = 1;
+  ss->status = 0;
+
+  const int answer = wtguard(&str->mpin, run_current, str);
+
+  ss->result->data = task->result;
+  task->module_runs = outer_runs;
+  task->position[0] = ss->position[0];
+  task->position[1] = ss->position[1];
+  tqsput(outer);
+  return answer == RUN_GOOD && ss->status == 0;
+}
+
+// A character result fits nothing.
+static bool shape_fits(const TQLSYM& result, const ResultShape& shape) {
+  if (result.kind != NUMERIC) return false;
+  if (result.rows == shape.rows && result.cols == shape.cols) return true;
+  return shape.either_way && result.rows == shape.cols && result.cols == shape.rows;
+}
+
+// The module is told from its prepared call, so that callers need not name it.
+static void log_wrong_shape(const ARGMTS* argm, const TQLSS* ss, const ResultShape& shape,
+                            int message) {
+  const ModuleKind* kind = std::find_if(
+      std::begin(MODULE_KINDS), std::end(MODULE_KINDS),
+      [argm, ss](const ModuleKind& candidate) { return argm->*candidate.prepared == ss; });
+  xpmlog(CALLING_SURFACE, message,
+         {call_name(argm).text, module_name(argm, *kind).text, ss->result->rows, ss->result->cols,
+          ss->result->kind == NUMERIC ? "numeric" : "character", shape.rows, shape.cols});
+}
+
+int end_evaluation(MINSTR* str, int* flag, int code) {
+  *flag = code == EVALUATED ? FLAG_GOOD : FLAG_FAILED;
+  str->tbig = code == EVALUATED ? 0.0 : 1.0;
+  return code;
+}
+
+int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, bool reject_missing, int message,
+               int* flag) {
+  str->tbig = 1.0;
+  TQLSYM* point = ss->argument[0];
+  if (!ensure_size(str->secstr, point, 1, str->nvar)) return EVALUATION_NO_MEMORY;
+  std::copy_n(str->x, str->nvar, point->data);
+  if (!run_prepared(str, ss)) return end_evaluation(str, flag, EVALUATION_FAILED);
+  if (!shape_fits(*ss->result, shape)) {
+    // A module that keeps giving the wrong shape does so at every trial point: once is enough.
+    if (*flag != FLAG_WRONG_SHAPE) log_wrong_shape(str->secstr, ss, shape, message);
+    *flag = FLAG_WRONG_SHAPE;
+    return EVALUATION_FAILED;
+  }
+  if (reject_missing && tqlmiss(ss->result) != 0) {
+    return end_evaluation(str, flag, EVALUATION_FAILED);
+  }
+  return EVALUATED;
+}
+
+static void negate(double* values, long count) {
+  for (long i = 0; i < count; ++i) values[i] = -values[i];
+}
+
+// ---- Objective ----------------------------------------------------------------------------------
+
+// Euclidean norm of m function values, free of overflow and underflow: scale times the norm of the
+// scaled values. Values whose square, relative to the scale, does not change the sum
+// are left out, and the two factors of the result are multiplied only if that cannot overflow.
+static double norm_of_functions(long m, const double* f) {
+  static constexpr double LARGEST = HUGE_VALUE;
+  double scale = 0.0;
+  for (long i = 0; i < m; ++i) scale = std::max(scale, std::fabs(f[i]));
+  if (scale == 0.0) return 0.0;
+  const double guard = scale > 1.0 ? std::sqrt(scale) : scale;
+  double sum = 0.0;
+  for (long i = 0; i < m; ++i) {
+    const double size = std::fabs(f[i]);
+    const double ratio = size + guard == guard ? 0.0 : f[i] / scale;
+    if (ratio + 1.0 != 1.0) sum += ratio * ratio;
+  }
+  const double root = std::sqrt(sum);
+  const double small = std::min(root, scale);
+  const double large = std::max(root, scale);
+  if (large > ROOT_HUGE && small >= LARGEST / large) return LARGEST;
+  return small * large;
+}
+
+// Half the sum of squares of m functions. Returns 0, or 2 and 3 when squares would overflow.
+static int take_functions(MINSTR* str, long m, const double* values) {
+  std::copy_n(values, m, str->func);
+  for (long i = 0; i < m; ++i) {
+    if (std::fabs(str->func[i]) >= ROOT_HUGE) return RESIDUAL_TOO_LARGE;
+  }
+  const double norm = m == 1 ? std::fabs(str->func[0]) : norm_of_functions(m, str->func);
+  if (norm >= ROOT_HUGE) return NORM_TOO_LARGE;
+  str->crit = norm * 0.5 * norm;
+  return EVALUATED;
+}
+
+// Takes what the objective's module gave. Codes 2 and 3 leave the error flag as the last call left
+// it, and tbig set.
+static int take_objective(MINSTR* str, long m, const double* values) {
+  ARGMTS* argm = str->secstr;
+  int code = EVALUATED;
+  if (str->lsqu != 0) {
+    code = take_functions(str, m, values);
+  } else if (std::isinf(values[0])) {
+    // Too large to be compared or differenced, so that it counts as a failed evaluation.
+    return end_evaluation(str, &argm->funer, EVALUATION_FAILED);
+  } else {
+    str->func[0] = str->crit = values[0];
+  }
+  if (code != EVALUATED) return code;
+  if (str->imax != 0) negate(str->func, m);
+  return end_evaluation(str, &argm->funer, EVALUATED);
+}
+
+// crit stands at the largest double while there is no value (negated when the run maximizes, on
+// purpose: the sign follows the run even then), so that every caller looks at tbig, not at crit.
+int nlpfunc(MINSTR* str) {
+  ARGMTS* argm = str->secstr;
+  const long m = str->lsqu != 0 ? str->mequ : 1;
+  str->tbig = 0.0;
+  if (argm->dncf == 0 && str->indf < GRADIENT_STEP) ++str->nfct;
+  str->crit = HUGE_VALUE;
+  const int message = m > 1 ? MESSAGE_FUNCTIONS : MESSAGE_SCALAR;
+  int code = run_module(str, argm->ssfun, {m, 1, true}, true, message, &argm->funer);
+  if (code == EVALUATED) code = take_objective(str, m, argm->arg0.data);
+  if (str->imax != 0 && !wzmis(str->crit)) str->crit = -str->crit;
+  return code;
+}
+
+// ---- Derivatives --------------------------------------------------------------------------------
+
+int nlpgrad(MINSTR* str) {
+  ARGMTS* argm = str->secstr;
+  // The difference service counts its gradients itself.
+  if (argm->igmod == 0) return run_difference_service(str, DIGIT_GRADIENT, &argm->grder);
+  if (argm->dncg == 0) ++str->ngrd;
+  const long n = str->nvar;
+  const int code =
+      run_module(str, argm->ssgrd, {1, n, false}, true, MESSAGE_GRADIENT, &argm->grder);
+  if (code != EVALUATED) return code;
+  std::copy_n(argm->arg2.data, n, str->grad);
+  if (str->imax != 0) negate(str->grad, n);
+  return end_evaluation(str, &argm->grder, EVALUATED);
+}
+
+// Elements of hess in the form in use.
+static long hessian_length(const MINSTR* str) {
+  switch (str->hfrm) {
+    case 1:
+      return str->shes.mxja;
+    case 2:
+      return str->nvar;
+    default:
+      return str->nnva;
+  }
+}
+
+// An n x n result: elements above the diagonal win over those below; an element that is missing
+// leaves the place to its partner.
+static void take_dense_hessian(MINSTR* str, const double* values) {
+  const long n = str->nvar;
+  double* packed = str->hess;
+  for (long i = 0; i < n; ++i) {
+    for (long j = 0; j <= i; ++j) {
+      const double upper = values[j * n + i];
+      *packed++ = std::isnan(upper) ? values[i * n + j] : upper;
+    }
+  }
+}
+
+// Place of element (i, j), i not below j, in hess; -1 outside the pattern.
+static long hessian_place(const MINSTR* str, long i, long j) {
+  if (str->hfrm == 2) return i == j ? i : -1;
+  if (str->hfrm != 1) return zisub(i, j);
+  if (i == j) return i;
+  const long* jasp = str->shes.jasp;
+  const long* last = jasp + jasp[i + 1];
+  const long* found = std::find(jasp + jasp[i], last, j);
+  return found == last ? -1 : found - jasp;
+}
+
+// Row or column number of the language as an index; -1 outside 1..n.
+static long index_of(double number, long n) {
+  return number >= 1.0 && number < static_cast<double>(n) + 1.0 ? static_cast<long>(number) - 1
+                                                                : -1;
+}
+
+// Names the row of the three-column form and the indices as the module gave them.
+static void log_outside_pattern(const MINSTR* str, long row, const double* triple) {
+  const ARGMTS* argm = str->secstr;
+  xpmlog(CALLING_SURFACE, MESSAGE_OUTSIDE_PATTERN,
+         {call_name(argm).text, module_name(argm, *module_kind(CALL_HESSIAN)).text, row + 1,
+          triple[0], triple[1]});
+}
+
+// hrow rows (i, j, value): every element must lie in the pattern that the run was set up with.
+static bool take_sparse_hessian(MINSTR* str, const double* values) {
+  vzfdl(0.0, str->hess, hessian_length(str));
+  for (long row = 0; row < str->secstr->hrow; ++row) {
+    const double* triple = values + 3 * row;
+    if (std::isnan(triple[2])) continue;
+    const long i = index_of(triple[0], str->nvar);
+    const long j = index_of(triple[1], str->nvar);
+    const long place = i < 0 || j < 0 ? -1 : hessian_place(str, std::max(i, j), std::min(i, j));
+    if (place < 0) {
+      log_outside_pattern(str, row, triple);
+      return false;
+    }
+    str->hess[place] = triple[2];
+  }
+  return true;
+}
+
+// Is every element there? An element may be missing on one side of the diagonal only.
+static bool hessian_complete(const MINSTR* str) {
+  const long length = hessian_length(str);
+  if (std::none_of(str->hess, str->hess + length, [](double h) { return std::isnan(h); })) {
+    return true;
+  }
+  const ARGMTS* argm = str->secstr;
+  if (argm->heser != FLAG_FAILED) {
+    xpmlog(CALLING_SURFACE, MESSAGE_HESSIAN_INCOMPLETE,
+           {call_name(argm).text, module_name(argm, *module_kind(CALL_HESSIAN)).text});
+  }
+  return false;
+}
+
+// The gradient belongs to the Hessian's point: techniques ask for both with one call.
+int nlphess(MINSTR* str) {
+  ARGMTS* argm = str->secstr;
+  if (str->fidi == 0) ++str->nhes;
+  if (argm->ihmod == 0) return run_difference_service(str, DIGIT_HESSIAN, &argm->heser);
+  if (nlpgrad(str) != EVALUATED || str->tbig != 0.0) return HESSIAN_GRADIENT_FAILED;
+
+  const ResultShape shape = expected_shape(str, CALL_HESSIAN);
+  const int code = run_module(str, argm->sshes, shape, false, MESSAGE_MATRIX, &argm->heser);
+  if (code != EVALUATED) return code == EVALUATION_FAILED ? HESSIAN_FAILED : code;
+  const double* values = argm->arg4.data;
+  bool good = true;
+  if (argm->hrow == 0) {
+    take_dense_hessian(str, values);
+  } else {
+    good = take_sparse_hessian(str, values);
+  }
+  if (!good || !hessian_complete(str)) {
+    return end_evaluation(str, &argm->heser, HESSIAN_NOT_USABLE);
+  }
+  if (str->imax != 0) negate(str->hess, hessian_length(str));
+  return end_evaluation(str, &argm->heser, EVALUATED);
+}
+
+// ---- Termination --------------------------------------------------------------------------------
+
+// The user's module takes the place of the whole termination test, and with it of the history.
+static int ask_termination_module(MINSTR* str) {
+  ARGMTS* argm = str->secstr;
+  if (!ensure_size(argm, &argm->arg8, 1, 1)) return EVALUATION_FAILED;
+  argm->arg8.data[0] = str->crit;
+  const double tbig = str->tbig;  // belongs to the last evaluation, not to the test
+  int code = run_module(str, argm->sstrm, {1, 1, false}, false, MESSAGE_SCALAR, &argm->trmer);
+  if (code == EVALUATED && std::isnan(argm->arg6.data[0])) {
+    xpmlog(CALLING_SURFACE, MESSAGE_CODE_MISSING,
+           {call_name(argm).text, module_name(argm, *module_kind(CALL_TERMINATION)).text});
+    code = end_evaluation(str, &argm->trmer, EVALUATION_FAILED);
+  }
+  str->tbig = tbig;
+  if (code != EVALUATED) return EVALUATION_FAILED;
+  argm->trmer = FLAG_GOOD;
+  return to_int(argm->arg6.data[0]);
+}
+
+// "_ITER_" is set before the test, so that it is right when the test's history line is written and
+// for every module that runs in the next iteration.
+int nlpterm(MINSTR* str, int job) {
+  ARGMTS* argm = str->secstr;
+  if (argm->iptit != 0) return ask_termination_module(str);
+  argm->_iter_ = str->nitr;
+  Export_iter_(argm->_iter_, argm->_iterptr_);
+  return znlptrm(str, job);
+}
+
+// ---- The variable "_ITER_" ----------------------------------------------------------------------
+
+// The name is kept in the decoded call, padded as the language looks names up.
+void SetUp_iter_(double x, ARGMTS* argm) {
+  static constexpr char NAME[] = "_ITER_";
+  static constexpr long LENGTH = sizeof(NAME) - 1;
+  wzstmov(argm->_iterstr_.name, NAME_FIELD, NAME, LENGTH);
+  argm->_iterstr_.length = LENGTH;
+  argm->_iterptr_ = &argm->_iterstr_;
+  argm->_iter_ = x;
+  argm->_itersymptr_ = tqlrtre(argm->_iterstr_.name, LENGTH);
+  Export_iter_(x, argm->_iterptr_);
+}
+
+// The user may have assigned anything to the variable: what is not one number is made one again.
+void Export_iter_(double value, ITERVAR* varstr) {
+  if (varstr == nullptr) return;
+  TQLSYM* symbol = tqlrtre(varstr->name, varstr->length);
+  if (symbol == nullptr) return;
+  if (symbol->kind != NUMERIC || symbol->rows != 1 || symbol->cols != 1) {
+    tqwfre2(symbol->data);
+    *symbol = {NUMERIC, ELEMENT_SIZE, 1, 1, nullptr};
+  }
+  if (symbol->data == nullptr) {
+    double* data = tqwalo2(ELEMENT_SIZE);
+    if (data == nullptr) {
+      symbol->rows = symbol->cols = 0;
+      return;
+    }
+    tqwown2(symbol, data);
+  }
+  symbol->data[0] = value;
+}
+
+}  // namespace tqnlp

@@ -1,0 +1,117 @@
+// The callback bridge (source tqxnlp): the user's modules as callbacks of the problem record.
+//
+// Before a run setss prepares a call of each module once. At each evaluation a bridge function
+// copies x into the module's argument matrix, runs the module through the host, checks the result
+// and copies its values into the record, negated when the run maximizes. Without a module it goes
+// to the difference services.
+//
+// What all bridge functions share: tbig is nonzero during the run and after a failure, and 0 after
+// success; the module's error flag in ARGMTS says what the last call came to. A result of wrong
+// kind or shape is logged once until a call succeeds. Nothing is allocated in an evaluation, unless
+// the host has taken the argument matrix away.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+#include "front/argmts.h"
+
+namespace tqnlp {
+
+// Answers of bridge functions.
+inline constexpr int EVALUATED = 0;
+inline constexpr int EVALUATION_NO_MEMORY = 1;      // the argument matrix could not be taken again
+inline constexpr int RESIDUAL_TOO_LARGE = 2;        // an element of func at or beyond ROOT_HUGE
+inline constexpr int NORM_TOO_LARGE = 3;            // the norm of func, or an element of J'J
+inline constexpr int EVALUATION_FAILED = -11;       // module failed, missing value, wrong shape
+inline constexpr int HESSIAN_GRADIENT_FAILED = -2;  // nlphess: the gradient that goes with it
+inline constexpr int HESSIAN_NOT_USABLE = -3;       // nlphess: outside the pattern, or incomplete
+inline constexpr int HESSIAN_FAILED = -4;           // nlphess: module failed or wrong shape
+
+// ---- Preparation --------------------------------------------------------------------------------
+
+// Prepares the call of a module (call codes of tqxnlp_modules.h), whose handle stands in ARGMTS:
+// takes the TQLSS record and the argument matrix. Returns 0, 1 without memory (logged), or the
+// host's nonzero status.
+int setss(MINSTR* str, int job);
+
+// Gives back what setss took, for all modules.
+void release_prepared_calls(ARGMTS* argm);
+
+// ---- Callbacks ----------------------------------------------------------------------------------
+
+// Objective: crit, and func. 0, -11, 1; with least squares 2 and 3. Counts nfct unless indf is 7 or
+// more or a differentiation is under way. crit is the largest double while there is no value.
+int nlpfunc(MINSTR* str);
+// Gradient into grad. 0, -11, 1. Counts ngrd.
+int nlpgrad(MINSTR* str);
+// Hessian into hess, and the gradient at the same point into grad. 0, -2, 1, -4, -3.
+int nlphess(MINSTR* str);
+// Least squares: gradient J'f into grad and J to the Jacobian store. 0, -11, 1. nlpjgrd stands for
+// usgrd, nlpjacm for usjac; nlpcrpj, for ushes, also forms J'J into hess, and may answer 3.
+int nlpjgrd(MINSTR* str);
+int nlpjacm(MINSTR* str);
+int nlpcrpj(MINSTR* str);
+// Nonlinear constraints into fcon, their Jacobian into jcon. 0, -11, 1; 0 at once without any.
+int nlpnlco(MINSTR* str);
+int nlpjcon(MINSTR* str);
+// Termination test: the value of the user's module for (x, crit), truncated, or -11; without a
+// module the variable "_ITER_" is set and znlptrm asked.
+int nlpterm(MINSTR* str, int job);
+
+// ---- What the bridge functions are made of ------------------------------------------------------
+
+struct ResultShape {
+  long rows;
+  long cols;
+  bool either_way;  // cols x rows is as good
+};
+
+// Runs a prepared module at x and checks what it gave: kind and shape (logged under `message`), and
+// with reject_missing its elements. Returns 0, -11 or 1 and sets *flag and tbig. After 0 the
+// numbers stand at ss->result->data until the module runs again.
+int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, bool reject_missing, int message,
+               int* flag);
+
+// Ends an evaluation: sets tbig and the error flag by code, and returns code.
+int end_evaluation(MINSTR* str, int* flag, int code);
+
+// ---- Difference services ------------------------------------------------------------------------
+
+// What stands in for a module that is not given. Null: not built into this version; an entry
+// refuses a call that needs one, and a bridge function answers -11.
+struct DifferenceServices {
+  Callback gradient[2];             // forward, central
+  Callback jacobian[2];             // forward, central
+  Callback crossproduct[2];         // forward, central
+  Callback hessian[4];              // forward and central from functions, then from gradients
+  Callback constraint_jacobian[2];  // forward, central
+  // Estimate of difference intervals (job 1 objective, 2 constraints, 3 both); the driver calls it,
+  // so that here it only says whether there is one.
+  int (*intervals)(MINSTR* str, int job);
+  // Writes column jc of the Jacobian, elements inc apart, to its store. Form 0: nonzeros only.
+  int (*write_jacobian)(MINSTR* str, int form, long jc, long inc, double* column);
+};
+extern const DifferenceServices DIFFERENCE_SERVICES;
+
+// Digits of fidi.
+inline constexpr int DIGIT_GRADIENT = 0;
+inline constexpr int DIGIT_JACOBIAN = 1;
+inline constexpr int DIGIT_CROSSPRODUCT = 2;
+inline constexpr int DIGIT_HESSIAN = 3;
+inline constexpr int DIGIT_CONSTRAINT_JACOBIAN = 4;
+
+// The service that a digit of fidi selects; null when there is none. For the Hessian, whether a
+// gradient module is given decides between the forms.
+Callback difference_service(const MINSTR* str, int digit);
+
+// Calls the service of a digit while function calls (for the Hessian gradient calls too) are not
+// counted. Returns 0, or -11 with tbig and *flag set.
+int run_difference_service(MINSTR* str, int digit, int* flag);
+
+// ---- The variable "_ITER_" ----------------------------------------------------------------------
+
+// Prepares the variable and sets it to x.
+void SetUp_iter_(double x, ARGMTS* argm);
+// Sets it; null varstr does nothing. A refusal of the host leaves it unset.
+void Export_iter_(double value, ITERVAR* varstr);
+
+}  // namespace tqnlp

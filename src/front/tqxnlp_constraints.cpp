@@ -1,0 +1,281 @@
+// tqxnlp, bounds and linear constraints: blc, one matrix, becomes bounds and sparse rows.
+//
+// Row 1 of blc holds lower bounds, row 2 upper bounds; every later row is a constraint: n
+// coefficients, an operator (0 equal, 1 at least, -1 at most) and a right-hand side. A row with one
+// coefficient turns into a bound, so that the working set sees the smallest problem; rows with two
+// or more are stored as a'x >= b, equalities first, nonzeros only.
+//
+// Two passes: getncon counts, so that arrays can be sized; setcons fills them.
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba1.h"
+#include "front/tqxnlp_decode.h"
+#include "front/tqxnlp_modules.h"
+#include "host/log.h"
+#include "host/process.h"
+
+namespace tqnlp {
+
+// Bounds this close on the wrong side are made equal.
+static constexpr double CROSSING_FACTOR = 1.00000001;
+static constexpr double DEFAULT_FEASIBILITY = 1e-8;
+static constexpr int BOUND_ROWS = 2;
+
+static constexpr double EQUAL = 0.0;
+static constexpr double AT_LEAST = 1.0;
+static constexpr double AT_MOST = -1.0;
+
+namespace {
+
+// A row of blc as a constraint.
+struct Row {
+  const double* a;  // n coefficients; missing and zero ones are absent
+  double op;
+  double b;    // missing counts as 0
+  long count;  // coefficients
+  long last;   // column of the last one
+};
+
+struct BoundCount {
+  long equal = 0;  // pairs of equal bounds, rows that fix a parameter
+  long other = 0;
+};
+
+}  // namespace
+
+// Is there a coefficient, a bound? A NaN of any kind is a missing element.
+static bool coefficient_there(double a) { return !std::isnan(a) && a != 0.0; }
+
+static bool bound_there(double bound) { return bound > -HUGE_VALUE && bound < HUGE_VALUE; }
+
+// Row i of blc, from 2 on; both passes read through this, so that they cannot disagree on a row.
+static Row read_row(const ARGMTS* argm, long i) {
+  Row row{argm->cons + i * argm->ccol, 0.0, 0.0, 0, 0};
+  for (long j = 0; j < argm->n; ++j) {
+    if (!coefficient_there(row.a[j])) continue;
+    ++row.count;
+    row.last = j;
+  }
+  row.op = row.a[argm->n];
+  row.b = std::isnan(row.a[argm->n + 1]) ? 0.0 : row.a[argm->n + 1];
+  return row;
+}
+
+static bool operator_known(double op) { return op == EQUAL || op == AT_LEAST || op == AT_MOST; }
+
+// ---- First pass ---------------------------------------------------------------------------------
+
+// Names the element by its place in blc, counted from 1.
+static int refuse_infinite(const ARGMTS* argm, long row, long column) {
+  xpmlog(CALLING_SURFACE, 196,
+         {call_name(argm).text, static_cast<long>(argm->iargc), row + 1, column + 1});
+  return -1;
+}
+
+// An infinite lower bound below and upper bound above mean none; the other two cannot be met.
+static int count_bounds(ARGMTS* argm, BoundCount* count) {
+  double* lower = argm->cons;
+  double* upper = argm->ncon > 1 ? argm->cons + argm->ccol : nullptr;
+  for (long j = 0; j < argm->n; ++j) {
+    if (lower[j] >= HUGE_VALUE) return refuse_infinite(argm, 0, j);
+    if (upper != nullptr && upper[j] <= -HUGE_VALUE) return refuse_infinite(argm, 1, j);
+    const bool below = bound_there(lower[j]);
+    const bool above = upper != nullptr && bound_there(upper[j]);
+    if (below && above && lower[j] * CROSSING_FACTOR > upper[j]) {
+      upper[j] = lower[j];
+      ++count->equal;
+    } else {
+      count->other += (below ? 1 : 0) + (above ? 1 : 0);
+    }
+  }
+  return 0;
+}
+
+// Infinite coefficients and right-hand sides, and a bound that overflows, are refused.
+static int check_numbers(const ARGMTS* argm, const Row& row, long i) {
+  for (long j = 0; j < argm->n; ++j) {
+    if (std::isinf(row.a[j])) return refuse_infinite(argm, i, j);
+  }
+  if (std::isinf(row.b)) return refuse_infinite(argm, i, argm->n + 1);
+  if (row.count == 1 && !bound_there(row.b / row.a[row.last])) {
+    return refuse_infinite(argm, i, argm->n + 1);
+  }
+  return 0;
+}
+
+// Counts the rows of constraints: bounds, rows of alcn and their coefficients.
+static int count_rows(MINSTR* str, BoundCount* count, long* mzac) {
+  const ARGMTS* argm = str->secstr;
+  for (long i = BOUND_ROWS; i < argm->ncon; ++i) {
+    const Row row = read_row(argm, i);
+    if (row.count == 0) continue;  // whatever its operator
+    if (!operator_known(row.op)) {
+      xpmlog(CALLING_SURFACE, 173,
+             {call_name(argm).text, static_cast<long>(argm->iargc), i + 1, argm->n + 1L});
+      return -1;
+    }
+    if (const int rc = check_numbers(argm, row, i); rc != 0) return rc;
+    if (row.count == 1) {
+      ++(row.op == EQUAL ? count->equal : count->other);
+      continue;
+    }
+    ++str->ncon;
+    if (row.op == EQUAL) ++str->neqc;
+    *mzac += row.count;
+  }
+  return 0;
+}
+
+// The counts are upper bounds: setcons may find that two rows bound the same side of a parameter. A
+// pair of bounds that cross is counted once and made equal here, since the second pass must not
+// find more than was counted.
+int getncon(MINSTR* str, int job, long* mzac) {
+  ARGMTS* argm = str->secstr;
+  const long n = argm->n;
+  str->nlicon = str->lincon = str->bounds = 0;
+  str->neqc = str->ncon = 0;
+  *mzac = 0;
+  str->ntec = str->nlec;
+  str->ntco = job == CONS_SIMPLEX ? str->nnlc + str->nlec : str->nnlc;
+  if (argm->icmod != 0 && str->nnlc > 0) str->nlicon = 1;
+  if (argm->ncon <= 0) return 0;
+
+  BoundCount count;
+  if (count_bounds(argm, &count) != 0 || count_rows(str, &count, mzac) != 0) return -1;
+  if (str->ncon > 0) str->lincon = 1;
+  str->ntco += job == CONS_SIMPLEX ? str->ncon + str->neqc : str->ncon;
+  // The simplex technique meets linear rows in its branch for nonlinear constraints.
+  if (job == CONS_SIMPLEX && str->lincon != 0) str->nlicon = 1;
+
+  if (count.equal + count.other > 0) str->bounds = 1;
+  count.equal = std::min(count.equal, n);
+  count.other = std::min(count.other, 2 * n);
+  if (job == CONS_SIMPLEX) count.equal *= 2;
+  str->ntco += count.equal + count.other;
+  return 0;
+}
+
+// ---- Second pass --------------------------------------------------------------------------------
+
+// Rows 1 and 2 of blc; rows with one coefficient may replace them later.
+static void copy_bound_rows(MINSTR* str) {
+  const ARGMTS* argm = str->secstr;
+  vzfdl(-HUGE_VALUE, str->lb, str->nvar);
+  vzfdl(HUGE_VALUE, str->ub, str->nvar);
+  const double* upper = argm->ncon > 1 ? argm->cons + argm->ccol : nullptr;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (bound_there(argm->cons[j])) str->lb[j] = argm->cons[j];
+    if (upper != nullptr && bound_there(upper[j])) str->ub[j] = upper[j];
+  }
+}
+
+// A row with one coefficient. The sign of the coefficient is not looked at, on purpose: a negative
+// one does not swap the roles of the two bounds, so that -x >= 3 sets the lower bound -3.
+static void set_bound(MINSTR* str, const Row& row) {
+  const double bound = row.b / row.a[row.last];
+  if (row.op != AT_MOST) str->lb[row.last] = bound;
+  if (row.op != AT_LEAST) str->ub[row.last] = bound;
+}
+
+// Rows are appended behind `stored` coefficients.
+static void append_row(MINSTR* str, const Row& row, long place, long* stored) {
+  const double sign = row.op == AT_MOST ? -1.0 : 1.0;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (!coefficient_there(row.a[j])) continue;
+    str->alcn[*stored] = sign * row.a[j];
+    str->jalc[(*stored)++] = j;
+  }
+  str->blcn[place] = sign * row.b;
+  str->naco[place] = *stored;
+}
+
+// Takes the rows of equalities, or those of inequalities, from `place` on. Returns the place after
+// the last.
+static long take_rows(MINSTR* str, bool equalities, long place, long* stored) {
+  const ARGMTS* argm = str->secstr;
+  for (long i = BOUND_ROWS; i < argm->ncon; ++i) {
+    const Row row = read_row(argm, i);
+    if (row.count == 0 || (row.op == EQUAL) != equalities) continue;
+    if (row.count == 1) {
+      set_bound(str, row);
+    } else {
+      append_row(str, row, place++, stored);
+    }
+  }
+  return place;
+}
+
+// Bounds that cross fix the parameter at the upper one.
+static void fix_crossing(MINSTR* str, long j) {
+  const FieldText name = call_name(str->secstr);
+  const MsgArgs args{name.text, j + 1, str->lb[j], str->ub[j]};
+  xpmlog(CALLING_SURFACE, 156, args);
+  if (str->dbug != 0.0) xpmout(CALLING_SURFACE, 156, args);
+}
+
+// Status and count of one parameter's bounds. Bounds that differ by no more than the feasibility
+// tolerance are equal: between them no step could be told from rounding.
+static void classify_bounds(MINSTR* str, long j, double tolerance) {
+  const double lower = str->lb[j];
+  const double upper = str->ub[j];
+  str->iabc[j] = 0;
+  if (upper < lower) fix_crossing(str, j);
+  const bool both = lower_exists(lower) && upper_exists(upper);
+  const bool distinct = lower + (std::fabs(lower) + 1.0) * tolerance < upper;
+  if (upper < lower || (both && !distinct)) {
+    str->iabc[j] = 2;
+    str->lb[j] = upper;
+    ++str->nbec;
+  } else {
+    str->nbic += (lower_exists(lower) ? 1 : 0) + (upper_exists(upper) ? 1 : 0);
+  }
+}
+
+// Totals of all constraints. In the simplex form every equality counts as two inequalities.
+static void set_totals(MINSTR* str, int job) {
+  str->ntec = str->nlec + str->neqc + str->nbec;
+  str->ntco = str->nbic + str->nbec + str->ncon + str->nnlc;
+  if (job == CONS_SIMPLEX) str->ntco += str->nbec + str->neqc + str->nlec;
+}
+
+// Two passes over the rows put equalities first without sorting. The counts must come out as
+// getncon found them; a caller whose matrix changes in between has a fault that no code can
+// describe.
+void setcons(MINSTR* str, int job) {
+  str->aspa = 1;
+  const double tolerance = wzmis(str->ceps) ? DEFAULT_FEASIBILITY : str->ceps;
+  const long capacity = str->ntco;
+  if (str->bounds != 0) copy_bound_rows(str);
+
+  long stored = 0;
+  const long equalities = take_rows(str, true, 0, &stored);
+  if (equalities != str->neqc) xexit(EXIT_INCONSISTENT, 0);
+  const long rows = take_rows(str, false, equalities, &stored);
+  if (rows != str->ncon) xexit(EXIT_INCONSISTENT, 0);
+
+  str->nbec = str->nbic = 0;
+  for (long j = 0; j < str->nvar && str->bounds != 0; ++j) classify_bounds(str, j, tolerance);
+  set_totals(str, job);
+  if (str->lincon != 0) {
+    znlpldc(str, str->opro, 1, str->jalc, str->naco, str->alcn);
+    set_totals(str, job);  // of the rows that are left
+  }
+  if (str->ntco > capacity) xexit(EXIT_INCONSISTENT, 0);
+}
+
+// Linear rows are stored by their nonzeros; rows of the constraints' Jacobian are dense.
+int nlpaget(MINSTR* str, long i, double* w) {
+  const long n = str->nvar;
+  if (i >= str->ncon) {
+    std::copy_n(str->jcon + (i - str->ncon) * n, n, w);
+    return 0;
+  }
+  vzfdl(0.0, w, n);
+  for (long k = i > 0 ? str->naco[i - 1] : 0; k < str->naco[i]; ++k) {
+    w[str->jalc[k]] = str->alcn[k];
+  }
+  return 0;
+}
+
+}  // namespace tqnlp

@@ -1,0 +1,454 @@
+// tqxnlp, the entries of the optimizers. All take one road: decode the arguments into the record,
+// prepare the modules, take the arrays, run the driver's two jobs, hand the results over, clean up.
+//
+// Three bodies serve eight subroutines: dopt1 (first order), dopt2 (second order) and dols (least
+// squares); NLPNMS, NLPVMC and NLPQUA have their own. What differs between subroutines of one body
+// is the row of its numbers; what differs between bodies is the step that settles derivatives and
+// constraints.
+#include <algorithm>
+#include <iterator>
+#include <span>
+
+#include "aasubs/control/znlpdrv.h"
+#include "front/tqxnlp.h"
+#include "front/tqxnlp_arrays.h"
+#include "front/tqxnlp_bridge.h"
+#include "front/tqxnlp_call.h"
+#include "front/tqxnlp_decode.h"
+#include "front/tqxnlp_modules.h"
+#include "host/log.h"
+
+namespace tqnlp {
+
+namespace {
+
+// What the subroutines of one body share.
+struct Body {
+  std::span<const int> modules;  // call codes, in the order of preparation
+  void (*set_callbacks)(MINSTR* str);
+};
+
+// Numbers of one subroutine.
+struct SubroutineRow {
+  const char* name;  // padded to eight
+  int tech;          // NLPQN settles it later
+  int ider;          // derivative order of the record
+  struct {
+    int read;    // derivative order
+    int layout;  // positions 1 and 8 to 10
+  } args;        // of getargm
+  struct {
+    int setoptn, setparm, setterm;
+  } job;
+  // Settles what follows from options and modules; getncon is called in it. Returns 0 or 6.
+  int (*settle)(MINSTR* str, long* nonzeros);
+  const Body* body;
+};
+
+}  // namespace
+
+static constexpr long MOST_SPARSE_ROWS = 2147483646;
+static constexpr int DBLDOG = 9;
+static constexpr int QUANEW = 10;
+static constexpr int QUANEW_DUAL = 11;  // QUANEW on the factor, also with nonlinear constraints
+
+// Place values of the digits of fidi.
+static constexpr int GRADIENT_DIGIT = 1;
+static constexpr int LEAST_SQUARES_DIGITS = 111;
+static constexpr int HESSIAN_DIGIT = 1000;
+static constexpr int CONSTRAINT_JACOBIAN_DIGIT = 10000;
+
+// ---- Steps that bodies share --------------------------------------------------------------------
+
+// What every run starts from; the vectors of settings and the settling steps change some of it.
+// ssin is kept below the root of the largest double, so that its square can be formed.
+static void set_start_values(MINSTR* str, const SubroutineRow& sub) {
+  str->tech = sub.tech;
+  str->ider = sub.ider;
+  str->nvar = str->secstr->n;
+  str->nnva = packed_size(str->nvar);
+  str->mfun = str->mequ = 1;
+  str->upti = HUGE_VALUE;
+  str->dfes = str->rtop = str->damp = str->dhes = MISSING;
+  str->ssin = std::min(1e20, 1.3407807929942999e151);
+}
+
+// A sparse Hessian where the subroutine has none, or where its module is missing.
+static void drop_sparse_hessian(ARGMTS* argm) {
+  xpmlog(CALLING_SURFACE, 163, {call_name(argm).text, argm->hrow});
+  argm->hrow = 0;
+}
+
+// Announced and given constraints must agree: without a module there are none, and equalities are a
+// part of all. opro asks for the null-space frame as soon as there is a general constraint.
+static int settle_constraints(MINSTR* str, int job, long* nonzeros) {
+  const ARGMTS* argm = str->secstr;
+  if (str->nnlc > 0 && argm->icmod == 0) {
+    xpmlog(CALLING_SURFACE, 174, {call_name(argm).text, str->nnlc});
+    str->nnlc = 0;
+  }
+  if (str->nnlc < 0 || str->nlec < 0 || str->nnlc < str->nlec) {
+    xpmlog(CALLING_SURFACE, 175, {call_name(argm).text, str->nnlc, str->nlec});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  if (getncon(str, job, nonzeros) != 0) return ENTRY_BAD_ARGUMENT;
+  str->opro = str->lincon != 0 || str->nlicon != 0 ? 1 : 0;
+  return 0;
+}
+
+static int constraint_job(const MINSTR* str) {
+  return str->secstr->icmod != 0 ? CONS_NONLINEAR : CONS_LINEAR;
+}
+
+// ---- First-order techniques ---------------------------------------------------------------------
+
+// Digit of a derivative: 0 supplied, 1 or 2 forward or central differences by the option's digit.
+static int difference_digit(bool supplied, int choice) {
+  if (supplied) return 0;
+  return choice == 0 ? 1 : 2;
+}
+
+// fidi, from the units digit of the option and the modules that are given.
+static void settle_first_derivatives(MINSTR* str) {
+  const ARGMTS* argm = str->secstr;
+  const int choice = str->fidi;
+  const bool gradient = argm->igmod != 0;
+  str->fidi = GRADIENT_DIGIT * difference_digit(gradient, choice);
+  if (argm->icmod != 0) {
+    str->fidi += CONSTRAINT_JACOBIAN_DIGIT * difference_digit(argm->jcmod != 0, choice);
+  }
+  if (str->load != 0 && argm->ihmod == 0) {
+    const int from = gradient ? 2 : 0;  // differences of gradients are two numbers further
+    str->fidi += HESSIAN_DIGIT * (difference_digit(false, choice) + from);
+  }
+}
+
+// Only the double dogleg scales (hesc) among the first-order techniques.
+static int settle_first_order(MINSTR* str, long* nonzeros) {
+  ARGMTS* argm = str->secstr;
+  settle_first_derivatives(str);
+  if (str->tech != DBLDOG) str->hesc = 0;
+  if (argm->hrow != 0) drop_sparse_hessian(argm);
+  return settle_constraints(str, constraint_job(str), nonzeros);
+}
+
+// NLPQN runs the primal form only on request (updates 3, 4) and without nonlinear constraints.
+static int settle_quasi_newton(MINSTR* str, long* nonzeros) {
+  const int rc = settle_first_order(str, nonzeros);
+  if (rc != 0) return rc;
+  const bool primal = str->tupd == 3 || str->tupd == 4;
+  str->tech = str->nlicon == 0 && primal ? QUANEW : QUANEW_DUAL;
+  if (primal) str->tupd -= 2;
+  return 0;
+}
+
+// The double dogleg updates a factor, whose updates are 1 and 2.
+static int settle_double_dogleg(MINSTR* str, long* nonzeros) {
+  const int rc = settle_first_order(str, nonzeros);
+  if (str->tupd == 3 || str->tupd == 4) str->tupd = 1;
+  return rc;
+}
+
+// VMCWD works in the frame of general constraints whether there are any or not.
+static int settle_watchdog(MINSTR* str, long* nonzeros) {
+  const int rc = settle_first_order(str, nonzeros);
+  str->opro = 1;
+  return rc;
+}
+
+static void set_first_order_callbacks(MINSTR* str) {
+  static constexpr int CONGRA = 13;
+  str->usfct = nlpfunc;
+  str->usgrd = nlpgrad;
+  if (str->load != 0 && str->tech != CONGRA) str->ushes = nlphess;
+}
+
+// ---- Second-order techniques --------------------------------------------------------------------
+
+// Without a gradient module both derivatives come from function values; with one the Hessian comes
+// from gradients.
+static int second_order_digits(const ARGMTS* argm, int choice) {
+  const bool gradient = argm->igmod != 0;
+  const bool hessian = argm->ihmod != 0;
+  const int digit = difference_digit(false, choice);
+  if (gradient) return hessian ? 0 : HESSIAN_DIGIT * (digit + 2);
+  return hessian ? digit : HESSIAN_DIGIT * digit + digit;
+}
+
+// A sparse Hessian must come from a module. ratio: density above which the dense form is kept; with
+// linear constraints the projection fills the matrix, so that it is always dense.
+static int settle_second_order(MINSTR* str, long* nonzeros) {
+  ARGMTS* argm = str->secstr;
+  str->fidi = second_order_digits(argm, str->fidi);
+  if (argm->hrow < 0 || (argm->hrow != 0 && argm->ihmod == 0)) drop_sparse_hessian(argm);
+  if (argm->hrow > MOST_SPARSE_ROWS) {
+    xpmlog(CALLING_SURFACE, 165, {call_name(argm).text, argm->hrow, MOST_SPARSE_ROWS});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
+  str->ratio = str->lincon == 0 ? 0.5 : 0.0;
+  return rc;
+}
+
+static void set_second_order_callbacks(MINSTR* str) {
+  str->usfct = nlpfunc;
+  str->usgrd = nlpgrad;
+  str->ushes = nlphess;
+}
+
+// ---- Least squares ------------------------------------------------------------------------------
+
+// One digit for all three: gradient, Jacobian and crossproduct come from one evaluation.
+static int settle_least_squares(MINSTR* str, long* nonzeros) {
+  ARGMTS* argm = str->secstr;
+  str->lsqu = 1;
+  if (str->mequ < 1) {
+    xpmlog(CALLING_SURFACE, 146, {call_name(argm).text, str->mequ});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  str->mfun = str->mequ;
+  if (argm->hrow != 0) drop_sparse_hessian(argm);
+  str->fidi = LEAST_SQUARES_DIGITS * difference_digit(argm->igmod != 0, str->fidi);
+  return settle_constraints(str, CONS_LINEAR, nonzeros);
+}
+
+static void set_least_squares_callbacks(MINSTR* str) {
+  str->usfct = nlpfunc;
+  str->usgrd = nlpjgrd;
+  str->usjac = nlpjacm;
+  str->ushes = nlpcrpj;
+}
+
+// ---- Simplex and quadratic ----------------------------------------------------------------------
+
+// No derivatives, and no frame: bounds and rows are looked at as values.
+static int settle_simplex(MINSTR* str, long* nonzeros) {
+  str->fidi = str->cfdh = 0;
+  const int rc = settle_constraints(str, CONS_SIMPLEX, nonzeros);
+  str->opro = 0;
+  return rc;
+}
+
+static void set_simplex_callbacks(MINSTR* str) { str->usfct = nlpfunc; }
+
+// The derivatives of a quadratic are known.
+static int settle_quadratic(MINSTR* str, long* nonzeros) {
+  str->fidi = str->cfdh = 0;
+  str->fqad = str->secstr->qlin != 0 ? 2 : 1;
+  return settle_constraints(str, CONS_LINEAR, nonzeros);
+}
+
+// The callbacks of the quadratic come with its technique.
+static void set_quadratic_callbacks(MINSTR*) {}
+
+// ---- The road -----------------------------------------------------------------------------------
+
+// Arguments, options and constraints into the record.
+static int decode_call(MINSTR* str, long narg, const SubroutineRow& sub, long* nonzeros) {
+  ARGMTS* argm = str->secstr;
+  int rc = getargm(argm, argm->arg, narg, sub.args.read, sub.args.layout);
+  if (rc != 0) return rc;
+  set_start_values(str, sub);
+  setoptn(str, sub.job.setoptn);
+  rc = sub.settle(str, nonzeros);
+  if (rc != 0) return rc;
+  setparm(str, sub.job.setparm);
+  setterm(str, sub.job.setterm);
+  return 0;
+}
+
+// Modules that are given; those of nonlinear constraints only when there are any.
+static int prepare_modules(MINSTR* str, const SubroutineRow& sub) {
+  const ARGMTS* argm = str->secstr;
+  for (const int code : sub.body->modules) {
+    const bool of_constraints = code == CALL_CONSTRAINTS || code == CALL_CONSTRAINT_JACOBIAN;
+    if (argm->*module_kind(code)->given == 0 || (of_constraints && str->nnlc == 0)) continue;
+    if (const int rc = setss(str, code); rc != 0) return rc;
+  }
+  return 0;
+}
+
+// Names of the derivatives behind the digits of fidi, in the order of the digits.
+static constexpr const char* DERIVATIVES[] = {
+    "gradient",
+    "Jacobian",
+    "crossproduct Jacobian",
+    "Hessian",
+    "Jacobian of the nonlinear constraints",
+};
+
+// What this version cannot do is refused before anything runs.
+static int refuse_what_is_not_built(MINSTR* str) {
+  const ARGMTS* argm = str->secstr;
+  if (!technique_is_built(str)) {
+    const FieldText technique = field_text(technique_name(str->tech), CALL_NAME_FIELD);
+    xpmlog(CALLING_SURFACE, 199, {call_name(argm).text, technique.text});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  if (argm->hrow != 0 && argm->qmat == nullptr) {
+    xpmlog(CALLING_SURFACE, 197, {call_name(argm).text, argm->hrow});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  for (int digit = 0; digit < static_cast<int>(std::size(DERIVATIVES)); ++digit) {
+    if (fidi_digit(str->fidi, digit) == 0 || difference_service(str, digit) != nullptr) continue;
+    xpmlog(CALLING_SURFACE, 198, {call_name(argm).text, DERIVATIVES[digit]});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  if (str->cfdh != 0 && DIFFERENCE_SERVICES.intervals == nullptr) {
+    xpmlog(CALLING_SURFACE, 194, {call_name(argm).text});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  return 0;
+}
+
+// Termination test and constraints. updat and linse are set with the first technique that has an
+// update or a line search.
+static void set_common_callbacks(MINSTR* str) {
+  str->uster = nlpterm;
+  str->acget = nlpaget;
+  if (str->nlicon != 0 && str->secstr->icmod != 0) {
+    str->usnlc = nlpnlco;
+    if (str->usgrd != nullptr) str->usjnc = nlpjcon;
+  }
+}
+
+// Did the last call of any module fail?
+static bool a_module_failed(const ARGMTS* argm) {
+  return argm->funer != 0 || argm->grder != 0 || argm->heser != 0 || argm->grjer != 0 ||
+         argm->cpjer != 0 || argm->jacer != 0 || argm->nlcer != 0 || argm->jncer != 0 ||
+         argm->trmer != 0;
+}
+
+// The two jobs of the driver. A start point that failed ends the run.
+static int run_driver(MINSTR* str) {
+  static constexpr int START_REPORT = 1;
+  static constexpr int FUNCTION_DETAIL = 2;
+  const ARGMTS* argm = str->secstr;
+  const bool start_report = str->dbug > 2.0;
+  const bool functions = str->lsqu != 0 && str->dbug > 4.0;
+  const int pfun = (start_report ? START_REPORT : 0) + (functions ? FUNCTION_DETAIL : 0);
+  const int gradient_test = argm->igmod == 0 ? 0 : (str->lsqu != 0 ? 2 : 1);
+  const int constraint_test = str->nlicon != 0 && argm->jcmod != 0 ? 1 : 0;
+  const int code = znlpdrv(str, 1, pfun, gradient_test, constraint_test);
+  if (code < 0 || a_module_failed(argm)) return code;
+  return znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
+}
+
+// Result 1: the return code of the run. Result 2: the final point.
+static int make_results(MINSTR* str, int code) {
+  const double rc = code;
+  if (make_row_result(1, &rc, 1) != 0) return ENTRY_NO_MEMORY;
+  return make_row_result(2, str->x, str->nvar);
+}
+
+// Arrays, start point, constraints, run, results, report.
+static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
+  set_common_callbacks(str);
+  if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
+  copy_start(str);
+  if (str->tech == DBLDOG) vzfdl(1.0, str->dsca, str->nvar);
+  const bool simplex = sub.args.layout == ARGS_SIMPLEX;
+  if (str->bounds != 0 || str->lincon != 0) {
+    setcons(str, simplex ? CONS_SIMPLEX : constraint_job(str));
+  }
+  const int code = run_driver(str);
+  const int rc = make_results(str, code);
+  return rc != 0 ? rc : deliver_report(str);
+}
+
+// The road from arguments to results. Every step answers 0 or the code that ends the call, and
+// every way out goes through end_call.
+static int run_subroutine(const SubroutineRow& sub, TQLARG** arg, const long* to_n) {
+  MINSTR str{};
+  ARGMTS argm{};
+  OuterCall outer{};
+  long nonzeros = 0;
+  int rc = begin_call(&str, &argm, arg, sub.name, &outer);
+  if (rc == 0) rc = decode_call(&str, *to_n, sub, &nonzeros);
+  if (rc == 0) rc = prepare_modules(&str, sub);
+  if (rc == 0) rc = refuse_what_is_not_built(&str);
+  if (rc == 0) {
+    sub.body->set_callbacks(&str);
+    rc = run_call(&str, sub, nonzeros);
+  }
+  return end_call(&str, &argm, outer, rc);
+}
+
+// ---- Bodies and entries -------------------------------------------------------------------------
+
+static constexpr int FIRST_ORDER_MODULES[] = {CALL_OBJECTIVE,   CALL_GRADIENT,
+                                              CALL_HESSIAN,     CALL_TERMINATION,
+                                              CALL_CONSTRAINTS, CALL_CONSTRAINT_JACOBIAN};
+static constexpr int SECOND_ORDER_MODULES[] = {CALL_OBJECTIVE, CALL_GRADIENT, CALL_HESSIAN,
+                                               CALL_TERMINATION};
+static constexpr int LEAST_SQUARES_MODULES[] = {CALL_OBJECTIVE, CALL_GRADIENT, CALL_TERMINATION};
+static constexpr int SIMPLEX_MODULES[] = {CALL_OBJECTIVE, CALL_TERMINATION, CALL_CONSTRAINTS};
+static constexpr int QUADRATIC_MODULES[] = {CALL_TERMINATION};
+
+static constexpr Body FIRST_ORDER{FIRST_ORDER_MODULES, set_first_order_callbacks};
+static constexpr Body SECOND_ORDER{SECOND_ORDER_MODULES, set_second_order_callbacks};
+static constexpr Body LEAST_SQUARES{LEAST_SQUARES_MODULES, set_least_squares_callbacks};
+static constexpr Body SIMPLEX{SIMPLEX_MODULES, set_simplex_callbacks};
+static constexpr Body QUADRATIC{QUADRATIC_MODULES, set_quadratic_callbacks};
+
+//  name, technique, derivative order, argument list, jobs, step that settles, body
+static constexpr SubroutineRow NLPCG{
+    "NLPCG   ", 13, 1, {READ_GRADIENT, ARGS_GRADIENT}, {1, 1, 1}, settle_first_order, &FIRST_ORDER};
+static constexpr SubroutineRow NLPQN{
+    "NLPQN   ",          QUANEW,      1, {READ_GRADIENT, ARGS_NONLINEAR}, {1, 2, 2},
+    settle_quasi_newton, &FIRST_ORDER};
+static constexpr SubroutineRow NLPDD{
+    "NLPDD   ",           DBLDOG,      1, {READ_GRADIENT, ARGS_GRADIENT}, {1, 2, 2},
+    settle_double_dogleg, &FIRST_ORDER};
+static constexpr SubroutineRow NLPTR{
+    "NLPTR   ",   2, 4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2}, settle_second_order,
+    &SECOND_ORDER};
+static constexpr SubroutineRow NLPNRA{
+    "NLPNRA  ",   3, 4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2}, settle_second_order,
+    &SECOND_ORDER};
+static constexpr SubroutineRow NLPNRR{
+    "NLPNRR  ",   4, 4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2}, settle_second_order,
+    &SECOND_ORDER};
+static constexpr SubroutineRow NLPLM{
+    "NLPLM   ",    8, 3, {READ_JACOBIAN, ARGS_LEAST_SQUARES}, {2, 3, 2}, settle_least_squares,
+    &LEAST_SQUARES};
+static constexpr SubroutineRow NLPHQN{
+    "NLPHQN  ",    12, 3, {READ_JACOBIAN, ARGS_LEAST_SQUARES}, {2, 3, 2}, settle_least_squares,
+    &LEAST_SQUARES};
+static constexpr SubroutineRow NLPNMS{
+    "NLPNMS  ", 14, 1, {READ_NO_DERIVATIVES, ARGS_SIMPLEX}, {0, 0, 0}, settle_simplex, &SIMPLEX};
+static constexpr SubroutineRow NLPVMC{
+    "NLPVMC  ", 21, 1, {READ_GRADIENT, ARGS_NONLINEAR}, {1, 2, 2}, settle_watchdog, &FIRST_ORDER};
+static constexpr SubroutineRow NLPQUA{
+    "NLPQUA  ",       16,        4, {READ_NO_DERIVATIVES, ARGS_QUADRATIC}, {1, 5, 2},
+    settle_quadratic, &QUADRATIC};
+
+// First order; job 0 NLPCG, 1 NLPQN, 3 NLPDD.
+static int dopt1(TQLARG** arg, long* to_n, int job) {
+  return run_subroutine(job == 0 ? NLPCG : (job == 1 ? NLPQN : NLPDD), arg, to_n);
+}
+
+// Second order; job 0 NLPTR, 1 NLPNRA, 2 NLPNRR.
+static int dopt2(TQLARG** arg, long* to_n, int job) {
+  return run_subroutine(job == 0 ? NLPTR : (job == 1 ? NLPNRA : NLPNRR), arg, to_n);
+}
+
+// Least squares; job 1 NLPLM, 2 NLPHQN.
+static int dols(TQLARG** arg, long* to_n, int job) {
+  return run_subroutine(job == 1 ? NLPLM : NLPHQN, arg, to_n);
+}
+
+int tqxcg(TQLARG** arg, long* to_n) { return dopt1(arg, to_n, 0); }
+int tqxqn(TQLARG** arg, long* to_n) { return dopt1(arg, to_n, 1); }
+int tqxdd(TQLARG** arg, long* to_n) { return dopt1(arg, to_n, 3); }
+int tqxtr(TQLARG** arg, long* to_n) { return dopt2(arg, to_n, 0); }
+int tqxnra(TQLARG** arg, long* to_n) { return dopt2(arg, to_n, 1); }
+int tqxnrr(TQLARG** arg, long* to_n) { return dopt2(arg, to_n, 2); }
+int tqxlm(TQLARG** arg, long* to_n) { return dols(arg, to_n, 1); }
+int tqxhqn(TQLARG** arg, long* to_n) { return dols(arg, to_n, 2); }
+
+int tqxnms(TQLARG** arg, long* to_n) { return run_subroutine(NLPNMS, arg, to_n); }
+int tqxvmc(TQLARG** arg, long* to_n) { return run_subroutine(NLPVMC, arg, to_n); }
+int tqxqas(TQLARG** arg, long* to_n) { return run_subroutine(NLPQUA, arg, to_n); }
+
+}  // namespace tqnlp

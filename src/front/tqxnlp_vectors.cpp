@@ -1,0 +1,273 @@
+// tqxnlp, the vectors of settings: opt (setoptn), par (setparm) and tc (setterm), translated into
+// the record. A missing element, or a vector that is too short, keeps the default. Element numbers
+// count from 1, as the language does.
+#include <algorithm>
+#include <cmath>
+
+#include "front/tqxnlp_decode.h"
+
+namespace tqnlp {
+
+// Techniques that have defaults of their own.
+static constexpr int LEVMAR = 8;
+static constexpr int DBLDOG = 9;
+static constexpr int HYQUAN = 12;
+static constexpr int CONGRA = 13;
+static constexpr int NMSIMP = 14;
+static constexpr int QUADAS = 16;
+static constexpr int NEWRAP = 3;
+
+static constexpr double INTEGER_LIMIT = 2147483647.0;
+
+// Digits of a double: -log10(2.2204460492503141e-16).
+static constexpr double MACHINE_DIGITS = 15.653559774527022;
+static constexpr double MINUS_LOG_10 = -2.302585092994046;
+static constexpr double DEFAULT_TOLERANCE = 1e-8;  // sing, ceps, ldct, and some of tc
+
+// Machine precision with its last bit up.
+static constexpr double DEFAULT_FTOL = 2.2204460492503141e-16;
+
+int to_int(double value) {
+  if (std::isnan(value)) return 0;
+  return static_cast<int>(std::clamp(value, -INTEGER_LIMIT, INTEGER_LIMIT));
+}
+
+namespace {
+
+// A vector of settings, read by element number.
+struct Settings {
+  const double* values;
+  int reach;  // elements that are looked at
+
+  // Is element k there?
+  bool has(int k) const { return k <= reach && !std::isnan(values[k - 1]); }
+  double at(int k) const { return values[k - 1]; }
+  // Takes element k, if there; or only if positive.
+  void take(int k, double* field) const {
+    if (has(k)) *field = at(k);
+  }
+  void take(int k, int* field) const {
+    if (has(k)) *field = to_int(at(k));
+  }
+  void take(int k, long* field) const {
+    if (has(k)) *field = to_int(at(k));
+  }
+  void take_positive(int k, double* field) const {
+    if (has(k) && at(k) > 0.0) *field = at(k);
+  }
+  void take_positive(int k, int* field) const {
+    if (has(k) && to_int(at(k)) > 0) *field = to_int(at(k));
+  }
+};
+
+}  // namespace
+
+// ---- opt ----------------------------------------------------------------------------------------
+
+static constexpr int OPTION_ELEMENTS = 12;
+
+// Elements beyond what an int holds are brought into range in the caller's own vector, so that it
+// shows what was used.
+static void clamp_in_place(double* values, int reach) {
+  for (int k = 0; k < reach; ++k) {
+    if (!std::isnan(values[k])) values[k] = std::clamp(values[k], -INTEGER_LIMIT, INTEGER_LIMIT);
+  }
+}
+
+// Element 2. A fraction is kept: levels are only compared.
+static void set_print_level(MINSTR* str, const Settings& opt) {
+  static constexpr double MOST_DETAIL = 9.0;
+  // Level 1 is left out on purpose: the lowest request already prints the history.
+  str->dbug = opt.has(2) && opt.at(2) > 0.0 ? opt.at(2) + 1.0 : 0.0;
+  if (str->dbug > MOST_DETAIL) str->dbug = MOST_DETAIL;
+}
+
+// Elements 3 to 7, which techniques with derivatives read.
+static void set_method(MINSTR* str, const Settings& opt, bool least_squares) {
+  str->hesc = least_squares && str->tech == LEVMAR ? 1 : 0;
+  str->tupd = 1;
+  str->tlin = least_squares ? 12 : 2;
+  opt.take(3, &str->hesc);
+  opt.take_positive(4, &str->tupd);
+  opt.take_positive(5, &str->tlin);
+  opt.take_positive(6, &str->vers);
+  opt.take(7, &str->load);
+}
+
+// DBLDOG and HYQUAN update a factor, for which there are two formulas; the others know four.
+static void limit_method(MINSTR* str) {
+  const int updates = str->tech == DBLDOG || str->tech == HYQUAN ? 2 : 4;
+  if (str->tupd > updates) str->tupd = 1;
+  if (str->vers > 2) str->vers = 2;
+}
+
+// Difference code c: tens choose the intervals that are estimated, units the kind of difference.
+// The tens work as two bits, 1 objective and 2 constraints; the bit of what is not differenced is
+// dropped.
+static void set_difference_code(MINSTR* str, int code) {
+  str->fidi = code % 10;
+  str->cfdh = code / 10;
+  if (str->cfdh > 3 || str->cfdh < 0) str->cfdh = 0;
+  if (str->nnlc == 0) {
+    if (str->cfdh == 2) str->cfdh = 0;
+    if (str->cfdh == 3) str->cfdh = 1;
+  }
+  if (str->cfdh == 3 && str->secstr->igmod != 0) str->cfdh = 2;
+}
+
+// The order matters: the difference code looks at nnlc, the limits at what the elements gave.
+void setoptn(MINSTR* str, int job) {
+  ARGMTS* argm = str->secstr;
+  str->hesc = str->imax = str->load = 0;
+  str->vers = 2;
+  const Settings opt{argm->optn, std::min(argm->nopt, OPTION_ELEMENTS)};
+  clamp_in_place(argm->optn, opt.reach);
+
+  set_print_level(str, opt);
+  if (job == 2) {
+    str->mequ = 0;
+    opt.take(1, &str->mequ);
+  } else if (opt.has(1) && opt.at(1) != 0.0) {
+    str->imax = 1;
+  }
+  if (job != 0) set_method(str, opt, job == 2);
+  if (job == 1 && str->tech != QUADAS) {
+    argm->hrow = 0;
+    opt.take(9, &argm->hrow);
+  }
+  if (job != 2) {
+    opt.take(10, &str->nnlc);
+    opt.take(11, &str->nlec);
+  }
+  limit_method(str);
+  int code = 0;
+  if (job != 0) opt.take(8, &code);
+  set_difference_code(str, code);
+}
+
+// ---- par ----------------------------------------------------------------------------------------
+
+double limited_digits(double digits) {
+  if (std::isnan(digits)) return MACHINE_DIGITS;
+  return std::clamp(digits, 1.0, 2.0 * MACHINE_DIGITS);
+}
+
+void limit_constraint_tolerances(MINSTR* str) {
+  static constexpr double LARGEST_LDCT = 0.1;
+  str->ceps = std::max(str->ceps, SMALLEST_TOLERANCE);
+  str->ldct = std::clamp(str->ldct, 0.0, LARGEST_LDCT);
+}
+
+// Slope reduction at which a line search is content. Newton steps are good enough to ask for
+// little.
+static double default_sigma(const MINSTR* str, int job) {
+  static constexpr double TIGHT = 0.06;  // for the DFP update, which asks for exact searches
+  if (str->tech == NEWRAP) return 0.9;
+  if (str->tech == HYQUAN) return str->tupd == 2 ? TIGHT : 0.1;
+  if (job == 1) return 0.1;
+  return str->tupd == 2 ? TIGHT : 0.4;
+}
+
+// Iterations after which a technique restarts.
+static double default_restart(const MINSTR* str) {
+  if (str->tech == CONGRA) return 0.0;  // the technique chooses n
+  return str->tech == LEVMAR ? 40.0 : NEVER;
+}
+
+// Follows getncon, since the first step length depends on nlicon.
+void setparm(MINSTR* str, int job) {
+  const ARGMTS* argm = str->secstr;
+  str->sing = str->ceps = str->ldct = DEFAULT_TOLERANCE;
+  str->salf = str->tech == NMSIMP && str->nlicon != 0 ? 0.5 : 1.0;
+  str->dhes = str->damp = str->deat = str->cdig = str->fdig = MISSING;
+  if (job > 0) {
+    str->sigm = default_sigma(str, job);
+    str->nres = default_restart(str);
+  }
+
+  // An infinite parameter has no meaning and counts as missing.
+  static constexpr int ELEMENTS = 12;
+  double finite[ELEMENTS];
+  const int reach = std::min(argm->npar, job > 0 ? ELEMENTS : 4);
+  for (int k = 0; k < reach; ++k) {
+    finite[k] = std::isfinite(argm->parm[k]) ? argm->parm[k] : MISSING;
+  }
+  const Settings par{finite, reach};
+  par.take(1, &str->sing);
+  par.take(2, &str->salf);
+  par.take(3, &str->ceps);
+  par.take(4, &str->deat);
+  par.take_positive(5, &str->ldct);
+  par.take_positive(6, &str->sigm);
+  par.take_positive(7, &str->damp);
+  par.take_positive(8, &str->fdig);
+  par.take_positive(9, &str->cdig);
+  par.take_positive(10, &str->dhes);
+
+  str->fdig = limited_digits(str->fdig);
+  str->cdig = limited_digits(str->cdig);
+  limit_constraint_tolerances(str);
+}
+
+// ---- tc -----------------------------------------------------------------------------------------
+
+// Numbers of iterations and calls, by job: techniques without second derivatives get more.
+static void set_default_limits(MINSTR* str, int job) {
+  static constexpr double ITERATIONS[] = {1000.0, 400.0, 200.0};
+  static constexpr double CALLS[] = {3000.0, 1000.0, 500.0};
+  str->maxi = ITERATIONS[job];
+  str->maxf = CALLS[job];
+  str->max2 = 0.0;
+}
+
+// A criterion at 0 is off. ABSCONV stands where no objective gets, on the side of the run's sign.
+static void set_default_criteria(MINSTR* str, int job) {
+  const bool nonlinear = str->nlicon != 0;
+  str->atol = str->imax != 0 ? ROOT_HUGE : -ROOT_HUGE;
+  str->ftol = str->fdig > 0.0 ? std::exp(str->fdig * MINUS_LOG_10) : DEFAULT_FTOL;
+  str->gto2 = str->aftl = str->fsiz = str->xsiz = 0.0;
+  if (job == 0) {
+    str->gtol = str->agtl = 0.0;
+    str->fto2 = 1e-6;
+    str->xtol = nonlinear ? 0.0 : DEFAULT_TOLERANCE;
+    str->axtl = nonlinear ? 1e-4 : DEFAULT_TOLERANCE;
+  } else {
+    str->gtol = DEFAULT_TOLERANCE;
+    str->agtl = 1e-5;
+    str->fto2 = nonlinear ? 1e-6 : 0.0;
+    str->xtol = str->axtl = 0.0;
+  }
+}
+
+// Fields by element number; the simplex technique has no gradient criteria.
+static constexpr double MINSTR::*SIMPLEX_CRITERIA[] = {
+    &MINSTR::maxi, &MINSTR::maxf, &MINSTR::atol, &MINSTR::ftol, &MINSTR::fto2,
+    &MINSTR::aftl, &MINSTR::fsiz, &MINSTR::xtol, &MINSTR::axtl, &MINSTR::xsiz,
+};
+static constexpr double MINSTR::*CRITERIA[] = {
+    &MINSTR::maxi, &MINSTR::maxf, &MINSTR::atol, &MINSTR::gtol, &MINSTR::gto2,
+    &MINSTR::agtl, &MINSTR::ftol, &MINSTR::fto2, &MINSTR::aftl, &MINSTR::fsiz,
+    &MINSTR::xtol, &MINSTR::axtl, &MINSTR::xsiz,
+};
+static constexpr int SIMPLEX_ELEMENTS = 10;
+static constexpr int CRITERIA_ELEMENTS = 13;
+static constexpr int ELEMENT_MAX2 = 20;  // the elements between have no use
+
+void setterm(MINSTR* str, int job) {
+  const ARGMTS* argm = str->secstr;
+  set_default_limits(str, job);
+  set_default_criteria(str, job);
+  const Settings tc{argm->tcri, argm->nitc};
+  // The values are taken as they are; an infinite one as the largest number, a limit or level that
+  // is never (or always) reached.
+  const auto take = [&tc](int k, double* field) {
+    if (tc.has(k)) *field = std::clamp(tc.at(k), -HUGE_VALUE, HUGE_VALUE);
+  };
+  const int elements = job == 0 ? SIMPLEX_ELEMENTS : CRITERIA_ELEMENTS;
+  for (int k = 1; k <= elements; ++k) {
+    take(k, &(str->*(job == 0 ? SIMPLEX_CRITERIA : CRITERIA)[k - 1]));
+  }
+  take(ELEMENT_MAX2, &str->max2);
+}
+
+}  // namespace tqnlp

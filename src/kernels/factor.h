@@ -1,0 +1,16 @@
+// What the sources of the dense factorizations share.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+// The job that stands for job 0: with neither bounds nor lincon 3 for a diagonal Hessian, else 2;
+// with either of them the pivoted forms 5 and 4. Other jobs stay.
+int choose_factor_job(const MINSTR* str, int job);
+
+// Exchanges rows and columns j <= p of a packed symmetric matrix of order n. Elements left of
+// column j are exchanged too: they may hold the rows of a factor.
+void swap_packed(long n, long j, long p, double* a);
+
+}  // namespace tqnlp

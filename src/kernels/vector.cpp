@@ -1,0 +1,134 @@
+// Vector kernels: norms, dot products and sums of vectors.
+//
+// The contiguous forms run in the build variants of variants.h with the lanes of lanes.h. Short
+// vectors are the most frequent ones: they take a scalar path without a dispatch. The strided forms
+// keep four partial sums; they are bound by memory, not by arithmetic.
+#include "kernels/vector.h"
+
+#include <cmath>
+
+#include "aasubs/record/constants.h"
+#include "kernels/lanes.h"
+
+namespace tqnlp {
+
+// Sums of squares in this range are exact to rounding: no square that matters left the range of
+// doubles.
+static constexpr double SAFE_SQUARES_LOW = 1e-280;
+static constexpr double SAFE_SQUARES_HIGH = 1e280;
+
+template <int W>
+TQNLP_BODY double dot_body(long n, const double* x, const double* y) {
+  return dot_lanes<W>(n, x, y);
+}
+TQNLP_DISPATCH(double, dot, (long n, const double* x, const double* y), (n, x, y))
+
+template <int W>
+TQNLP_BODY void axpy_body(long n, double* z, const double* y, double alpha, const double* x) {
+  axpy_lanes<W>(n, z, y, alpha, x);
+}
+TQNLP_DISPATCH(void, axpy, (long n, double* z, const double* y, double alpha, const double* x),
+               (n, z, y, alpha, x))
+
+// ---- Norms -------------------------------------------------------------------------------------
+
+// The scaled norm with largest absolute value m: elements are divided by m, and an element that the
+// rounding of a sum with the largest would swallow is left out before it is squared.
+static double scaled_norm(long n, long incx, const double* x, double m) {
+  const double h = m > 1.0 ? std::sqrt(m) : m;
+  double total = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double element = x[i * incx];
+    if (std::fabs(element) + h == h) continue;
+    const double y = element / m;
+    if (y + 1.0 != 1.0) total += y * y;
+  }
+  return m * std::sqrt(total);
+}
+
+double zvenorm(long n, long incx, const double* x) {
+  if (n < 1) return 0.0;
+  const double squares = incx == 1 ? zvdot11(n, x, x) : zvdotjj(n, incx, x, incx, x);
+  if (squares > SAFE_SQUARES_LOW && squares < SAFE_SQUARES_HIGH) return std::sqrt(squares);
+  const double m = zvamxj(n, incx, x);
+  return m == 0.0 ? std::sqrt(squares) : scaled_norm(n, incx, x, m);
+}
+
+double zvamx(long n, const double* x) { return zvamxj(n, 1, x); }
+
+double zvamxj(long n, long incx, const double* x) {
+  double largest = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double value = std::fabs(x[i * incx]);
+    largest = value > largest ? value : largest;
+  }
+  return largest;
+}
+
+// ---- Dot products ------------------------------------------------------------------------------
+
+double zvdot11(long n, const double* x, const double* y) {
+  if (n < LANES) return n > 0 ? dot_tail(n, x, y) : 0.0;
+  return dot(n, x, y);
+}
+
+double zinner(long n, const double* x, const double* y) { return zvdot11(n, x, y); }
+
+double zvdotj1(long n, long incx, const double* x, const double* y) {
+  return zvdotjj(n, incx, x, 1, y);
+}
+
+double zvdotjj(long n, long incx, const double* x, long incy, const double* y) {
+  if (incx == 1 && incy == 1) return zvdot11(n, x, y);
+  double sum0 = 0.0, sum1 = 0.0, sum2 = 0.0, sum3 = 0.0;
+  long i = 0;
+  for (; i + 4 <= n; i += 4) {
+    sum0 += x[0] * y[0];
+    sum1 += x[incx] * y[incy];
+    sum2 += x[2 * incx] * y[2 * incy];
+    sum3 += x[3 * incx] * y[3 * incy];
+    x += 4 * incx;
+    y += 4 * incy;
+  }
+  for (; i < n; ++i, x += incx, y += incy) sum0 += x[0] * y[0];
+  return (sum0 + sum2) + (sum1 + sum3);
+}
+
+double zvdots1(long n, const long* ind, const double* x, const double* y) {
+  double sum0 = 0.0, sum1 = 0.0;
+  long k = 0;
+  for (; k + 2 <= n; k += 2) {
+    sum0 += x[ind[k]] * y[k];
+    sum1 += x[ind[k + 1]] * y[k + 1];
+  }
+  if (k < n) sum0 += x[ind[k]] * y[k];
+  return sum0 + sum1;
+}
+
+// ---- Sums of vectors ---------------------------------------------------------------------------
+
+void zvaxpy(double* z, const double* x, const double* y, long n, double alpha) {
+  if (n < LANES) {
+    for (long i = 0; i < n; ++i) z[i] = y[i] + alpha * x[i];
+  } else {
+    axpy(n, z, y, alpha, x);
+  }
+}
+
+void zvxay11(long n, double* a, double alpha, const double* b) { zvaxpy(a, b, a, n, alpha); }
+
+void zvxay1j(long n, double* a, double alpha, long incb, const double* b) {
+  for (long i = 0; i < n; ++i) a[i] += alpha * b[i * incb];
+}
+
+void zvxayj1(long n, long inca, double* a, double alpha, const double* b) {
+  for (long i = 0; i < n; ++i) a[i * inca] += alpha * b[i];
+}
+
+void zvz111(long n, double* z, double alpha, const double* x) {
+  for (long i = 0; i < n; ++i) z[i] = alpha * x[i];
+}
+
+void zvscl11(long n, double* x, double alpha) { zvz111(n, x, alpha, x); }
+
+}  // namespace tqnlp

@@ -1,0 +1,450 @@
+// znlpcde, jobs 2 and 4: the LL' factorizations of packed matrices, by panels of columns.
+//
+// lltdec factors the triangle of a panel in a small transposed buffer and lets eliminate_panel do
+// the rest. The pivots are formed without the roots, which stand beside the chain from pivot to
+// pivot: row t loses w u with w = u/d. lltde2 chooses its pivots one by one; within a panel it only
+// brings the column of the pivot and the diagonal up to date, and the panel as a whole goes into
+// the rest of the matrix at its end (the lazy form of LAPACK Working Note 161).
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <utility>
+
+#include "aasubs/record/constants.h"
+#include "aasubs/record/packed.h"
+#include "kernels/factor.h"
+#include "kernels/lanes.h"
+#include "kernels/panel.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+// Orders up to this one are factored row by row: there is nothing to run side by side.
+static constexpr long SMALL_ORDER = 12;
+
+// Sum of the logarithms of positive normal numbers: mantissas are multiplied, exponents added, and
+// one logarithm is taken at the end.
+struct LogProduct {
+  double mantissa = 1.0;
+  long exponent = 0;
+
+  void multiply(double x) {
+    constexpr std::uint64_t FRACTION = (std::uint64_t{1} << 52) - 1;
+    constexpr std::uint64_t BIAS = 1023;
+    const auto bits = std::bit_cast<std::uint64_t>(x);
+    exponent += static_cast<long>(bits >> 52) - static_cast<long>(BIAS);
+    mantissa *= std::bit_cast<double>((bits & FRACTION) | BIAS << 52);
+    if (mantissa > 0x1p512) {
+      mantissa *= 0x1p-512;
+      exponent += 512;
+    }
+  }
+  double logarithm() const {
+    return std::log(mantissa) + static_cast<double>(exponent) * std::numbers::ln2;
+  }
+};
+
+// ---- Job 2 -------------------------------------------------------------------------------------
+
+static long factor_small(long n, double sing, LogProduct& determinant, double* c) {
+  double reciprocal[SMALL_ORDER];
+  double* row = c;
+  for (long j = 0; j < n; row += ++j) {
+    double subtracted = 0.0;
+    const double* earlier = c;
+    for (long k = 0; k < j; earlier += ++k) {
+      double rest = row[k];
+#pragma GCC unroll 1
+      for (long i = 0; i < k; ++i) rest -= row[i] * earlier[i];
+      row[k] = rest * reciprocal[k];
+      subtracted += row[k] * row[k];
+    }
+    const double pivot = row[j] - subtracted;
+    if (!(pivot > pivot_limit(sing, row[j], subtracted))) {
+      row[j] = failed_pivot(pivot, sing);
+      return j + 1;
+    }
+    determinant.multiply(pivot);
+    row[j] = std::sqrt(pivot);
+    reciprocal[j] = 1.0 / row[j];
+  }
+  return 0;
+}
+
+// The triangle of a panel. u and the arrays as the body below leaves them.
+struct PanelWork {
+  PanelTriangle triangle;
+  alignas(64) double subtracted[PANEL];
+  double diagonal[PANEL];
+  double pivot[PANEL];
+};
+
+// Factors the order nb triangle, first without roots. Returns the step that failed, or nb.
+template <int W>
+TQNLP_BODY long factor_triangle_body(long nb, double sing, PanelWork& work) {
+  double* const u = work.triangle.u;
+  const long padded = (nb + LANES - 1) / LANES * LANES;
+  Lanes<W> column, to, factor, sum;
+  for (long s = 0; s < nb; ++s) {
+    const double subtracted = work.subtracted[s];
+    const double pivot = work.pivot[s] = work.diagonal[s] - subtracted;
+    if (!(pivot > pivot_limit(sing, work.diagonal[s], subtracted))) return s;
+    const double reciprocal = 1.0 / pivot;
+    const double* source = u + s * PANEL;
+    // The whole groups of eight from the one that holds s+1 on; what stands before the diagonal is
+    // never read again.
+    for (long g = (s + 1) / LANES * LANES; g < padded; g += LANES) {
+      column.load(source + g);
+      sum.load(work.subtracted + g);
+      factor.fill(reciprocal);
+      to = column;
+      to.multiply(factor);
+      sum.add_product(to, column);
+      sum.store(work.subtracted + g);
+    }
+    for (long q = s + 1; q < nb; ++q) {
+      double* target = u + q * PANEL;
+      factor.fill(source[q] * reciprocal);
+      for (long g = (q + 1) / LANES * LANES; g < padded; g += LANES) {
+        column.load(source + g);
+        to.load(target + g);
+        to.subtract_product(factor, column);
+        to.store(target + g);
+      }
+    }
+  }
+  return nb;
+}
+TQNLP_DISPATCH(long, factor_triangle, (long nb, double sing, PanelWork& work), (nb, sing, work))
+
+static void load_triangle(long j0, long nb, const double* c, PanelWork& work) {
+  const long padded = (nb + LANES - 1) / LANES * LANES;
+  for (long s = 0; s < nb; ++s) {
+    for (long t = 0; t < padded; ++t) work.triangle.u[s * PANEL + t] = 0.0;
+  }
+  for (long t = 0; t < padded; ++t) work.subtracted[t] = 0.0;
+  for (long t = 0; t < nb; ++t) {
+    const double* row = c + packed_size(j0 + t);
+    for (long s = 0; s < t; ++s) work.triangle.u[s * PANEL + t] = row[j0 + s];
+    work.diagonal[t] = row[j0 + t];
+    if (j0 > 0) work.subtracted[t] = zvdot11(j0, row, row);
+  }
+}
+
+// Scales the columns by their roots and writes rows 0..rows-1 of the triangle back.
+static void store_triangle(long j0, long done, long rows, double* c, PanelWork& work) {
+  PanelTriangle& triangle = work.triangle;
+  for (long s = 0; s < done; ++s) {
+    const double root = std::sqrt(work.pivot[s]);
+    triangle.reciprocal[s] = 1.0 / root;
+    work.diagonal[s] = root;
+    double* column = triangle.u + s * PANEL;
+    for (long t = s + 1; t < rows; ++t) column[t] *= triangle.reciprocal[s];
+  }
+  for (long t = 0; t < rows; ++t) {
+    double* row = c + packed_size(j0 + t) + j0;
+    for (long s = 0; s < t; ++s) row[s] = triangle.u[s * PANEL + t];
+    row[t] = work.diagonal[t];
+  }
+}
+
+long lltdec(long n, double sing, double* logdet, double* c) {
+  LogProduct determinant;
+  if (n <= SMALL_ORDER) {
+    const long failed = factor_small(n, sing, determinant, c);
+    *logdet = failed != 0 ? LOG_TINY : determinant.logarithm();
+    return failed;
+  }
+  PanelWork work;
+  for (long j0 = 0; j0 < n; j0 += PANEL) {
+    const long nb = n - j0 < PANEL ? n - j0 : PANEL;
+    load_triangle(j0, nb, c, work);
+    const long done = factor_triangle(nb, sing, work);
+    if (done < nb) {
+      work.diagonal[done] = failed_pivot(work.pivot[done], sing);
+      store_triangle(j0, done, done + 1, c, work);
+      *logdet = LOG_TINY;
+      return j0 + done + 1;
+    }
+    store_triangle(j0, nb, nb, c, work);
+    for (long s = 0; s < nb; ++s) determinant.multiply(work.pivot[s]);
+    eliminate_panel(n, j0, nb, &work.triangle, c);
+  }
+  *logdet = determinant.logarithm();
+  return 0;
+}
+
+// ---- Job 4 -------------------------------------------------------------------------------------
+
+void swap_packed(long n, long j, long p, double* a) {
+  if (j == p) return;
+  double* row_j = a + packed_size(j);
+  double* row_p = a + packed_size(p);
+  for (long k = 0; k < j; ++k) std::swap(row_j[k], row_p[k]);
+  std::swap(row_j[j], row_p[p]);
+  double* row_k = row_j + j + 1;
+  for (long k = j + 1; k < p; row_k += ++k) std::swap(row_k[j], row_p[k]);
+  row_k = row_p + p + 1;
+  for (long k = p + 1; k < n; row_k += ++k) std::swap(row_k[j], row_k[p]);
+}
+
+// Orders up to PANEL are factored in a square buffer that holds both triangles. Nothing is moved:
+// an exchange is one in the list of rows, and the factor's column that belongs to pivot q is built
+// in row q.
+struct SquareWork {
+  alignas(64) double g[PANEL * PANEL];
+  alignas(64) double diagonal[PANEL];  // reduced
+  long order[PANEL];
+};
+
+// Removes pivot s of the order from the rows that follow it and from the diagonal, in their whole
+// length: what belongs to earlier pivots is never read again.
+template <int W>
+TQNLP_BODY void square_step_body(long n, long s, double reciprocal, SquareWork& work) {
+  const double* source = work.g + work.order[s] * PANEL;
+  Lanes<W> column, to, factor;
+  for (long g = 0; g < n; g += LANES) {
+    column.load(source + g);
+    factor.fill(reciprocal);
+    factor.multiply(column);
+    to.load(work.diagonal + g);
+    to.subtract_product(factor, column);
+    to.store(work.diagonal + g);
+  }
+  for (long i = s + 1; i < n; ++i) {
+    const long q = work.order[i];
+    double* target = work.g + q * PANEL;
+    factor.fill(source[q] * reciprocal);
+    for (long g = 0; g < n; g += LANES) {
+      column.load(source + g);
+      to.load(target + g);
+      to.subtract_product(factor, column);
+      to.store(target + g);
+    }
+  }
+}
+TQNLP_DISPATCH(void, square_step, (long n, long s, double reciprocal, SquareWork& work),
+               (n, s, reciprocal, work))
+
+static void load_square(long n, const double* c, SquareWork& work) {
+  const long padded = (n + LANES - 1) / LANES * LANES;
+  for (long i = 0; i < n; ++i) {
+    work.order[i] = i;
+    for (long k = n; k < padded; ++k) work.g[i * PANEL + k] = 0.0;
+    for (long k = 0; k < i; ++k) {
+      work.g[i * PANEL + k] = work.g[k * PANEL + i] = c[k];
+    }
+    work.g[i * PANEL + i] = work.diagonal[i] = c[i];
+    c += i + 1;
+  }
+  for (long k = n; k < padded; ++k) work.diagonal[k] = 0.0;
+}
+
+static long factor_square(long n, double sing, LogProduct& determinant, long* piv, double* c) {
+  SquareWork work;
+  double roots[PANEL];
+  double reciprocals[PANEL];
+  load_square(n, c, work);
+  long done = 0;
+  for (; done < n; ++done) {
+    long p = done;
+    double largest = work.diagonal[work.order[done]];
+    for (long i = done + 1; i < n; ++i) {
+      const double value = work.diagonal[work.order[i]];
+      p = value > largest ? i : p;
+      largest = value > largest ? value : largest;
+    }
+    std::swap(work.order[done], work.order[p]);
+    if (!(largest > sing)) break;
+    determinant.multiply(largest);
+    roots[done] = std::sqrt(largest);
+    reciprocals[done] = 1.0 / roots[done];
+    square_step(n, done, 1.0 / largest, work);
+  }
+  // Finished columns with their roots; what is left after a failure in its reduced form.
+  double* row = c;
+  for (long i = 0; i < n; row += ++i) {
+    const long q = work.order[i];
+    const long finished = i < done ? i : done;
+    for (long s = 0; s < finished; ++s) {
+      row[s] = work.g[work.order[s] * PANEL + q] * reciprocals[s];
+    }
+    for (long s = finished; s < i; ++s) row[s] = work.g[work.order[s] * PANEL + q];
+    row[i] = i < done ? roots[i] : work.diagonal[q];
+    if (piv != nullptr) piv[i] = q;
+  }
+  if (done == n) return 0;
+  double& pivot = c[packed_size(done) + done];
+  pivot = failed_pivot(pivot, sing);
+  return done + 1;
+}
+
+// The reduced diagonal of a matrix under elimination. Orders that fit keep it in a buffer: in the
+// packed matrix every element lies on a cache line of its own.
+struct ReducedDiagonal {
+  static constexpr long ROOM = 1024;
+  double* packed;
+  bool buffered;
+  double buffer[ROOM];
+
+  double& operator()(long i) { return buffered ? buffer[i] : packed[packed_size(i) + i]; }
+};
+
+// The finished elements of the panel's own rows, padded with zeros: row i of the matrix at
+// l + (i - j0)*PANEL. The rows themselves end too early to be read by whole groups of eight.
+struct PanelRows {
+  alignas(64) double l[PANEL * PANEL];
+};
+
+// The elements of column j = j0 + k of R rows from row i on, reduced by the panel and divided by
+// the root. pivot_row is row j of the panel, padded with zeros; left the rows' own panel elements,
+// with anything behind the finished ones.
+template <int W, int R>
+TQNLP_BODY void pivot_rows(long i, long j0, long k, double reciprocal, const double* pivot_row,
+                           const double* const* left, double* a, ReducedDiagonal& d,
+                           double* result) {
+  Lanes<W> sums[R], element, factor;
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) sums[r].clear();
+  for (long q = 0; q < k; q += LANES) {
+    factor.load(pivot_row + q);
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      element.load(left[r] + q);
+      sums[r].add_product(element, factor);
+    }
+  }
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+    double sum;
+    sums[r].sum(sum);
+    double& target = a[packed_size(i + r) + j0 + k];
+    result[r] = target = (target - sum) * reciprocal;
+    d(i + r) -= result[r] * result[r];
+  }
+}
+
+template <int W, int R>
+TQNLP_BODY void pivot_panel_rows(long i, long j0, long k, double reciprocal,
+                                 const double* pivot_row, double* a, ReducedDiagonal& d,
+                                 PanelRows& panel) {
+  const double* left[R];
+  double result[R];
+  for (int r = 0; r < R; ++r) left[r] = panel.l + (i + r - j0) * PANEL;
+  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, d, result);
+  for (int r = 0; r < R; ++r) panel.l[(i + r - j0) * PANEL + k] = result[r];
+}
+
+template <int W, int R>
+TQNLP_BODY void pivot_later_rows(long i, long j0, long k, double reciprocal,
+                                 const double* pivot_row, double* a, ReducedDiagonal& d) {
+  const double* left[R];
+  double result[R];
+  for (int r = 0; r < R; ++r) left[r] = a + packed_size(i + r) + j0;
+  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, d, result);
+}
+
+// Column j: what the panel from j0 on has to subtract from it, division by the root, and the
+// diagonal of the rows below.
+template <int W>
+TQNLP_BODY void pivot_column_body(long n, long j0, long j, double reciprocal, double* a,
+                                  ReducedDiagonal& d, PanelRows& panel) {
+  const long k = j - j0;
+  const long end = n - j0 < PANEL ? n : j0 + PANEL;
+  const double* pivot_row = panel.l + k * PANEL;
+  long i = j + 1;
+  for (; i + 4 <= end; i += 4) {
+    pivot_panel_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a, d, panel);
+  }
+  for (; i < end; ++i) pivot_panel_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a, d, panel);
+  for (; i + 4 <= n; i += 4) pivot_later_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a, d);
+  for (; i < n; ++i) pivot_later_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a, d);
+}
+TQNLP_DISPATCH(void, pivot_column,
+               (long n, long j0, long j, double reciprocal, double* a, ReducedDiagonal& d,
+                PanelRows& panel),
+               (n, j0, j, reciprocal, a, d, panel))
+
+// The padded copies after the exchange of rows j and p.
+static void swap_panel_rows(long j0, long end, long j, long p, const double* a, PanelRows& panel) {
+  double* copy_j = panel.l + (j - j0) * PANEL;
+  if (p < end) {
+    double* copy_p = panel.l + (p - j0) * PANEL;
+    for (long q = 0; q < PANEL; ++q) std::swap(copy_j[q], copy_p[q]);
+  } else {
+    const double* row = a + packed_size(j) + j0;
+    for (long q = 0; q < j - j0; ++q) copy_j[q] = row[q];
+  }
+}
+
+// The largest element from j on, the first of equals; j itself when that is NaN.
+static long largest_diagonal(long n, long j, ReducedDiagonal& d) {
+  // Eight candidates side by side; their order is settled by the search for the value.
+  constexpr long WIDTH = 8;
+  double best[WIDTH];
+  for (double& value : best) value = d(j);
+  long i = j;
+  if (d.buffered && n - j > 2 * WIDTH) {
+    for (; i + WIDTH <= n; i += WIDTH) {
+      for (long q = 0; q < WIDTH; ++q) {
+        best[q] = d.buffer[i + q] > best[q] ? d.buffer[i + q] : best[q];
+      }
+    }
+  }
+  for (; i < n; ++i) best[0] = d(i) > best[0] ? d(i) : best[0];
+  for (long q = 1; q < WIDTH; ++q) best[0] = best[q] > best[0] ? best[q] : best[0];
+  for (i = j; i < n; ++i) {
+    if (d(i) == best[0]) return i;
+  }
+  return j;
+}
+
+long lltde2(long n, double sing, double* logdet, long* piv, double* c) {
+  if (piv != nullptr) {
+    for (long i = 0; i < n; ++i) piv[i] = i;
+  }
+  LogProduct determinant;
+  if (n <= PANEL) {
+    const long failed = factor_square(n, sing, determinant, piv, c);
+    *logdet = failed != 0 ? LOG_TINY : determinant.logarithm();
+    return failed;
+  }
+  PanelRows panel;
+  ReducedDiagonal d;
+  d.packed = c;
+  d.buffered = false;
+  if (n <= ReducedDiagonal::ROOM) {
+    for (long i = 0; i < n; ++i) d.buffer[i] = d(i);
+    d.buffered = true;
+  }
+  for (long j0 = 0; j0 < n; j0 += PANEL) {
+    const long end = n - j0 < PANEL ? n : j0 + PANEL;
+    for (double& value : panel.l) value = 0.0;
+    for (long j = j0; j < end; ++j) {
+      const long p = largest_diagonal(n, j, d);
+      swap_packed(n, j, p, c);
+      if (p != j) swap_panel_rows(j0, end, j, p, c, panel);
+      if (d.buffered) std::swap(d(j), d(p));
+      if (piv != nullptr) std::swap(piv[j], piv[p]);
+      const double pivot = d(j);
+      double* row_j = c + packed_size(j);
+      if (!(pivot > sing)) {
+        // What is left is handed over in its reduced form, as if every step had gone through it.
+        eliminate_panel(n, j0, j - j0, nullptr, c);
+        for (long i = j; i < n; ++i) c[packed_size(i) + i] = d(i);
+        row_j[j] = failed_pivot(pivot, sing);
+        *logdet = LOG_TINY;
+        return j + 1;
+      }
+      determinant.multiply(pivot);
+      row_j[j] = std::sqrt(pivot);
+      pivot_column(n, j0, j, 1.0 / row_j[j], c, d, panel);
+    }
+    eliminate_panel(n, j0, end - j0, nullptr, c);
+  }
+  *logdet = determinant.logarithm();
+  return 0;
+}
+
+}  // namespace tqnlp

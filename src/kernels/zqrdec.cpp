@@ -1,0 +1,383 @@
+// zqrdec: QR DEComposition with column pivoting by Householder reflections (Businger and Golub
+// 1965, Numerische Mathematik 7), A P = Q R, in place and by rows.
+//
+// Columns may be held at the front or at the end; the others compete by their remaining norms,
+// which are carried from step to step. A column whose remaining norm is not above the limit is
+// moved behind the free ones and counts as null where nothing else is left. Reflection l is I - v
+// v'/v_l; v stands on and below the diagonal of column l, the diagonal of R in alfa.
+#include <cmath>
+#include <utility>
+
+#include "aasubs/record/constants.h"
+#include "kernels/dense.h"
+#include "kernels/lanes.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+// The matrix and where its columns may go.
+struct PivotedQr {
+  long m, n, p, incu, incb;
+  long* ipiv;  // or null: no pivoting
+  double* u;
+  double* b;
+  double* alfa;
+  double* sum;
+  long first_free;  // nl: columns before it stay in their order
+  long end_free;    // nu: columns from it on stay at the end
+};
+
+// Reflections start..start+count-1, finished but not applied to the rows below the last of them.
+struct PendingReflections {
+  static constexpr long MOST = 8;
+  static constexpr long COLUMNS = 1024;  // the widest matrix that is treated lazily
+  static constexpr long STRIDE = COLUMNS + 16;
+  long start = 0;
+  long count = 0;
+  double s[MOST * STRIDE];  // s_t of column j at s[t*STRIDE + j]
+};
+
+// Narrow matrices are updated after every reflection.
+static constexpr long LAZY_COLUMNS = 24;
+static constexpr long ROWS_TOGETHER = 4;
+
+static void swap_columns(const PivotedQr& f, long j, long k) {
+  if (j == k) return;
+  std::swap(f.alfa[j], f.alfa[k]);
+  std::swap(f.sum[j], f.sum[k]);
+  std::swap(f.ipiv[j], f.ipiv[k]);
+  double* row = f.u;
+  for (long i = 0; i < f.m; ++i, row += f.incu) std::swap(row[j], row[k]);
+}
+
+// Brings the column marked with each position from..to-1 (marks count from 1) to its place. Returns
+// 0, or -1 minus the position for which there is none.
+static long place_marked(const PivotedQr& f, long from, long to, long search_from) {
+  for (long l = from; l < to; ++l) {
+    long j = search_from;
+    while (j < f.n && f.alfa[j] != static_cast<double>(l + 1)) ++j;
+    if (j == f.n) return -1 - l;
+    swap_columns(f, l, j);
+    if (search_from == l) ++search_from;
+  }
+  return 0;
+}
+
+// Reads the marks, places the marked columns and makes ipiv the order of the columns. Once both
+// ends are placed no marked column can stand elsewhere: there are as many marks as places.
+static long place_columns(PivotedQr& f) {
+  for (long j = 0; j < f.n; ++j) {
+    const long mark = f.ipiv[j];
+    if (mark > 0) ++f.first_free;
+    if (mark < 0) --f.end_free;
+    f.alfa[j] = static_cast<double>(mark < 0 ? -mark : mark);
+    f.sum[j] = 0.0;
+    f.ipiv[j] = j;
+  }
+  const long failed = place_marked(f, 0, f.first_free, 0);
+  return failed != 0 ? failed : place_marked(f, f.end_free, f.n, f.first_free);
+}
+
+static double column_norm(const PivotedQr& f, long j, long from) {
+  return zvenorm(f.m - from, f.incu, f.u + from * f.incu + j);
+}
+
+// The free column with the largest remaining norm, the last of equals.
+static void choose_pivot(const PivotedQr& f, PendingReflections& w, long l) {
+  if (f.ipiv == nullptr || l < f.first_free || l >= f.end_free) return;
+  long best = l;
+  for (long j = l + 1; j < f.end_free; ++j) best = f.alfa[j] >= f.alfa[best] ? j : best;
+  swap_columns(f, l, best);
+  for (long t = 0; t < w.count; ++t) {
+    double* s = w.s + t * PendingReflections::STRIDE;
+    std::swap(s[l], s[best]);
+  }
+}
+
+template <typename T>
+static void rotate_left(T* x, long from, long to) {
+  const T first = x[from];
+  for (long j = from; j < to - 1; ++j) x[j] = x[j + 1];
+  x[to - 1] = first;
+}
+
+// Moves column l behind the free ones, which keep their order; the free range ends before it.
+static void retire_column(PivotedQr& f, long l) {
+  rotate_left(f.ipiv, l, f.end_free);
+  rotate_left(f.alfa, l, f.end_free);
+  rotate_left(f.sum, l, f.end_free);
+  double* row = f.u;
+  for (long i = 0; i < f.m; ++i, row += f.incu) rotate_left(row, l, f.end_free);
+  --f.end_free;
+  if (l < f.first_free) --f.first_free;
+}
+
+static void clear_norms(const PivotedQr& f, long l) {
+  f.alfa[l] = 0.0;
+  if (f.ipiv != nullptr) f.sum[l] = 0.0;
+}
+
+// Turns column l from row l down into the reflection vector.
+static void make_reflection(const PivotedQr& f, long l, double t) {
+  double* top = f.u + l * f.incu + l;
+  if (*top < 0.0) t = -t;
+  double* element = top;
+  for (long i = l; i < f.m; ++i, element += f.incu) *element /= t;
+  *top += 1.0;
+  f.alfa[l] = -t;
+  if (f.ipiv != nullptr) f.sum[l] = -*top;
+}
+
+// products[j - from] += sum of v[i] u(i,j) over the rows first..m-1, columns from..to-1. v is
+// column l of f.
+template <int W>
+TQNLP_BODY void gather_body(const PivotedQr& f, long l, const double* matrix, long inc, long from,
+                            long to, double* products) {
+  Lanes<W> total, a, v0, v1, v2, v3;
+  long i = l;
+  for (; i + ROWS_TOGETHER <= f.m; i += ROWS_TOGETHER) {
+    const double* v = f.u + i * f.incu + l;
+    const double* row0 = matrix + i * inc + from;
+    const double* row1 = row0 + inc;
+    const double* row2 = row1 + inc;
+    const double* row3 = row2 + inc;
+    const double e0 = v[0], e1 = v[f.incu], e2 = v[2 * f.incu], e3 = v[3 * f.incu];
+    v0.fill(e0);
+    v1.fill(e1);
+    v2.fill(e2);
+    v3.fill(e3);
+    long j = 0;
+    for (; j + LANES <= to - from; j += LANES) {
+      total.load(products + j);
+      a.load(row0 + j);
+      total.add_product(v0, a);
+      a.load(row1 + j);
+      total.add_product(v1, a);
+      a.load(row2 + j);
+      total.add_product(v2, a);
+      a.load(row3 + j);
+      total.add_product(v3, a);
+      total.store(products + j);
+    }
+#pragma GCC unroll 1
+    for (; j < to - from; ++j) {
+      products[j] = (((products[j] + e0 * row0[j]) + e1 * row1[j]) + e2 * row2[j]) + e3 * row3[j];
+    }
+  }
+  for (; i < f.m; ++i) {
+    axpy_lanes<W>(to - from, products, products, f.u[i * f.incu + l], matrix + i * inc + from);
+  }
+}
+TQNLP_DISPATCH(void, gather,
+               (const PivotedQr& f, long l, const double* matrix, long inc, long from, long to,
+                double* products),
+               (f, l, matrix, inc, from, to, products))
+
+// Applies reflection l at once to columns from..to-1 of a matrix with rows of stride inc.
+static void reflect(const PivotedQr& f, long l, double* matrix, long inc, long from, long to) {
+  constexpr long CHUNK = 512;
+  double products[CHUNK];
+  const double top = f.u[l * f.incu + l];
+  for (long start = from; start < to; start += CHUNK) {
+    const long width = to - start < CHUNK ? to - start : CHUNK;
+    vzfdl(0.0, products, width);
+    gather(f, l, matrix, inc, start, start + width, products);
+    for (long k = 0; k < width; ++k) products[k] /= -top;
+    for (long i = l; i < f.m; ++i) {
+      zvxay11(width, matrix + i * inc + start, f.u[i * f.incu + l], products);
+    }
+  }
+}
+
+// u(i,j) += sum of v_t[i] s_t[j] over the pending reflections, for R rows from row i on.
+template <int W, int R>
+TQNLP_BODY void add_pending(const PivotedQr& f, const PendingReflections& w, long i, long from) {
+  Lanes<W> sums[R][2], factor, low, high;
+  double* rows[R];
+  const double* v[R];
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+    rows[r] = f.u + (i + r) * f.incu;
+    v[r] = rows[r] + w.start;
+  }
+  long j = from;
+  for (; j + 2 * LANES <= f.n; j += 2 * LANES) {
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      sums[r][0].load(rows[r] + j);
+      sums[r][1].load(rows[r] + j + LANES);
+    }
+    const double* s = w.s + j;
+    for (long t = 0; t < w.count; ++t, s += PendingReflections::STRIDE) {
+      low.load(s);
+      high.load(s + LANES);
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r) {
+        factor.fill(v[r][t]);
+        sums[r][0].add_product(factor, low);
+        sums[r][1].add_product(factor, high);
+      }
+    }
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      sums[r][0].store(rows[r] + j);
+      sums[r][1].store(rows[r] + j + LANES);
+    }
+  }
+  for (; j + LANES <= f.n; j += LANES) {
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) sums[r][0].load(rows[r] + j);
+    const double* s = w.s + j;
+    for (long t = 0; t < w.count; ++t, s += PendingReflections::STRIDE) {
+      low.load(s);
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r) {
+        factor.fill(v[r][t]);
+        sums[r][0].add_product(factor, low);
+      }
+    }
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) sums[r][0].store(rows[r] + j);
+  }
+  for (; j < f.n; ++j) {
+    const double* s = w.s + j;
+    for (long t = 0; t < w.count; ++t, s += PendingReflections::STRIDE) {
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r) rows[r][j] += v[r][t] * *s;
+    }
+  }
+}
+
+template <int W>
+TQNLP_BODY void apply_rows_body(const PivotedQr& f, const PendingReflections& w, long first,
+                                long last, long from) {
+  constexpr int R = W / 2;
+  long i = first;
+  for (; i + R <= last; i += R) add_pending<W, R>(f, w, i, from);
+  for (; i < last; ++i) add_pending<W, 1>(f, w, i, from);
+}
+TQNLP_DISPATCH(void, apply_rows,
+               (const PivotedQr& f, const PendingReflections& w, long first, long last, long from),
+               (f, w, first, last, from))
+
+// Applies what is pending to the rows and columns after the last reflection; step is the next one.
+static void apply_pending(const PivotedQr& f, PendingReflections& w, long step) {
+  if (w.count > 0) apply_rows(f, w, w.start + w.count, f.m, w.start + w.count);
+  w.start = step;
+  w.count = 0;
+}
+
+// Brings column l up to date from row l down.
+static void refresh_column(const PivotedQr& f, const PendingReflections& w, long l) {
+  if (w.count == 0) return;
+  double s[PendingReflections::MOST];
+  for (long t = 0; t < w.count; ++t) s[t] = w.s[t * PendingReflections::STRIDE + l];
+  double* row = f.u + l * f.incu;
+  for (long i = l; i < f.m; ++i, row += f.incu) {
+    const double* v = row + w.start;
+    double sum = row[l];
+    for (long t = 0; t < w.count; ++t) sum += v[t] * s[t];
+    row[l] = sum;
+  }
+}
+
+// Adds reflection l to the pending ones: its products with the columns to the right, in which those
+// pending before it take part, and row l brought up to date.
+static void add_reflection(const PivotedQr& f, PendingReflections& w, long l) {
+  const long from = l + 1;
+  const long width = f.n - from;
+  double* s = w.s + w.count * PendingReflections::STRIDE + from;
+  vzfdl(0.0, s, width);
+  gather(f, l, f.u, f.incu, from, f.n, s);
+  for (long t = 0; t < w.count; ++t) {
+    const long column = w.start + t;
+    const double overlap =
+        zvdotjj(f.m - l, f.incu, f.u + l * f.incu + l, f.incu, f.u + l * f.incu + column);
+    zvxay11(width, s, overlap, w.s + t * PendingReflections::STRIDE + from);
+  }
+  zvscl11(width, s, -1.0 / f.u[l * f.incu + l]);
+  ++w.count;
+  apply_rows(f, w, l, l + 1, from);
+}
+
+// Carries the remaining norms over step l. Cancellation beyond the norm itself asks for a new norm.
+static void downdate_norms(const PivotedQr& f, PendingReflections& w, long l) {
+  if (f.ipiv == nullptr || l >= f.m - 1) return;
+  const double* row = f.u + l * f.incu;
+  for (long j = l + 1; j < f.n; ++j) {
+    if (f.alfa[j] == 0.0) continue;
+    if (!(std::fabs(f.alfa[j]) > std::fabs(row[j]))) {
+      apply_pending(f, w, l + 1);
+      f.alfa[j] = f.sum[j] = column_norm(f, j, l + 1);
+    } else {
+      const double r = row[j] / f.alfa[j];
+      const double rest = 1.0 - r * r;
+      f.alfa[j] *= std::sqrt(rest > 0.0 ? rest : 0.0);
+    }
+  }
+}
+
+// Applies what is pending when column l is already up to date.
+static void flush_behind(const PivotedQr& f, PendingReflections& w, long l) {
+  if (w.count > 0) {
+    for (long t = 0; t < w.count; ++t) w.s[t * PendingReflections::STRIDE + l] = 0.0;
+    apply_pending(f, w, l);
+  }
+  w.start = l;
+}
+
+// The norm of column l from row l down, after null columns have been moved away; not above sing
+// when none is left.
+static double next_column(PivotedQr& f, PendingReflections& w, long l, double sing) {
+  clear_norms(f, l);
+  refresh_column(f, w, l);
+  double t = column_norm(f, l, l);
+  if (!(t > sing)) flush_behind(f, w, l);
+  while (!(t > sing) && f.ipiv != nullptr && l < f.end_free - 1) {
+    retire_column(f, l);
+    clear_norms(f, l);
+    t = column_norm(f, l, l);
+  }
+  return t;
+}
+
+long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sing, double* u,
+            double* b, double* alfa, double* sum) {
+  PivotedQr f{m, n, b == nullptr ? 0 : p, incu, incb, ipiv, u, b, alfa, sum, 0, n};
+  if (ipiv != nullptr) {
+    const long failed = place_columns(f);
+    if (failed != 0) return failed;
+  }
+  for (long j = 0; j < n; ++j) {
+    alfa[j] = column_norm(f, j, 0);
+    if (ipiv != nullptr) sum[j] = alfa[j];
+  }
+  PendingReflections w;
+  const bool lazy = n <= PendingReflections::COLUMNS;
+  const long most = n < LAZY_COLUMNS ? 1 : PendingReflections::MOST;
+  long nullity = 0;
+  for (long l = 0; l < (m < n ? m : n); ++l) {
+    choose_pivot(f, w, l);
+    const double t = next_column(f, w, l, sing);
+    if (!(t > sing)) {
+      ++nullity;
+      u[l * incu + l] = 0.0;
+      w.start = l + 1;
+      continue;
+    }
+    make_reflection(f, l, t);
+    if (lazy) {
+      add_reflection(f, w, l);
+    } else {
+      reflect(f, l, u, incu, l + 1, n);
+      w.start = l + 1;
+    }
+    downdate_norms(f, w, l);
+    if (w.count == most) apply_pending(f, w, l + 1);
+    reflect(f, l, b, incb, 0, f.p);
+  }
+  if (w.count > 0) apply_pending(f, w, n);
+  return nullity;
+}
+
+}  // namespace tqnlp

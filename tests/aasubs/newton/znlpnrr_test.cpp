@@ -1,0 +1,201 @@
+#include "aasubs/newton/znlpnrr.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "aasubs/control/znlpdrv.h"
+#include "problems/problem.h"
+
+namespace tqnlp::test {
+namespace {
+
+// Installs a problem of the library in a record, at its standard start.
+void install(TestRecord& record, const Problem& problem) {
+  record.f = [&](const double* x) { return problem.value(x); };
+  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
+  record.h = [&](const double* x, double* h) {
+    std::vector<double> g(static_cast<std::size_t>(problem.n));
+    problem.evaluate(x, g.data(), h);
+  };
+  record.with_callbacks().at(problem.start);
+}
+
+Problem rosenbrock() {
+  return scalar_problem("Rosenbrock", {-1.2, 1}, {0}, [](auto x) {
+    return 100.0 * (x[1] - x[0] * x[0]) * (x[1] - x[0] * x[0]) + (1.0 - x[0]) * (1.0 - x[0]);
+  });
+}
+
+// 0.5 x'Hx - b'x with H = tridiag(-1, 4, -1) and b = 1.
+Problem quadratic(long n) {
+  return scalar_problem("quadratic", std::vector<double>(static_cast<std::size_t>(n), 3.0), {},
+                        [n](auto x) {
+                          auto sum = 2.0 * x[0] * x[0] - x[0];
+                          for (long i = 1; i < n; ++i) {
+                            sum += 2.0 * x[i] * x[i] - x[i] - x[i] * x[i - 1];
+                          }
+                          return sum;
+                        });
+}
+
+TEST(Nrridg, ConvergesQuadraticallyNearTheSolution) {
+  const Problem problem = rosenbrock();
+  TestRecord record(2);
+  install(record, problem);
+  record.agtl = 1e-12;
+  record.gtol = record.ftol = 0.0;
+  std::vector<double> gradients;
+  record.usfout = [](MINSTR*) { return 0; };
+  static std::vector<double>* history;
+  history = &gradients;
+  record.uster = [](MINSTR* str, int job) {
+    history->push_back(str->gmax);
+    return str->gmax <= 1e-12 ? 3 : (str->nitr >= 60 ? -8 : job < 0 ? job : 0);
+  };
+  EXPECT_EQ(znlpnrr(&record), 3);
+  EXPECT_LT(record.nitr, 30);
+  EXPECT_NEAR(record.x[0], 1.0, 1e-10);
+  ASSERT_GE(gradients.size(), 4u);
+  const double last = gradients.back(), before = gradients[gradients.size() - 2];
+  EXPECT_LE(last, 1e4 * before * before + 1e-13) << "order of convergence is below two";
+}
+
+TEST(Nrridg, SolvesAConvexQuadraticInOneIterationInEveryFrame) {
+  const long n = 6;
+  const Problem problem = quadratic(n);
+  for (int frame = 0; frame < 4; ++frame) {
+    TestRecord record(n);
+    install(record, problem);
+    if (frame == 1) {
+      record.with_bounds(std::vector<double>(n, -HUGE_VALUE), {9, 9, 9, 9, 9, 9});
+    } else if (frame == 2) {
+      record.with_rows({{{1, 1, 1, 1, 1, 1}, 0, 18}, {{1, -1, 0, 0, 0, 0}, 0, 0}});
+    } else if (frame == 3) {
+      record.hesc = 1;
+    }
+    ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+    const int code = znlpdrv(&record, 2, 0, 0, 0);
+    EXPECT_GT(code, 0) << "frame " << frame;
+    EXPECT_LE(record.nitr, 2.0) << "frame " << frame;
+    EXPECT_LE(record.gmax, 1e-9) << "frame " << frame;
+    if (frame == 2) {
+      EXPECT_NEAR(record.x[0], record.x[1], 1e-12);
+    }
+  }
+}
+
+TEST(Nrridg, StopsAtOnceWhenEveryParameterIsFixed) {
+  const Problem problem = quadratic(3);
+  TestRecord record(3);
+  install(record, problem);
+  record.with_bounds({1, 2, 3}, {1, 2, 3});
+  ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+  const int code = znlpdrv(&record, 2, 0, 0, 0);
+  EXPECT_GT(code, 0);
+  EXPECT_EQ(record.gmax, 0.0);
+  EXPECT_EQ(record.nitr, 0.0);
+  EXPECT_EQ(record.x[2], 3.0);
+}
+
+TEST(Nrridg, RaisesTheRidgeWhereTheHessianIsIndefinite) {
+  // A saddle at the origin, minima at x = (+-1, 0).
+  const Problem problem = scalar_problem("saddle", {0.1, 1}, {}, [](auto x) {
+    return 0.25 * x[0] * x[0] * x[0] * x[0] - 0.5 * x[0] * x[0] + x[1] * x[1];
+  });
+  for (int hfrm : {0, 2}) {
+    TestRecord record(2);
+    install(record, problem);
+    record.hfrm = hfrm;
+    if (hfrm == 2) {
+      record.h = [&](const double* x, double* h) {
+        h[0] = 3 * x[0] * x[0] - 1;
+        h[1] = 2;
+      };
+    }
+    ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+    EXPECT_GT(znlpdrv(&record, 2, 0, 0, 0), 0);
+    EXPECT_NEAR(record.crit, -0.25, 1e-9);
+  }
+}
+
+TEST(Nrridg, EndsWithACodeWhenTheKthEvaluationFails) {
+  const Problem problem = rosenbrock();
+  enum { function, gradient, hessian };
+  for (int which : {function, gradient, hessian}) {
+    for (long k = 1; k < 60; ++k) {
+      TestRecord record(2);
+      install(record, problem);
+      long calls[3] = {0, 0, 0};
+      record.f = [&](const double* x) {
+        return which == function && ++calls[0] >= k ? MISSING : problem.value(x);
+      };
+      record.g = [&](const double* x, double* g) {
+        problem.evaluate(x, g);
+        if (which == gradient && ++calls[1] >= k) g[1] = std::nan("");
+      };
+      record.h = [&](const double* x, double* h) {
+        std::vector<double> g(2);
+        problem.evaluate(x, g.data(), h);
+        if (which == hessian && ++calls[2] >= k) h[0] = std::nan("");
+      };
+      const int start = znlpdrv(&record, 1, 0, 0, 0);
+      if (start != 0) {
+        EXPECT_TRUE(start == -1 || start == -2);
+        continue;
+      }
+      const int code = znlpdrv(&record, 2, 0, 0, 0);
+      // -11: the module failed again when the run restarted from the last good point
+      EXPECT_TRUE(code > 0 ? record.crit < 1e-8 : code == -11 || (code >= -4 && code <= -1))
+          << "kind " << which << " k " << k << " code " << code;
+      EXPECT_TRUE(std::isfinite(record.x[0]) && std::isfinite(record.x[1]));
+      EXPECT_LE(problem.value(record.x), 24.2);
+    }
+  }
+}
+
+TEST(Nrridg, FallsBackOnceWhenEvaluationsFailOutsideARegion) {
+  // log of a negative number beyond x = 0: the full Newton step from 4 leaves the region.
+  const Problem problem = scalar_problem("barrier", {4.0}, {}, [](auto x) {
+    using std::log;
+    return x[0] - log(x[0]);
+  });
+  TestRecord record(1);
+  install(record, problem);
+  ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+  EXPECT_GT(znlpdrv(&record, 2, 0, 0, 0), 0);
+  EXPECT_NEAR(record.x[0], 1.0, 1e-4);
+}
+
+TEST(Nrridg, EndsOnAnObjectiveThatIsNoNumberOrUnbounded) {
+  const Problem problem = scalar_problem(
+      "cubic", {1.0, 1.0}, {}, [](auto x) { return -1.0 * x[0] * x[0] * x[0] - x[1] * x[1]; });
+  TestRecord record(2);
+  install(record, problem);
+  ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+  const int code = znlpdrv(&record, 2, 0, 0, 0);
+  EXPECT_TRUE(code == -8 || code == 1 || code == -5) << code;
+  EXPECT_LT(record.crit, -1e3);
+
+  TestRecord noisy(2);
+  install(noisy, problem);
+  noisy.usfct = [](MINSTR* str) {
+    str->crit = str->nfct++ == 0 ? 1.0 : std::nan("");
+    str->tbig = 0.0;
+    return 0;
+  };
+  ASSERT_EQ(znlpdrv(&noisy, 1, 0, 0, 0), 0);
+  EXPECT_LT(znlpdrv(&noisy, 2, 0, 0, 0), 0);
+}
+
+TEST(Nrridg, CallsDerivativesOncePerIteration) {
+  const Problem problem = rosenbrock();
+  TestRecord record(2);
+  install(record, problem);
+  ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+  EXPECT_GT(znlpdrv(&record, 2, 0, 0, 0), 0);
+  EXPECT_EQ(record.nhes, static_cast<long>(record.nitr) + 1);
+}
+
+}  // namespace
+}  // namespace tqnlp::test

@@ -1,0 +1,278 @@
+// The callback bridge, one evaluation at a time: shapes, missing values, signs, counters, the norm
+// of least squares, and what happens when a module fails.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "front/tqxnlp_modules.h"
+#include "front_call.h"
+
+namespace tqnlp {
+namespace {
+
+using test::Decoded;
+using Vector = std::vector<double>;
+
+constexpr double INF = std::numeric_limits<double>::infinity();
+
+// A record of n parameters with one module, whose answer the test sets.
+struct Bridge : Decoded {
+  Session session;
+  embed::Activation activation{session.task()};
+  Matrix answer;
+  int runs = 0;
+  Vector x, grad, func, hess;
+
+  explicit Bridge(long n = 2, long m = 1)
+      : Decoded(4, n), x(size(n)), grad(size(n)), func(size(m)), hess(size(packed_size(n))) {
+    str.x = x.data();
+    str.grad = grad.data();
+    str.func = func.data();
+    str.hess = hess.data();
+    str.indf = IN_RUN;
+    str.mequ = str.mfun = m;
+    str.lsqu = m > 1 ? 1 : 0;
+    session.module("ANSWER", [this](const Matrix&) {
+      ++runs;
+      return answer;
+    });
+  }
+  ~Bridge() { release_prepared_calls(&argm); }
+  static std::size_t size(long n) { return static_cast<std::size_t>(n); }
+  Bridge& prepare(int code) {
+    const ModuleKind& kind = *module_kind(code);
+    std::copy_n("ANSWER                          ", NAME_FIELD, argm.*kind.name);
+    argm.*kind.handle = tqsmod(argm.*kind.name, kind.kind);
+    argm.*kind.given = 1;
+    EXPECT_EQ(setss(&str, code), 0);
+    return *this;
+  }
+  // Calls with an answer; nonzero answers must leave tbig set, and zero must not.
+  int call(Callback callback, Matrix with) {
+    answer = std::move(with);
+    const int code = callback(&str);
+    EXPECT_EQ(code != 0, str.tbig != 0.0);
+    return code;
+  }
+  std::vector<int> messages() {
+    std::vector<int> numbers;
+    for (const LogRecord& line : session.log()) numbers.push_back(line.number);
+    return numbers;
+  }
+};
+
+TEST(Objective, ShapesAndMissingValues) {
+  Bridge b;
+  b.prepare(CALL_OBJECTIVE);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)), 0);
+  EXPECT_EQ(b.str.crit, 3.0);
+  EXPECT_EQ(b.func[0], 3.0);
+  const Matrix bad[] = {Matrix::scalar(MISSING), Matrix::scalar(std::nan("")), Matrix::scalar(INF),
+                        Matrix::scalar(-INF),    Matrix::col({1, 2}),          Matrix(),
+                        Matrix("TEXT")};
+  for (const Matrix& value : bad) {
+    EXPECT_EQ(b.call(nlpfunc, value), -11);
+    EXPECT_EQ(b.str.crit, HUGE_VALUE);
+    EXPECT_NE(b.argm.funer, 0);
+  }
+  EXPECT_EQ(b.messages(), std::vector<int>{148});  // three wrong shapes in a row: said once
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(1)), 0);
+  EXPECT_EQ(b.argm.funer, 0);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1, 2})), -11);
+  EXPECT_EQ(b.messages(), (std::vector<int>{148, 148}));
+}
+
+TEST(Objective, SignAndCounters) {
+  Bridge b;
+  b.prepare(CALL_OBJECTIVE);
+  b.str.imax = 1;
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)), 0);
+  EXPECT_EQ(b.str.crit, -3.0);
+  EXPECT_EQ(b.func[0], -3.0);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(MISSING)), -11);
+  EXPECT_EQ(b.str.crit, -HUGE_VALUE);
+  EXPECT_EQ(b.str.nfct, 2);
+  b.str.indf = GRADIENT_STEP;
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)), 0);
+  b.str.indf = AT_SOLUTION;
+  b.argm.dncf = 1;
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)), 0);
+  EXPECT_EQ(b.str.nfct, 2);
+  EXPECT_EQ(b.runs, 4);
+}
+
+TEST(Objective, LeastSquares) {
+  Bridge b(2, 3);
+  b.prepare(CALL_OBJECTIVE);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::col({3, -4, 12})), 0);
+  EXPECT_NEAR(b.str.crit, 84.5, 1e-12);
+  EXPECT_EQ(b.func, (Vector{3, -4, 12}));
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({0, 0, 0})), 0);
+  EXPECT_EQ(b.str.crit, 0.0);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1e-200, 1e-200, 0})), 0);
+  EXPECT_EQ(b.str.crit, 0.0);  // the square underflows, the norm did not
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1, 1e155, 0})), 2);
+  EXPECT_EQ(b.str.crit, HUGE_VALUE);
+  EXPECT_EQ(b.argm.funer, 0);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1e154, 1e154, 1e154})), 3);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1e153, 0, 0})), 0);
+  EXPECT_NEAR(b.str.crit, 5e305, 1e292);
+  EXPECT_EQ(b.call(nlpfunc, Matrix::row({1, 2})), -11);
+  EXPECT_EQ(b.call(nlpfunc, Matrix(3, 3)), -11);
+  EXPECT_EQ(b.messages(), std::vector<int>{149});
+}
+
+TEST(Gradient, ShapeSignCounter) {
+  Bridge b;
+  b.prepare(CALL_GRADIENT);
+  b.str.imax = 1;
+  EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, -2})), 0);
+  EXPECT_EQ(b.grad, (Vector{-1, 2}));
+  EXPECT_EQ(b.call(nlpgrad, Matrix::col({1, 2})), -11);  // only a row
+  EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, MISSING})), -11);
+  EXPECT_EQ(b.messages(), std::vector<int>{166});
+  EXPECT_EQ(b.str.ngrd, 3);
+  b.argm.dncg = 1;
+  EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, 2})), 0);
+  EXPECT_EQ(b.str.ngrd, 3);
+}
+
+// The Hessian's callback also brings the gradient, from its own module here.
+struct HessianBridge : Bridge {
+  bool gradient_fails = false;
+  HessianBridge() : Bridge(2) {
+    session.module("GRADIENT", [this](const Matrix&) {
+      return Matrix::row({1, gradient_fails ? MISSING : 2.0});
+    });
+    prepare(CALL_HESSIAN);
+    argm.grdptr = tqsmod("GRADIENT                        ", MODULE_FUNCTION);
+    argm.igmod = 1;
+    EXPECT_EQ(setss(&str, CALL_GRADIENT), 0);
+  }
+};
+
+TEST(Hessian, DenseTakesTheUpperTriangle) {
+  HessianBridge b;
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2, {4, 1, 7, 5})), 0);
+  EXPECT_EQ(b.hess, (Vector{4, 1, 5}));
+  EXPECT_EQ(b.grad, (Vector{1, 2}));
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2, {4, 2, MISSING, 5})), 0);
+  EXPECT_EQ(b.hess, (Vector{4, 2, 5}));
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2, {4, MISSING, 3, 5})), 0);
+  EXPECT_EQ(b.hess, (Vector{4, 3, 5}));
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2, {4, MISSING, MISSING, 5})), -3);
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 3)), -4);
+  b.gradient_fails = true;
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2)), -2);
+  EXPECT_EQ(b.messages(), (std::vector<int>{151, 150}));
+  EXPECT_EQ(b.str.nhes, 6);
+  b.gradient_fails = false;
+  b.str.imax = 1;
+  b.str.fidi = 10000;  // some derivative is differenced: the call is not counted
+  EXPECT_EQ(b.call(nlphess, Matrix(2, 2, {4, 1, 1, 5})), 0);
+  EXPECT_EQ(b.hess, (Vector{-4, -1, -5}));
+  EXPECT_EQ(b.str.nhes, 6);
+}
+
+TEST(Hessian, SparseTriplesIntoEveryForm) {
+  HessianBridge b;
+  b.argm.hrow = 3;
+  const Matrix triples(3, 3, {1, 1, 4, 2, 2, 5, 1, 2, 3});
+  EXPECT_EQ(b.call(nlphess, triples), 0);
+  EXPECT_EQ(b.hess, (Vector{4, 3, 5}));
+
+  // row-indexed: diagonal, end marks of rows, one element (1,0) at place 3
+  long pattern[] = {3, 3, 4, 0};
+  Vector values(4, -1.0);
+  b.str.hfrm = 1;
+  b.str.shes.mxja = 4;
+  b.str.shes.jasp = pattern;
+  b.str.hess = values.data();
+  EXPECT_EQ(b.call(nlphess, triples), 0);
+  EXPECT_EQ(values, (Vector{4, 5, 0, 3}));
+  pattern[2] = 3;  // the pattern no longer holds (1,0)
+  EXPECT_EQ(b.call(nlphess, triples), -3);
+
+  b.str.hfrm = 2;
+  EXPECT_EQ(b.call(nlphess, Matrix(3, 3, {1, 1, 4, 2, 2, 5, 2, 2, MISSING})), 0);
+  EXPECT_EQ(values[1], 5.0);
+  EXPECT_EQ(b.call(nlphess, triples), -3);
+  for (const double bad : {0.0, 3.0, -1.0, 1e300, INF, MISSING}) {
+    EXPECT_EQ(b.call(nlphess, Matrix(3, 3, {1, 1, 4, 2, 2, 5, bad, 1, 3})), -3);
+  }
+  EXPECT_EQ(b.messages()[0], 164);
+}
+
+TEST(Failures, MissingServicesAnswerMinusEleven) {
+  Bridge b(2, 3);
+  b.str.fidi = 11111;
+  b.str.nlicon = b.argm.icmod = 1;
+  const Callback callbacks[] = {nlpgrad, nlphess, nlpjgrd, nlpjacm, nlpcrpj, nlpjcon};
+  for (const Callback callback : callbacks) EXPECT_EQ(b.call(callback, Matrix()), -11);
+  EXPECT_NE(b.argm.grder, 0);
+  EXPECT_NE(b.argm.heser, 0);
+  EXPECT_NE(b.argm.jacer, 0);
+  EXPECT_NE(b.argm.jncer, 0);
+  EXPECT_EQ(b.runs, 0);
+}
+
+TEST(Constraints, ValuesAndJacobian) {
+  Bridge b;
+  Vector fcon(3), jcon(6);
+  b.str.fcon = fcon.data();
+  b.str.jcon = jcon.data();
+  EXPECT_EQ(b.call(nlpnlco, Matrix()), 0);  // there are none
+  b.str.nnlc = 3;
+  b.str.nlicon = 1;
+  b.prepare(CALL_CONSTRAINTS).prepare(CALL_CONSTRAINT_JACOBIAN);
+  EXPECT_EQ(b.call(nlpnlco, Matrix::col({1, 2, 3})), 0);
+  EXPECT_EQ(fcon, (Vector{1, 2, 3}));
+  EXPECT_EQ(b.call(nlpnlco, Matrix::row({1, 2})), -11);
+  EXPECT_EQ(b.call(nlpjcon, Matrix(3, 2, {1, 2, 3, 4, 5, 6})), 0);
+  EXPECT_EQ(jcon, (Vector{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(b.call(nlpjcon, Matrix(2, 3)), -11);
+  EXPECT_EQ(b.messages(), (std::vector<int>{148, 150}));
+  EXPECT_EQ(b.str.nfnc, 2);
+  EXPECT_EQ(b.str.njnc, 2);
+}
+
+TEST(Termination, ModuleTakesThePlaceOfTheTest) {
+  Bridge b;
+  double value = 7.9;
+  double seen = 0.0;
+  b.session.termination_module("ANSWER", [&](const Matrix& x, double crit) {
+    seen = crit + x(0, 1);
+    return value;
+  });
+  b.prepare(CALL_TERMINATION);
+  b.x[1] = 10;
+  b.str.crit = 2.5;
+  EXPECT_EQ(nlpterm(&b.str, 1), 7);
+  EXPECT_EQ(seen, 12.5);
+  for (const double large : {1e300, INF}) {
+    value = large;
+    EXPECT_EQ(nlpterm(&b.str, 1), 2147483647);
+  }
+  value = MISSING;
+  EXPECT_EQ(nlpterm(&b.str, 1), -11);
+  EXPECT_NE(b.argm.trmer, 0);
+  EXPECT_EQ(b.messages(), std::vector<int>{152});
+  EXPECT_EQ(b.str.tbig, 0.0);
+}
+
+TEST(IterationVariable, IsMadeAgainWhenTheUserChangedIt) {
+  Bridge b;
+  SetUp_iter_(0.0, &b.argm);
+  EXPECT_EQ(b.session.variable("_ITER_"), Matrix::scalar(0));
+  TQLSYM* symbol = tqlrtre("_ITER_", 6);
+  tqwfre2(symbol->data);
+  *symbol = {NUMERIC, 8, 2, 3, tqwalo2(48)};
+  Export_iter_(4.0, b.argm._iterptr_);
+  EXPECT_EQ(b.session.variable("_ITER_"), Matrix::scalar(4));
+  Export_iter_(5.0, nullptr);
+  EXPECT_EQ(b.session.variable("_ITER_"), Matrix::scalar(4));
+}
+
+}  // namespace
+}  // namespace tqnlp

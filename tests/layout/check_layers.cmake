@@ -1,0 +1,46 @@
+# Fails when a source includes a floor that it may not see: from the ground up host and record, kernels,
+# aasubs, front, embed; inside aasubs a technique never includes another technique.
+# Usage: cmake -DSOURCE_DIR=... -P check_layers.cmake
+
+cmake_minimum_required(VERSION 3.25)
+
+set(sees_host host)
+set(sees_record aasubs/record)
+set(sees_kernels kernels host aasubs/record)
+set(sees_aasubs aasubs kernels host)
+set(sees_front front aasubs kernels host)
+# The embedded host implements src/host and calls the module through qorinlp and znlpmer only.
+set(sees_embed embed host tqnlp front/tqxnlp.h aasubs/control/znlpdrv.h aasubs/record)
+set(technique_rooms newton quasinewton leastsquares direct quadratic)
+
+set(wrong "")
+file(GLOB_RECURSE sources RELATIVE ${SOURCE_DIR}/src ${SOURCE_DIR}/src/*.cpp ${SOURCE_DIR}/src/*.h)
+foreach(source ${sources})
+  string(REGEX MATCH "^aasubs/record|^[a-z]+" floor ${source})
+  string(REPLACE "aasubs/record" "record" floor ${floor})
+  file(STRINGS ${SOURCE_DIR}/src/${source} includes REGEX "^#include \"")
+  foreach(line ${includes})
+    string(REGEX REPLACE "^#include \"(.*)\".*" "\\1" included ${line})
+    set(allowed FALSE)
+    foreach(prefix ${sees_${floor}})
+      string(FIND ${included} ${prefix} position)
+      if(position EQUAL 0)
+        set(allowed TRUE)
+      endif()
+    endforeach()
+    # In a technique's room, only headers that share the source's own name.
+    if(source MATCHES "^aasubs/([a-z]+)/(z[a-z0-9]+)" AND CMAKE_MATCH_1 IN_LIST technique_rooms)
+      set(own ${CMAKE_MATCH_2})
+      if(included MATCHES "^aasubs/([a-z]+)/" AND CMAKE_MATCH_1 IN_LIST technique_rooms
+         AND NOT included MATCHES "/${own}" AND NOT included MATCHES "/znlpupd")
+        set(allowed FALSE)
+      endif()
+    endif()
+    if(NOT allowed)
+      string(APPEND wrong "\n  src/${source} includes ${included}")
+    endif()
+  endforeach()
+endforeach()
+if(wrong)
+  message(FATAL_ERROR "Includes that cross a floor:${wrong}")
+endif()

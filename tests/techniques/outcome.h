@@ -1,0 +1,29 @@
+// Runs a problem of the library through a subroutine and judges the outcome by certificates.
+#pragma once
+
+#include <string>
+
+#include "problems/problem.h"
+#include "tqnlp/tqnlp.hpp"
+
+namespace tqnlp::test {
+
+struct Outcome {
+  double code = 0;
+  std::vector<double> x;
+  double f = 0;           // objective at x
+  double infeasible = 0;  // largest violation, relative to 1 + |bound| or 1 + |b|
+  bool solved = false;    // f within tolerance of a known minimum, x feasible
+  double iterations = 0;
+  long functions = 0, gradients = 0, hessians = 0;  // calls of the modules
+};
+
+// Calls the subroutine with objective, gradient and (for second-order ones) Hessian modules from
+// the standard start. opt and tc may be empty.
+Outcome solve(const Problem& problem, const std::string& subroutine, double tolerance,
+              const Matrix& opt = Matrix(), const Matrix& tc = Matrix());
+
+// The matrix of bounds and linear constraints of a problem; empty when it has none.
+Matrix constraint_matrix(const Problem& problem);
+
+}  // namespace tqnlp::test
