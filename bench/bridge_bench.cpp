@@ -54,3 +54,5 @@ BENCHMARK(direct_call)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
 BENCHMARK(through_the_bridge)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
 
 }  // namespace tqnlp
+
+BENCHMARK_MAIN();

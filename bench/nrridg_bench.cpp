@@ -55,3 +55,5 @@ BENCHMARK(run_iterations)
     ->Unit(benchmark::kMicrosecond);
 
 }  // namespace tqnlp
+
+BENCHMARK_MAIN();

@@ -1,8 +1,9 @@
-// The sparse Cholesky against CHOLMOD's simplicial LL' (its own AMD ordering), and the dense indefinite
-// factorization against LAPACK's packed dsptrf and dsptrs. One thread each; set OPENBLAS_NUM_THREADS=1.
+// The sparse Cholesky against CHOLMOD's simplicial LL' (its own AMD ordering), and the dense
+// indefinite factorization against LAPACK's packed dsptrf and dsptrs. One thread each; set
+// OPENBLAS_NUM_THREADS=1.
 //
-// Sparse cases are 2-D Laplacians on a square of m by m points: order n = m^2. Ordering and symbolic
-// factorization are timed apart from the numeric work, as a run does them once for many
+// Sparse cases are 2-D Laplacians on a square of m by m points: order n = m^2. Ordering and
+// symbolic factorization are timed apart from the numeric work, as a run does them once for many
 // factorizations.
 #include <benchmark/benchmark.h>
 #include <suitesparse/cholmod.h>
@@ -199,16 +200,15 @@ void peer_factor_and_solve(benchmark::State& state) {
 
 // ---- Dense indefinite --------------------------------------------------------------------------
 
-// Random matrices are indefinite and need blocks of order 2 throughout; kind 1 has a heavy diagonal of
-// both signs, as Hessians near a saddle have.
+// Random matrices are indefinite and need blocks of order 2 throughout; kind 1 has a heavy diagonal
+// of both signs, as Hessians near a saddle have.
 std::vector<double> indefinite(long n, long kind) {
   std::mt19937 random(7);
   std::uniform_real_distribution<double> uniform(-1.0, 1.0);
   std::vector<double> a(packed_size(n));
   for (double& v : a) v = uniform(random);
   if (kind == 1)
-    for (long i = 0; i < n; ++i)
-      a[zisub(i, i)] += (i % 3 ? 1.0 : -1.0) * static_cast<double>(n);
+    for (long i = 0; i < n; ++i) a[zisub(i, i)] += (i % 3 ? 1.0 : -1.0) * static_cast<double>(n);
   return a;
 }
 

@@ -253,6 +253,15 @@ static const char* severity_mark(Severity severity) {
   }
 }
 
+// Does the log hold this numbered message too? Then the report tells it once.
+static bool is_in_log(const embed::Task& task, const LogRecord& printed) {
+  return printed.group != 0 &&
+         std::any_of(task.log.begin(), task.log.end(), [&printed](const LogRecord& line) {
+           return line.group == printed.group && line.number == printed.number &&
+                  line.text == printed.text;
+         });
+}
+
 std::string text_report(const Session& session) {
   const embed::Task& task = session.task();
   std::string text;
@@ -265,6 +274,7 @@ std::string text_report(const Session& session) {
   std::size_t next = 0;
   for (std::size_t k = 0; k <= task.tables.size(); ++k) {
     for (; next < task.printed.size() && task.printed_after[next] == k; ++next) {
+      if (is_in_log(task, task.printed[next])) continue;
       text += task.printed[next].text;
       end_line(text);
     }

@@ -132,8 +132,7 @@ TQNLP_BODY void raise_to_largest(long n, const double* x, double& floor) {
       next.load(x + i);
 #pragma GCC unroll 4
       for (int k = 0; k < Lanes<W>::PARTS; ++k) {
-        const typename Lanes<W>::Vector modulus =
-            next.part[k] < 0.0 ? -next.part[k] : next.part[k];
+        const typename Lanes<W>::Vector modulus = next.part[k] < 0.0 ? -next.part[k] : next.part[k];
         largest.part[k] = largest.part[k] < modulus ? modulus : largest.part[k];
       }
     }

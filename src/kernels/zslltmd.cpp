@@ -1,10 +1,10 @@
-// zslltmd: Sparse LL' by Minimum Degree; solves, half solves, products and forms. The triangular solves
-// themselves stand in zslltmd_solve.cpp.
+// zslltmd: Sparse LL' by Minimum Degree; solves, half solves, products and forms. The triangular
+// solves themselves stand in zslltmd_solve.cpp.
 //
-// Between the order of variables and that of the places b is permuted by way of a copy of fixed size
-// or, if it is longer, in place along the cycles of perm, at several places side by side. Visited
-// places are marked in a bit field of fixed size; beyond its reach a cycle is followed from its least
-// member.
+// Between the order of variables and that of the places b is permuted by way of a copy of fixed
+// size or, if it is longer, in place along the cycles of perm, at several places side by side.
+// Visited places are marked in a bit field of fixed size; beyond its reach a cycle is followed from
+// its least member.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -28,7 +28,8 @@ struct Walker {
   double carried;  // permute: the value to put down next; unpermute: the one taken up at the start
 };
 
-// A walker of sparse_permute puts down what it carries wherever it comes and takes up what was there.
+// A walker of sparse_permute puts down what it carries wherever it comes and takes up what was
+// there.
 struct Carry {
   double* b;
   void begin(Walker& w) const { w.carried = b[w.start]; }

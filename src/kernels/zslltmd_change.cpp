@@ -1,8 +1,8 @@
 // zslltmd, changes: a Cholesky factor after a term of rank one, or after a variable came or went.
 //
 // Rank one (zslltf5) after Gill, Golub, Murray and Saunders (1974), Mathematics of Computation 28,
-// method C1 by rows of U = L': only the rows on a path of the elimination tree change (Davis and Hager
-// 1999, SIAM J. Matrix Anal. Appl. 20). With A = U'U and the row r of U
+// method C1 by rows of U = L': only the rows on a path of the elimination tree change (Davis and
+// Hager 1999, SIAM J. Matrix Anal. Appl. 20). With A = U'U and the row r of U
 //
 //   | d  x' |'| d  x' |            | w |          |  cos   sin |   rotations for sigma > 0, and
 //   | 0  U2 | | 0  U2 |  + sigma   | v | (w v')    | -sin   cos |   hyperbolic ones for sigma < 0

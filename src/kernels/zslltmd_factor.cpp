@@ -1,5 +1,5 @@
-// zslltmd, numeric part: sparse Cholesky factorization of a matrix whose factor has a known pattern,
-// with or without signs (zslltnf, zslltf2; zslumd.cpp calls the same core).
+// zslltmd, numeric part: sparse Cholesky factorization of a matrix whose factor has a known
+// pattern, with or without signs (zslltnf, zslltf2; zslumd.cpp calls the same core).
 //
 // A right-looking factorization by panels. A panel is a run of rows of U in which each row has the
 // pattern of the one before without its first column (a supernode, at most PANEL rows of it):
@@ -12,8 +12,8 @@
 // The panel is factored in itself, and then every row j of its tail receives its update
 // U(j,c) -= sum of U(k,j) U(k,c) over the panel's rows k. Rows j that belong to one run have nested
 // patterns, so the places of the tail's columns in them are found once. Since the factor's rows are
-// where the updates go, no work arrays are needed beyond small ones of fixed size. Zero pivots clear
-// their rows, so that they update nothing.
+// where the updates go, no work arrays are needed beyond small ones of fixed size. Zero pivots
+// clear their rows, so that they update nothing.
 //
 // Each element receives its terms in an order that depends on the pattern alone.
 #include <algorithm>
@@ -46,7 +46,7 @@ struct Panel {
 }  // namespace
 
 TQNLP_BODY Panel take_panel(long begin, long in, long n, const long* ju, const double* u,
-                        const long* negp) {
+                            const long* negp) {
   Panel panel;
   panel.begin = begin;
   long end = begin + 1;
@@ -118,7 +118,7 @@ TQNLP_BODY void factor_panel(Panel& panel, const PivotRule& rule, const long* ju
 // Finds the columns want[0..count-1] in the ascending list at columns, from position on: place[i]
 // receives their positions. True if they are neighbours there; then only place[0] is set.
 TQNLP_BODY bool locate(long count, const long* want, const long* columns, const long* end,
-                   long position, long* place) {
+                       long position, long* place) {
   while (columns + position < end && columns[position] < want[0]) ++position;
   place[0] = position;
   if (columns + position + count <= end && columns[position] == want[0] &&
@@ -142,8 +142,8 @@ TQNLP_BODY long group_end(const Panel& panel, long first, const long* ju) {
 }
 
 // Updates count columns from tail entry at on in one row, whose element of the i-th of them is
-// row[place[i]], or row[place[0] + i] if they are neighbours. R is the number of the panel's rows if
-// they are few, else 0.
+// row[place[i]], or row[place[0] + i] if they are neighbours. R is the number of the panel's rows
+// if they are few, else 0.
 template <int W, int R>
 TQNLP_BODY void update_row(const Panel& panel, const double* factor, long at, long count,
                            const long* place, bool neighbours, double* row) {
@@ -192,9 +192,8 @@ TQNLP_BODY void update_group(const Panel& panel, long first, long last, const lo
       const long j = panel.columns[q];
       double* row = u + ju[j] - (j - head);
       const long skip = std::max(0L, q + 1 - begin);
-      update_row<W, R>(panel, factor, begin + skip, count - skip,
-                       neighbours ? place : place + skip, neighbours,
-                       neighbours ? row + skip : row);
+      update_row<W, R>(panel, factor, begin + skip, count - skip, neighbours ? place : place + skip,
+                       neighbours, neighbours ? row + skip : row);
     }
   }
 }
@@ -220,11 +219,20 @@ TQNLP_BODY void factor_rows_body(long in, long n, const PivotRule& rule, const l
     else
       while (first < panel.count && panel.columns[first] < in) ++first;
     switch (panel.end - panel.begin) {
-      case 1: update_tail<W, 1>(panel, first, ju, u); break;
-      case 2: update_tail<W, 2>(panel, first, ju, u); break;
-      case 3: update_tail<W, 3>(panel, first, ju, u); break;
-      case 4: update_tail<W, 4>(panel, first, ju, u); break;
-      default: update_tail<W, 0>(panel, first, ju, u);
+      case 1:
+        update_tail<W, 1>(panel, first, ju, u);
+        break;
+      case 2:
+        update_tail<W, 2>(panel, first, ju, u);
+        break;
+      case 3:
+        update_tail<W, 3>(panel, first, ju, u);
+        break;
+      case 4:
+        update_tail<W, 4>(panel, first, ju, u);
+        break;
+      default:
+        update_tail<W, 0>(panel, first, ju, u);
     }
     begin = panel.end;
   }
@@ -243,8 +251,13 @@ int sparse_factor(long in, long n, const PivotRule& rule, const long* ju, double
 // Adds value at column c of row r; rows below in are not touched.
 static void add_element(long in, long r, long c, const long* ju, double* u, double value) {
   if (r < in) return;
+  constexpr long SHORT_ROW = 24;
   const long* end = ju + ju[r + 1];
-  const long* found = std::lower_bound(ju + ju[r], end, c);
+  const long* found = ju + ju[r];
+  if (end - found > SHORT_ROW)
+    found = std::lower_bound(found, end, c);
+  else
+    while (found != end && *found < c) ++found;
   if (found == end || *found != c) xexit(EXIT_INCONSISTENT, 0);
   u[found - ju] += value;
 }
@@ -252,6 +265,7 @@ static void add_element(long in, long r, long c, const long* ju, double* u, doub
 void sparse_load(long in, long n, const long* ju, double* u, long size, const long* ja,
                  const double* a, const long* first, const long* second) {
   if (in >= n) return;
+  in = std::max(in, 0L);
   std::fill(u + in, u + n, 0.0);
   std::fill(u + ju[in], u + ju[n], 0.0);
   const auto place = [first, second](long v) {

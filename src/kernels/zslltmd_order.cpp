@@ -5,12 +5,12 @@
 // minimum degree: element absorption, mass elimination, indistinguishable variables merged into
 // supervariables, and rows that are nearly full set aside to the end.
 //
-// A vertex of the quotient graph is a variable that is still there, or an element: the clique that an
-// eliminated pivot left behind. A variable's list holds its elements first and then the variables it
-// is joined to by an original element of the matrix; an element's list holds its variables. The degree
-// of a variable counts the variables of its elements minus the present pivot's clique L, each element
-// on its own, so that the bound is cheap; |E \ L| for all elements E that touch L is found in one
-// pass over the lists of L's variables.
+// A vertex of the quotient graph is a variable that is still there, or an element: the clique that
+// an eliminated pivot left behind. A variable's list holds its elements first and then the
+// variables it is joined to by an original element of the matrix; an element's list holds its
+// variables. The degree of a variable counts the variables of its elements minus the present
+// pivot's clique L, each element on its own, so that the bound is cheap; |E \ L| for all elements E
+// that touch L is found in one pass over the lists of L's variables.
 //
 // The order of elimination is then refined: the elimination tree of the ordered matrix is put in
 // postorder, the child with the longest row last, which changes no fill and makes rows of equal
@@ -25,8 +25,8 @@
 //   next | next | last | head |            lists of variables by degree; buckets of the hash
 //   graph| the lists, with free room behind them that is compacted when it runs out
 //
-// Afterwards, for zslltsf: graph = row pointers and columns c < r of the ordered matrix, node = parent
-// in the elimination tree (n for a root), cnt = off-diagonal length of each row of U.
+// Afterwards, for zslltsf: graph = row pointers and columns c < r of the ordered matrix, node =
+// parent in the elimination tree (n for a root), cnt = off-diagonal length of each row of U.
 #include <algorithm>
 #include <cmath>
 
@@ -168,7 +168,8 @@ static void start_degrees(QuotientGraph& g) {
 }
 
 // Moves all lists that are in use to the front. The first entry of each one is parked in start, and
-// the vertex' number stands flipped in its place meanwhile, so that one sweep finds the lists in order.
+// the vertex' number stands flipped in its place meanwhile, so that one sweep finds the lists in
+// order.
 static void compact_lists(QuotientGraph& g) {
   for (long i = 0; i < g.n; ++i)
     if (g.start[i] >= 0) {
@@ -277,9 +278,10 @@ static void prune_variable(QuotientGraph& g, const Clique& c, long i, long& degr
   g.length[i] = to + 1 - list;
 }
 
-// Finds the new degrees of the clique's variables. One without neighbours outside is eliminated with
-// the pivot; the others go into hash buckets, which share head with the degree lists: a bucket behind
-// a degree list hangs from the last field of the list's first variable, else head holds it flipped.
+// Finds the new degrees of the clique's variables. One without neighbours outside is eliminated
+// with the pivot; the others go into hash buckets, which share head with the degree lists: a bucket
+// behind a degree list hangs from the last field of the list's first variable, else head holds it
+// flipped.
 static void update_degrees(QuotientGraph& g, Clique& c) {
   for (long q = c.begin; q < c.end; ++q) {
     const long i = g.list[q];
@@ -396,8 +398,8 @@ static void eliminate_all(QuotientGraph& g) {
   }
 }
 
-// Orders the variables by their pivots: each one follows the chain of those that absorbed it up to a
-// pivot. Variables set aside come last.
+// Orders the variables by their pivots: each one follows the chain of those that absorbed it up to
+// a pivot. Variables set aside come last.
 static void number_variables(QuotientGraph& g, long* iprm, long* perm) {
   for (long v = 0; v < g.n; ++v) {
     long rep = v;
@@ -435,8 +437,8 @@ static void order_rows(long n, const long* ja, const long* perm, long* graph) {
   graph[0] = n + 1;
 }
 
-// The elimination tree (Liu 1990, SIAM J. Matrix Anal. Appl. 11): the parent of k is the first column
-// of row k of U, n for none. ancestor shortens the climbs.
+// The elimination tree (Liu 1990, SIAM J. Matrix Anal. Appl. 11): the parent of k is the first
+// column of row k of U, n for none. ancestor shortens the climbs.
 static void find_parents(long n, const long* graph, long* parent, long* ancestor) {
   for (long r = 0; r < n; ++r) {
     parent[r] = ancestor[r] = n;

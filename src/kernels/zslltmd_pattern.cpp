@@ -1,12 +1,13 @@
-// zslltmd, patterns: the symbolic factorization, the second pattern of a principal submatrix, and the
-// conversion from coordinate form with its sorts.
+// zslltmd, patterns: the symbolic factorization, the second pattern of a principal submatrix, and
+// the conversion from coordinate form with its sorts.
 //
-// zslltsf fills the rows of U column by column: row k of U holds column r exactly if k lies on a path
-// of the elimination tree from a column of row r of the ordered matrix up to r (the row subtree; Liu
-// 1990). As r ascends, so do the columns of every row.
+// zslltsf fills the rows of U column by column: row k of U holds column r exactly if k lies on a
+// path of the elimination tree from a column of row r of the ordered matrix up to r (the row
+// subtree; Liu 1990). As r ascends, so do the columns of every row.
 //
-// zslltiu takes the pattern of the reduced factor from the full one by leaving out rows and columns:
-// elimination restricted to fewer variables fills no more places, and what is left is closed again.
+// zslltiu takes the pattern of the reduced factor from the full one by leaving out rows and
+// columns: elimination restricted to fewer variables fills no more places, and what is left is
+// closed again.
 #include <algorithm>
 #include <utility>
 

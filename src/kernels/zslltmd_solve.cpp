@@ -1,9 +1,9 @@
 // zslltmd, triangular solves in the order of the places.
 //
-// The forward solve with L = U' walks the rows of U and scatters, the backward solve gathers. A run of
-// rows with one pattern is a panel, as in the factorization: its list of columns and the entries of b
-// behind it are read once for all its rows. Up to FEW rows are combined element by element; only where
-// rows are long are more taken together, by way of a contiguous piece of fixed size.
+// The forward solve with L = U' walks the rows of U and scatters, the backward solve gathers. Rows
+// of a run, which have one pattern, are taken together: their list of columns and the entries of b
+// behind it are then read once for all of them. Up to FEW rows are combined element by element;
+// where rows are long, up to PANEL, by way of a contiguous piece of b of fixed size.
 #include <algorithm>
 
 #include "kernels/row_update.h"
@@ -11,145 +11,166 @@
 
 namespace tqnlp {
 
-// Rows in a panel, rows that are combined by element, the length from which more pay, and columns that
-// are handled together.
-static constexpr long PANEL = 32;
 static constexpr long FEW = 4;
+static constexpr long PANEL = 32;
 static constexpr long LONG_ROW = 64;
+
+// Columns of long rows that are handled together.
 static constexpr long CHUNK = 256;
 
 namespace {
 
-struct Rows {
-  long begin, end;            // of the panel
-  long count;                 // columns of the tail
-  const long* columns;        // of the tail
-  const double* tail[PANEL];  // values of the tail in each row
+struct Panel {
+  long begin, end;
+  long count;                 // columns behind the panel
+  const long* columns;        // those columns
+  const double* tail[PANEL];  // their values in each row
 };
 
 }  // namespace
 
-static inline void take_rows(long begin, long end, const long* ju, const double* u, Rows& rows) {
-  rows.begin = begin;
-  rows.end = end;
-  rows.count = row_length(ju, end - 1);
-  rows.columns = ju + ju[end - 1];
-  for (long r = begin; r < end; ++r) rows.tail[r - begin] = u + ju[r] + (end - 1 - r);
+static Panel take_panel(long begin, long end, const long* ju, const double* u) {
+  Panel panel;
+  panel.begin = begin;
+  panel.end = end;
+  panel.count = row_length(ju, end - 1);
+  panel.columns = ju + ju[end - 1];
+  for (long r = begin; r < end; ++r) panel.tail[r - begin] = u + ju[r] + (end - 1 - r);
+  return panel;
 }
 
-// b at the tail's columns receives its terms from R rows with the solution x.
+// ---- Forward -----------------------------------------------------------------------------------
+
 template <int R>
-static inline void scatter_few(const Rows& rows, const double* x, double* b) {
+static void forward_rows(long r, const long* ju, const double* u, double* b) {
   const double* tail[R];
-  for (int p = 0; p < R; ++p) tail[p] = rows.tail[p];
-  const long* columns = rows.columns;
-#pragma GCC unroll 2
-  for (long q = 0; q < rows.count; ++q) {
+  double x[R];
+  for (int p = 0; p < R; ++p) {
+    tail[p] = u + ju[r + p] + (R - 1 - p);
+    x[p] = b[r + p];
+    for (int k = 0; k < p; ++k) x[p] -= u[ju[r + k] + (p - 1 - k)] * x[k];
+    x[p] *= u[r + p];
+    b[r + p] = x[p];
+  }
+  const long* columns = ju + ju[r + R - 1];
+  const long count = ju[r + R] - ju[r + R - 1];
+  for (long q = 0; q < count; ++q) {
     double sum = b[columns[q]];
-#pragma GCC unroll 4
     for (int p = 0; p < R; ++p) sum -= tail[p][q] * x[p];
     b[columns[q]] = sum;
   }
 }
 
 template <int W>
-TQNLP_BODY void scatter_many_body(const Rows& rows, const double* x, double* b) {
+TQNLP_BODY void forward_panel_body(const Panel& panel, const long* ju, const double* u, double* b) {
+  for (long r = panel.begin; r < panel.end; ++r) {
+    b[r] *= u[r];
+    subtract_row<W>(panel.end - 1 - r, b[r], u + ju[r], b + r + 1);
+  }
   double piece[CHUNK];
-  for (long begin = 0; begin < rows.count; begin += CHUNK) {
-    const long count = std::min(CHUNK, rows.count - begin);
-    const long* columns = rows.columns + begin;
+  for (long begin = 0; begin < panel.count; begin += CHUNK) {
+    const long count = std::min(CHUNK, panel.count - begin);
+    const long* columns = panel.columns + begin;
     for (long i = 0; i < count; ++i) piece[i] = b[columns[i]];
-    subtract_rows<W>(count, rows.end - rows.begin, x, rows.tail, begin, piece);
+    subtract_rows<W>(count, panel.end - panel.begin, b + panel.begin, panel.tail, begin, piece);
     for (long i = 0; i < count; ++i) b[columns[i]] = piece[i];
   }
 }
 
-TQNLP_DISPATCH(void, scatter_many, (const Rows& rows, const double* x, double* b), (rows, x, b))
+TQNLP_DISPATCH(void, forward_panel,
+               (const Panel& panel, const long* ju, const double* u, double* b), (panel, ju, u, b))
 
 void sparse_forward(long n, const long* ju, const double* u, double* b) {
-  for (long begin = 0; begin < n;) {
-    long end = begin + 1;
-    const long most = row_length(ju, begin) < LONG_ROW ? FEW : PANEL;
-    while (end < n && end - begin < most && run_goes_on(ju, end - 1)) ++end;
-    Rows rows;
-    take_rows(begin, end, ju, u, rows);
-    double* x = b + begin;
-    for (long r = begin; r < end; ++r) {
-      b[r] *= u[r];
-      const double* row = u + ju[r];
-#pragma GCC unroll 1
-      for (long c = r + 1; c < end; ++c) b[c] -= row[c - r - 1] * b[r];
+  for (long r = 0; r < n;) {
+    const long most = row_length(ju, r) < LONG_ROW ? FEW : PANEL;
+    long end = r + 1;
+    while (end < n && end - r < most && run_goes_on(ju, end - 1)) ++end;
+    switch (end - r) {
+      case 1:
+        forward_rows<1>(r, ju, u, b);
+        break;
+      case 2:
+        forward_rows<2>(r, ju, u, b);
+        break;
+      case 3:
+        forward_rows<3>(r, ju, u, b);
+        break;
+      case 4:
+        forward_rows<4>(r, ju, u, b);
+        break;
+      default:
+        forward_panel(take_panel(r, end, ju, u), ju, u, b);
     }
-    switch (end - begin) {
-      case 1: scatter_few<1>(rows, x, b); break;
-      case 2: scatter_few<2>(rows, x, b); break;
-      case 3: scatter_few<3>(rows, x, b); break;
-      case 4: scatter_few<4>(rows, x, b); break;
-      default: scatter_many(rows, x, b);
-    }
-    begin = end;
+    r = end;
   }
 }
 
-// sum[p]: row p of the tail times b.
+// ---- Backward ----------------------------------------------------------------------------------
+
 template <int R>
-static inline void gather_few(const Rows& rows, const double* b, double* sum) {
+static void backward_rows(long r, const long* ju, const double* u, double* b) {
   const double* tail[R];
   double even[R] = {}, odd[R] = {};
-  for (int p = 0; p < R; ++p) tail[p] = rows.tail[p];
-  const long* columns = rows.columns;
+  for (int p = 0; p < R; ++p) tail[p] = u + ju[r + p] + (R - 1 - p);
+  const long* columns = ju + ju[r + R - 1];
+  const long count = ju[r + R] - ju[r + R - 1];
   long q = 0;
-  for (; q + 2 <= rows.count; q += 2) {
+  for (; q + 2 <= count; q += 2) {
     const double x0 = b[columns[q]], x1 = b[columns[q + 1]];
-#pragma GCC unroll 4
     for (int p = 0; p < R; ++p) {
       even[p] += tail[p][q] * x0;
       odd[p] += tail[p][q + 1] * x1;
     }
   }
-  if (q < rows.count)
+  if (q < count)
     for (int p = 0; p < R; ++p) even[p] += tail[p][q] * b[columns[q]];
-  for (int p = 0; p < R; ++p) sum[p] = even[p] + odd[p];
-}
-
-template <int W>
-TQNLP_BODY void gather_many_body(const Rows& rows, const double* b, double* sum) {
-  double piece[CHUNK];
-  const long height = rows.end - rows.begin;
-  for (long p = 0; p < height; ++p) sum[p] = 0.0;
-  for (long begin = 0; begin < rows.count; begin += CHUNK) {
-    const long count = std::min(CHUNK, rows.count - begin);
-    const long* columns = rows.columns + begin;
-    for (long i = 0; i < count; ++i) piece[i] = b[columns[i]];
-    for (long p = 0; p < height; ++p) sum[p] += dot_lanes<W>(count, rows.tail[p] + begin, piece);
+  for (int p = R - 1; p >= 0; --p) {
+    double sum = even[p] + odd[p];
+    for (int k = p + 1; k < R; ++k) sum += u[ju[r + p] + (k - p - 1)] * b[r + k];
+    b[r + p] = (b[r + p] - sum) * u[r + p];
   }
 }
 
-TQNLP_DISPATCH(void, gather_many, (const Rows& rows, const double* b, double* sum), (rows, b, sum))
+template <int W>
+TQNLP_BODY void backward_panel_body(const Panel& panel, const long* ju, const double* u,
+                                    double* b) {
+  double piece[CHUNK];
+  for (long begin = 0; begin < panel.count; begin += CHUNK) {
+    const long count = std::min(CHUNK, panel.count - begin);
+    const long* columns = panel.columns + begin;
+    for (long i = 0; i < count; ++i) piece[i] = b[columns[i]];
+    for (long r = panel.begin; r < panel.end; ++r)
+      b[r] -= dot_lanes<W>(count, panel.tail[r - panel.begin] + begin, piece);
+  }
+  for (long r = panel.end - 1; r >= panel.begin; --r)
+    b[r] = (b[r] - dot_lanes<W>(panel.end - 1 - r, u + ju[r], b + r + 1)) * u[r];
+}
+
+TQNLP_DISPATCH(void, backward_panel,
+               (const Panel& panel, const long* ju, const double* u, double* b), (panel, ju, u, b))
 
 void sparse_backward(long n, const long* ju, const double* u, double* b) {
   for (long end = n; end > 0;) {
-    long begin = end - 1;
-    const long most = row_length(ju, begin) < LONG_ROW ? FEW : PANEL;
-    while (begin > 0 && end - begin < most && run_goes_on(ju, begin - 1)) --begin;
-    Rows rows;
-    take_rows(begin, end, ju, u, rows);
-    double sum[PANEL];
-    switch (end - begin) {
-      case 1: gather_few<1>(rows, b, sum); break;
-      case 2: gather_few<2>(rows, b, sum); break;
-      case 3: gather_few<3>(rows, b, sum); break;
-      case 4: gather_few<4>(rows, b, sum); break;
-      default: gather_many(rows, b, sum);
+    const long most = row_length(ju, end - 1) < LONG_ROW ? FEW : PANEL;
+    long r = end - 1;
+    while (r > 0 && end - r < most && run_goes_on(ju, r - 1)) --r;
+    switch (end - r) {
+      case 1:
+        backward_rows<1>(r, ju, u, b);
+        break;
+      case 2:
+        backward_rows<2>(r, ju, u, b);
+        break;
+      case 3:
+        backward_rows<3>(r, ju, u, b);
+        break;
+      case 4:
+        backward_rows<4>(r, ju, u, b);
+        break;
+      default:
+        backward_panel(take_panel(r, end, ju, u), ju, u, b);
     }
-    for (long r = end - 1; r >= begin; --r) {
-      const double* row = u + ju[r];
-      double rest = b[r] - sum[r - begin];
-#pragma GCC unroll 1
-      for (long c = r + 1; c < end; ++c) rest -= row[c - r - 1] * b[c];
-      b[r] = rest * u[r];
-    }
-    end = begin;
+    end = r;
   }
 }
 

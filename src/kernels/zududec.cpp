@@ -3,12 +3,12 @@
 //
 // The elimination runs from the last place to the first: the pivot's column is then row k of the
 // packed form, and the matrix that is left is the rows above. Interchanges move whole rows and
-// columns, those of U included, so that the result is P A P' = U D U' as it stands and solves are two
-// sweeps of contiguous rows between permutations.
+// columns, those of U included, so that the result is P A P' = U D U' as it stands and solves are
+// two sweeps of contiguous rows between permutations.
 //
-// While the matrix is large, the updates of up to BLOCK pivots wait: rows k+1 .. are final rows of U,
-// rows 0 .. k still lack the terms of those that wait. What the choice of a pivot needs to know is
-// computed from both in pieces of fixed size; it is written only when the choice is made, for an
+// While the matrix is large, the updates of up to BLOCK pivots wait: rows k+1 .. are final rows of
+// U, rows 0 .. k still lack the terms of those that wait. What the choice of a pivot needs to know
+// is computed from both in pieces of fixed size; it is written only when the choice is made, for an
 // interchange must not mix rows that have their terms with rows that lack them. Then the updates
 // are made in one pass over the matrix.
 //
@@ -265,8 +265,8 @@ TQNLP_DISPATCH(void, factor_udu,
                (long n, bool each, const double* limits, double* a, long* h, long& nullity),
                (n, each, limits, a, h, nullity))
 
-// Multiplies the determinant det[0] 10^det[1] by value and brings the mantissa into [1, 10). What is
-// not above TINY is left as it is.
+// Multiplies the determinant det[0] 10^det[1] by value and brings the mantissa into [1, 10). What
+// is not above TINY is left as it is.
 static void multiply_determinant(double* det, double value) {
   constexpr double LEAP = 1e16, LEAP_DIGITS = 16.0;
   const auto scale = [det](double mantissa) {

@@ -1,9 +1,9 @@
 // zududec, solves and inverse from P A P' = U D U'.
 //
-// zudusol permutes the right side, takes rows of U from the last on (U y = b), solves with the blocks
-// of D, takes rows from the first on (U'x = y) and permutes back. In a block of order 2 on (k-1, k)
-// the element (k, k-1) belongs to D and not to U; pairs are told apart because blocks are met whole
-// from either end.
+// zudusol permutes the right side, takes rows of U from the last on (U y = b), solves with the
+// blocks of D, takes rows from the first on (U'x = y) and permutes back. In a block of order 2 on
+// (k-1, k) the element (k, k-1) belongs to D and not to U; pairs are told apart because blocks are
+// met whole from either end.
 //
 // zuduinv extends an inverse of the leading part by one block at a time. With S the leading part,
 // G its inverse, u a column of U and d its pivot,

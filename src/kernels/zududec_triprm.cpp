@@ -1,5 +1,5 @@
-// ztriprm: TRIangular factor PeRMuted, the factor of a symmetric matrix after one variable has moved
-// to another place.
+// ztriprm: TRIangular factor PeRMuted, the factor of a symmetric matrix after one variable has
+// moved to another place.
 //
 // R is upper triangular, packed by columns. The column moves by exchanges with its neighbour; each
 // one leaves a single element below the diagonal, which a Givens rotation of two rows removes:

@@ -152,12 +152,14 @@ TEST(Reports, KeepTheOrderOfLogTablesAndPrintedLines) {
     const embed::Activation activation(task);
     xpslog("a literal line");
     embed::add_log(task, 178, 130, Severity::error, "Too few.");
+    xpmlog(OPTIMIZATION, 655);
+    xpmout(OPTIMIZATION, 655);  // told in the log already
     task.tables.push_back({"A", "", "First", {"N"}, {{1L}}});
     xpsout("between");
     task.tables.push_back({"B", "", "Second", {"N"}, {}});
   }
   EXPECT_EQ(text_report(session),
-            "a literal line\nERROR: Too few.\n\nFirst\n\n  N\n  -\n  1\nbetween\n");
+            "a literal line\nERROR: Too few.\nNOTE: none\n\nFirst\n\n  N\n  -\n  1\nbetween\n");
   EXPECT_NE(json_report(session).find("\"severity\": \"error\", \"text\": \"Too few.\""),
             std::string::npos);
 }

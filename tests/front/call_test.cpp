@@ -213,6 +213,7 @@ TEST(Call, TrappedMathErrorsAreFailedEvaluations) {
   problem.session.trap_math_errors(true);
   volatile double zero = 0.0;
   problem.before = [&] {
+    EXPECT_NE(tqlq()->record, nullptr);  // where the trap looks for the point to resume at
     if (problem.evaluations == 8) problem.evaluations += static_cast<long>(1.0 / zero > 1.0);
   };
   expect_solution(problem.run(START), 1, 1);

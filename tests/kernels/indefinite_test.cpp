@@ -197,12 +197,11 @@ TEST(Indefinite, DeterminantIsMantissaAndExponentOfTen) {
     long n;
     double mantissa, exponent;
   };
-  for (const Case& c : {Case{{}, 0, 1.0, 0.0}, Case{{-250.0}, 1, -2.5, 2.0},
-                        Case{{2.0, 0.0, 0.01}, 2, 2.0, -2.0},
-                        Case{{0.0, 3e200, 0.0}, 2, -9.0, 400.0},
-                        Case{{0.0, 3e-200, 0.0}, 2, -9.0, -400.0},
-                        Case{{5.0, 0.0, 0.0}, 2, 0.0, 0.0},
-                        Case{{1e300, 0.0, 1e300, 0.0, 0.0, 2e-300}, 3, 2.0, 300.0}}) {
+  for (const Case& c :
+       {Case{{}, 0, 1.0, 0.0}, Case{{-250.0}, 1, -2.5, 2.0}, Case{{2.0, 0.0, 0.01}, 2, 2.0, -2.0},
+        Case{{0.0, 3e200, 0.0}, 2, -9.0, 400.0}, Case{{0.0, 3e-200, 0.0}, 2, -9.0, -400.0},
+        Case{{5.0, 0.0, 0.0}, 2, 0.0, 0.0},
+        Case{{1e300, 0.0, 1e300, 0.0, 0.0, 2e-300}, 3, 2.0, 300.0}}) {
     const Factor f(c.n, c.a, 0.0);
     EXPECT_NEAR(f.det[0], c.mantissa, 1e-13 * std::fabs(c.mantissa));
     if (c.mantissa != 0.0) {

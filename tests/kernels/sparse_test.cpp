@@ -293,9 +293,9 @@ TEST(SparseCholesky, FailedPivotsAreToldByRow) {
         Case{{1, 0, 3, 4}, -1.0, 2}, Case{{1, 2, 3, 4}, std::nan(""), 0}}) {
     const Longs ja{5, 5, 5, 5, 5}, perm{0, 1, 2, 3};
     Vector u(5);
-    EXPECT_EQ(zslltnf(1, 0, 4, c.sing, ja.data(), ja.data(), perm.data(), c.diagonal.data(),
-                      u.data()),
-              c.code);
+    EXPECT_EQ(
+        zslltnf(1, 0, 4, c.sing, ja.data(), ja.data(), perm.data(), c.diagonal.data(), u.data()),
+        c.code);
     for (long r = 0; r < 4; ++r)
       EXPECT_EQ(u[r] == 0.0, !(c.diagonal[r] > std::max(c.sing > 0 ? c.sing : 0.0, 0.0)));
   }
@@ -421,9 +421,9 @@ TEST(SparseSigned, IndefiniteMatricesKeepTheirSigns) {
     ASSERT_EQ(zslusnf(1, 0, m.n, 1e-9, m.ja.data(), m.ju.data(), m.perm.data(), m.a.data(),
                       m.u.data(), negp.data()),
               0);
-    EXPECT_LT(distance(product(m.n, m.ju, m.u, negp.data()).value,
-                       ordered(m.dense(), m.perm).value),
-              1e-12);
+    EXPECT_LT(
+        distance(product(m.n, m.ju, m.u, negp.data()).value, ordered(m.dense(), m.perm).value),
+        1e-12);
     // Diagonally dominant: the inertia is that of the diagonal.
     EXPECT_EQ(std::accumulate(negp.begin(), negp.end(), 0L), (m.n + 2) / 3);
     const Vector b = random_vector(m.n, seed);
@@ -441,13 +441,13 @@ TEST(SparseSigned, IndefiniteMatricesKeepTheirSigns) {
   const Vector a{0.0, 5.0, 0.0, 1.0};
   Vector u(4);
   Longs negp(2);
-  EXPECT_EQ(zslusnf(1, 0, 2, 1e-8, ja.data(), ju.data(), perm.data(), a.data(), u.data(),
-                    negp.data()),
-            1);
+  EXPECT_EQ(
+      zslusnf(1, 0, 2, 1e-8, ja.data(), ju.data(), perm.data(), a.data(), u.data(), negp.data()),
+      1);
   EXPECT_EQ(u[0], 0.0);
-  EXPECT_EQ(zslusn3(1, 0, 2, 1e-8, ja.data(), ju.data(), perm.data(), a.data(), u.data(),
-                    negp.data()),
-            1);
+  EXPECT_EQ(
+      zslusn3(1, 0, 2, 1e-8, ja.data(), ju.data(), perm.data(), a.data(), u.data(), negp.data()),
+      1);
   EXPECT_EQ(negp, (Longs{0, 1}));
   EXPECT_NEAR(1.0 / (u[0] * u[0]), 1e-8, 1e-22);
 }

@@ -56,8 +56,9 @@ constexpr const Criterion& criterion(int code) { return CRITERIA[code - FIRST_CR
 //           to central differences), the history; x and crit when the analysis of a stop finds a
 //           better point
 // Returns 0 go on; 100 a stop was overruled, go on; 1..9 convergence by that criterion; 10 all
-// parameters on active constraints; 102..109 stopped while a criterion was being counted; negative
-// failure. A NaN among the values meets no criterion; the limits then end the run.
+// parameters on active constraints (for every job but 10, failures included); 102..109 stopped
+// while a criterion was being counted; negative failure. A NaN among the values meets no criterion;
+// the limits then end the run.
 int znlptrm(MINSTR* str, int job);
 
 // Largest change between x and y (n elements) relative to max(|x|, |y|, xsiz), guarded against

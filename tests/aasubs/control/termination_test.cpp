@@ -136,7 +136,6 @@ const StopRow STOP_ROWS[] = {
     {"vertex of a failed run", 4, -4, [](MINSTR& s) { s.nabc = 2; }, 10},
     {"vertex, evaluation failed", 4, 1, [](MINSTR& s) { s.nabc = 2, s.tbig = 1.0; }, 10},
     {"failed evaluation", 4, 1, [](MINSTR& s) { s.tbig = 1.0, s.agtl = 1.0; }, -3},
-    {"technique failed", 4, -6, [](MINSTR&) {}, -6},
     {"module failed", 4, -11, [](MINSTR& s) { s.tbig = 1.0, s.toln[1] = s.toln[11] = 1; }, -11},
     {"no progress near ABSXCONV", 4, -5, [](MINSTR& s) { s.toln[3] = 4, s.toln[13] = 2; }, 104},
     {"no progress, not counted", 4, -5, [](MINSTR& s) { s.toln[3] = 4, s.toln[14] = 2; }, -5},
@@ -147,6 +146,9 @@ const StopRow STOP_ROWS[] = {
     {"calls", 4, 1, [](MINSTR& s) { s.maxf = 1.0; }, -8},
     {"limit at the start", 4, 10, [](MINSTR& s) { s.maxf = 1.0; }, -8},
     {"criterion at a limit", 4, 1, [](MINSTR& s) { s.maxi = 1.0, s.agtl = 1.0; }, 3},
+    {"time", 4, 1, [](MINSTR& s) { s.mtim = zdattim() - 1.0, s.upti = 0.5; }, -9},
+    {"within time", 4, 1, [](MINSTR& s) { s.mtim = zdattim() - 1.0, s.upti = 1e6; }, 0},
+    {"criterion after time", 4, 1, [](MINSTR& s) { s.upti = -1.0, s.agtl = 1.0; }, 3},
     {"missing limits", 4, 1, [](MINSTR& s) { s.maxi = s.maxf = MISSING; }, 0},
     {"a constraint left", 4, 1, [](MINSTR& s) { s.chac = -1, s.agtl = 1.0; }, 0},
     {"left without progress", 4, 1, [](MINSTR& s) { s.chac = -1, s.crit = 2.0, s.agtl = 1.0; }, 5},
@@ -170,18 +172,6 @@ TEST(Termination, EveryOtherEnd) {
     EXPECT_EQ(znlptrm(&run, row.job), row.code) << row.name;
     EXPECT_EQ(run.indf, purpose) << row.name;
   }
-}
-
-TEST(Termination, TimeLimitEndsAPointThatIsNotConverged) {
-  Host host;
-  Iterated run(4);
-  run.mtim = zdattim();
-  run.upti = 0.5;
-  EXPECT_EQ(znlptrm(&run, 1), 0);
-  embed::advance_clock(host.task, 1.0);
-  EXPECT_EQ(znlptrm(&run, 1), -9);
-  run.agtl = 1.0;
-  EXPECT_EQ(znlptrm(&run, 1), 3);
 }
 
 TEST(Termination, CriteriaMustHoldInARow) {

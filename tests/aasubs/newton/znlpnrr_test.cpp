@@ -154,6 +154,24 @@ TEST(Nrridg, EndsWithACodeWhenTheKthEvaluationFails) {
   }
 }
 
+// The second trial ties with the first, so that the slope decides; the gradient fails there, and
+// then the objective at the final evaluation, which is what the code must tell.
+TEST(Nrridg, FailureOfTheFinalEvaluationIsTheObjectives) {
+  for (const long values : {4L, 100L}) {
+    TestRecord record(1);
+    long functions = 0, gradients = 0;
+    record.f = [&](const double*) {
+      return ++functions > values ? MISSING : functions < 3 ? 10 : 5;
+    };
+    record.g = [&](const double*, double* g) { g[0] = ++gradients > 3 ? std::nan("") : 1.0; };
+    record.h = [](const double*, double* h) { h[0] = 1.0; };
+    record.with_callbacks();
+    ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+    EXPECT_EQ(znlpnrr(&record), values == 4 ? -3 : -4);
+    EXPECT_EQ(record.nitr, 1.0);
+  }
+}
+
 TEST(Nrridg, FallsBackOnceWhenEvaluationsFailOutsideARegion) {
   // log of a negative number beyond x = 0: the full Newton step from 4 leaves the region.
   const Problem problem = scalar_problem("barrier", {4.0}, {}, [](auto x) {
