@@ -13,4 +13,7 @@ int choose_factor_job(const MINSTR* str, int job);
 // column j are exchanged too: they may hold the rows of a factor.
 void swap_packed(long n, long j, long p, double* a);
 
+// x := S b for packed S of order n, one pass over S; x must not overlap b.
+void packed_product(long n, const double* sym, const double* b, double* x);
+
 }  // namespace tqnlp

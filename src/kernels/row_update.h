@@ -138,7 +138,9 @@ TQNLP_BODY void raise_to_largest(long n, const double* x, double& floor) {
     }
     double lane[LANES];
     largest.store(lane);
-    for (double value : lane) floor = floor < value ? value : floor;
+    for (int k = 0; k < 4; ++k) lane[k] = lane[k] < lane[k + 4] ? lane[k + 4] : lane[k];
+    for (int k = 0; k < 2; ++k) lane[k] = lane[k] < lane[k + 2] ? lane[k + 2] : lane[k];
+    floor = lane[0] < lane[1] ? lane[1] : lane[0];
   }
 #pragma GCC unroll 1
   for (; i < n; ++i) {

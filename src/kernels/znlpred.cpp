@@ -52,13 +52,12 @@ void znlpmul(MINSTR* str, int hfrm, long n, const long* ind, const double* c, co
 }
 
 void znlpsmv(long n, const long* ind, const double* sym, const double* b, double* x) {
+  if (ind == nullptr) {
+    packed_product(n, sym, b, x);
+    return;
+  }
   const double* row = sym;
   for (long i = 0; i < n; row += ++i) {
-    if (ind == nullptr) {
-      x[i] = zvdot11(i + 1, row, b);
-      zvxay11(i, x, b[i], row);
-      continue;
-    }
     x[i] = 0.0;
     if (left_out(ind, i)) continue;
     for (long j = 0; j < i; ++j) {

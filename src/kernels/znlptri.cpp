@@ -13,6 +13,7 @@
 #include "aasubs/record/constants.h"
 #include "aasubs/record/packed.h"
 #include "kernels/dense.h"
+#include "kernels/factor.h"
 #include "kernels/lanes.h"
 #include "kernels/vector.h"
 
@@ -112,11 +113,11 @@ constexpr int TOGETHER = W == 8 ? 4 : W / 2;
 
 // Columns 0..length-1 (whole groups of eight) of R rows from row first on: makes the pending
 // update, adds the rows times v to products[r] and the columns times v to p.
-template <int W, int R, bool UPDATE>
+template <int W, int R, bool UPDATE, typename Element>
 TQNLP_BODY void pass_columns(long first, long length, const Pending& pending, const double* v,
-                             double* a, double* p, double* products) {
+                             Element* a, double* p, double* products) {
   Lanes<W> sums[R], row_v[R], row_q[R], row_new[R], old_v, old_q, new_v, column, element;
-  double* rows[R];
+  Element* rows[R];
 #pragma GCC unroll 4
   for (int r = 0; r < R; ++r) {
     rows[r] = a + packed_size(first + r);
@@ -133,7 +134,7 @@ TQNLP_BODY void pass_columns(long first, long length, const Pending& pending, co
 #pragma GCC unroll 4
     for (int r = 0; r < R; ++r) {
       element.load(rows[r] + k);
-      if (UPDATE) {
+      if constexpr (UPDATE) {
         element.subtract_product(row_v[r], old_q);
         element.subtract_product(row_q[r], old_v);
         element.store(rows[r] + k);
@@ -148,8 +149,8 @@ TQNLP_BODY void pass_columns(long first, long length, const Pending& pending, co
 }
 
 // One pass over rows 0..order-1: makes the pending update and forms p := A v with the result.
-template <int W, bool UPDATE>
-TQNLP_BODY void pass_rows(long order, const Pending& pending, const double* v, double* a,
+template <int W, bool UPDATE, typename Element>
+TQNLP_BODY void pass_rows(long order, const Pending& pending, const double* v, Element* a,
                           double* p) {
   constexpr int R = TOGETHER<W>;
   for (long k = 0; k < order; ++k) p[k] = 0.0;
@@ -168,12 +169,12 @@ TQNLP_BODY void pass_rows(long order, const Pending& pending, const double* v, d
     }
     // The rest of each row, up to its diagonal.
     for (long i = first; i < first + rows; ++i) {
-      double* row = a + packed_size(i);
+      Element* row = a + packed_size(i);
       double sum = products[i - first];
 #pragma GCC unroll 1
       for (long k = length; k <= i; ++k) {
         double element = row[k];
-        if (UPDATE) {
+        if constexpr (UPDATE) {
           element -= pending.v[i] * pending.q[k];
           element -= pending.q[i] * pending.v[k];
           row[k] = element;
@@ -198,6 +199,17 @@ TQNLP_BODY void pass_body(long order, const Pending& pending, const double* v, d
 TQNLP_DISPATCH(void, pass,
                (long order, const Pending& pending, const double* v, double* a, double* p),
                (order, pending, v, a, p))
+
+template <int W>
+TQNLP_BODY void product_body(long n, const double* sym, const double* b, double* x) {
+  pass_rows<W, false>(n, Pending{}, b, sym, x);
+}
+TQNLP_DISPATCH(void, product, (long n, const double* sym, const double* b, double* x),
+               (n, sym, b, x))
+
+void packed_product(long n, const double* sym, const double* b, double* x) {
+  product(n, sym, b, x);
+}
 
 static void update_row(long i, const Pending& pending, double* row) {
   if (pending.v == nullptr) return;

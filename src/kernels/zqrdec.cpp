@@ -37,9 +37,9 @@ struct PendingReflections {
   double s[MOST * STRIDE];  // s_t of column j at s[t*STRIDE + j]
 };
 
-// Narrow matrices are updated after every reflection.
-static constexpr long LAZY_COLUMNS = 24;
-static constexpr long ROWS_TOGETHER = 4;
+// Narrower matrices are updated after every reflection.
+static constexpr long LAZY_COLUMNS = 32;
+static constexpr int ROWS_TOGETHER = 8;
 
 static void swap_columns(const PivotedQr& f, long j, long k) {
   if (j == k) return;
@@ -133,35 +133,34 @@ static void make_reflection(const PivotedQr& f, long l, double t) {
 template <int W>
 TQNLP_BODY void gather_body(const PivotedQr& f, long l, const double* matrix, long inc, long from,
                             long to, double* products) {
-  Lanes<W> total, a, v0, v1, v2, v3;
+  constexpr int R = ROWS_TOGETHER;
+  Lanes<W> total, element, factor[R];
+  const double* rows[R];
+  double v[R];
   long i = l;
-  for (; i + ROWS_TOGETHER <= f.m; i += ROWS_TOGETHER) {
-    const double* v = f.u + i * f.incu + l;
-    const double* row0 = matrix + i * inc + from;
-    const double* row1 = row0 + inc;
-    const double* row2 = row1 + inc;
-    const double* row3 = row2 + inc;
-    const double e0 = v[0], e1 = v[f.incu], e2 = v[2 * f.incu], e3 = v[3 * f.incu];
-    v0.fill(e0);
-    v1.fill(e1);
-    v2.fill(e2);
-    v3.fill(e3);
+  for (; i + R <= f.m; i += R) {
+#pragma GCC unroll 8
+    for (int r = 0; r < R; ++r) {
+      v[r] = f.u[(i + r) * f.incu + l];
+      rows[r] = matrix + (i + r) * inc + from;
+      factor[r].fill(v[r]);
+    }
     long j = 0;
     for (; j + LANES <= to - from; j += LANES) {
       total.load(products + j);
-      a.load(row0 + j);
-      total.add_product(v0, a);
-      a.load(row1 + j);
-      total.add_product(v1, a);
-      a.load(row2 + j);
-      total.add_product(v2, a);
-      a.load(row3 + j);
-      total.add_product(v3, a);
+#pragma GCC unroll 8
+      for (int r = 0; r < R; ++r) {
+        element.load(rows[r] + j);
+        total.add_product(factor[r], element);
+      }
       total.store(products + j);
     }
 #pragma GCC unroll 1
     for (; j < to - from; ++j) {
-      products[j] = (((products[j] + e0 * row0[j]) + e1 * row1[j]) + e2 * row2[j]) + e3 * row3[j];
+      double sum = products[j];
+#pragma GCC unroll 8
+      for (int r = 0; r < R; ++r) sum += v[r] * rows[r][j];
+      products[j] = sum;
     }
   }
   for (; i < f.m; ++i) {
@@ -181,7 +180,13 @@ static void reflect(const PivotedQr& f, long l, double* matrix, long inc, long f
   for (long start = from; start < to; start += CHUNK) {
     const long width = to - start < CHUNK ? to - start : CHUNK;
     vzfdl(0.0, products, width);
-    gather(f, l, matrix, inc, start, start + width, products);
+    if (width < LANES) {
+      for (long i = l; i < f.m; ++i) {
+        zvxay11(width, products, f.u[i * f.incu + l], matrix + i * inc + start);
+      }
+    } else {
+      gather(f, l, matrix, inc, start, start + width, products);
+    }
     for (long k = 0; k < width; ++k) products[k] /= -top;
     for (long i = l; i < f.m; ++i) {
       zvxay11(width, matrix + i * inc + start, f.u[i * f.incu + l], products);
@@ -353,8 +358,7 @@ long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sin
     if (ipiv != nullptr) sum[j] = alfa[j];
   }
   PendingReflections w;
-  const bool lazy = n <= PendingReflections::COLUMNS;
-  const long most = n < LAZY_COLUMNS ? 1 : PendingReflections::MOST;
+  const bool lazy = n >= LAZY_COLUMNS && n <= PendingReflections::COLUMNS;
   long nullity = 0;
   for (long l = 0; l < (m < n ? m : n); ++l) {
     choose_pivot(f, w, l);
@@ -373,7 +377,7 @@ long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sin
       w.start = l + 1;
     }
     downdate_norms(f, w, l);
-    if (w.count == most) apply_pending(f, w, l + 1);
+    if (w.count == PendingReflections::MOST) apply_pending(f, w, l + 1);
     reflect(f, l, b, incb, 0, f.p);
   }
   if (w.count > 0) apply_pending(f, w, n);

@@ -83,30 +83,19 @@ TQNLP_BODY void current_column(const double* a, const Waiting& w, const double* 
   if (w.count > 0) subtract_rows<W>(count, w.count, factor, w.row, begin, column);
 }
 
-template <int W>
-TQNLP_BODY void find_largest(long n, const double* x, long offset, Largest& largest) {
-  double value = largest.value;
-  raise_to_largest<W>(n, x, value);
-  if (!(value > largest.value)) return;
-  for (long i = 0; i < n; ++i)
-    if (std::fabs(x[i]) == value) {
-      largest = {value, i + offset};
-      return;
-    }
+// The first i with |x[i]| = value, or n.
+TQNLP_BODY long find_modulus(long n, const double* x, double value) {
+  long i = 0;
+  while (i < n && std::fabs(x[i]) != value) ++i;
+  return i;
 }
 
-// Largest off-diagonal element of column c among the places up to k, and the diagonal element. Its
-// index is only found for c = k.
+// Largest off-diagonal element of column c among the places up to k, and the diagonal element. The
+// index is left out where nothing waits: most pivots do not ask for it.
 template <int W>
 TQNLP_BODY Largest scan_column(const double* a, const Waiting& w, long c, long k,
                                double& diagonal) {
   Largest largest;
-  if (w.count == 0 && c == k) {
-    const double* row = a + packed_size(k);
-    diagonal = row[k];
-    find_largest<W>(k, row, 0, largest);
-    return largest;
-  }
   if (w.count == 0) {
     const double* row = a + packed_size(c);
     diagonal = row[c];
@@ -128,7 +117,9 @@ TQNLP_BODY Largest scan_column(const double* a, const Waiting& w, long c, long k
       diagonal = column[c - begin];
       column[c - begin] = 0.0;
     }
-    find_largest<W>(count, column, begin, largest);
+    const double before = largest.value;
+    raise_to_largest<W>(count, column, largest.value);
+    if (largest.value > before) largest.index = begin + find_modulus(count, column, largest.value);
   }
   return largest;
 }
@@ -140,8 +131,9 @@ TQNLP_BODY Pivot choose_pivot(const double* a, const Waiting& w, long k, double 
   double diagonal = 0.0;
   const Largest s = scan_column<W>(a, w, k, k, diagonal);
   if (s.value <= limit && std::fabs(diagonal) <= limit) return Pivot::zero;
-  if (s.index < 0 || ALPHA * s.value <= std::fabs(diagonal)) return Pivot::here;
-  other = s.index;
+  // A diagonal element that is NaN may stand alone.
+  if (ALPHA * s.value <= std::fabs(diagonal) || s.value == 0.0) return Pivot::here;
+  other = w.count > 0 ? s.index : find_modulus(k, a + packed_size(k), s.value);
   double other_diagonal = 0.0;
   const Largest t = scan_column<W>(a, w, other, k, other_diagonal);
   if (ALPHA * s.value * (s.value / t.value) <= std::fabs(diagonal)) return Pivot::here;

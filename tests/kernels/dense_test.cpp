@@ -174,6 +174,34 @@ TEST(Factorization, PivotingTakesTheFirstOfEqualDiagonals) {
             (std::vector<long>{1, 2, 3, 4, 0}));
 }
 
+TEST(Factorization, PivotingBeyondTheBufferedOrders) {
+  // An arrow: the matrix is known by its last row and its diagonal, and the residual is cheap.
+  const long n = 1100;
+  Vec a(packed_size(n) + 1, 0.0);
+  const Vec last = random_vector(n, 13);
+  for (long i = 0; i < n; ++i) {
+    a[zisub(i, i)] = 5.0 + static_cast<double>((i * 37) % 101);
+    a[zisub(n - 1, i)] += last[i];
+  }
+  const double corner = a[zisub(n - 1, n - 1)] += 500.0;
+  const Vec diagonal = [&] {
+    Vec d(n);
+    for (long i = 0; i < n; ++i) d[i] = a[zisub(i, i)];
+    return d;
+  }();
+  Factored f(4, n, 0.0, a);
+  ASSERT_EQ(f.failed, 0);
+  EXPECT_EQ(f.ipiv[0], n - 1);
+  Vec x(n, 1.0);
+  znlpcso(&f.str, 4, n, f.c.data(), x.data());
+  double corner_sum = corner * x[n - 1];
+  for (long i = 0; i + 1 < n; ++i) {
+    EXPECT_NEAR(diagonal[i] * x[i] + last[i] * x[n - 1], 1.0, 1e-12);
+    corner_sum += last[i] * x[i];
+  }
+  EXPECT_NEAR(corner_sum, 1.0, 1e-12);
+}
+
 TEST(Factorization, DiagonalForms) {
   Factored plain(3, 4, 0.0, {4.0, 9.0, 0.0, 1.0});
   EXPECT_EQ(plain.failed, 3);

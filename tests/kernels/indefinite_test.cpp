@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <random>
@@ -41,11 +42,13 @@ Vector random_packed(long n, unsigned seed, double scale = 1.0) {
 
 // B A B' for a dense n by m matrix B, A packed of order m.
 Vector congruence(long n, long m, const Vector& b, const Vector& a) {
-  Vector c(packed_size(n));
+  Vector c(packed_size(n)), ba(n * m);
+  for (long i = 0; i < n; ++i)
+    for (long l = 0; l < m; ++l)
+      for (long k = 0; k < m; ++k) ba[i * m + l] += b[i * m + k] * a[zisub(k, l)];
   for (long i = 0; i < n; ++i)
     for (long j = 0; j <= i; ++j)
-      for (long k = 0; k < m; ++k)
-        for (long l = 0; l < m; ++l) c[zisub(i, j)] += b[i * m + k] * a[zisub(k, l)] * b[j * m + l];
+      for (long l = 0; l < m; ++l) c[zisub(i, j)] += ba[i * m + l] * b[j * m + l];
   return c;
 }
 
@@ -185,6 +188,11 @@ TEST(Indefinite, LimitsBelongToVariables) {
   b = {1.0, 1.0, 1.0};
   EXPECT_EQ(zuduso2(3, 1, 3, 1.0, factor.data(), b.data(), h.data()), 3);
   EXPECT_EQ(largest(b), 0.0);
+  // Variable 2 has its pivot, 0.001, at place 0 after an interchange.
+  Vector moved{10.0, 0.0, 1.0, 1.0, 0.0, 0.101};
+  const Vector moved_limits{1e-5, 1e-5, 1e-2};
+  EXPECT_EQ(zudude2(3, moved_limits.data(), nullptr, moved.data(), h.data()), 1);
+  EXPECT_EQ(h, (Longs{2, 1, 0}));
   Vector bad(packed_size(120), std::nan(""));
   Longs hbad(120);
   zududec(120, 0.0, det.data(), bad.data(), hbad.data());

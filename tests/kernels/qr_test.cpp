@@ -69,7 +69,8 @@ INSTANTIATE_TEST_SUITE_P(Shapes, QrShapes,
                          testing::Values(Shape{0, 0, 1}, Shape{1, 1, 1}, Shape{5, 1, 1},
                                          Shape{1, 4, 1}, Shape{6, 6, 1}, Shape{9, 5, 0.1},
                                          Shape{20, 20, 0.5}, Shape{40, 33, 1}, Shape{12, 30, 1},
-                                         Shape{60, 70, 0.9}, Shape{90, 80, 1e3}));
+                                         Shape{60, 70, 0.9}, Shape{90, 80, 1e3},
+                                         Shape{6, 1030, 1}));
 
 TEST(QrRank, NullColumnsGoBehindTheFreeOnes) {
   for (const long n : {6L, 30L, 75L}) {

@@ -263,8 +263,8 @@ TEST(SparseCholesky, FactorMultipliesToTheMatrixAndSolves) {
 }
 
 TEST(SparseCholesky, LongVectorsArePermutedInPlace) {
-  for (long m : {100, 730}) {  // beyond the copy, beyond the bit field
-    Sparse g = m == 100 ? grid(m, 4.1) : [m] {
+  for (long m : {140, 730}) {  // beyond the copy, beyond the bit field
+    Sparse g = m == 140 ? grid(m, 4.1) : [m] {
       Longs ir, ic;
       for (long v = 0; v < m * m; ++v) ir.push_back(v), ic.push_back(v);
       for (long v = 3; v < m * m; v += 2) ir.push_back(v), ic.push_back(v - 3);
@@ -277,6 +277,20 @@ TEST(SparseCholesky, LongVectorsArePermutedInPlace) {
     Vector x = b, r(g.n);
     zslltso(g.n, g.perm.data(), g.ju.data(), g.u.data(), x.data());
     EXPECT_LT(zslltre(g.n, g.ja.data(), g.a.data(), x.data(), b.data(), r.data()), 1e-12);
+  }
+}
+
+TEST(SparseCholesky, RowsMayBeLongerThanThePiecesTheyAreHandledIn) {
+  Sparse m = random_matrix(700, 0.02, 5);
+  long longest = 0;
+  for (long r = 0; r < m.n; ++r) longest = std::max(longest, m.ju[r + 1] - m.ju[r]);
+  ASSERT_GT(longest, 300);
+  for (long in : {0L, m.n / 2}) {
+    ASSERT_EQ(m.factor(0.0, 1, in), 0);
+    const Vector b = random_vector(m.n, 4);
+    Vector x = b, r(m.n);
+    zslltso(m.n, m.perm.data(), m.ju.data(), m.u.data(), x.data());
+    EXPECT_LT(zslltre(m.n, m.ja.data(), m.a.data(), x.data(), b.data(), r.data()), 1e-11);
   }
 }
 
