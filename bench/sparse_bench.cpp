@@ -9,7 +9,10 @@
 #include <suitesparse/cholmod.h>
 
 #include <algorithm>
+#include <cmath>
 #include <random>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "aasubs/record/packed.h"
@@ -44,6 +47,10 @@ Triples laplacian(long m) {
     if (v >= m) t.add(v, v - m, -1.0);
   }
   return t;
+}
+
+long side(const benchmark::State& state) {
+  return std::lround(std::sqrt(static_cast<double>(state.range(0))));
 }
 
 // ---- Ours --------------------------------------------------------------------------------------
@@ -89,7 +96,7 @@ struct OurSystem {
 };
 
 void ours_analyse(benchmark::State& state) {
-  OurSystem s(state.range(0));
+  OurSystem s(side(state));
   for (auto _ : state) {
     s.order();
     s.symbolic(static_cast<long>(s.ju.size()));
@@ -98,13 +105,13 @@ void ours_analyse(benchmark::State& state) {
 }
 
 void ours_factor(benchmark::State& state) {
-  OurSystem s(state.range(0));
+  OurSystem s(side(state));
   for (auto _ : state)
     if (s.factor() != 0) state.SkipWithError("not positive definite");
 }
 
 void ours_solve(benchmark::State& state) {
-  OurSystem s(state.range(0));
+  OurSystem s(side(state));
   s.factor();
   for (auto _ : state) {
     std::fill(s.b.begin(), s.b.end(), 1.0);
@@ -114,7 +121,7 @@ void ours_solve(benchmark::State& state) {
 }
 
 void ours_factor_and_solve(benchmark::State& state) {
-  OurSystem s(state.range(0));
+  OurSystem s(side(state));
   for (auto _ : state) {
     std::fill(s.b.begin(), s.b.end(), 1.0);
     s.factor();
@@ -167,7 +174,7 @@ struct PeerSystem {
 };
 
 void peer_analyse(benchmark::State& state) {
-  PeerSystem s(state.range(0));
+  PeerSystem s(side(state));
   for (auto _ : state) {
     cholmod_factor* f = cholmod_analyze(s.a, &s.common);
     cholmod_free_factor(&f, &s.common);
@@ -176,12 +183,12 @@ void peer_analyse(benchmark::State& state) {
 }
 
 void peer_factor(benchmark::State& state) {
-  PeerSystem s(state.range(0));
+  PeerSystem s(side(state));
   for (auto _ : state) cholmod_factorize(s.a, s.factor, &s.common);
 }
 
 void peer_solve(benchmark::State& state) {
-  PeerSystem s(state.range(0));
+  PeerSystem s(side(state));
   cholmod_factorize(s.a, s.factor, &s.common);
   cholmod_dense *x = nullptr, *y = nullptr, *e = nullptr;
   for (auto _ : state) s.solve(&x, &y, &e);
@@ -189,7 +196,7 @@ void peer_solve(benchmark::State& state) {
 }
 
 void peer_factor_and_solve(benchmark::State& state) {
-  PeerSystem s(state.range(0));
+  PeerSystem s(side(state));
   cholmod_dense *x = nullptr, *y = nullptr, *e = nullptr;
   for (auto _ : state) {
     cholmod_factorize(s.a, s.factor, &s.common);
@@ -202,7 +209,7 @@ void peer_factor_and_solve(benchmark::State& state) {
 
 // Random matrices are indefinite and need blocks of order 2 throughout; kind 1 has a heavy diagonal
 // of both signs, as Hessians near a saddle have.
-std::vector<double> indefinite(long n, long kind) {
+std::vector<double> indefinite(long n, int kind) {
   std::mt19937 random(7);
   std::uniform_real_distribution<double> uniform(-1.0, 1.0);
   std::vector<double> a(packed_size(n));
@@ -212,9 +219,9 @@ std::vector<double> indefinite(long n, long kind) {
   return a;
 }
 
-void ours_udu_factor(benchmark::State& state) {
+void ours_udu_factor(benchmark::State& state, int kind) {
   const long n = state.range(0);
-  const std::vector<double> start = indefinite(n, state.range(1));
+  const std::vector<double> start = indefinite(n, kind);
   std::vector<double> a = start;
   std::vector<long> h(n);
   for (auto _ : state) {
@@ -224,9 +231,9 @@ void ours_udu_factor(benchmark::State& state) {
   }
 }
 
-void peer_udu_factor(benchmark::State& state) {
+void peer_udu_factor(benchmark::State& state, int kind) {
   const int n = static_cast<int>(state.range(0));
-  const std::vector<double> start = indefinite(n, state.range(1));
+  const std::vector<double> start = indefinite(n, kind);
   std::vector<double> a = start;
   std::vector<int> h(n);
   int info = 0;
@@ -237,9 +244,9 @@ void peer_udu_factor(benchmark::State& state) {
   }
 }
 
-void ours_udu_solve(benchmark::State& state) {
+void ours_udu_solve(benchmark::State& state, int kind) {
   const long n = state.range(0);
-  std::vector<double> a = indefinite(n, state.range(1)), b(n);
+  std::vector<double> a = indefinite(n, kind), b(n);
   std::vector<long> h(n);
   zududec(n, 0.0, nullptr, a.data(), h.data());
   for (auto _ : state) {
@@ -249,9 +256,9 @@ void ours_udu_solve(benchmark::State& state) {
   }
 }
 
-void peer_udu_solve(benchmark::State& state) {
+void peer_udu_solve(benchmark::State& state, int kind) {
   const int n = static_cast<int>(state.range(0)), one = 1;
-  std::vector<double> a = indefinite(n, state.range(1)), b(n);
+  std::vector<double> a = indefinite(n, kind), b(n);
   std::vector<int> h(n);
   int info = 0;
   dsptrf_("U", &n, a.data(), h.data(), &info);
@@ -262,30 +269,37 @@ void peer_udu_solve(benchmark::State& state) {
   }
 }
 
-void grids(benchmark::internal::Benchmark* b) {
-  for (long m : {10, 20, 50, 100, 200, 300, 500}) b->Arg(m);
-  b->ArgName("m")->Unit(benchmark::kMicrosecond);
+// Rows are named operation/ours/n and operation/peer/n.
+using Run = void (*)(benchmark::State&);
+using RunKind = void (*)(benchmark::State&, int kind);
+
+void add_grids(const std::string& operation, Run ours, Run peer) {
+  for (const auto& [name, run] : {std::pair{"/ours", ours}, std::pair{"/peer", peer}}) {
+    auto* b = benchmark::RegisterBenchmark((operation + name).c_str(), run);
+    for (long m : {10, 20, 50, 100, 200, 300, 500}) b->Arg(m * m);
+    b->Unit(benchmark::kMicrosecond);
+  }
 }
 
-void orders(benchmark::internal::Benchmark* b) {
-  for (long kind : {0, 1})
-    for (long n : {2, 5, 10, 20, 50, 100, 200, 500, 1000}) b->Args({n, kind});
-  b->ArgNames({"n", "kind"});
+void add_orders(const std::string& operation, int kind, RunKind ours, RunKind peer) {
+  for (const auto& [name, run] : {std::pair{"/ours", ours}, std::pair{"/peer", peer}}) {
+    auto* b = benchmark::RegisterBenchmark((operation + name).c_str(), run, kind);
+    for (long n : {2, 5, 10, 20, 50, 100, 200, 500, 1000}) b->Arg(n);
+  }
 }
-
-BENCHMARK(ours_analyse)->Apply(grids);
-BENCHMARK(peer_analyse)->Apply(grids);
-BENCHMARK(ours_factor)->Apply(grids);
-BENCHMARK(peer_factor)->Apply(grids);
-BENCHMARK(ours_solve)->Apply(grids);
-BENCHMARK(peer_solve)->Apply(grids);
-BENCHMARK(ours_factor_and_solve)->Apply(grids);
-BENCHMARK(peer_factor_and_solve)->Apply(grids);
-BENCHMARK(ours_udu_factor)->Apply(orders);
-BENCHMARK(peer_udu_factor)->Apply(orders);
-BENCHMARK(ours_udu_solve)->Apply(orders);
-BENCHMARK(peer_udu_solve)->Apply(orders);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  add_grids("grid_analyse", ours_analyse, peer_analyse);
+  add_grids("grid_factor", ours_factor, peer_factor);
+  add_grids("grid_solve", ours_solve, peer_solve);
+  add_grids("grid_factor_and_solve", ours_factor_and_solve, peer_factor_and_solve);
+  add_orders("zududec_random", 0, ours_udu_factor, peer_udu_factor);
+  add_orders("zududec_heavy_diagonal", 1, ours_udu_factor, peer_udu_factor);
+  add_orders("zudusol_random", 0, ours_udu_solve, peer_udu_solve);
+  add_orders("zudusol_heavy_diagonal", 1, ours_udu_solve, peer_udu_solve);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+}

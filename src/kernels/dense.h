@@ -38,8 +38,8 @@ namespace tqnlp {
 // and what was subtracted from it), job 4 against sing alone, jobs 3 and 5 let sing itself pass.
 // Returns 0, or the position from 1 of the first pivot that failed (jobs 6, 7: the code of the
 // sparse routine). A failed pivot leaves min(pivot, -2 sing) in its diagonal position, and the rows
-// before it hold their factor; the rows after it are undefined in jobs 1 and 2, and in job 4 the
-// rest of the matrix in pivot order, part of it not yet reduced.
+// before it hold their factor; the rows after it are undefined in jobs 1 and 2, and in job 4 they
+// hold the factor's finished columns and the reduced matrix, in pivot order.
 // logdet (may be null): log of the determinant, LOG_TINY on failure; not written in jobs 3 and 5.
 // w is not read. str->ipiv may be null in jobs 4 and 5 when the order is of no interest.
 long znlpcde(MINSTR* str, int job, long n, double sing, double* logdet, double* c, double* cc,

@@ -5,6 +5,7 @@
 // keep four partial sums; they are bound by memory, not by arithmetic.
 #include "kernels/vector.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "aasubs/record/constants.h"
@@ -54,7 +55,19 @@ double zvenorm(long n, long incx, const double* x) {
   return m == 0.0 ? std::sqrt(squares) : scaled_norm(n, incx, x, m);
 }
 
-double zvamx(long n, const double* x) { return zvamxj(n, 1, x); }
+double zvamx(long n, const double* x) {
+  if (n < 2 * LANES) return zvamxj(n, 1, x);
+  // Eight candidates side by side; a maximum does not depend on the order.
+  double largest[LANES] = {};
+  long i = 0;
+  for (; i + LANES <= n; i += LANES) {
+    for (long k = 0; k < LANES; ++k) {
+      const double value = std::fabs(x[i + k]);
+      largest[k] = value > largest[k] ? value : largest[k];
+    }
+  }
+  return std::max(zvamxj(LANES, 1, largest), zvamxj(n - i, 1, x + i));
+}
 
 double zvamxj(long n, long incx, const double* x) {
   double largest = 0.0;

@@ -8,6 +8,7 @@
 // diagonal, which is 0 where no reflection was needed. With P the product of the reflections,
 // H(n-1) ... H(1), the tridiagonal matrix is T = P'A P, and ztrapp3 gives P'b (job 0) or P b (job
 // 1).
+#include <algorithm>
 #include <cmath>
 
 #include "aasubs/record/constants.h"
@@ -23,15 +24,7 @@ namespace tqnlp {
 
 long znlpcd3(long n, double sing, const double* d, const double* e, double* dl, double* el) {
   if (n < 1) return 0;
-  double scale = 0.0;
-  for (long j = 0; j < n; ++j) {
-    const double size = std::fabs(d[j]);
-    scale = size > scale ? size : scale;
-  }
-  for (long j = 1; j < n; ++j) {
-    const double size = std::fabs(e[j]);
-    scale = size > scale ? size : scale;
-  }
+  const double scale = std::max(zvamx(n, d), zvamx(n - 1, e + 1));
   double limit = (scale < 1.0 ? scale : 1.0) * sing;
   if (!(limit >= TINY)) limit = DIAGONAL_PIVOT_FLOOR;
 

@@ -16,6 +16,16 @@
 
 namespace tqnlp {
 
+// head[k]: the first row of the run that row k belongs to; last[h]: the end of the run of head h.
+// In a run each row has the pattern of the one before without its first column.
+static void find_runs(long n, const long* cnt, const long* parent, long* head, long* last) {
+  for (long k = 0; k < n; ++k) {
+    const bool goes_on = k > 0 && parent[k - 1] == k && cnt[k] == cnt[k - 1] - 1;
+    head[k] = goes_on ? head[k - 1] : k;
+    last[head[k]] = k;
+  }
+}
+
 int zslltsf(long n, long maxju, const long*, const long*, long* cnt, long* graph, long* node,
             long* next, long* ju) {
   if (n <= 0) return 0;
@@ -23,23 +33,32 @@ int zslltsf(long n, long maxju, const long*, const long*, long* cnt, long* graph
   for (long r = 0; r < n; ++r) need += cnt[r];
   if (maxju > n) ju[n] = need;
   if (maxju < need) return 1;
+  long *seen = next, *head = next + n + 1, *last = next + 2 * (n + 1);
+  find_runs(n, cnt, node, head, last);
   long position = n + 1;
   for (long r = 0; r < n; ++r) {
     ju[r] = position;
     position += cnt[r];
   }
-  long* seen = next;
-  // Each pointer runs to the end of its row, which is the start of the next one.
+  // Only the heads are filled by walks, which go from run to run: a path that meets a row of a run
+  // has its end in the pattern of the run's head too. The pointer of a head moves as its row fills.
   for (long r = 0; r < n; ++r) {
     seen[r] = r;
     for (long q = graph[r]; q < graph[r + 1]; ++q)
-      for (long k = graph[q]; seen[k] != r; k = node[k]) {
-        seen[k] = r;
-        ju[ju[k]++] = r;
+      for (long h = head[graph[q]]; seen[h] != r; h = head[node[last[h]]]) {
+        seen[h] = r;
+        ju[ju[h]++] = r;
+        if (head[r] == h) break;
       }
   }
-  for (long r = n - 1; r > 0; --r) ju[r] = ju[r - 1];
-  ju[0] = n + 1;
+  for (long r = 0; r < n; ++r) {
+    if (head[r] == r) {
+      ju[r] -= cnt[r];
+    } else {
+      const long* before = ju + ju[r - 1] + 1;
+      std::copy_n(before, cnt[r], ju + ju[r]);
+    }
+  }
   return 0;
 }
 

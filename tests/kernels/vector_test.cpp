@@ -35,6 +35,10 @@ TEST(VectorKernels, AgreeWithPlainLoopsInEveryLength) {
     EXPECT_NEAR(zvdots1(n, list.data(), x.data(), y.data()), static_cast<double>(listed), near);
     EXPECT_NEAR(zvenorm(n, 3, x.data()), std::sqrt(static_cast<double>(norm)), near);
 
+    double largest = 0.0;
+    for (long i = 0; i < n; ++i) largest = std::max(largest, std::fabs(x[i]));
+    EXPECT_EQ(zvamx(n, x.data()), largest);
+
     Vec z(y.size() + 1, 9.0), a = x, b = x, c = x, scaled = x;
     zvaxpy(z.data(), x.data(), y.data(), n, 0.5);
     zvxay11(n, a.data(), 0.5, y.data());
