@@ -3,11 +3,13 @@
 // Method     Multipliers below a threshold name the candidates, most negative first. Each is
 //            dropped on trial; it stays out if the projected descent direction is then not blocked
 //            at once, and goes back otherwise. At a degenerate point, where no single drop helps,
-//            all candidates are dropped together and those that block come back one at a time.
+//            all candidates are dropped together and those that block come back one at a time; if
+//            that leads nowhere either, nonnegative least squares settles the point.
 //            With bounds alone the bound with the largest inward slope leaves without a trial: a
 //            direction that frees it alone cannot be blocked by the others.
 // Reference  Gill and Murray (1974), Numerical Methods for Constrained Optimization, chapter 2;
-//            Fletcher (1987), Practical Methods of Optimization, section 10.3, on degeneracy.
+//            Fletcher (1987), Practical Methods of Optimization, section 10.3, on degeneracy;
+//            Lawson and Hanson (1974), Solving Least Squares Problems, chapter 23.
 #include <algorithm>
 #include <cmath>
 
@@ -82,6 +84,7 @@ struct Selection {
   double* hess = nullptr;
   long chac_before = 0;
   long retries_left = 0;  // returns to the start because a deferred constraint entered
+  bool tried = false;     // there were candidates, on which the frame may have changed
   int flag = 0;           // nonzero: ches has a row that was not computed, or retries ran out
 };
 
@@ -239,6 +242,133 @@ static Search drop_block(MINSTR* str, Selection& run, double tres) {
   return Search::finish;
 }
 
+// ---- Degenerate points ------------------------------------------------------------------------
+
+// Both passes may end without a direction though there is one: constraints that left for others
+// block, and what came back is not weighed again. Such a point is settled by the nonnegative
+// least-squares problem min |g - A'lambda| over all constraints active at x, whose residual is the
+// steepest feasible descent direction (Lawson and Hanson, 1974, chapter 23). Its passive set is the
+// working set. liwk and lagm hold its inequalities and their multipliers, work the trial ones.
+
+// Inequalities no longer wait: what is active at x but not in the factors is found when it blocks.
+// Equalities and fixed parameters stay, for they never block.
+static void forget_deferred(MINSTR* str) {
+  const long* end = str->iact + str->nalc + str->nldc;
+  long* kept = str->iact + str->nalc;
+  for (const long* entry = kept; entry != end; ++entry) {
+    if (is_equality(str, *entry)) *kept++ = *entry;
+  }
+  str->nldc = kept - (str->iact + str->nalc);
+  if (str->nlbc == 0) return;
+  str->nlbc = 0;
+  for (long k = 0; k < free_count(str); ++k) {
+    int& status = str->iabc[str->ifxr[k]];
+    if (status == 2) {
+      ++str->nlbc;
+    } else {
+      status = 0;
+    }
+  }
+}
+
+// Place of a member of the working set among the multipliers of znlpglm.
+static long multiplier_place(const MINSTR* str, long code) {
+  if (code < str->nvar) return place_of(str, free_count(str), str->nvar, code) - free_count(str);
+  const long entry = code - str->nvar;
+  return str->nabc + (std::find(str->iact, str->iact + str->nalc, entry) - str->iact);
+}
+
+// Moves the multipliers of the list towards the trial ones until the first of those that end below
+// -tres reaches zero; it leaves the working set. Returns whether one left.
+static bool drop_first_at_zero(MINSTR* str, Selection& run, double tres, long* count) {
+  double share = 1.0;
+  long first = -1;
+  znlpglm(str, 0, str->grad, str->work);
+  for (long k = 0; k < *count; ++k) {
+    const double trial = str->work[multiplier_place(str, str->liwk[k])];
+    if (!(trial < -tres)) continue;
+    const double old = std::max(str->lagm[k], 0.0);
+    if (first >= 0 && !(old < share * (old - trial))) continue;
+    share = old / (old - trial);
+    first = k;
+  }
+  for (long k = 0; k < *count; ++k) {
+    const double trial = str->work[multiplier_place(str, str->liwk[k])];
+    str->lagm[k] += share * (trial - str->lagm[k]);
+  }
+  if (first < 0) return false;
+  if (drop_candidate(str, run, str->liwk[first]) != 0) run.flag = UNIT_ROW_BLOCK;
+  --*count;
+  std::copy(str->liwk + first + 1, str->liwk + *count + 1, str->liwk + first);
+  std::copy(str->lagm + first + 1, str->lagm + *count + 1, str->lagm + first);
+  return true;
+}
+
+// Lists the inequalities of the working set with their multipliers. Returns their number.
+static long list_members(MINSTR* str) {
+  long count = 0;
+  znlpglm(str, 0, str->grad, str->work);
+  auto take = [&](long code, double value) {
+    str->lagm[count] = value;
+    str->liwk[count++] = code;
+  };
+  for (long k = 0; k < str->nabc; ++k) {
+    const long j = str->ifxr[free_count(str) + k];
+    if (str->iabc[j] != 2) take(j, str->work[k]);
+  }
+  for (long k = 0; k < str->nalc; ++k) {
+    if (!is_equality(str, str->iact[k])) take(str->nvar + str->iact[k], str->work[str->nabc + k]);
+  }
+  return count;
+}
+
+// Adds the constraint with this blocking code, and to the list. Returns false when it is dependent.
+static bool add_member(MINSTR* str, const Selection& run, long blocking, long* count) {
+  const long n = str->nvar;
+  const bool is_row = blocking >= 2 * n;
+  const int koc = is_row ? 0 : (blocking < n ? 1 : -1);
+  const long ic = is_row ? blocking - 2 * n : blocking % n;
+  if (znlpupd(str, 0, run.job, 0, koc, ic, run.nhlf, str->gpro, run.ches) != 0) return false;
+  str->lagm[*count] = 0.0;
+  str->liwk[(*count)++] = is_row ? n + ic : ic;
+  return true;
+}
+
+// Has the search ended without a feasible direction? In an empty null space there is one only if a
+// multiplier still has the wrong sign.
+static bool stands_still(MINSTR* str, const Selection& run) {
+  if (!run.tried || str->idac > 0) return false;
+  if (reduced_dimension(str) == 0) return sortlm(str, 0, gtres(str)) > 0;
+  long blocking = -1;
+  znlpgcs(str, str->gpro);
+  return znlptcs(str, str->gpro, &blocking, nullptr) != 0;
+}
+
+// Returns whether the working set leaves a feasible direction; if not, x is stationary (or the
+// search did not settle).
+static bool settle_degenerate_point(MINSTR* str, Selection& run) {
+  const double tres = gtres(str);
+  forget_deferred(str);
+  // A start with multipliers of the right sign: the members of the wrong sign leave together.
+  while (const long wrong = sortlm(str, 0, tres)) {
+    for (long k = 0; k < wrong; ++k) {
+      if (drop_candidate(str, run, str->liwk[k]) != 0) run.flag = UNIT_ROW_BLOCK;
+    }
+  }
+  znlpgcs(str, str->gpro);
+  long count = list_members(str);
+  const long most = 10 * (str->nvar + str->ncon + str->nnlc);
+  for (long pass = 0; pass < most; ++pass) {
+    if (reduced_dimension(str) == 0) return false;
+    long blocking = -1;
+    if (znlptcs(str, str->gpro, &blocking, nullptr) == 0) return true;
+    if (blocking < 0 || !add_member(str, run, blocking, &count)) return false;
+    while (drop_first_at_zero(str, run, tres, &count)) {
+    }
+  }
+  return false;
+}
+
 // One pass over the candidates of the present working set.
 static Search search_once(MINSTR* str, Selection& run) {
   str->idac = 0;
@@ -246,6 +376,7 @@ static Search search_once(MINSTR* str, Selection& run) {
   const double tres = gtres(str);
   const long count = sortlm(str, run.second_form, tres);
   if (count == 0) return Search::finish;
+  run.tried = true;
   znlpgcs(str, str->gpro);
   if (drop_one_at_a_time(str, run, count) == Search::restart) return Search::restart;
   if (str->idac == 0) {
@@ -282,6 +413,9 @@ int znlpdac(MINSTR* str, int job, int job2, long* nhlf, double* ches, double* he
   const long rows_before = str->nalc;
   run.retries_left = 10 * (str->nvar + str->ncon + str->nnlc);
   while (search_once(str, run) == Search::restart) {
+  }
+  if (stands_still(str, run)) {
+    str->idac = settle_degenerate_point(str, run) ? BLOCK_DROPPED : 0;
   }
   // Trials may have written chac.
   const bool fell = str->nabc < bounds_before || str->nalc < rows_before;
