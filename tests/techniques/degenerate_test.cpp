@@ -67,5 +67,17 @@ TEST(DegenerateVertex, TheRunLeavesItForTheSolution) {
   }
 }
 
+TEST(Equalities, DependentOnesAreHarmlessAndContradictoryOnesAreToldApart) {
+  Problem p =
+      scalar_problem("equalities", {5, 5}, {0.5}, [](auto x) { return x[0] * x[0] + x[1] * x[1]; });
+  p.rows = {{{1, 1}, 0, 1}, {{2, 2}, 0, 2}};
+  const Outcome redundant = solve(p, "NLPNRR", 1e-6);
+  EXPECT_TRUE(redundant.solved);
+  p.rows[1].b = 3;
+  const Outcome contradictory = solve(p, "NLPNRR", 1e-6);
+  EXPECT_EQ(contradictory.code, -10);
+  EXPECT_EQ(contradictory.x, p.start);
+}
+
 }  // namespace
 }  // namespace tqnlp::test

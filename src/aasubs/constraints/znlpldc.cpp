@@ -7,14 +7,13 @@
 //   3  equalities that depend linearly on earlier ones are removed: through the orthogonal factor
 //      A Q = (0 T), built up row by row with Givens rotations (donsp: null-space form), or by
 //      Gram-Schmidt orthogonalization (dorsp: range-space form). Golub and Van Loan, Matrix
-//      Computations (1996), chapter 5.
-//
-// The right side of a dependent equality is deliberately not looked at: the row is gone, and with
-// it a contradiction that it may have held.
+//      Computations (1996), chapter 5. A dependent row whose right side contradicts the others is
+//      not redundant and stays.
 //
 // Work: liwk marks (0 keep, -1 remove); awrk the row at hand; work the second row of a comparison,
 // or the row through Q; dcds one sweep of rotations; qlcn and llcn the factor, or qlcn (utq) the
-// orthonormal rows with grad their coefficients and gold, sdir scratch of the kernel.
+// orthonormal rows with grad their coefficients and gold, sdir scratch of the kernel; xold a point
+// on the equalities accepted so far.
 #include <algorithm>
 #include <cmath>
 
@@ -150,6 +149,39 @@ static void carry_through(const MINSTR* str, long free, const double* row, doubl
   }
 }
 
+// A dependent row is redundant only if its right side agrees with those of the rows that it depends
+// on. xold is made a point that satisfies all rows accepted so far; what it leaves of a dependent
+// row tells. A row that contradicts them stays, so that the start is found infeasible and the run
+// says so.
+
+// The parameters with equal bounds at these, the others at zero.
+static void start_witness(MINSTR* str, long free) {
+  vzfdl(0.0, str->xold, str->nvar);
+  for (long l = free; l < str->nvar; ++l) str->xold[str->ifxr[l]] = str->lb[str->ifxr[l]];
+}
+
+// Right side of row i (in awrk) less its value at the witness.
+static double witness_gap(const MINSTR* str, long i) {
+  return str->blcn[i] - zvdot11(str->nvar, str->awrk, str->xold);
+}
+
+// May the dependent row i (in awrk) go? The allowance is that of the tests of dependence and
+// feasibility together.
+static bool agrees_with_witness(const MINSTR* str, long i) {
+  double size = std::fabs(str->blcn[i]) + 1.0;
+  for (long j = 0; j < str->nvar; ++j) size += std::fabs(str->awrk[j] * str->xold[j]);
+  const double allowance = 10.0 * std::max(str->ceps, str->ldct) * size;
+  return !(std::fabs(witness_gap(str, i)) > allowance);
+}
+
+// Moves the witness along a direction of the free parameters (stride inc), which leaves the earlier
+// rows as they are, until it satisfies row i; slope is the row's value along the direction.
+static void satisfy_row(MINSTR* str, long i, long free, const double* direction, long inc,
+                        double slope) {
+  const double step = witness_gap(str, i) / slope;
+  for (long l = 0; l < free; ++l) str->xold[str->ifxr[l]] += step * direction[l * inc];
+}
+
 // Dependence through Q and T. A row is dependent when its component in the null space of the rows
 // before it falls to ldct times its largest component.
 static long donsp(MINSTR* str, long free) {
@@ -160,13 +192,14 @@ static long donsp(MINSTR* str, long free) {
   vzfdl(0.0, str->qlcn, n * n);
   for (long l = 0; l < free; ++l) str->qlcn[l * n + l] = 1.0;
 
+  start_witness(str, free);
   long accepted = 0;
   long dependent = 0;
   for (long i = 0; i < str->neqc; ++i) {
     const long null_space = free - accepted;
     bool is_dependent = null_space <= 0;
+    str->acget(str, i, str->awrk);
     if (!is_dependent) {
-      str->acget(str, i, str->awrk);
       carry_through(str, free, str->awrk, w);
       const double threshold = str->ldct * zvamx(free, w);
       for (long k = 0; k + 1 < null_space; ++k) {
@@ -175,6 +208,7 @@ static long donsp(MINSTR* str, long free) {
       is_dependent = !(std::fabs(w[null_space - 1]) > threshold);
     }
     if (is_dependent) {
+      if (!agrees_with_witness(str, i)) continue;
       str->liwk[i] = REMOVE;
       ++dependent;
       continue;
@@ -183,6 +217,7 @@ static long donsp(MINSTR* str, long free) {
       zgivapl(free, n, n, cosines[k], sines[k], str->qlcn + k + 1, str->qlcn + k);
     }
     std::copy_n(w + null_space - 1, accepted + 1, str->llcn + packed_size(accepted));
+    satisfy_row(str, i, free, str->qlcn + null_space - 1, n, w[null_space - 1]);
     ++accepted;
   }
   return dependent;
@@ -209,6 +244,7 @@ static long dorsp(MINSTR* str, long free, int opro) {
   const GsoBasis basis{str->qlcn, str->utq};
   const int in_file = str->utq != nullptr ? 1 : 0;
 
+  start_witness(str, free);
   long accepted = 0;
   long dependent = 0;
   for (long i = 0; i < str->neqc; ++i) {
@@ -220,6 +256,7 @@ static long dorsp(MINSTR* str, long free, int opro) {
     const int failed = znlpgso(in_file, free, accepted, n, 1, 1, basis, v, str->grad, &residual,
                                str->gold, str->sdir);
     if (failed != 0 || !(residual >= threshold)) {
+      if (!agrees_with_witness(str, i)) continue;
       str->liwk[i] = REMOVE;
       ++dependent;
       continue;
@@ -230,6 +267,7 @@ static long dorsp(MINSTR* str, long free, int opro) {
     } else {
       std::copy_n(v, free, str->qlcn + accepted * n);
     }
+    satisfy_row(str, i, free, v, 1, residual);
     ++accepted;
   }
   // Only the range-space frame goes on with the file.

@@ -127,6 +127,24 @@ static double getnewr(long n, const double* q, double rmin) {
   return std::max(RIDGE_TO_CURVATURE * smallest, rmin);
 }
 
+// Updates dsca from a matrix of the given order; null, the count of the last reduction, forces the
+// scale to 1 while the matrix is not positive definite. At a start or restart point nothing has
+// been reduced yet, and the diagonal is counted instead: the root of a curvature of zero would make
+// a scale of 1e-8, in which no ridge is of use.
+static void update_scale(MINSTR* str, int form, long order, double* matrix) {
+  const long counted = str->null;
+  if (str->itre == 0) {
+    str->null = 0;
+    for (long i = 0; i < order; ++i) str->null += matrix[form == 2 ? i : zisub(i, i)] <= EPS;
+  }
+  znlphsc(str, form, order, matrix);
+  str->null = counted;
+}
+
+static bool scale_is_unit(const MINSTR* str) {
+  return std::all_of(str->dsca, str->dsca + str->nvar, [](double scale) { return scale == 1.0; });
+}
+
 // Projects gradient and Hessian into the free subspace, scales them and brings the matrix to
 // tridiagonal form: q, e in wrk2, the right side -g in gold. Returns the number of diagonal
 // elements that are not positive, also in str->null. Only cells of the tridiagonal diagonal are
@@ -137,14 +155,14 @@ static int reduce_problem(MINSTR* str) {
   double* matrix = linear ? str->hpro : str->hess;
   const long order = free_dimension(str);
 
-  if (!linear && str->hesc != 0) znlphsc(str, form, str->nvar, str->hess);
+  if (!linear && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
   if (str->nabc == str->nvar) {
     str->gmax = str->gcri = 0.0;
     return 0;
   }
   znlphgp(str, 1, form, linear ? str->gpro : str->gold, str->hess, matrix);
   if (order == 0) return 0;
-  if (linear && str->hesc != 0) znlphsc(str, 0, order, matrix);
+  if (linear && str->hesc != 0) update_scale(str, 0, order, matrix);
   znlphs2(str, linear ? 0 : form, str->gold);
 
   double* q = str->wrk2;
@@ -358,9 +376,11 @@ static bool values_are_equal(const MINSTR* str, const RidgeRun& run) {
   return !(std::fabs(run.cdif) > tie);
 }
 
-// Adapts the ridge to the quality of the model; a change of the active set forgets it.
-static void update_ridge(MINSTR* str, RidgeRun& run) {
-  if (str->chac != 0) {
+// Adapts the ridge to the quality of the model. A change of the active set forgets it, and so does
+// the switch between unit and other scales: the ridge is measured in the scale, and what was
+// moderate in one is enormous in the other, with steps so short that they pass for convergence.
+static void update_ridge(MINSTR* str, RidgeRun& run, bool scale_switched) {
+  if (str->chac != 0 || scale_switched) {
     str->ridg = 0.0;
   } else if (str->ridg > 0.0) {
     if (str->rhor >= 2.0) {
@@ -403,6 +423,7 @@ static Next accept_trial(MINSTR* str, RidgeRun& run) {
   }
   str->nitr += 1.0;
   ++str->itre;
+  const bool unit_before = str->hesc != 0 && scale_is_unit(str);
   const int loaded = gethes(str, 0, true);
   if (loaded == -6) {
     run.user_hessian = true;
@@ -412,7 +433,7 @@ static Next accept_trial(MINSTR* str, RidgeRun& run) {
   if (loaded < 0 || str->tbig != 0.0) return retreat_from_bad_derivatives(str, run);
 
   run.ij = str->uster(str, 1);
-  update_ridge(str, run);
+  update_ridge(str, run, str->hesc != 0 && scale_is_unit(str) != unit_before);
   run.user_hessian = true;
   return Next::converged;
 }

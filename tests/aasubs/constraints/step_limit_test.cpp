@@ -194,12 +194,20 @@ TEST(Dependence, DuplicatesGoWhateverTheStorage) {
 
 TEST(Dependence, EqualitiesAreJudgedOnTheFreeParameters) {
   // Parameter 2 is fixed (its upper bound is raised, parameter 0 is fixed within tolerance).
+  const auto keep = [](TestRecord& r, double side) {
+    r.with_bounds({1, -INF, 3, -INF}, {1 + 1e-9, INF, 2, INF});
+    r.with_rows({{{1, 1, 0, 1}, 0, 1},
+                 {{5, 2, 7, 2}, 0, side},
+                 {{1, 0, 1, 0}, 0, 4},
+                 {{0, 1, 0, 2}, 0, 2}});
+    EXPECT_EQ(0, znlpldc(&r, 1, 1, r.jalc, r.naco, r.alcn));
+    return kept_sides(r);
+  };
+  // A dependent row that contradicts the others stays: it makes the system infeasible.
+  TestRecord contradiction(4);
+  EXPECT_EQ((Vec{1, 9, 2}), keep(contradiction, 9));
   TestRecord r(4);
-  r.with_bounds({1, -INF, 3, -INF}, {1 + 1e-9, INF, 2, INF});
-  r.with_rows(
-      {{{1, 1, 0, 1}, 0, 1}, {{5, 2, 7, 2}, 0, 9}, {{1, 0, 1, 0}, 0, 4}, {{0, 1, 0, 2}, 0, 2}});
-  EXPECT_EQ(0, znlpldc(&r, 1, 1, r.jalc, r.naco, r.alcn));
-  EXPECT_EQ((Vec{1, 2}), kept_sides(r));
+  EXPECT_EQ((Vec{1, 2}), keep(r, 26));
   EXPECT_EQ(3.0, r.ub[2]);
   EXPECT_EQ(1.0, r.ub[0]);
   EXPECT_EQ((std::vector<int>{2, 0, 2, 0}), std::vector<int>(r.iabc, r.iabc + 4));
@@ -212,15 +220,15 @@ TEST(Dependence, RankIsFound) {
     Random random(seed);
     const long n = 2 + random.below(12);
     const long rank = 1 + random.below(n);
+    const Vec solution = random.vector(n);
     std::vector<LinearRow> rows;
     Vec expected;
     long independent = 0;
     for (long i = 0; i < 2 * n; ++i) {
-      LinearRow row{Vec(static_cast<std::size_t>(n), 0.0), 0, static_cast<double>(i)};
+      LinearRow row{Vec(static_cast<std::size_t>(n), 0.0), 0, 0.0};
       const bool fresh = independent < rank && (independent == 0 || random.below(2) == 0);
       if (fresh) {
         row.a = random.vector(n);
-        expected.push_back(row.b);
         ++independent;
       } else {
         for (std::size_t k = 0; k < rows.size(); ++k) {
@@ -228,6 +236,8 @@ TEST(Dependence, RankIsFound) {
           for (std::size_t j = 0; j < row.a.size(); ++j) row.a[j] += w * rows[k].a[j];
         }
       }
+      row.b = std::inner_product(row.a.begin(), row.a.end(), solution.begin(), 0.0);
+      if (fresh) expected.push_back(row.b);
       rows.push_back(row);
     }
     TestRecord r(n);
@@ -240,9 +250,9 @@ TEST(Dependence, RankIsFound) {
 TEST(Dependence, GramSchmidtRowsInMemoryAndInAFile) {
   const std::vector<LinearRow> rows = {{{1, 1, 0}, 0, 1},
                                        {{0, 0, 2}, 0, 2},
-                                       {{3, 3, 4}, 0, 3},
+                                       {{3, 3, 4}, 0, 7},
                                        {{1, -1, 0}, 0, 4},
-                                       {{1, 0, 0}, 0, 5}};
+                                       {{1, 0, 0}, 0, 2.5}};
   const auto run = [&](bool in_file, int opro) {
     TestRecord r(3);
     r.with_rows(rows);
