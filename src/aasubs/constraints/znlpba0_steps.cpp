@@ -25,19 +25,19 @@ static constexpr double SMALLEST_MOVE = 1e-8;
 // ---- Initial step length ------------------------------------------------------------------------
 
 // Smallest length with which some parameter moves noticeably; 0 when alpha does that already, or
-// when the direction is zero.
+// when the direction is zero, which no length helps.
 static double least_noticeable(const MINSTR* str, double alpha) {
   double least = HUGE_VALUE;
-  bool found = false;
+  bool moves = false;
   for (long j = 0; j < str->nvar; ++j) {
     const double size = std::max(1.0, std::fabs(str->xold[j]));
     const double move = std::fabs(str->sdir[j]);
-    if (!(move > TINY * size)) continue;
-    if (SMALLEST_MOVE * size <= alpha * move) return 0.0;
+    if (move > TINY * size && SMALLEST_MOVE * size <= alpha * move) return 0.0;
+    if (!(move > 0.0)) continue;
     least = std::min(least, SMALLEST_MOVE * size / move);
-    found = true;
+    moves = true;
   }
-  return found ? least : 0.0;
+  return moves ? least : 0.0;
 }
 
 // A damped search starts from the last length. Any other starts from the length at which a parabola

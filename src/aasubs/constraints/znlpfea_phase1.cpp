@@ -31,8 +31,9 @@ static constexpr double CUT = 0.1;                      // of a length that does
 static constexpr double IMPROVED = 0.9999999999999889;  // an improvement brings v below this share
 static constexpr double LEAST_MOVEMENT = 1.110223024625157e-14;     // squared, of an effective step
 static constexpr double LEAST_COMPONENT = 1.4916681469999999e-154;  // of a step, in quotients
-static constexpr double DROP_RATIO = 1.110223024625157e-13;  // against the largest multiplier
-static constexpr double SLOPE_RATIO = 1e-8;                  // slopes below this share of max |s|
+static constexpr double DROP_RATIO = 1.110223024625157e-13;    // against the largest multiplier
+static constexpr double SLOPE_RATIO = 1e-8;                    // slopes below this share of max |s|
+static constexpr double LEAST_SLOPE = 2.225073858507202e-305;  // or below this count as none
 
 // How a pass ended.
 enum class Pass { moved, feasible, stuck };
@@ -137,7 +138,7 @@ static int stepl(MINSTR* str, long kcon, double* sdir) {
   const long n = str->nvar;
   const long admitted = admitted_constraints(str, kcon);
   const double eps = feasibility_tolerance(str, str->ipre);
-  const double least = std::max(SLOPE_RATIO * zvamx(n, sdir), TINY);
+  const double least = std::max(SLOPE_RATIO * zvamx(n, sdir), LEAST_SLOPE);
   double nearest = HUGE_VALUE;
   for (long j = 0; str->bounds != 0 && j < std::min(n, admitted); ++j) {
     for (const long c : {j, n + j}) {
