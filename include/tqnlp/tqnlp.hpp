@@ -182,7 +182,7 @@ class FatalError : public Error {
 };
 
 // Thrown by a module that cannot be evaluated at a point: the technique then backs up. Returning
-// the missing value, or any other NaN, says the same.
+// the missing value, any other NaN, or an infinite value says the same.
 class EvaluationFailed : public std::runtime_error {
  public:
   EvaluationFailed() : std::runtime_error("the module cannot be evaluated at this point") {}
@@ -229,8 +229,9 @@ class Session {
   // empty matrices stand for absent ones. The arguments are copied. Returns the results in order:
   // of the optimizers the return code of the run (1x1) and the final point (1xn). A run that ends
   // with a negative code is no error here.
-  // Throws CallError when the call is refused, FatalError when it could not go on, and what a
-  // module threw; std::logic_error when another thread is running a call on this session.
+  // Throws CallError when the call is refused (also when calls stand more than 100 deep inside one
+  // another's modules), FatalError when it could not go on, and what a module threw;
+  // std::logic_error when another thread is running a call on this session.
   std::vector<Matrix> call(std::string subroutine, std::vector<Matrix> arguments);
 
   // Log and tables of the last call. Every call that is not made from within a module of this

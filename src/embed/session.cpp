@@ -73,41 +73,37 @@ std::vector<Subroutine> Session::subroutines() {
 
 // ---- Refusals before the entry ------------------------------------------------------------------
 
-static std::string count_text(std::size_t count, const char* thing) {
-  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
-}
-
 static std::string names_of(const std::vector<Subroutine>& table) {
   std::string names;
   for (const Subroutine& row : table) names += (names.empty() ? "" : ", ") + row.name;
   return names;
 }
 
-// What is wrong with an argument of this position (from 0); empty when nothing is.
-static std::string argument_fault(const Subroutine& row, std::size_t k, const Matrix& argument) {
-  const bool wants_name = row.arguments[k] == Subroutine::Argument::name;
-  if (argument.empty() || argument.is_character() == wants_name) return "";
-  const std::string place = row.name + ": argument " + std::to_string(k + 1);
-  if (wants_name)
-    return place + " must be the name of a module, not a numeric " +
-           std::to_string(argument.rows()) + "x" + std::to_string(argument.cols()) + " matrix.";
-  return place + " must be a numeric matrix, not the name \"" + argument.text() + "\".";
+// What the entry cannot find out: it does not look beyond its last argument. Everything else about
+// the arguments is refused there, by a numbered message that knows what each is for.
+static std::string arguments_fault(const Subroutine& row, std::size_t count) {
+  if (count <= static_cast<std::size_t>(row.most)) return "";
+  return row.name + ": at most " + std::to_string(row.most) + " arguments may be given, not " +
+         std::to_string(count) + ".";
 }
 
-// What is wrong with the list of arguments; empty when nothing is.
-static std::string arguments_fault(const Subroutine& row, const std::vector<Matrix>& arguments) {
-  const auto count = static_cast<int>(arguments.size());
-  if (count < row.fewest)
-    return row.name + ": at least " + count_text(static_cast<std::size_t>(row.fewest), "argument") +
-           " must be given, not " + std::to_string(count) + ".";
-  if (count > row.most)
-    return row.name + ": at most " + count_text(static_cast<std::size_t>(row.most), "argument") +
-           " may be given, not " + std::to_string(count) + ".";
-  for (std::size_t k = 0; k < arguments.size(); ++k) {
-    std::string fault = argument_fault(row, k, arguments[k]);
-    if (!fault.empty()) return fault;
-  }
-  return "";
+// Calls within modules of calls that stand open on this thread, on any session. A module that calls
+// itself through a subroutine would otherwise use up the stack, which no code survives.
+static thread_local int open_calls = 0;
+static constexpr int MOST_OPEN_CALLS = 100;
+
+class OpenCall {
+ public:
+  OpenCall() { ++open_calls; }
+  ~OpenCall() { --open_calls; }
+  OpenCall(const OpenCall&) = delete;
+  OpenCall& operator=(const OpenCall&) = delete;
+};
+
+static std::string nesting_fault(const std::string& name) {
+  if (open_calls <= MOST_OPEN_CALLS) return "";
+  return name + ": calls stand " + std::to_string(MOST_OPEN_CALLS) +
+         " deep inside one another; does a module call itself through a subroutine?";
 }
 
 // ---- A call -------------------------------------------------------------------------------------
@@ -178,9 +174,11 @@ static void find_and_run(Task& task, const std::string& name, std::vector<Matrix
   const std::vector<Subroutine> table = table_of_module();
   std::size_t row = 0;
   while (row < table.size() && table[row].name != name) ++row;
-  outcome.refusal = row == table.size() ? "There is no subroutine \"" + name + "\"; there are " +
-                                              names_of(table) + "."
-                                        : arguments_fault(table[row], arguments);
+  outcome.refusal = nesting_fault(name);
+  if (row == table.size())
+    outcome.refusal = "There is no subroutine \"" + name + "\"; there are " + names_of(table) + ".";
+  else if (outcome.refusal.empty())
+    outcome.refusal = arguments_fault(table[row], arguments.size());
   if (outcome.refusal.empty())
     outcome.entry_code = run_entry(row, std::move(arguments));
   else
@@ -251,6 +249,7 @@ std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> ar
   if (!lock.owns_lock())
     throw std::logic_error("Session: another thread is running a call on this session");
   const embed::Activation activation(task);
+  const OpenCall open;
   const FlagKeeper flags;
   if (task.frames.size() == 1) {
     task.log.clear();

@@ -60,6 +60,7 @@ struct ARGMTS {
   int nlcer;  // nonlinear constraints
   int jncer;  // their Jacobian
   int trmer;  // termination
+  long ntrm;  // times in succession that the termination module was asked about the same point
 
   // Host's handles of the modules; null: not given.
   TQLMOD* funptr;

@@ -1,6 +1,7 @@
 // tqxnlp, the arguments: reads an argument list by position and checks kinds, shapes and names
 // before anything is computed. Every refusal names the subroutine, the argument's position and what
 // was expected of it.
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <limits>
@@ -10,6 +11,7 @@
 #include "front/tqxnlp_modules.h"
 #include "host/log.h"
 #include "host/strings.h"
+#include "host/tables.h"
 
 namespace tqnlp {
 
@@ -58,24 +60,6 @@ static constexpr NameMessages NAME_MESSAGES[] = {
     {CALL_CONSTRAINTS, 169, 155}, {CALL_CONSTRAINT_JACOBIAN, 169, 155},
 };
 
-// What messages call the module of a call code.
-static const char* role_of(int code) {
-  switch (code) {
-    case CALL_OBJECTIVE:
-      return "objective";
-    case CALL_GRADIENT:
-      return "gradient or Jacobian";
-    case CALL_HESSIAN:
-      return "Hessian";
-    case CALL_TERMINATION:
-      return "termination test";
-    case CALL_CONSTRAINTS:
-      return "nonlinear constraints";
-    default:
-      return "Jacobian of the nonlinear constraints";
-  }
-}
-
 // A position beyond the list and a matrix without elements are the same: the argument is absent.
 Argument look_at_argument(TQLARG** arg, long narg, int position) {
   Argument argument{ARGUMENT_ABSENT, 0, 0, 0, nullptr};
@@ -99,12 +83,13 @@ static const char* kind_word(const Argument& argument) {
   return argument.kind == ARGUMENT_NAME ? "character" : "numeric";
 }
 
-// Logs a message about an argument's shape: subroutine, position, what was given, what is expected.
+// Logs a message about an argument's shape: subroutine, position, what was given, what is expected
+// (a number, and the number with operator and right-hand side).
 static int refuse_shape(const ARGMTS* argm, int number, int position, const Argument& given,
                         long expected = 0) {
   xpmlog(CALLING_SURFACE, number,
          {call_name(argm).text, static_cast<long>(position), given.rows, given.cols,
-          kind_word(given), expected});
+          kind_word(given), expected, expected + 2});
   return ENTRY_BAD_ARGUMENT;
 }
 
@@ -117,6 +102,42 @@ int refuse_too_few(const ARGMTS* argm, long narg, long fewest) {
 
 // ---- Modules ------------------------------------------------------------------------------------
 
+// What is wrong with the text of a name.
+static RvxText name_fault(const Argument& name) {
+  RvxText reason{};
+  if (name.kind == ARGUMENT_ABSENT) {
+    rvxtxts(&reason, sizeof reason.text, "nothing is given");
+  } else if (name.kind == ARGUMENT_MATRIX || name.rows != 1 || name.cols != 1) {
+    rvxtxts(&reason, sizeof reason.text, "a %s %ld by %ld matrix is given", kind_word(name),
+            name.rows, name.cols);
+  } else {
+    rvxtxts(&reason, sizeof reason.text, "a text of %ld characters is given, not of 1 to %ld",
+            name.length, NAME_FIELD);
+  }
+  return reason;
+}
+
+// Why a name was not found: no such module, or one of the other kind.
+static RvxText search_fault(const char* field, int kind) {
+  const int other = kind == MODULE_FUNCTION ? MODULE_TERMINATION : MODULE_FUNCTION;
+  const FieldText name = field_text(field, NAME_FIELD);
+  RvxText reason{};
+  if (tqsmod(field, other) == nullptr) {
+    rvxtxts(&reason, sizeof reason.text, "there is no module \"%s\"", name.text);
+  } else {
+    rvxtxts(&reason, sizeof reason.text, "module \"%s\" is %s termination module", name.text,
+            other == MODULE_TERMINATION ? "a" : "no");
+  }
+  return reason;
+}
+
+static int refuse_name(const ARGMTS* argm, int message, int position, const ModuleKind& kind,
+                       const RvxText& reason, int code) {
+  xpmlog(CALLING_SURFACE, message,
+         {call_name(argm).text, static_cast<long>(position), kind.role, reason.text});
+  return code;
+}
+
 // A name is one text of 1 to 32 characters. It is moved to its field, put to upper case and looked
 // up. An absent name is no mistake, except for the objective.
 int read_module(ARGMTS* argm, TQLARG** arg, long narg, int position, int code) {
@@ -128,20 +149,16 @@ int read_module(ARGMTS* argm, TQLARG** arg, long narg, int position, int code) {
   while (numbers->code != code) ++numbers;
   const bool single = name.kind == ARGUMENT_NAME && name.rows == 1 && name.cols == 1;
   if (!single || name.length < 1 || name.length > NAME_FIELD || name.data == nullptr) {
-    xpmlog(CALLING_SURFACE, numbers->not_a_name,
-           {call_name(argm).text, static_cast<long>(position), role_of(code),
-            "it is not one text of 1 to 32 characters", ""});
-    return ENTRY_BAD_ARGUMENT;
+    return refuse_name(argm, numbers->not_a_name, position, kind, name_fault(name),
+                       ENTRY_BAD_ARGUMENT);
   }
   char* field = argm->*kind.name;
   wzstmov(field, NAME_FIELD, static_cast<const char*>(name.data), name.length);
   wzstrup(field, NAME_FIELD);
   argm->*kind.handle = tqsmod(field, kind.kind);
   if (argm->*kind.handle == nullptr) {
-    xpmlog(CALLING_SURFACE, numbers->not_found,
-           {call_name(argm).text, static_cast<long>(position), role_of(code), "there is no module ",
-            module_name(argm, kind).text});
-    return ENTRY_NO_MODULE;
+    return refuse_name(argm, numbers->not_found, position, kind, search_fault(field, kind.kind),
+                       ENTRY_NO_MODULE);
   }
   argm->*kind.given = 1;
   return 0;

@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "front/argmts.h"
+#include "front/tqxnlp_bridge.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -34,10 +35,15 @@ struct Sizes {
 
 }  // namespace
 
-static bool general(const Sizes& s) { return s.linear || s.nonlinear; }
+// Does the run work in the frame of general constraints? One that asks for it without any still
+// needs the frame's arrays.
+static bool general(const Sizes& s) { return s.linear || s.nonlinear || s.str->opro != 0; }
 
-// Only a run that may optimize has a technique; NLPFEA has none.
+// Only a run that may optimize has a technique; NLPFEA and NLPFDD have none.
 static bool has_technique(const Sizes& s) { return s.str->tech != 0; }
+
+// Without a technique: does the call ask for a Hessian by differences (NLPFDD of one function)?
+static bool wants_hessian(const Sizes& s) { return fidi_digit(s.str->fidi, DIGIT_HESSIAN) != 0; }
 
 static bool second_order(const Sizes& s) { return s.str->tech >= 2 && s.str->tech <= 4; }
 
@@ -170,7 +176,10 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::iwk, [](const Sizes& s) { return (s.nonlinear ? 3 : 1) * s.n + 1; }, nullptr},
     {&MINSTR::wrk2, work_length, nullptr},
     {&MINSTR::hess,
-     [](const Sizes& s) { return has_technique(s) && s.str->tech != CONGRA ? s.packed : 0; },
+     [](const Sizes& s) {
+       const bool used = has_technique(s) ? s.str->tech != CONGRA : wants_hessian(s);
+       return used ? s.packed : 0;
+     },
      mark_hess},
     {&MINSTR::dsca,
      [](const Sizes& s) { return s.str->tech == DBLDOG || second_order(s) ? s.n : 0; }, nullptr},

@@ -30,6 +30,7 @@ static constexpr int MESSAGE_HESSIAN_INCOMPLETE = 151;
 static constexpr int MESSAGE_CODE_MISSING = 152;
 static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
 static constexpr int MESSAGE_GRADIENT = 166;
+static constexpr int MESSAGE_STANDSTILL = 191;
 
 // ---- Preparation --------------------------------------------------------------------------------
 
@@ -82,7 +83,10 @@ int setss(MINSTR* str, int job) {
   if (kind == nullptr) xexit(EXIT_INCONSISTENT, 0);
   TQLCALL* call = nullptr;
   const long status = tqsget(argm->*kind->handle, &call);
-  if (status != 0) return static_cast<int>(status);
+  if (status != 0) {
+    xprrlog(0, static_cast<int>(status));
+    return static_cast<int>(status);
+  }
 
   auto* ss = static_cast<TQLSS*>(vmalloc_handler(sizeof(TQLSS), 0));
   if (ss == nullptr) {
@@ -179,7 +183,15 @@ int end_evaluation(MINSTR* str, int* flag, int code) {
   return code;
 }
 
-int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, bool reject_missing, int message,
+static bool elements_fit(const TQLSYM& result, Elements wanted) {
+  if (wanted == Elements::any) return true;
+  if (tqlmiss(&result) != 0) return false;
+  return wanted == Elements::present ||
+         std::none_of(result.data, result.data + result.rows * result.cols,
+                      [](double value) { return std::isinf(value); });
+}
+
+int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elements, int message,
                int* flag) {
   str->tbig = 1.0;
   TQLSYM* point = ss->argument[0];
@@ -192,9 +204,7 @@ int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, bool reject_mis
     *flag = FLAG_WRONG_SHAPE;
     return EVALUATION_FAILED;
   }
-  if (reject_missing && tqlmiss(ss->result) != 0) {
-    return end_evaluation(str, flag, EVALUATION_FAILED);
-  }
+  if (!elements_fit(*ss->result, elements)) return end_evaluation(str, flag, EVALUATION_FAILED);
   return EVALUATED;
 }
 
@@ -265,7 +275,7 @@ int nlpfunc(MINSTR* str) {
   if (argm->dncf == 0 && str->indf < GRADIENT_STEP) ++str->nfct;
   str->crit = HUGE_VALUE;
   const int message = m > 1 ? MESSAGE_FUNCTIONS : MESSAGE_SCALAR;
-  int code = run_module(str, argm->ssfun, {m, 1, true}, true, message, &argm->funer);
+  int code = run_module(str, argm->ssfun, {m, 1, true}, Elements::present, message, &argm->funer);
   if (code == EVALUATED) code = take_objective(str, m, argm->arg0.data);
   if (str->imax != 0 && !wzmis(str->crit)) str->crit = -str->crit;
   return code;
@@ -280,7 +290,7 @@ int nlpgrad(MINSTR* str) {
   if (argm->dncg == 0) ++str->ngrd;
   const long n = str->nvar;
   const int code =
-      run_module(str, argm->ssgrd, {1, n, false}, true, MESSAGE_GRADIENT, &argm->grder);
+      run_module(str, argm->ssgrd, {1, n, false}, Elements::finite, MESSAGE_GRADIENT, &argm->grder);
   if (code != EVALUATED) return code;
   std::copy_n(argm->arg2.data, n, str->grad);
   if (str->imax != 0) negate(str->grad, n);
@@ -355,10 +365,10 @@ static bool take_sparse_hessian(MINSTR* str, const double* values) {
   return true;
 }
 
-// Is every element there? An element may be missing on one side of the diagonal only.
+// Is every element there, and finite? One may be missing on one side of the diagonal only.
 static bool hessian_complete(const MINSTR* str) {
   const long length = hessian_length(str);
-  if (std::none_of(str->hess, str->hess + length, [](double h) { return std::isnan(h); })) {
+  if (std::all_of(str->hess, str->hess + length, [](double h) { return std::isfinite(h); })) {
     return true;
   }
   const ARGMTS* argm = str->secstr;
@@ -377,7 +387,7 @@ int nlphess(MINSTR* str) {
   if (nlpgrad(str) != EVALUATED || str->tbig != 0.0) return HESSIAN_GRADIENT_FAILED;
 
   const ResultShape shape = expected_shape(str, CALL_HESSIAN);
-  const int code = run_module(str, argm->sshes, shape, false, MESSAGE_MATRIX, &argm->heser);
+  const int code = run_module(str, argm->sshes, shape, Elements::any, MESSAGE_MATRIX, &argm->heser);
   if (code != EVALUATED) return code == EVALUATION_FAILED ? HESSIAN_FAILED : code;
   const double* values = argm->arg4.data;
   bool good = true;
@@ -395,14 +405,40 @@ int nlphess(MINSTR* str) {
 
 // ---- Termination --------------------------------------------------------------------------------
 
-// The user's module takes the place of the whole termination test, and with it of the history.
+// A technique may stay at a point for many iterations while it shrinks a region or restarts. Beyond
+// this many it stays for ever: it has converged, and the module does not say so.
+static constexpr long MOST_ASKED_AT_ONE_POINT = 5000;
+
+// Counts how often the module was asked about this point in succession. The matrices of its call
+// still hold what it was asked about before.
+static bool stands_still(const MINSTR* str) {
+  ARGMTS* argm = str->secstr;
+  const TQLSYM& last = argm->arg7;
+  const bool same = last.data != nullptr && last.cols == str->nvar &&
+                    std::equal(str->x, str->x + str->nvar, last.data) &&
+                    argm->arg8.data[0] == str->crit;
+  argm->ntrm = same ? argm->ntrm + 1 : 1;
+  return argm->ntrm > MOST_ASKED_AT_ONE_POINT;
+}
+
+// The user's module takes the place of the whole termination test, limits included, and with it of
+// the history. So that a module that never gives a code cannot keep a run going that has come to
+// rest, the run then ends for lack of progress.
 static int ask_termination_module(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   if (!ensure_size(argm, &argm->arg8, 1, 1)) return EVALUATION_FAILED;
+  if (stands_still(str)) {
+    xpmlog(CALLING_SURFACE, MESSAGE_STANDSTILL,
+           {call_name(argm).text, module_name(argm, *module_kind(CALL_TERMINATION)).text,
+            MOST_ASKED_AT_ONE_POINT});
+    return NO_PROGRESS;
+  }
   argm->arg8.data[0] = str->crit;
   const double tbig = str->tbig;  // belongs to the last evaluation, not to the test
-  int code = run_module(str, argm->sstrm, {1, 1, false}, false, MESSAGE_SCALAR, &argm->trmer);
-  if (code == EVALUATED && std::isnan(argm->arg6.data[0])) {
+  int code =
+      run_module(str, argm->sstrm, {1, 1, false}, Elements::any, MESSAGE_SCALAR, &argm->trmer);
+  const bool missing = code == EVALUATED && std::isnan(argm->arg6.data[0]);
+  if (missing || (code == EVALUATION_FAILED && argm->trmer == FLAG_FAILED)) {
     xpmlog(CALLING_SURFACE, MESSAGE_CODE_MISSING,
            {call_name(argm).text, module_name(argm, *module_kind(CALL_TERMINATION)).text});
     code = end_evaluation(str, &argm->trmer, EVALUATION_FAILED);

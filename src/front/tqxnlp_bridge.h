@@ -18,10 +18,10 @@ namespace tqnlp {
 
 // Answers of bridge functions.
 inline constexpr int EVALUATED = 0;
-inline constexpr int EVALUATION_NO_MEMORY = 1;      // the argument matrix could not be taken again
-inline constexpr int RESIDUAL_TOO_LARGE = 2;        // an element of func at or beyond ROOT_HUGE
-inline constexpr int NORM_TOO_LARGE = 3;            // the norm of func, or an element of J'J
-inline constexpr int EVALUATION_FAILED = -11;       // module failed, missing value, wrong shape
+inline constexpr int EVALUATION_NO_MEMORY = 1;  // the argument matrix could not be taken again
+inline constexpr int RESIDUAL_TOO_LARGE = 2;    // an element of func at or beyond ROOT_HUGE
+inline constexpr int NORM_TOO_LARGE = 3;        // the norm of func, or an element of J'J
+inline constexpr int EVALUATION_FAILED = -11;   // module failed, missing or infinite value, shape
 inline constexpr int HESSIAN_GRADIENT_FAILED = -2;  // nlphess: the gradient that goes with it
 inline constexpr int HESSIAN_NOT_USABLE = -3;       // nlphess: outside the pattern, or incomplete
 inline constexpr int HESSIAN_FAILED = -4;           // nlphess: module failed or wrong shape
@@ -53,8 +53,9 @@ int nlpcrpj(MINSTR* str);
 // Nonlinear constraints into fcon, their Jacobian into jcon. 0, -11, 1; 0 at once without any.
 int nlpnlco(MINSTR* str);
 int nlpjcon(MINSTR* str);
-// Termination test: the value of the user's module for (x, crit), truncated, or -11; without a
-// module the variable "_ITER_" is set and znlptrm asked.
+// Termination test: the value of the user's module for (x, crit), truncated, or -11; -5 when the
+// module has been asked about one and the same point too often. Without a module the variable
+// "_ITER_" is set and znlptrm asked.
 int nlpterm(MINSTR* str, int job);
 
 // ---- What the bridge functions are made of ------------------------------------------------------
@@ -65,10 +66,14 @@ struct ResultShape {
   bool either_way;  // cols x rows is as good
 };
 
+// What the elements of a result must be. An infinite derivative or constraint value is as useless
+// to a technique as a missing one. Where `any` stands, the caller looks for itself.
+enum class Elements { any, present, finite };
+
 // Runs a prepared module at x and checks what it gave: kind and shape (logged under `message`), and
-// with reject_missing its elements. Returns 0, -11 or 1 and sets *flag and tbig. After 0 the
-// numbers stand at ss->result->data until the module runs again.
-int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, bool reject_missing, int message,
+// its elements. Returns 0, -11 or 1 and sets *flag and tbig. After 0 the numbers stand at
+// ss->result->data until the module runs again.
+int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elements, int message,
                int* flag);
 
 // Ends an evaluation: sets tbig and the error flag by code, and returns code.
@@ -76,17 +81,13 @@ int end_evaluation(MINSTR* str, int* flag, int code);
 
 // ---- Difference services ------------------------------------------------------------------------
 
-// What stands in for a module that is not given. Null: not built into this version; an entry
-// refuses a call that needs one, and a bridge function answers -11.
+// What stands in for a module that is not given.
 struct DifferenceServices {
   Callback gradient[2];             // forward, central
   Callback jacobian[2];             // forward, central
   Callback crossproduct[2];         // forward, central
   Callback hessian[4];              // forward and central from functions, then from gradients
   Callback constraint_jacobian[2];  // forward, central
-  // Estimate of difference intervals (job 1 objective, 2 constraints, 3 both); the driver calls it,
-  // so that here it only says whether there is one.
-  int (*intervals)(MINSTR* str, int job);
   // Writes column jc of the Jacobian, elements inc apart, to its store. Form 0: nonzeros only.
   int (*write_jacobian)(MINSTR* str, int form, long jc, long inc, double* column);
 };
@@ -99,8 +100,8 @@ inline constexpr int DIGIT_CROSSPRODUCT = 2;
 inline constexpr int DIGIT_HESSIAN = 3;
 inline constexpr int DIGIT_CONSTRAINT_JACOBIAN = 4;
 
-// The service that a digit of fidi selects; null when there is none. For the Hessian, whether a
-// gradient module is given decides between the forms.
+// The service that a digit of fidi selects. For the Hessian, whether a gradient module is given
+// decides between the forms.
 Callback difference_service(const MINSTR* str, int digit);
 
 // Calls the service of a digit while function calls (for the Hessian gradient calls too) are not

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/derivatives/znlpfid.h"
 #include "front/tqxnlp_bridge.h"
 #include "kernels/vector.h"
 
@@ -17,8 +18,15 @@ static constexpr int STORE_NONZEROS = 0;  // form of a column in the Jacobian st
 
 // ---- Difference services ------------------------------------------------------------------------
 
-// The one place to name them. None is built into this version.
-const DifferenceServices DIFFERENCE_SERVICES = {};
+// The one place to name them.
+const DifferenceServices DIFFERENCE_SERVICES = {
+    .gradient = {znlpfig, znlpfg2},
+    .jacobian = {znlpfij, znlpfj2},
+    .crossproduct = {znlpfic, znlpfc2},
+    .hessian = {znlpfih, znlpfh2, znlpfh3, znlpfh4},
+    .constraint_jacobian = {znlpfcj, znlpfcc},
+    .write_jacobian = znlpjwt,
+};
 
 Callback difference_service(const MINSTR* str, int digit) {
   const DifferenceServices& services = DIFFERENCE_SERVICES;
@@ -41,7 +49,6 @@ Callback difference_service(const MINSTR* str, int digit) {
 
 int run_difference_service(MINSTR* str, int digit, int* flag) {
   const Callback service = difference_service(str, digit);
-  if (service == nullptr) return end_evaluation(str, flag, EVALUATION_FAILED);
   // Services nest: a Hessian's differences ask for gradients. The outer state comes back after.
   ARGMTS* argm = str->secstr;
   const short outer_functions = argm->dncf;
@@ -65,7 +72,6 @@ static void form_gradient(MINSTR* str, const double* jacobian) {
 
 static bool store_jacobian(MINSTR* str, double* jacobian) {
   const auto write = DIFFERENCE_SERVICES.write_jacobian;
-  if (write == nullptr) return false;
   const long n = str->nvar;
   for (long j = 0; j < n; ++j) {
     if (write(str, STORE_NONZEROS, j, n, jacobian + j) != 0) return false;
@@ -91,8 +97,8 @@ static int load_jacobian(MINSTR* str, int digit, int* flag, long* counter) {
   ARGMTS* argm = str->secstr;
   if (argm->dncg == 0 && str->fidi == 0) ++*counter;
   if (argm->igmod == 0) return run_difference_service(str, digit, flag);
-  const int code =
-      run_module(str, argm->ssgrd, {str->mequ, str->nvar, false}, true, MESSAGE_MATRIX, flag);
+  const int code = run_module(str, argm->ssgrd, {str->mequ, str->nvar, false}, Elements::finite,
+                              MESSAGE_MATRIX, flag);
   if (code != EVALUATED) return code;
   form_gradient(str, argm->arg2.data);
   const bool stored = store_jacobian(str, argm->arg2.data);
@@ -121,8 +127,8 @@ int nlpnlco(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   if (str->nlicon == 0 || argm->icmod == 0) return EVALUATED;
   if (str->indf < GRADIENT_STEP) ++str->nfnc;
-  const int code =
-      run_module(str, argm->ssnlc, {1, str->nnlc, true}, true, MESSAGE_CONSTRAINTS, &argm->nlcer);
+  const int code = run_module(str, argm->ssnlc, {1, str->nnlc, true}, Elements::finite,
+                              MESSAGE_CONSTRAINTS, &argm->nlcer);
   if (code != EVALUATED) return code;
   std::copy_n(argm->arg9.data, str->nnlc, str->fcon);
   return end_evaluation(str, &argm->nlcer, EVALUATED);
@@ -135,8 +141,8 @@ int nlpjcon(MINSTR* str) {
     return run_difference_service(str, DIGIT_CONSTRAINT_JACOBIAN, &argm->jncer);
   }
   ++str->njnc;
-  const int code = run_module(str, argm->ssjnc, {str->nnlc, str->nvar, false}, true, MESSAGE_MATRIX,
-                              &argm->jncer);
+  const int code = run_module(str, argm->ssjnc, {str->nnlc, str->nvar, false}, Elements::finite,
+                              MESSAGE_MATRIX, &argm->jncer);
   if (code != EVALUATED) return code;
   std::copy_n(argm->arg11.data, str->nnlc * str->nvar, str->jcon);
   return end_evaluation(str, &argm->jncer, EVALUATED);

@@ -10,6 +10,8 @@
 #include <span>
 
 #include "aasubs/control/znlpdrv.h"
+#include "aasubs/linesearch/znlplis.h"
+#include "aasubs/quasinewton/znlpupd.h"
 #include "front/tqxnlp.h"
 #include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
@@ -86,6 +88,10 @@ static int settle_constraints(MINSTR* str, int job, long* nonzeros) {
   if (str->nnlc > 0 && argm->icmod == 0) {
     xpmlog(CALLING_SURFACE, 174, {call_name(argm).text, str->nnlc});
     str->nnlc = 0;
+  }
+  if (str->nnlc == 0 && argm->icmod != 0) {  // most likely element 10 of opt was forgotten
+    const ModuleKind& kind = *module_kind(CALL_CONSTRAINTS);
+    xpmlog(CALLING_SURFACE, 190, {call_name(argm).text, module_name(argm, kind).text});
   }
   if (str->nnlc < 0 || str->nlec < 0 || str->nnlc < str->nlec) {
     xpmlog(CALLING_SURFACE, 175, {call_name(argm).text, str->nnlc, str->nlec});
@@ -268,15 +274,6 @@ static int prepare_modules(MINSTR* str, const SubroutineRow& sub) {
   return 0;
 }
 
-// Names of the derivatives behind the digits of fidi, in the order of the digits.
-static constexpr const char* DERIVATIVES[] = {
-    "gradient",
-    "Jacobian",
-    "crossproduct Jacobian",
-    "Hessian",
-    "Jacobian of the nonlinear constraints",
-};
-
 // What this version cannot do is refused before anything runs.
 static int refuse_what_is_not_built(MINSTR* str) {
   const ARGMTS* argm = str->secstr;
@@ -289,22 +286,15 @@ static int refuse_what_is_not_built(MINSTR* str) {
     xpmlog(CALLING_SURFACE, 197, {call_name(argm).text, argm->hrow});
     return ENTRY_BAD_ARGUMENT;
   }
-  for (int digit = 0; digit < static_cast<int>(std::size(DERIVATIVES)); ++digit) {
-    if (fidi_digit(str->fidi, digit) == 0 || difference_service(str, digit) != nullptr) continue;
-    xpmlog(CALLING_SURFACE, 198, {call_name(argm).text, DERIVATIVES[digit]});
-    return ENTRY_BAD_ARGUMENT;
-  }
-  if (str->cfdh != 0 && DIFFERENCE_SERVICES.intervals == nullptr) {
-    xpmlog(CALLING_SURFACE, 194, {call_name(argm).text});
-    return ENTRY_BAD_ARGUMENT;
-  }
   return 0;
 }
 
-// Termination test and constraints. updat and linse are set with the first technique that has an
-// update or a line search.
+// Termination test, quasi-Newton update, line search, constraints.
 static void set_common_callbacks(MINSTR* str) {
+  static constexpr int DFP = 2;
   str->uster = nlpterm;
+  str->updat = str->tupd == DFP ? znlpdfp : znlpbfg;
+  str->linse = select_line_search(str->tlin);
   str->acget = nlpaget;
   if (str->nlicon != 0 && str->secstr->icmod != 0) {
     str->usnlc = nlpnlco;
@@ -312,17 +302,48 @@ static void set_common_callbacks(MINSTR* str) {
   }
 }
 
+// The error flags, and the modules that they belong to.
+static constexpr struct {
+  int ARGMTS::*flag;
+  int code;
+} ERROR_FLAGS[] = {
+    {&ARGMTS::funer, CALL_OBJECTIVE},   {&ARGMTS::grder, CALL_GRADIENT},
+    {&ARGMTS::heser, CALL_HESSIAN},     {&ARGMTS::grjer, CALL_GRADIENT},
+    {&ARGMTS::cpjer, CALL_GRADIENT},    {&ARGMTS::jacer, CALL_GRADIENT},
+    {&ARGMTS::nlcer, CALL_CONSTRAINTS}, {&ARGMTS::jncer, CALL_CONSTRAINT_JACOBIAN},
+    {&ARGMTS::trmer, CALL_TERMINATION},
+};
+
 // Did the last call of any module fail?
 static bool a_module_failed(const ARGMTS* argm) {
-  return argm->funer != 0 || argm->grder != 0 || argm->heser != 0 || argm->grjer != 0 ||
-         argm->cpjer != 0 || argm->jacer != 0 || argm->nlcer != 0 || argm->jncer != 0 ||
-         argm->trmer != 0;
+  return std::any_of(std::begin(ERROR_FLAGS), std::end(ERROR_FLAGS),
+                     [argm](const auto& entry) { return argm->*entry.flag != FLAG_GOOD; });
+}
+
+// A run that ends at its start has no report that says why: the log names the module. A wrong shape
+// is in the log already; functions of least squares that are too large set no flag.
+static void log_failed_start(const MINSTR* str) {
+  const ARGMTS* argm = str->secstr;
+  int failed = str->tbig != 0.0 ? CALL_OBJECTIVE : -1;
+  for (const auto& entry : ERROR_FLAGS) {
+    const int flag = argm->*entry.flag;
+    if (flag == FLAG_WRONG_SHAPE) return;
+    if (flag == FLAG_FAILED) failed = entry.code;
+  }
+  const ModuleKind* kind = module_kind(failed);
+  if (kind == nullptr) return;
+  if (argm->*kind->given == 0) {  // differences stand in for it
+    const bool of_constraints = failed == CALL_CONSTRAINT_JACOBIAN;
+    kind = module_kind(of_constraints ? CALL_CONSTRAINTS : CALL_OBJECTIVE);
+  }
+  xpmlog(CALLING_SURFACE, 192, {call_name(argm).text, module_name(argm, *kind).text, kind->role});
 }
 
 // The two jobs of the driver. A start point that failed ends the run.
 static int run_driver(MINSTR* str) {
   static constexpr int START_REPORT = 1;
   static constexpr int FUNCTION_DETAIL = 2;
+  static constexpr int NO_FEASIBLE_START = -10;
   const ARGMTS* argm = str->secstr;
   const bool start_report = str->dbug > 2.0;
   const bool functions = str->lsqu != 0 && str->dbug > 4.0;
@@ -330,7 +351,10 @@ static int run_driver(MINSTR* str) {
   const int gradient_test = argm->igmod == 0 ? 0 : (str->lsqu != 0 ? 2 : 1);
   const int constraint_test = str->nlicon != 0 && argm->jcmod != 0 ? 1 : 0;
   const int code = znlpdrv(str, 1, pfun, gradient_test, constraint_test);
-  if (code < 0 || a_module_failed(argm)) return code;
+  if (code < 0 || a_module_failed(argm)) {
+    if (code != NO_FEASIBLE_START) log_failed_start(str);
+    return code;
+  }
   return znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
 }
 
@@ -343,7 +367,6 @@ static int make_results(MINSTR* str, int code) {
 
 // Arrays, start point, constraints, run, results, report.
 static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
-  set_common_callbacks(str);
   if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
   copy_start(str);
   if (str->tech == DBLDOG) vzfdl(1.0, str->dsca, str->nvar);
@@ -366,11 +389,12 @@ static int run_subroutine(const SubroutineRow& sub, TQLARG** arg, const long* to
   int rc = begin_call(&str, &argm, arg, sub.name, &outer);
   if (rc == 0) rc = decode_call(&str, *to_n, sub, &nonzeros);
   if (rc == 0) rc = prepare_modules(&str, sub);
-  if (rc == 0) rc = refuse_what_is_not_built(&str);
   if (rc == 0) {
     sub.body->set_callbacks(&str);
-    rc = run_call(&str, sub, nonzeros);
+    set_common_callbacks(&str);
+    rc = refuse_what_is_not_built(&str);
   }
+  if (rc == 0) rc = run_call(&str, sub, nonzeros);
   return end_call(&str, &argm, outer, rc);
 }
 

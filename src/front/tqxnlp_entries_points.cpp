@@ -4,13 +4,18 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba1.h"
+#include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/derivatives/znlpfid.h"
 #include "front/tqxnlp.h"
 #include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "host/language.h"
 #include "host/log.h"
+#include "host/memory.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 
@@ -58,7 +63,7 @@ static int read_feasible_arguments(MINSTR* str, long narg) {
   if (argm->cons == nullptr) {  // absent is no answer to the question that the call asks
     xpmlog(CALLING_SURFACE, 138,
            {call_name(argm).text, static_cast<long>(POSITION_BLC), 0L, 0L, "numeric",
-            static_cast<long>(argm->n)});
+            static_cast<long>(argm->n), argm->n + 2L});
     return ENTRY_BAD_ARGUMENT;
   }
   const Argument par = look_at_argument(argm->arg, narg, POSITION_PAR);
@@ -164,14 +169,82 @@ static void set_difference_parameters(MINSTR* str) {
   str->fdig = limited_digits(digits == 0.0 ? MISSING : digits);
 }
 
+// One function: gradient and Hessian. Several: the Jacobian, in its file, and J'f as gradient.
+static int prepare_differences(MINSTR* str) {
+  const ARGMTS* argm = str->secstr;
+  str->usfct = nlpfunc;
+  str->usgrd = str->lsqu != 0 ? nlpjgrd : nlpgrad;
+  if (str->lsqu != 0) {
+    str->usjac = nlpjacm;
+  } else {
+    str->ushes = nlphess;
+  }
+  int rc = setss(str, CALL_OBJECTIVE);
+  if (rc == 0 && argm->igmod != 0) rc = setss(str, CALL_GRADIENT);
+  return rc;
+}
+
+// Evaluates functions and derivatives at x. Below 0 or above: the module failed there or near by.
+static int evaluate_differences(MINSTR* str) {
+  str->indf = AT_START;
+  int code = str->usfct(str);
+  if (code == 0 && str->cfdh != 0) code = znlpfdh(str, str->cfdh);
+  if (code == 0) code = (str->lsqu != 0 ? str->usjac : str->ushes)(str);
+  return code;
+}
+
+// Result k, rows x cols; null, with a line in the log, when the host refuses.
+static double* take_result(int k, long rows, long cols) {
+  double* result = tqwres(k, rows, cols);
+  if (result == nullptr) xmemmsg(static_cast<std::size_t>(rows * cols) * sizeof(double));
+  return result;
+}
+
+// f, g and h of one function: value, gradient, Hessian.
+static int make_scalar_results(MINSTR* str) {
+  const long n = str->nvar;
+  int rc = make_row_result(1, &str->crit, 1);
+  if (rc == 0) rc = make_row_result(2, str->grad, n);
+  if (rc != 0) return rc;
+  double* h = take_result(3, n, n);
+  if (h == nullptr) return ENTRY_NO_MEMORY;
+  for (long i = 0; i < n; ++i) {
+    for (long j = 0; j < n; ++j) h[i * n + j] = str->hess[zisub(i, j)];
+  }
+  return 0;
+}
+
+// f, g and h of several functions: values, Jacobian J, crossproduct J'J.
+static int make_vector_results(MINSTR* str) {
+  const long n = str->nvar;
+  const long m = str->mequ;
+  double* f = take_result(1, m, 1);
+  double* g = f != nullptr ? take_result(2, m, n) : nullptr;
+  double* h = g != nullptr ? take_result(3, n, n) : nullptr;
+  if (h == nullptr) return ENTRY_NO_MEMORY;
+  std::copy_n(str->func, m, f);
+  znlpjrd(str, g);
+  for (long j = 0; j < n; ++j) {
+    for (long i = 0; i < n; ++i) h[i * n + j] = zvdotjj(m, n, g + i, n, g + j);
+  }
+  return 0;
+}
+
 static int run_differences(MINSTR* str, long narg) {
-  const int rc = read_difference_arguments(str, narg);
+  int rc = read_difference_arguments(str, narg);
   if (rc != 0) return rc;
   set_dimensions(str);
   set_difference_parameters(str);
-  // The difference services are not part of this version.
-  xpmlog(CALLING_SURFACE, 193, {call_name(str->secstr).text});
-  return ENTRY_BAD_ARGUMENT;
+  rc = prepare_differences(str);
+  if (rc != 0) return rc;
+  if (allocate_arrays(str, 0) != 0) return ENTRY_NO_MEMORY;
+  copy_start(str);
+  if (evaluate_differences(str) != 0) {
+    xpmlog(CALLING_SURFACE, 193, {call_name(str->secstr).text});
+    return ENTRY_BAD_ARGUMENT;
+  }
+  rc = str->lsqu != 0 ? make_vector_results(str) : make_scalar_results(str);
+  return rc != 0 ? rc : deliver_report(str);
 }
 
 int tqxfdd(TQLARG** arg, long* to_n) {

@@ -18,8 +18,9 @@ inline constexpr int CALL_CONSTRAINTS = 5;
 inline constexpr int CALL_CONSTRAINT_JACOBIAN = 6;
 
 struct ModuleKind {
-  int code;  // call code
-  int kind;  // kind of module for the host
+  int code;          // call code
+  int kind;          // kind of module for the host
+  const char* role;  // what messages call it
   char (ARGMTS::*name)[NAME_FIELD];
   short ARGMTS::*given;  // 1: the module exists
   TQLMOD* ARGMTS::*handle;
@@ -29,18 +30,19 @@ struct ModuleKind {
 };
 
 inline constexpr ModuleKind MODULE_KINDS[] = {
-    {CALL_OBJECTIVE, MODULE_FUNCTION, &ARGMTS::funnam, &ARGMTS::ifmod, &ARGMTS::funptr,
+    {CALL_OBJECTIVE, MODULE_FUNCTION, "objective", &ARGMTS::funnam, &ARGMTS::ifmod, &ARGMTS::funptr,
      &ARGMTS::ssfun, &ARGMTS::arg0, &ARGMTS::arg1},
-    {CALL_GRADIENT, MODULE_FUNCTION, &ARGMTS::grdnam, &ARGMTS::igmod, &ARGMTS::grdptr,
-     &ARGMTS::ssgrd, &ARGMTS::arg2, &ARGMTS::arg3},
-    {CALL_HESSIAN, MODULE_FUNCTION, &ARGMTS::hesnam, &ARGMTS::ihmod, &ARGMTS::hesptr,
+    {CALL_GRADIENT, MODULE_FUNCTION, "gradient or Jacobian", &ARGMTS::grdnam, &ARGMTS::igmod,
+     &ARGMTS::grdptr, &ARGMTS::ssgrd, &ARGMTS::arg2, &ARGMTS::arg3},
+    {CALL_HESSIAN, MODULE_FUNCTION, "Hessian", &ARGMTS::hesnam, &ARGMTS::ihmod, &ARGMTS::hesptr,
      &ARGMTS::sshes, &ARGMTS::arg4, &ARGMTS::arg5},
-    {CALL_TERMINATION, MODULE_TERMINATION, &ARGMTS::trmnam, &ARGMTS::iptit, &ARGMTS::trmptr,
-     &ARGMTS::sstrm, &ARGMTS::arg6, &ARGMTS::arg7},
-    {CALL_CONSTRAINTS, MODULE_FUNCTION, &ARGMTS::nlcnam, &ARGMTS::icmod, &ARGMTS::nlcptr,
-     &ARGMTS::ssnlc, &ARGMTS::arg9, &ARGMTS::arg10},
-    {CALL_CONSTRAINT_JACOBIAN, MODULE_FUNCTION, &ARGMTS::jncnam, &ARGMTS::jcmod, &ARGMTS::jncptr,
-     &ARGMTS::ssjnc, &ARGMTS::arg11, &ARGMTS::arg12},
+    {CALL_TERMINATION, MODULE_TERMINATION, "termination test", &ARGMTS::trmnam, &ARGMTS::iptit,
+     &ARGMTS::trmptr, &ARGMTS::sstrm, &ARGMTS::arg6, &ARGMTS::arg7},
+    {CALL_CONSTRAINTS, MODULE_FUNCTION, "nonlinear constraints", &ARGMTS::nlcnam, &ARGMTS::icmod,
+     &ARGMTS::nlcptr, &ARGMTS::ssnlc, &ARGMTS::arg9, &ARGMTS::arg10},
+    {CALL_CONSTRAINT_JACOBIAN, MODULE_FUNCTION, "Jacobian of the nonlinear constraints",
+     &ARGMTS::jncnam, &ARGMTS::jcmod, &ARGMTS::jncptr, &ARGMTS::ssjnc, &ARGMTS::arg11,
+     &ARGMTS::arg12},
 };
 
 // Row of a call code; null for a number that is none.

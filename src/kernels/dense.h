@@ -41,12 +41,15 @@ namespace tqnlp {
 // before it hold their factor; the rows after it are undefined in jobs 1 and 2, and in job 4 they
 // hold the factor's finished columns and the reduced matrix, in pivot order.
 // logdet (may be null): log of the determinant, LOG_TINY on failure; not written in jobs 3 and 5.
+// Jobs 6 and 7 sum the logarithms of the diagonal as it stands in the sparse factor, which is minus
+// half of that; 0 on failure. Job 7 works on the reduced matrix of zslltiu and takes its order from
+// the second pattern, whatever n is.
 // w is not read. str->ipiv may be null in jobs 4 and 5 when the order is of no interest.
 long znlpcde(MINSTR* str, int job, long n, double sing, double* logdet, double* c, double* cc,
              double* w);
 
-// b := A^-1 b with the factor c. Returns 1 on a zero pivot (magnitude below TINY) and leaves b
-// partly changed, else 0.
+// b := A^-1 b with the factor c. Returns 1 on a zero pivot (magnitude below TINY; in jobs 6 and 7 a
+// row that failed) and leaves b partly changed, else 0. Job 7: order as above, b by position.
 int znlpcso(MINSTR* str, int job, long n, double* c, double* b);
 
 // b := U^-1 b and b := L^-1 b, A = L U. In job 1 the half factors are L D^(1/2) and D^(1/2) L'; in
@@ -180,9 +183,9 @@ struct GsoBasis {
 
 // Orthogonalizes v (m elements, stride incv) against the n orthonormal columns of Q, in place, to
 // unit length. r (n, stride incr): the coefficients Q'v; *rho: the length left. u: m doubles of
-// work; w: m doubles, read with a file alone. A vector in the span of Q gives another unit
-// direction
-// (*rho then counts as 0, v is not scaled). m = n gives v = 0 and *rho = 0.
+// work; w: m doubles, used with a file alone. A vector in the span of Q gives another direction
+// orthogonal to it and *rho = 0; v is then not scaled to unit length. m = n gives v = 0 and *rho =
+// 0.
 // Returns 0; -1 when m < n (*rho = 0), -2 when v is zero (*rho its norm), -3 when 10 passes were
 // not enough. A file that cannot be read ends the run.
 int znlpgso(int job, long m, long n, long incq, long incv, long incr, const GsoBasis& utq,
@@ -206,8 +209,8 @@ void znlpsmv(long n, const long* ind, const double* sym, const double* b, double
 void znlpsym(int job, long n, long k, const long* ind, const double* d, double* c);
 
 // res := Q'H Q, packed of order p. Q has m rows (the free parameters ipiv[0..m-1]) of stride incq;
-// H of order n by hfrm: 2 diagonal, any other packed. res must not overlap sym; w, w2: max(m, p)
-// doubles each.
+// H of order n by hfrm: 2 diagonal, any other packed. res must not overlap sym or q; w, w2: max(m,
+// p) doubles each.
 void znlpred(int hfrm, long n, long m, long p, long incq, const long* ipiv, const double* sym,
              const double* q, double* res, double* w, double* w2);
 // res := rows and columns ipiv[0..p-1] of H of order n, by hfrm: 2 diagonal to diagonal, any other

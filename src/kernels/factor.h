@@ -9,6 +9,9 @@ namespace tqnlp {
 // with either of them the pivoted forms 5 and 4. Other jobs stay.
 int choose_factor_job(const MINSTR* str, int job);
 
+// The order of job 7. The second pattern brings its own, and callers may count all parameters.
+inline long second_order(const SPAR& pattern, long n) { return n > 0 ? pattern.jusl[0] - 1 : n; }
+
 // Exchanges rows and columns j <= p of a packed symmetric matrix of order n. Elements left of
 // column j are exchanged too: they may hold the rows of a factor.
 void swap_packed(long n, long j, long p, double* a);

@@ -17,8 +17,7 @@ namespace tqnlp {
 // Factors a (order n) with pivot array h (n longs).
 //   sing          largest element of a column that counts as zero; at least TINY
 //   dtin    out   null or 5 doubles: [0], [1] determinant as mantissa (modulus in [1, 10), or 0)
-//   and
-//                 exponent of ten; [2], [3], [4] the numbers of positive, negative and zero
+//                 and exponent of ten; [2], [3], [4] the numbers of positive, negative and zero
 //                 eigenvalues
 // Returns the nullity, that is the number of zero pivots. Never fails; NaN reaches the factor.
 long zududec(long n, double sing, double* dtin, double* a, long* h);
@@ -41,9 +40,8 @@ void zuduinv(long n, double* a, const long* h, double* w);
 // column k2 moves to k1 and those between move up. Givens rotations make R triangular again, so
 // that R'R is permuted alike; they act on the rows of z too (nz columns of n doubles, column j at
 // z + j*incz). The diagonal of R may change sign.
-//   dcds    out   2(k2-k1) doubles: cosine and sine of each rotation in the order of use; rotation
-//   i
-//                 acts on rows k1+i and k1+i+1 with job 1, else on k2-1-i and k2-i
+//   dcds    out   2(k2-k1) doubles: cosine and sine of each rotation in the order of use;
+//                 rotation i acts on rows k1+i and k1+i+1 with job 1, else on k2-1-i and k2-i
 // k2 not above k1 ends the run through xexit(9999).
 void ztriprm(int job, long n, long nz, long incz, long k1, long k2, double* r, double* z,
              double* dcds);

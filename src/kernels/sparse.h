@@ -54,9 +54,8 @@ int zslltsf(long n, long maxju, const long* iprm, const long* perm, long* cnt, l
 //   in            in   n longs: in[v] is the position of variable v among the free ones, from 0
 //                      without gaps, or negative when it is not free
 //   n, ja, ju, perm, iprm  in   the full order and patterns
-//   a, al         values: a in the form of ja, al (ja[n] doubles) receives the reduced matrix in
-//   the
-//                 form of jasl; both may be null for the pattern alone
+//   a, al         values: a in the form of ja, al (ja[n] doubles) receives the reduced matrix
+//                 in the form of jasl; both may be null for the pattern alone
 // Returns the order m of the reduced matrix, or -1 when maxju is too small: (length of the reduced
 // factor) + m, never more than ju[n] + n.
 long zslltiu(long* jasl, long* jusl, const long* in, long n, const long* ja, const long* ju,

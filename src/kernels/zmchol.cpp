@@ -67,6 +67,14 @@ static void gersch(long n, long first, const double* a, double* gers) {
   }
 }
 
+// Is no element above TINY? A NaN is no zero: it has to reach the factor.
+static bool is_zero(long length, const double* a) {
+  for (long k = 0; k < length; ++k) {
+    if (!(std::fabs(a[k]) <= TINY)) return false;
+  }
+  return true;
+}
+
 // A matrix of nothing but zeros is replaced by a tiny multiple of the identity.
 static void replace_zero_matrix(const ModifiedCholesky& m) {
   vzfdl(0.0, m.a, packed_size(m.n));
@@ -124,7 +132,7 @@ static void shifted_step(ModifiedCholesky& m, long j) {
   for (long i = j + 1; i < m.n; row += ++i) column_sum += std::fabs(row[j]);
   double& pivot = diagonal(m, j);
   const double need = (m.taug > column_sum ? m.taug : column_sum) - pivot;
-  if (need > m.delta) m.delta = need;
+  if (!(need <= m.delta)) m.delta = need;  // also a NaN, which has to be seen
   if (m.emat != nullptr) m.emat[j] = m.delta;
   pivot += m.delta;
   if (pivot != column_sum) {
@@ -145,8 +153,8 @@ static void last_block(ModifiedCholesky& m) {
   const double high = 0.5 * ((a + c) + spread);
   const double relative = (high - low) / (1.0 - m.tau2);
   const double raise = (relative > m.gamma ? relative : m.gamma) * m.tau2 - low;
-  if (raise > m.delta) m.delta = raise;
-  if (m.delta > 0.0) {
+  if (!(raise <= m.delta)) m.delta = raise;
+  if (m.delta != 0.0) {
     a += m.delta;
     c += m.delta;
     if (m.emat != nullptr) m.emat[m.n - 2] = m.emat[m.n - 1] = m.delta;
@@ -172,7 +180,7 @@ double zmchol(long n, long* ipiv, double tau1, double tau2, double* amat, double
   }
   m.taug = m.gamma * tau1 > TINY ? m.gamma * tau1 : TINY;
   // A zero diagonal alone is no zero matrix: off-diagonal elements send it through phase two.
-  if (!(m.gamma > TINY) && !(zvamx(packed_size(n), amat) > TINY)) replace_zero_matrix(m);
+  if (!(m.gamma > TINY) && is_zero(packed_size(n), amat)) replace_zero_matrix(m);
   if (n == 1) return factor_order_one(m);
   if (!plain) gersch(n, 0, amat, gvec);
 

@@ -125,6 +125,7 @@ long znlpcde(MINSTR* str, int job, long n, double sing, double* logdet, double* 
       failed = zslltnf(1, 0, n, sing, s.jasp, s.jusp, s.perm, c, cc);
       break;
     case 7:
+      n = second_order(s, n);
       failed = zslltf2(1, s.jasl, s.jusl, 0, n, sing, s.jasp, s.jusp, s.perm, c, cc);
       break;
     default:

@@ -280,17 +280,6 @@ static long factor_square(long n, double sing, LogProduct& determinant, long* pi
   return done + 1;
 }
 
-// The reduced diagonal of a matrix under elimination. Orders that fit keep it in a buffer: in the
-// packed matrix every element lies on a cache line of its own.
-struct ReducedDiagonal {
-  static constexpr long ROOM = 1024;
-  double* packed;
-  bool buffered;
-  double buffer[ROOM];
-
-  double& operator()(long i) { return buffered ? buffer[i] : packed[packed_size(i) + i]; }
-};
-
 // The finished elements of the panel's own rows, padded with zeros: row i of the matrix at
 // l + (i - j0)*PANEL. The rows themselves end too early to be read by whole groups of eight.
 struct PanelRows {
@@ -302,8 +291,7 @@ struct PanelRows {
 // with anything behind the finished ones.
 template <int W, int R>
 TQNLP_BODY void pivot_rows(long i, long j0, long k, double reciprocal, const double* pivot_row,
-                           const double* const* left, double* a, ReducedDiagonal& d,
-                           double* result) {
+                           const double* const* left, double* a, double* result) {
   Lanes<W> sums[R], element, factor;
 #pragma GCC unroll 4
   for (int r = 0; r < R; ++r) sums[r].clear();
@@ -321,50 +309,48 @@ TQNLP_BODY void pivot_rows(long i, long j0, long k, double reciprocal, const dou
     sums[r].sum(sum);
     double& target = a[packed_size(i + r) + j0 + k];
     result[r] = target = (target - sum) * reciprocal;
-    d(i + r) -= result[r] * result[r];
+    a[packed_size(i + r) + i + r] -= result[r] * result[r];
   }
 }
 
 template <int W, int R>
 TQNLP_BODY void pivot_panel_rows(long i, long j0, long k, double reciprocal,
-                                 const double* pivot_row, double* a, ReducedDiagonal& d,
-                                 PanelRows& panel) {
+                                 const double* pivot_row, double* a, PanelRows& panel) {
   const double* left[R];
   double result[R];
   for (int r = 0; r < R; ++r) left[r] = panel.l + (i + r - j0) * PANEL;
-  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, d, result);
+  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, result);
   for (int r = 0; r < R; ++r) panel.l[(i + r - j0) * PANEL + k] = result[r];
 }
 
 template <int W, int R>
 TQNLP_BODY void pivot_later_rows(long i, long j0, long k, double reciprocal,
-                                 const double* pivot_row, double* a, ReducedDiagonal& d) {
+                                 const double* pivot_row, double* a) {
   const double* left[R];
   double result[R];
   for (int r = 0; r < R; ++r) left[r] = a + packed_size(i + r) + j0;
-  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, d, result);
+  pivot_rows<W, R>(i, j0, k, reciprocal, pivot_row, left, a, result);
 }
 
 // Column j: what the panel from j0 on has to subtract from it, division by the root, and the
 // diagonal of the rows below.
 template <int W>
 TQNLP_BODY void pivot_column_body(long n, long j0, long j, double reciprocal, double* a,
-                                  ReducedDiagonal& d, PanelRows& panel) {
+                                  PanelRows& panel) {
   const long k = j - j0;
   const long end = n - j0 < PANEL ? n : j0 + PANEL;
   const double* pivot_row = panel.l + k * PANEL;
   long i = j + 1;
   for (; i + 4 <= end; i += 4) {
-    pivot_panel_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a, d, panel);
+    pivot_panel_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a, panel);
   }
-  for (; i < end; ++i) pivot_panel_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a, d, panel);
-  for (; i + 4 <= n; i += 4) pivot_later_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a, d);
-  for (; i < n; ++i) pivot_later_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a, d);
+  for (; i < end; ++i) pivot_panel_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a, panel);
+  for (; i + 4 <= n; i += 4) pivot_later_rows<W, 4>(i, j0, k, reciprocal, pivot_row, a);
+  for (; i < n; ++i) pivot_later_rows<W, 1>(i, j0, k, reciprocal, pivot_row, a);
 }
 TQNLP_DISPATCH(void, pivot_column,
-               (long n, long j0, long j, double reciprocal, double* a, ReducedDiagonal& d,
-                PanelRows& panel),
-               (n, j0, j, reciprocal, a, d, panel))
+               (long n, long j0, long j, double reciprocal, double* a, PanelRows& panel),
+               (n, j0, j, reciprocal, a, panel))
 
 // The padded copies after the exchange of rows j and p.
 static void swap_panel_rows(long j0, long end, long j, long p, const double* a, PanelRows& panel) {
@@ -378,26 +364,187 @@ static void swap_panel_rows(long j0, long end, long j, long p, const double* a, 
   }
 }
 
-// The largest element from j on, the first of equals; j itself when that is NaN.
-static long largest_diagonal(long n, long j, ReducedDiagonal& d) {
-  // Eight candidates side by side; their order is settled by the search for the value.
-  constexpr long WIDTH = 8;
-  double best[WIDTH];
-  for (double& value : best) value = d(j);
-  long i = j;
-  if (d.buffered && n - j > 2 * WIDTH) {
-    for (; i + WIDTH <= n; i += WIDTH) {
-      for (long q = 0; q < WIDTH; ++q) {
-        best[q] = d.buffer[i + q] > best[q] ? d.buffer[i + q] : best[q];
-      }
+// The finished columns of a panel, each contiguous over all rows: element (i, j0+q) of the factor
+// at t[q*STRIDE + i]. Orders that fit are factored by these, without sums across lanes. The stride
+// spreads the columns over the cache.
+struct PanelColumns {
+  static constexpr long ROWS = 1024;
+  static constexpr long STRIDE = ROWS + 16;
+  alignas(64) double t[PANEL * STRIDE];
+  alignas(64) double diagonal[ROWS];  // reduced
+};
+
+// Column j = j0 + k of the rows from g on, N groups of eight, and their part of the diagonal.
+template <int W, int N>
+TQNLP_BODY void reduce_column(long g, long k, double reciprocal, const double* factors,
+                              PanelColumns& panel) {
+  Lanes<W> rest[N], factor, done;
+  double* diagonal = panel.diagonal;
+  double* to = panel.t + k * PanelColumns::STRIDE + g;
+#pragma GCC unroll 4
+  for (int s = 0; s < N; ++s) rest[s].load(to + s * LANES);
+  const double* from = panel.t + g;
+  for (long q = 0; q < k; ++q, from += PanelColumns::STRIDE) {
+    factor.fill(factors[q]);
+#pragma GCC unroll 4
+    for (int s = 0; s < N; ++s) {
+      done.load(from + s * LANES);
+      rest[s].subtract_product(factor, done);
     }
   }
-  for (; i < n; ++i) best[0] = d(i) > best[0] ? d(i) : best[0];
-  for (long q = 1; q < WIDTH; ++q) best[0] = best[q] > best[0] ? best[q] : best[0];
-  for (i = j; i < n; ++i) {
-    if (d(i) == best[0]) return i;
+  factor.fill(reciprocal);
+#pragma GCC unroll 4
+  for (int s = 0; s < N; ++s) {
+    rest[s].multiply(factor);
+    rest[s].store(to + s * LANES);
+    done.load(diagonal + g + s * LANES);
+    done.subtract_product(rest[s], rest[s]);
+    done.store(diagonal + g + s * LANES);
   }
-  return j;
+}
+
+// Column j as a whole, after its pivot. Groups begin at whole multiples of eight: what stands
+// before row j+1, and behind row n-1, is filled with zeros and never used.
+template <int W>
+TQNLP_BODY void panel_column_body(long n, long j0, long j, double reciprocal, const double* a,
+                                  PanelColumns& panel) {
+  const long k = j - j0;
+  const long end = (n + LANES - 1) / LANES * LANES;
+  double* to = panel.t + k * PanelColumns::STRIDE;
+  double factors[PANEL];
+  for (long q = 0; q < k; ++q) factors[q] = panel.t[q * PanelColumns::STRIDE + j];
+  long g = (j + 1) / LANES * LANES;
+  for (long i = g; i <= j; ++i) to[i] = 0.0;
+  for (long i = n; i < end; ++i) to[i] = 0.0;
+  const double* element = a + packed_size(j + 1) + j;
+  for (long i = j + 1; i < n; element += ++i) to[i] = *element;
+  for (; g + 4 * LANES <= end; g += 4 * LANES) {
+    reduce_column<W, 4>(g, k, reciprocal, factors, panel);
+  }
+  for (; g < end; g += LANES) reduce_column<W, 1>(g, k, reciprocal, factors, panel);
+}
+TQNLP_DISPATCH(void, panel_column,
+               (long n, long j0, long j, double reciprocal, const double* a, PanelColumns& panel),
+               (n, j0, j, reciprocal, a, panel))
+
+// Writes the first count columns of the panel back into the matrix.
+static void store_columns(long n, long j0, long count, const PanelColumns& panel, double* a) {
+  for (long i = j0 + 1; i < n; ++i) {
+    double* row = a + packed_size(i) + j0;
+    const long length = i - j0 < count ? i - j0 : count;
+    for (long q = 0; q < length; ++q) row[q] = panel.t[q * PanelColumns::STRIDE + i];
+  }
+}
+
+// Largest of x[0..n-1]; best begins as one of them, and stays when it is NaN.
+template <int W>
+TQNLP_BODY void raise_body(long n, const double* x, double& best) {
+  long i = 0;
+  if (n >= LANES) {
+    Lanes<W> largest, next;
+    largest.fill(best);
+    for (; i + LANES <= n; i += LANES) {
+      next.load(x + i);
+#pragma GCC unroll 4
+      for (int k = 0; k < Lanes<W>::PARTS; ++k) {
+        largest.part[k] = largest.part[k] < next.part[k] ? next.part[k] : largest.part[k];
+      }
+    }
+    double lane[LANES];
+    largest.store(lane);
+    for (const double value : lane) best = best < value ? value : best;
+  }
+  for (; i < n; ++i) best = best < x[i] ? x[i] : best;
+}
+TQNLP_DISPATCH(void, raise, (long n, const double* x, double& best), (n, x, best))
+
+// The place of the largest diagonal element from j on, the first of equals; j itself when that is
+// NaN.
+static long largest_in_buffer(long n, long j, const double* diagonal) {
+  double best = diagonal[j];
+  raise(n - j, diagonal + j, best);
+  long p = j;
+  while (p < n && diagonal[p] != best) ++p;
+  return p < n ? p : j;
+}
+
+static long largest_in_place(long n, long j, const double* c) {
+  long p = j;
+  double best = c[packed_size(j) + j];
+  for (long i = j + 1; i < n; ++i) {
+    const double value = c[packed_size(i) + i];
+    p = value > best ? i : p;
+    best = value > best ? value : best;
+  }
+  return p;
+}
+
+// Hands over what is left in its reduced form when step j of a panel fails, as if every step had
+// gone through it.
+static long give_up(long n, long j0, long j, double sing, double pivot, double* c) {
+  eliminate_panel(n, j0, j - j0, nullptr, c);
+  c[packed_size(j) + j] = failed_pivot(pivot, sing);
+  return j + 1;
+}
+
+static void bring_to_columns(long n, long j0, long j, long p, double* c, PanelColumns& panel) {
+  swap_packed(n, j, p, c);
+  std::swap(panel.diagonal[j], panel.diagonal[p]);
+  for (long q = 0; q < j - j0; ++q) {
+    double* column = panel.t + q * PanelColumns::STRIDE;
+    std::swap(column[j], column[p]);
+  }
+}
+
+// Orders up to PanelColumns::ROWS. In the matrix the panel's own columns are not the factor's until
+// they are written back.
+static long factor_by_columns(long n, double sing, LogProduct& determinant, long* piv, double* c) {
+  PanelColumns panel;
+  for (long i = 0; i < n; ++i) panel.diagonal[i] = c[packed_size(i) + i];
+  for (long i = n; i % LANES != 0; ++i) panel.diagonal[i] = 0.0;
+  for (long j0 = 0; j0 < n; j0 += PANEL) {
+    const long end = n - j0 < PANEL ? n : j0 + PANEL;
+    for (long j = j0; j < end; ++j) {
+      const long p = largest_in_buffer(n, j, panel.diagonal);
+      if (p != j) bring_to_columns(n, j0, j, p, c, panel);
+      if (piv != nullptr) std::swap(piv[j], piv[p]);
+      const double pivot = panel.diagonal[j];
+      if (!(pivot > sing)) {
+        store_columns(n, j0, j - j0, panel, c);
+        for (long i = j; i < n; ++i) c[packed_size(i) + i] = panel.diagonal[i];
+        return give_up(n, j0, j, sing, pivot, c);
+      }
+      determinant.multiply(pivot);
+      const double root = c[packed_size(j) + j] = std::sqrt(pivot);
+      panel_column(n, j0, j, 1.0 / root, c, panel);
+    }
+    store_columns(n, j0, end - j0, panel, c);
+    eliminate_panel(n, j0, end - j0, nullptr, c);
+  }
+  return 0;
+}
+
+// Larger orders, in place by rows.
+static long factor_by_rows(long n, double sing, LogProduct& determinant, long* piv, double* c) {
+  PanelRows panel;
+  for (long j0 = 0; j0 < n; j0 += PANEL) {
+    const long end = n - j0 < PANEL ? n : j0 + PANEL;
+    for (double& value : panel.l) value = 0.0;
+    for (long j = j0; j < end; ++j) {
+      const long p = largest_in_place(n, j, c);
+      swap_packed(n, j, p, c);
+      if (p != j) swap_panel_rows(j0, end, j, p, c, panel);
+      if (piv != nullptr) std::swap(piv[j], piv[p]);
+      double& diagonal = c[packed_size(j) + j];
+      const double pivot = diagonal;
+      if (!(pivot > sing)) return give_up(n, j0, j, sing, pivot, c);
+      determinant.multiply(pivot);
+      diagonal = std::sqrt(pivot);
+      pivot_column(n, j0, j, 1.0 / diagonal, c, panel);
+    }
+    eliminate_panel(n, j0, end - j0, nullptr, c);
+  }
+  return 0;
 }
 
 long lltde2(long n, double sing, double* logdet, long* piv, double* c) {
@@ -405,46 +552,12 @@ long lltde2(long n, double sing, double* logdet, long* piv, double* c) {
     for (long i = 0; i < n; ++i) piv[i] = i;
   }
   LogProduct determinant;
-  if (n <= PANEL) {
-    const long failed = factor_square(n, sing, determinant, piv, c);
-    *logdet = failed != 0 ? LOG_TINY : determinant.logarithm();
-    return failed;
-  }
-  PanelRows panel;
-  ReducedDiagonal d;
-  d.packed = c;
-  d.buffered = false;
-  if (n <= ReducedDiagonal::ROOM) {
-    for (long i = 0; i < n; ++i) d.buffer[i] = d(i);
-    d.buffered = true;
-  }
-  for (long j0 = 0; j0 < n; j0 += PANEL) {
-    const long end = n - j0 < PANEL ? n : j0 + PANEL;
-    for (double& value : panel.l) value = 0.0;
-    for (long j = j0; j < end; ++j) {
-      const long p = largest_diagonal(n, j, d);
-      swap_packed(n, j, p, c);
-      if (p != j) swap_panel_rows(j0, end, j, p, c, panel);
-      if (d.buffered) std::swap(d(j), d(p));
-      if (piv != nullptr) std::swap(piv[j], piv[p]);
-      const double pivot = d(j);
-      double* row_j = c + packed_size(j);
-      if (!(pivot > sing)) {
-        // What is left is handed over in its reduced form, as if every step had gone through it.
-        eliminate_panel(n, j0, j - j0, nullptr, c);
-        for (long i = j; i < n; ++i) c[packed_size(i) + i] = d(i);
-        row_j[j] = failed_pivot(pivot, sing);
-        *logdet = LOG_TINY;
-        return j + 1;
-      }
-      determinant.multiply(pivot);
-      row_j[j] = std::sqrt(pivot);
-      pivot_column(n, j0, j, 1.0 / row_j[j], c, d, panel);
-    }
-    eliminate_panel(n, j0, end - j0, nullptr, c);
-  }
-  *logdet = determinant.logarithm();
-  return 0;
+  const auto factor = n <= PANEL                ? factor_square
+                      : n <= PanelColumns::ROWS ? factor_by_columns
+                                                : factor_by_rows;
+  const long failed = factor(n, sing, determinant, piv, c);
+  *logdet = failed != 0 ? LOG_TINY : determinant.logarithm();
+  return failed;
 }
 
 }  // namespace tqnlp

@@ -117,6 +117,16 @@ static int triangular(int job, long n, const double* c, double* b) {
   return zqrsol(job, n, 1, 0, n, n, nullptr, c, b, b, nullptr, nullptr) != 0 ? 1 : 0;
 }
 
+// ---- The sparse form ---------------------------------------------------------------------------
+
+// 1 when a row of the factor failed: the reciprocal of its pivot is then 0.
+static int sparse_zero(long n, const double* c) {
+  for (long i = 0; i < n; ++i) {
+    if (c[i] == 0.0) return 1;
+  }
+  return 0;
+}
+
 // ---- Permutation -------------------------------------------------------------------------------
 
 // Not yet moved: the entry stands complemented, so that any index, also 0, can carry the mark.
@@ -167,10 +177,11 @@ int znlpcso(MINSTR* str, int job, long n, double* c, double* b) {
       return zero;
     case 6:
       zslltso(n, s.perm, s.jusp, c, b);
-      return 0;
+      return sparse_zero(n, c);
     case 7:
+      n = second_order(s, n);
       zsllts2(n, s.perm, s.jusl, s.jusp, c, b);
-      return 0;
+      return sparse_zero(n, c);
     default:
       xexit(EXIT_INCONSISTENT, 0);
   }
@@ -202,14 +213,14 @@ int znlpium(MINSTR* str, int job, long n, double* c, double* b) {
   job = choose_factor_job(str, job);
   if (job != 6) return half_solve(str, true, job, n, c, b);
   zslltui(0, n, str->shes.perm, str->shes.jusp, c, b);
-  return 0;
+  return sparse_zero(n, c);
 }
 
 int znlpilm(MINSTR* str, int job, long n, double* c, double* b) {
   job = choose_factor_job(str, job);
   if (job != 6) return half_solve(str, false, job, n, c, b);
   zslltli(0, n, str->shes.perm, str->shes.jusp, c, b);
-  return 0;
+  return sparse_zero(n, c);
 }
 
 // The product with the upper factor, the lower factor, or both in this order.

@@ -3,13 +3,16 @@
 // Hessian and a vector, znlpquf and znlpqf3 quadratic forms.
 //
 // A matrix Q stands by rows, row r at q + r*incq, and belongs to the parameter ipiv[r] (r itself
-// when ipiv is null). A column of the product H Q is formed at a time and multiplied by the rows of
-// Q, so that all long walks are along packed rows or rows of Q.
+// when ipiv is null). Eight columns of the product H Q are formed at a time, so that H is read once
+// for eight columns, and multiplied by the rows of Q: elements of H are met one by one, wherever
+// the list sends them, and each works on whole lanes. Every sum runs in the order of the rows,
+// whatever is taken together.
 #include <utility>
 
 #include "aasubs/record/packed.h"
 #include "kernels/dense.h"
 #include "kernels/factor.h"
+#include "kernels/lanes.h"
 #include "kernels/sparse.h"
 #include "kernels/vector.h"
 
@@ -18,7 +21,7 @@ namespace tqnlp {
 static constexpr int DIAGONAL_FORM = 2;
 static constexpr int SPARSE_FORM = 1;
 
-static long parameter(const long* ipiv, long r) { return ipiv != nullptr ? ipiv[r] : r; }
+TQNLP_BODY long parameter(const long* ipiv, long r) { return ipiv != nullptr ? ipiv[r] : r; }
 
 static bool left_out(const long* ind, long i) { return ind != nullptr && ind[i] != 0; }
 
@@ -71,6 +74,11 @@ void znlpsmv(long n, const long* ind, const double* sym, const double* b, double
 
 // ---- Reductions --------------------------------------------------------------------------------
 
+// H(a,b), row: row a of the packed form.
+TQNLP_BODY double element_at(const double* sym, const double* row, long a, long b) {
+  return b <= a ? row[b] : sym[packed_size(b) + a];
+}
+
 // h := H w for the rows and columns listed in ipiv, H packed.
 static void listed_product(long m, const long* ipiv, const double* sym, const double* w,
                            double* h) {
@@ -81,7 +89,7 @@ static void listed_product(long m, const long* ipiv, const double* sym, const do
     double sum = row[a] * weight;
     for (long k = 0; k < i; ++k) {
       const long b = parameter(ipiv, k);
-      const double element = b <= a ? row[b] : sym[packed_size(b) + a];
+      const double element = element_at(sym, row, a, b);
       sum += element * w[k];
       h[k] += element * weight;
     }
@@ -101,8 +109,126 @@ static void reduced_column(long m, long p, long j, long incq, const double* q, c
   }
 }
 
+// Rows of H, and of the result, that are worked on together.
+template <int W>
+constexpr int TOGETHER = W / 2;
+
+// Rows i..i+R-1 of the product H Q for eight columns, and what these rows of H give to the rows of
+// the product before them. Row r of the product stands at h + r*LANES.
+template <int W, int R>
+TQNLP_BODY void panel_rows(long i, long incq, const long* ipiv, const double* sym, const double* q,
+                           double* h) {
+  Lanes<W> sums[R], own[R], earlier, target, element;
+  long a[R];
+  const double* row[R];
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+    a[r] = parameter(ipiv, i + r);
+    row[r] = sym + packed_size(a[r]);
+    own[r].load(q + (i + r) * incq);
+    sums[r].clear();
+  }
+  for (long k = 0; k < i; ++k) {
+    const long b = parameter(ipiv, k);
+    earlier.load(q + k * incq);
+    target.load(h + k * LANES);
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      element.fill(element_at(sym, row[r], a[r], b));
+      sums[r].add_product(element, earlier);
+      target.add_product(element, own[r]);
+    }
+    target.store(h + k * LANES);
+  }
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+#pragma GCC unroll 4
+    for (int s = 0; s < r; ++s) {
+      element.fill(element_at(sym, row[r], a[r], a[s]));
+      sums[r].add_product(element, own[s]);
+      sums[s].add_product(element, own[r]);
+    }
+    element.fill(row[r][a[r]]);
+    sums[r].add_product(element, own[r]);
+  }
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) sums[r].store(h + (i + r) * LANES);
+}
+
+// Rows i..i+R-1 of the packed result in the eight columns from j on, as far as they reach there.
+template <int W, int R>
+TQNLP_BODY void panel_result(long m, long i, long j, long incq, const double* q, const double* h,
+                             double* res) {
+  Lanes<W> sums[R], product, factor;
+#pragma GCC unroll 4
+  for (int t = 0; t < R; ++t) sums[t].clear();
+  for (long r = 0; r < m; ++r) {
+    product.load(h + r * LANES);
+#pragma GCC unroll 4
+    for (int t = 0; t < R; ++t) {
+      factor.fill(q[r * incq + i + t]);
+      sums[t].add_product(factor, product);
+    }
+  }
+#pragma GCC unroll 4
+  for (int t = 0; t < R; ++t) {
+    double lane[LANES];
+    sums[t].store(lane);
+    double* to = res + packed_size(i + t) + j;
+    for (long c = 0; c < LANES && j + c <= i + t; ++c) to[c] = lane[c];
+  }
+}
+
+// Columns j..j+7 of the result, its rows to p-1. Q has eight columns from j on in every row.
+template <int W>
+TQNLP_BODY void reduce_panel_body(long m, long p, long j, long incq, const long* ipiv,
+                                  const double* sym, const double* q, double* h, double* res) {
+  constexpr int R = TOGETHER<W>;
+  long i = 0;
+  for (; i + R <= m; i += R) panel_rows<W, R>(i, incq, ipiv, sym, q + j, h);
+  for (; i < m; ++i) panel_rows<W, 1>(i, incq, ipiv, sym, q + j, h);
+  for (i = j; i + R <= p; i += R) panel_result<W, R>(m, i, j, incq, q, h, res);
+  for (; i < p; ++i) panel_result<W, 1>(m, i, j, incq, q, h, res);
+}
+TQNLP_DISPATCH(void, reduce_panel,
+               (long m, long p, long j, long incq, const long* ipiv, const double* sym,
+                const double* q, double* h, double* res),
+               (m, p, j, incq, ipiv, sym, q, h, res))
+
+// Rows of Q up to which the panels have room, 64 KB each.
+static constexpr long PANEL_ROWS = 1024;
+
+// All columns by panels. The last panel starts so that it is full; what it repeats comes out the
+// same.
+static void reduce_by_panels(long m, long p, long incq, const long* ipiv, const double* sym,
+                             const double* q, double* res) {
+  alignas(64) double h[PANEL_ROWS * LANES];
+  for (long j = 0; j < p; j += LANES) {
+    reduce_panel(m, p, j + LANES <= p ? j : p - LANES, incq, ipiv, sym, q, h, res);
+  }
+}
+
+// Fewer columns than a panel has: Q is filled up with zeros.
+static void reduce_narrow(long m, long p, long incq, const long* ipiv, const double* sym,
+                          const double* q, double* res) {
+  alignas(64) double h[PANEL_ROWS * LANES];
+  alignas(64) double wide[PANEL_ROWS * LANES];
+  for (long r = 0; r < m; ++r) {
+    for (long c = 0; c < LANES; ++c) wide[r * LANES + c] = c < p ? q[r * incq + c] : 0.0;
+  }
+  reduce_panel(m, p, 0, LANES, ipiv, sym, wide, h, res);
+}
+
 void znlpred(int hfrm, long /*n*/, long m, long p, long incq, const long* ipiv, const double* sym,
              const double* q, double* res, double* w, double* w2) {
+  if (hfrm != DIAGONAL_FORM && m <= PANEL_ROWS) {
+    if (p < LANES) {
+      reduce_narrow(m, p, incq, ipiv, sym, q, res);
+    } else {
+      reduce_by_panels(m, p, incq, ipiv, sym, q, res);
+    }
+    return;
+  }
   for (long j = 0; j < p; ++j) {
     for (long r = 0; r < m; ++r) w[r] = q[r * incq + j];
     if (hfrm == DIAGONAL_FORM) {

@@ -22,27 +22,37 @@ namespace tqnlp {
 
 // ---- Tridiagonal Cholesky ----------------------------------------------------------------------
 
+// The limit of a pivot: sing times the largest element, that limited to 1.
+static double tridiagonal_limit(long n, double sing, const double* d, const double* e) {
+  const double scale = std::max(zvamx(n, d), zvamx(n - 1, e + 1));
+  const double limit = (scale < 1.0 ? scale : 1.0) * sing;
+  return limit >= TINY ? limit : DIAGONAL_PIVOT_FLOOR;
+}
+
 long znlpcd3(long n, double sing, const double* d, const double* e, double* dl, double* el) {
   if (n < 1) return 0;
-  const double scale = std::max(zvamx(n, d), zvamx(n - 1, e + 1));
-  double limit = (scale < 1.0 ? scale : 1.0) * sing;
-  if (!(limit >= TINY)) limit = DIAGONAL_PIVOT_FLOOR;
-
+  // The largest element is asked for only when a pivot does not exceed what the limit can be at
+  // most, or while d and e are still there.
+  const bool in_place = dl == d || el == e;
+  double limit = in_place                      ? tridiagonal_limit(n, sing, d, e)
+                 : sing > DIAGONAL_PIVOT_FLOOR ? sing
+                                               : DIAGONAL_PIVOT_FLOOR;
   // The chain from pivot to pivot goes by the squares of the diagonal, so that the roots stand
   // beside it and not in it.
   double pivot = d[0];
-  if (!(pivot > limit)) return 1;
-  double root = dl[0] = std::sqrt(pivot);
   el[0] = 0.0;
-  for (long j = 1; j < n; ++j) {
+  for (long j = 0;;) {
+    if (!(pivot > limit)) {
+      if (!in_place) limit = tridiagonal_limit(n, sing, d, e);
+      if (!(pivot > limit)) return j + 1;
+    }
+    const double root = dl[j] = std::sqrt(pivot);
+    if (++j == n) return 0;
     const double below = e[j];
     const double multiplier = below / pivot;
     pivot = d[j] - multiplier * below;
     el[j] = multiplier * root;
-    if (!(pivot > limit)) return j + 1;
-    root = dl[j] = std::sqrt(pivot);
   }
-  return 0;
 }
 
 int znlpcs3(long n, const double* dl, const double* el, const double* b, double* x) {

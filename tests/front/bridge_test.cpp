@@ -131,11 +131,12 @@ TEST(Gradient, ShapeSignCounter) {
   EXPECT_EQ(b.grad, (Vector{-1, 2}));
   EXPECT_EQ(b.call(nlpgrad, Matrix::col({1, 2})), -11);  // only a row
   EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, MISSING})), -11);
+  EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, -INF})), -11);
   EXPECT_EQ(b.messages(), std::vector<int>{166});
-  EXPECT_EQ(b.str.ngrd, 3);
+  EXPECT_EQ(b.str.ngrd, 4);
   b.argm.dncg = 1;
   EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, 2})), 0);
-  EXPECT_EQ(b.str.ngrd, 3);
+  EXPECT_EQ(b.str.ngrd, 4);
 }
 
 // The Hessian's callback also brings the gradient, from its own module here.
@@ -202,19 +203,6 @@ TEST(Hessian, SparseTriplesIntoEveryForm) {
     EXPECT_EQ(b.call(nlphess, Matrix(3, 3, {1, 1, 4, 2, 2, 5, bad, 1, 3})), -3);
   }
   EXPECT_EQ(b.messages()[0], 164);
-}
-
-TEST(Failures, MissingServicesAnswerMinusEleven) {
-  Bridge b(2, 3);
-  b.str.fidi = 11111;
-  b.str.nlicon = b.argm.icmod = 1;
-  const Callback callbacks[] = {nlpgrad, nlphess, nlpjgrd, nlpjacm, nlpcrpj, nlpjcon};
-  for (const Callback callback : callbacks) EXPECT_EQ(b.call(callback, Matrix()), -11);
-  EXPECT_NE(b.argm.grder, 0);
-  EXPECT_NE(b.argm.heser, 0);
-  EXPECT_NE(b.argm.jacer, 0);
-  EXPECT_NE(b.argm.jncer, 0);
-  EXPECT_EQ(b.runs, 0);
 }
 
 TEST(Constraints, ValuesAndJacobian) {

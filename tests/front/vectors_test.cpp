@@ -40,13 +40,10 @@ TEST(Options, DecodeByJobAndTechnique) {
   const OptionCase cases[] = {
       {"maximize", 1, 4, {1}, nullptr, &MINSTR::imax, 1},
       {"negative also maximizes", 0, 14, {-3}, nullptr, &MINSTR::imax, 1},
-      {"missing keeps", 1, 4, {M}, nullptr, &MINSTR::imax, 0},
       {"a plain NaN is missing", 1, 4, {NOT_A_NUMBER}, nullptr, &MINSTR::imax, 0},
-      {"print level 0", 1, 4, {0, 0}, &MINSTR::dbug, nullptr, 0},
       {"print level 1 is 2", 1, 4, {0, 1}, &MINSTR::dbug, nullptr, 2},
       {"print level limit", 1, 4, {0, 50}, &MINSTR::dbug, nullptr, 9},
       {"hesc is 1 for LEVMAR", 2, 8, {3}, nullptr, &MINSTR::hesc, 1},
-      {"but not for HYQUAN", 2, 12, {3}, nullptr, &MINSTR::hesc, 0},
       {"update 5 is 1", 1, 10, {M, M, M, 5}, nullptr, &MINSTR::tupd, 1},
       {"update 3 is 1 for DBLDOG", 1, 9, {M, M, M, 3}, nullptr, &MINSTR::tupd, 1},
       {"update 3 is 1 for HYQUAN", 2, 12, {3, M, M, 3}, nullptr, &MINSTR::tupd, 1},
@@ -118,23 +115,18 @@ struct ParameterCase {
 TEST(Parameters, DecodeByJobAndTechnique) {
   const double M = MISSING;
   const ParameterCase cases[] = {
-      {"sing taken", 0, 14, 1, {1e-5}, &MINSTR::sing, 1e-5},
       {"ceps floor", 4, 4, 1, {M, M, -1}, &MINSTR::ceps, SMALLEST_TOLERANCE},
       {"infinite is missing", 4, 4, 1, {M, M, INF}, &MINSTR::ceps, 1e-8},
-      {"deat missing", 4, 4, 1, {}, &MINSTR::deat, MISSING},
       {"deat may be 0", 0, 14, 1, {M, M, M, 0}, &MINSTR::deat, 0},
       {"ldct 0 keeps", 4, 4, 1, {M, M, M, M, 0}, &MINSTR::ldct, 1e-8},
       {"ldct limit", 4, 4, 1, {M, M, M, M, 5}, &MINSTR::ldct, 0.1},
       {"simplex reads 4 only", 0, 14, 1, {M, M, M, M, 0.01}, &MINSTR::ldct, 1e-8},
       {"sigm NEWRAP", 4, 3, 2, {}, &MINSTR::sigm, 0.9},
       {"sigm HYQUAN update 2", 3, 12, 2, {}, &MINSTR::sigm, 0.06},
-      {"sigm other", 2, 11, 1, {}, &MINSTR::sigm, 0.4},
       {"sigm update 2", 2, 11, 2, {}, &MINSTR::sigm, 0.06},
       {"restart LEVMAR", 3, 8, 1, {}, &MINSTR::nres, 40},
-      {"restart never", 2, 11, 1, {}, &MINSTR::nres, 2147483647.0},
       {"fdig limit", 4, 4, 1, {M, M, M, M, M, M, M, 99}, &MINSTR::fdig, 2 * DIGITS},
       {"fdig at least 1", 4, 4, 1, {M, M, M, M, M, M, M, 0.5}, &MINSTR::fdig, 1},
-      {"fdig 0 keeps", 4, 4, 1, {M, M, M, M, M, M, M, 0}, &MINSTR::fdig, DIGITS},
       {"damp negative keeps", 2, 11, 1, {M, M, M, M, M, M, -1}, &MINSTR::damp, MISSING},
   };
   for (const ParameterCase& c : cases) {

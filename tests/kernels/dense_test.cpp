@@ -291,6 +291,9 @@ TEST(ModifiedCholesky, SmallCasesByHand) {
   EXPECT_DOUBLE_EQ(zmchol(2, ipiv, 0.0, 0.5, two, nullptr, g), 5.0);
   EXPECT_DOUBLE_EQ(two[0], std::sqrt(6.0));
   EXPECT_EQ(zmchol(0, ipiv, 0.0, 0.0, two, e, g), 0.0);
+  double nan[] = {0.0, std::nan(""), 0.0};  // not a zero matrix
+  zmchol(2, ipiv, 0.0, 0.0, nan, e, g);
+  EXPECT_TRUE(std::isnan(nan[0]));
 }
 
 // ---- Tridiagonal forms -------------------------------------------------------------------------
@@ -362,6 +365,9 @@ TEST(TridiagonalForm, CholeskyAndSolve) {
   double d[] = {1e-6, 1e-9}, e[] = {0.0, 0.0}, dl[2], el[2];
   EXPECT_EQ(znlpcd3(2, 1e-4, d, e, dl, el), 0);
   EXPECT_EQ(znlpcd3(2, 1e-2, d, e, dl, el), 2);
+  double d3[] = {1e-6, 1e-9}, e3[] = {0.0, 0.0};  // and alike in place
+  EXPECT_EQ(znlpcd3(2, 1e-4, d3, e3, d3, e3), 0);
+  EXPECT_EQ(d3[1], std::sqrt(1e-9));
 }
 
 }  // namespace tqnlp::test

@@ -10,6 +10,8 @@
 #include <random>
 #include <vector>
 
+#include "kernels/dense.h"
+
 namespace tqnlp {
 namespace {
 
@@ -384,6 +386,58 @@ TEST(SparseCholesky, SecondPatternFactorsThePrincipalSubmatrix) {
       EXPECT_LT(distance(x, y), 1e-11);
     }
   }
+}
+
+TEST(SparseCholesky, JobsOfTheDenseEntriesWorkThroughTheDescriptor) {
+  Sparse m = random_matrix(40, 0.1, 3);
+  const long n = m.n, f = 30;
+  Longs in(n, -1), jasl(m.ja[n]), jusl(m.ju[n] + n);
+  for (long i = 0; i < f; ++i) in[(i * 7) % n] = i;
+  Vector al(m.ja[n]), u(m.ju[n]), ul(jusl.size());
+  ASSERT_EQ(zslltiu(jasl.data(), jusl.data(), in.data(), n, m.ja.data(), m.ju.data(), m.perm.data(),
+                    m.iprm.data(), jusl.size(), m.a.data(), al.data()),
+            f);
+  MINSTR str{};
+  str.hfrm = 1;
+  str.shes = {m.ja[n],       m.ju[n],       m.ja.data(), m.ju.data(),
+              m.perm.data(), m.iprm.data(), jasl.data(), jusl.data()};
+  double logdet = 9.0;
+  ASSERT_EQ(znlpcde(&str, 6, n, 0.0, &logdet, m.a.data(), u.data(), nullptr), 0);
+  double sum = 0.0;
+  for (long i = 0; i < n; ++i) sum += std::log(u[i]);
+  EXPECT_NEAR(logdet, sum, 1e-12);
+  const Dense a = m.dense();
+  const Vector b = random_vector(n, 2);
+  Vector x = b, halves = b, back = b;
+  EXPECT_EQ(znlpcso(&str, 6, n, u.data(), x.data()), 0);
+  EXPECT_LT(distance(multiply(a, x), b), 1e-12);
+  EXPECT_EQ(znlpilm(&str, 6, n, u.data(), halves.data()), 0);
+  EXPECT_EQ(znlpium(&str, 6, n, u.data(), halves.data()), 0);
+  EXPECT_LT(distance(halves, x), 1e-13);
+  znlpmmu(&str, 6, n, u.data(), x.data());
+  EXPECT_LT(distance(x, b), 1e-12);
+  znlpumu(&str, 6, n, u.data(), back.data());
+  znlplmu(&str, 6, n, u.data(), back.data());
+  EXPECT_LT(distance(back, multiply(a, b)), 1e-11);
+
+  // Job 7 takes its order from the second pattern, also where all parameters are counted.
+  for (const long order : {f, n}) {
+    ASSERT_EQ(znlpcde(&str, 7, order, 0.0, &logdet, al.data(), ul.data(), nullptr), 0);
+    Vector reduced(b.begin(), b.begin() + f);
+    EXPECT_EQ(znlpcso(&str, 7, order, ul.data(), reduced.data()), 0);
+    Vector ax(f);
+    zslltma(f, jasl.data(), al.data(), reduced.data(), ax.data());
+    EXPECT_LT(distance(ax, {b.begin(), b.begin() + f}), 1e-12);
+    EXPECT_ANY_THROW(znlpium(&str, 7, order, ul.data(), reduced.data()));
+    EXPECT_ANY_THROW(znlpmmu(&str, 7, order, ul.data(), reduced.data()));
+  }
+
+  // A failed row is told by the code, without a determinant, and by every solve.
+  m.a[5] = -1.0;
+  EXPECT_LT(znlpcde(&str, 6, n, 0.0, &logdet, m.a.data(), u.data(), nullptr), 0);
+  EXPECT_EQ(logdet, 0.0);
+  EXPECT_EQ(znlpcso(&str, 6, n, u.data(), x.data()), 1);
+  EXPECT_EQ(znlpilm(&str, 6, n, u.data(), x.data()), 1);
 }
 
 TEST(SparseCholesky, UpdatesEqualFactorizationsAfresh) {

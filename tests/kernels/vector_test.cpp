@@ -71,6 +71,9 @@ TEST(VectorKernels, NormIsFreeOfOverflowAndUnderflow) {
   double x[] = {-7.0, std::nan(""), 0.0};
   EXPECT_EQ(zvamx(3, x), 7.0);
   EXPECT_TRUE(std::isnan(zvenorm(3, 1, x)));
+  for (double& v : x) v = v == 0.0 ? HUGE_VAL : 1.0;
+  EXPECT_FALSE(std::isfinite(zvenorm(3, 1, x)));
+  x[2] = 0.0;
   EXPECT_EQ(zvenorm(1, 1, x + 2), 0.0);
 }
 
@@ -208,6 +211,20 @@ TEST(Reductions, AgreeWithDenseProducts) {
       }
     }
   }
+}
+
+TEST(Reductions, MoreRowsThanAPanelHoldsAgreeWithQuadraticForms) {
+  const long n = 1030, p = 2;
+  const Vec h = random_vector(packed_size(n), 1), q = random_vector(p * n, 2);
+  Vec x(p * n), w(n), w2(n), res(3), wanted(3);
+  std::vector<long> ipiv(n);
+  for (long r = 0; r < n; ++r) {
+    ipiv[r] = (r * 7) % n;
+    for (long j = 0; j < p; ++j) x[ipiv[r] * p + j] = q[r * p + j];
+  }
+  znlpred(0, n, n, p, p, ipiv.data(), h.data(), q.data(), res.data(), w.data(), w2.data());
+  znlpquf(0, n, p, p, h.data(), x.data(), wanted.data(), w.data());
+  for (long k = 0; k < 3; ++k) EXPECT_NEAR(res[k], wanted[k], 1e-10);
 }
 
 TEST(FailedFactorization, VectorInVariableOrder) {

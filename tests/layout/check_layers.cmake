@@ -28,11 +28,11 @@ foreach(source ${sources})
         set(allowed TRUE)
       endif()
     endforeach()
-    # In a technique's room, only headers that share the source's own name.
+    # In a technique's room, only headers that share the source's own name, and the room's services.
     if(source MATCHES "^aasubs/([a-z]+)/(z[a-z0-9]+)" AND CMAKE_MATCH_1 IN_LIST technique_rooms)
       set(own ${CMAKE_MATCH_2})
       if(included MATCHES "^aasubs/([a-z]+)/" AND CMAKE_MATCH_1 IN_LIST technique_rooms
-         AND NOT included MATCHES "/${own}" AND NOT included MATCHES "/znlpupd")
+         AND NOT included MATCHES "/${own}" AND NOT included MATCHES "/(znlpupd|quanew_loop)")
         set(allowed FALSE)
       endif()
     endif()

@@ -7,6 +7,7 @@
 
 #include "aasubs/control/znlpdrv.h"
 #include "problems/problem.h"
+#include "techniques/outcome.h"
 
 namespace tqnlp::test {
 namespace {
@@ -84,6 +85,18 @@ TEST_P(Certificates, MultipliersExplainTheGradient) {
       }
     }
     for (const double left : rest) EXPECT_NEAR(left, 0.0, 1e-5 * scale) << p.name;
+  }
+}
+
+// A start where the Hessian has diagonal elements of zero (Beale) or none but zeros must not make
+// the scale, or the ridge that is measured in it, useless.
+TEST_P(Certificates, ScalingSolvesWhatIsSolvedWithoutIt) {
+  std::vector<Problem> all = more_garbow_hillstrom();
+  for (Problem& p : hock_schittkowski_linear()) all.push_back(std::move(p));
+  for (const Problem& p : all) {
+    const Outcome scaled = solve(p, "NLPNRR", 1e-6, Matrix::row({0, 0, double(GetParam())}));
+    EXPECT_TRUE(scaled.solved || !solve(p, "NLPNRR", 1e-6).solved)
+        << p.name << " code " << scaled.code << " f " << scaled.f;
   }
 }
 

@@ -48,7 +48,7 @@ static double worst_violation(const Problem& p, const std::vector<double>& x) {
 }
 
 Outcome solve(const Problem& p, const std::string& subroutine, double tolerance, const Matrix& opt,
-              const Matrix& tc) {
+              const Matrix& tc, Modules modules) {
   Outcome outcome;
   Session tql;
   tql.module("F", [&](const Matrix& x) {
@@ -76,7 +76,8 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
                             subroutine == "NLPNRA";
   std::vector<Matrix> arguments = {
       "F", Matrix::row(p.start), opt, constraint_matrix(p), tc, Matrix(), Matrix(), "G"};
-  if (second_order) arguments.emplace_back("H");
+  if (modules == Modules::none) arguments.pop_back();
+  if (second_order && modules == Modules::all) arguments.emplace_back("H");
   const auto results = tql.call(subroutine, arguments);
   outcome.code = results[0](0, 0);
   outcome.x.assign(results[1].data(), results[1].data() + p.n);

@@ -18,10 +18,14 @@ struct Outcome {
   long functions = 0, gradients = 0, hessians = 0;  // calls of the modules
 };
 
+// Derivative modules that a call supplies; differences stand in for the others.
+enum class Modules { all, gradient, none };
+
 // Calls the subroutine with objective, gradient and (for second-order ones) Hessian modules from
 // the standard start. opt and tc may be empty.
 Outcome solve(const Problem& problem, const std::string& subroutine, double tolerance,
-              const Matrix& opt = Matrix(), const Matrix& tc = Matrix());
+              const Matrix& opt = Matrix(), const Matrix& tc = Matrix(),
+              Modules modules = Modules::all);
 
 // The matrix of bounds and linear constraints of a problem; empty when it has none.
 Matrix constraint_matrix(const Problem& problem);

@@ -111,6 +111,11 @@ enum ReportMessage : int {
   TITLE_STATUS = 740,
   TITLE_PARAMETERS_ON_THE_WAY = 741,
   TEXT_FUNCTIONS = 742,
+  // Test of the gradient.
+  TITLE_GRADIENT_TEST = 743,
+  TITLE_DIFFERENCE_HISTOGRAM = 744,
+  TITLE_LARGEST_DIFFERENCES = 745,
+  TITLE_COMPARISON_MATRIX = 746,
   // Words that a number of the record selects.
   WORD_TECHNIQUE = 900,            // plus tech: 901..921
   WORD_TECHNIQUE_COBYLA = 922,     // technique 14 with nonlinear constraints

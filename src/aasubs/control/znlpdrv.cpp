@@ -16,8 +16,12 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/control/znlppre.h"
+#include "aasubs/derivatives/znlpchd.h"
+#include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/post/stop_analysis.h"
+#include "aasubs/quasinewton/znlpdqn.h"
+#include "aasubs/quasinewton/znlpqun.h"
 #include "aasubs/record/covstr.h"
 #include "host/language.h"
 #include "host/log.h"
@@ -32,7 +36,10 @@ struct Technique {
   Callback run;      // null: no such technique runs here
 };
 
+static constexpr int START_OVER =
+    100;  // answer of the termination test to a stop that was overruled
 static constexpr int TECHNIQUE_NONE = 1;
+static constexpr int TECHNIQUE_DUAL_QUANEW = 11;
 static constexpr int TECHNIQUE_OLDRAP = 6;  // has a name and no code: ends with code 0
 
 static constexpr Technique TECHNIQUES[] = {
@@ -45,8 +52,8 @@ static constexpr Technique TECHNIQUES[] = {
     {7, "GAUNEW  ", nullptr},
     {8, "LEVMAR  ", nullptr},
     {9, "DBLDOG  ", nullptr},
-    {10, "QUANEW  ", nullptr},
-    {11, "QUANEW  ", nullptr},
+    {10, "QUANEW  ", znlpqun},
+    {TECHNIQUE_DUAL_QUANEW, "QUANEW  ", znlpdqn},
     {12, "HYQUAN  ", nullptr},
     {13, "CONGRA  ", nullptr},
     {14, "NMSIMP  ", nullptr},
@@ -67,6 +74,8 @@ const char* technique_name(int tech) {
 }
 
 bool technique_is_built(const MINSTR* str) {
+  // The form of QUANEW for nonlinear constraints is another technique under the same number.
+  if (str->tech == TECHNIQUE_DUAL_QUANEW && str->nlicon != 0) return false;
   const Technique* technique = find_technique(str->tech);
   return technique == nullptr || technique->run != nullptr || str->tech == TECHNIQUE_NONE ||
          str->tech == TECHNIQUE_OLDRAP;
@@ -78,7 +87,10 @@ static int run_technique(MINSTR* str) {
     xexit(EXIT_INCONSISTENT, 0);
   }
   const Technique* technique = find_technique(str->tech);
-  return technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
+  const int code = technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
+  // A technique that was told to start over hands that request back when the derivatives cannot be
+  // loaded there. A run must not report it as success.
+  return code == START_OVER ? -4 : code;
 }
 
 // ---- What both jobs share -----------------------------------------------------------------------
@@ -158,8 +170,10 @@ static bool evaluate_constraint_jacobian(MINSTR* str) {
   return callback == nullptr || !failed(str, callback);
 }
 
-static void estimate_intervals(const MINSTR* str) {
-  if (str->cfdh != 0) service_is_absent("The estimate of difference intervals");
+// Difference intervals, where they are asked for. False: an evaluation failed, so that the later
+// parameters have none and no difference may be taken.
+static bool estimate_intervals(MINSTR* str) {
+  return str->cfdh == 0 || znlpfdh(str, str->cfdh) >= 0;
 }
 
 // Rebuilds the frame of the working set for a report; multipliers 1 first form, 2 second form.
@@ -225,8 +239,7 @@ static int evaluate_start(MINSTR* str) {
     mark_lagrangian_missing(str);
     return -1;
   }
-  estimate_intervals(str);
-  if (!evaluate_gradient(str)) {
+  if (!estimate_intervals(str) || !evaluate_gradient(str)) {
     mark_gradient_missing(str);
     return -2;
   }
@@ -252,6 +265,28 @@ static int start_level(const MINSTR* str) {
   return str->dbug == 3.0 ? -2 : -1;
 }
 
+static double* room_for_hessian(const MINSTR* str) {
+  if (str->hess != nullptr) return str->hess;
+  return str->hpro != nullptr ? str->hpro : str->half;
+}
+
+// Tests of what the user supplies: gradient or Jacobian (dtst 1, 2), Jacobian of the nonlinear
+// constraints (ctst). A doubtful derivative is a warning; only an evaluation that fails gives -2.
+static int test_derivatives(MINSTR* str, int dtst, int ctst) {
+  if (str->gchk != 0 && str->fqad == 0 && (dtst == 1 || dtst == 2)) {
+    const int result = dtst == 1 ? znlpchd(str, 0, nullptr) : znlpchd(str, 1, str->wrk2);
+    if (result != 0) xpmlog(OPTIMIZATION, dtst == 1 ? 181 : 182, {static_cast<long>(result)});
+    if (result < 0) return -2;
+    if (str->gchk == 2) znlpchg(str, 1, room_for_hessian(str));
+  }
+  if (ctst != 0) {
+    const int result = znlpchc(str, str->wrk2, str->wrk2 + str->nnlc);
+    if (result != 0) xpmlog(OPTIMIZATION, 183, {static_cast<long>(result)});
+    if (result < 0) return -2;
+  }
+  return 0;
+}
+
 static int prepare(MINSTR* str, int pfun, int dtst, int ctst) {
   const bool start_report = str->covstr != nullptr ? str->covstr->pini != 0 : (pfun & 1) != 0;
   const int detail = str->covstr != nullptr ? str->covstr->pfun : pfun / 2;
@@ -267,14 +302,13 @@ static int prepare(MINSTR* str, int pfun, int dtst, int ctst) {
     rebuild_frame(str, 1);
   }
   if (start_report) znlppre(str, start_level(str), detail);
-  if (str->gchk != 0 && str->fqad == 0 && dtst != 0) service_is_absent("The derivative test");
-  if (ctst != 0) service_is_absent("The test of a constraint Jacobian");
+  code = test_derivatives(str, dtst, ctst);
   if (str->covstr != nullptr) {
     if (str->covstr->uscmat != nullptr) str->covstr->uscmat(str, 0);
     if (str->covstr->uspmat != nullptr) str->covstr->uspmat(str, 0);
   }
-  str->rcod = 0;
-  return 0;
+  str->rcod = code;
+  return code;
 }
 
 // ---- Job 2: run ---------------------------------------------------------------------------------
@@ -316,12 +350,12 @@ static int evaluate_solution(MINSTR* str, int code) {
     mark_constraints_missing(str);
     code = -3;
   }
-  estimate_intervals(str);
-  if (!evaluate_gradient(str)) {
+  const bool intervals = estimate_intervals(str);
+  if (!intervals || !evaluate_gradient(str)) {
     mark_gradient_missing(str);
     code = -4;
   }
-  if (!evaluate_constraint_jacobian(str)) {
+  if (!intervals || !evaluate_constraint_jacobian(str)) {
     mark_constraint_jacobian_missing(str);
     code = -4;
   }

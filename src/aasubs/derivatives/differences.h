@@ -7,7 +7,8 @@ namespace tqnlp {
 
 enum class Side { forward = 0, central = 1 };
 
-// Relative intervals for a number of accurate digits: digits^(-1/2) and its power 2/3.
+// Relative intervals for a number of accurate digits d: 10^(-d/2) and its power 2/3. Without digits
+// (d not above 0) the root of 2^-51 takes the place of the first.
 double forward_interval(double digits);
 double central_interval(double digits);
 
@@ -17,7 +18,8 @@ bool constraints_have_intervals(const MINSTR* str);
 
 // Smallest step of a retreat at a parameter value.
 double step_floor(double xj);
-// Step from xj with scale * r added: the distance that the floating-point numbers really make.
+// Step from xj with an increment added: the distance that the floating-point numbers really make,
+// at least ten rounding units of xj.
 double step_made(double xj, double increment);
 
 // Calls the objective (gradient) and notes it in ifdr; true on success.
@@ -32,8 +34,8 @@ int movx(MINSTR* str, int job, int cfdh, Side forc, double eps);
 // grad by differences from base value crit, residuals in wfid. 0, -2 retreat ran out, -3 overflow.
 int dograd(MINSTR* str, Side forc, double eps, double crit);
 
-// Adds to grad[j] the weighted derivatives of the summands; false on overflow. Column: m
-// derivatives.
+// Adds to grad[j] the derivatives of the summands (column, m of them), each with its weight in the
+// objective; false on overflow.
 bool add_to_gradient(MINSTR* str, long j, const double* column);
 
 // *a += b and *a += b c, kept inside the range of doubles: nonzero when a sum would overflow.
@@ -44,6 +46,10 @@ int tstsum2(double* a, double b, double c);
 // maximizing; the form without the negation serves znlpjdt, deliberately. -1 on overflow.
 int add_crossproduct_term(const MINSTR* str, double* sum, double f, double a, double b);
 int hupd(const MINSTR* str, double* sum, double f, double a, double b);
+
+// func to the first m of wfid and back; without a vector func (nfuv) nothing.
+void save_functions(MINSTR* str);
+void restore_functions(MINSTR* str);
 
 // Moves work back to x and restores the user's state there: 0, or -10.
 int return_from_shift(MINSTR* str);

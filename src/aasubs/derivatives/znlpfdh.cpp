@@ -1,8 +1,8 @@
 // znlpfdh: Finite-Difference intervals (H for the usual name of a step).
 //
 // Method     interval estimation from the relative cancellation in first and second differences, in
-// a
-//            one-sided form that needs x, x+h and x+2h only; up to four trial intervals a function
+//            a one-sided form that needs x, x+h and x+2h only; up to four trial intervals a
+//            function
 // Reference  Gill, Murray, Saunders and Wright (1983), SIAM J. Sci. Stat. Comput. 4, 310-321
 // Reads      fdig, cdig, lb, ub
 // Writes     hfwd, hcnt, ofco, grad, jcon; wrk2 keeps fcon at the base point, xold keeps x
@@ -50,8 +50,7 @@ static double quotient(double a, double b) {
   return result;
 }
 
-// ---- Evaluations
-// ------------------------------------------------------------------------------------------
+// ---- Evaluations -------------------------------------------------------------------------------
 
 static bool call(MINSTR* str, Callback callback, double indf) {
   const double saved = str->indf;
@@ -62,17 +61,22 @@ static bool call(MINSTR* str, Callback callback, double indf) {
   return code == 0 && str->tbig == 0.0;
 }
 
+// What computes the constraints: their own callback, or the objective's.
+static Callback constraint_callback(const MINSTR* str) {
+  return str->usnlc != nullptr ? str->usnlc : str->usfct;
+}
+
 // Functions at the base point: the objective, and the constraints too. 0, -1 or -2.
 static int evaluate_base(MINSTR* str, bool constraints) {
   if (!call(str, str->usfct, constraints ? IN_TEST : HESSIAN_STEP_FROM_FUNCTION)) return -1;
-  if (constraints && !call(str, str->usnlc, CONSTRAINT_INTERVAL)) return -2;
+  if (constraints && !call(str, constraint_callback(str), CONSTRAINT_INTERVAL)) return -2;
   return 0;
 }
 
 // Value of function k at x.
 static bool value_here(MINSTR* str, long k, double* value) {
   const bool good = k == OBJECTIVE ? call(str, str->usfct, HESSIAN_STEP_FROM_FUNCTION)
-                                   : call(str, str->usnlc, CONSTRAINT_STEP);
+                                   : call(str, constraint_callback(str), CONSTRAINT_STEP);
   if (good) *value = k == OBJECTIVE ? str->crit : str->fcon[k];
   return good;
 }
@@ -85,8 +89,9 @@ static int evaluate_ahead(MINSTR* str, long k, long j, double h, double* f1, dou
   return value_here(str, k, f2) ? 0 : -4;
 }
 
-// ---- Interval of one function in one parameter
-// ----------------------------------------------------------------
+// ---- Interval of one function in one parameter -------------------------------------------------
+
+namespace {
 
 enum Status { good = 0, looks_constant = 1, looks_linear = 2, looks_odd = 3, disagrees = 4 };
 
@@ -107,21 +112,23 @@ struct Estimate {
 
 enum class Cancellation { acceptable, too_small, too_large };
 
+// What the trials of one estimate share.
+struct Trials {
+  double eps, epsa;   // relative and absolute noise
+  double size;        // |xj| + 1
+  double growth;      // factor between trial intervals, set at the first trial
+  Differences kept;   // of the last trial
+  Differences saved;  // of the last trial with a good first difference
+  bool first_difference_bad;
+  Cancellation state;  // of the first trial; an acceptable one ends the trials
+};
+
+}  // namespace
+
 static Cancellation judge(double c) {
   if (c < CANCELLATION_LOW) return Cancellation::too_small;
   return c <= CANCELLATION_HIGH ? Cancellation::acceptable : Cancellation::too_large;
 }
-
-// What the trials of one estimate share.
-struct Trials {
-  double f0, eps, epsa;  // base value, relative and absolute noise
-  double size;           // |xj| + 1
-  double growth;         // factor between trial intervals
-  Differences kept;      // of the last trial
-  Differences saved;     // of the last trial with a good first difference (hs)
-  bool first_difference_bad;
-  Cancellation state;
-};
 
 static Estimate accept(const Trials& t, const Differences& taken, double phif) {
   Estimate e;
@@ -202,13 +209,17 @@ static Differences form_differences(double f0, double f1, double f2, double h) {
   return d;
 }
 
+// Relative noise of a function with a number of accurate digits.
+static double noise_level(double digits) {
+  return digits > 0.0 ? std::exp(-LN_10 * digits) : MACHINE_PRECISION;
+}
+
 // Interval of function k in parameter j. Returns 0, or the status of a failed evaluation.
 static int estimate_interval(MINSTR* str, long k, long j, double sign, double f0,
                              Estimate* result) {
   const double digits = k == OBJECTIVE ? str->fdig : str->cdig;
   Trials t{};
-  t.f0 = f0;
-  t.eps = digits > 0.0 ? std::exp(-LN_10 * digits) : MACHINE_PRECISION;
+  t.eps = noise_level(digits);
   t.epsa = (std::fabs(f0) + 1.0) * t.eps;
   const double xj = str->x[j];
   t.size = std::fabs(xj) + 1.0;
@@ -229,8 +240,9 @@ static int estimate_interval(MINSTR* str, long k, long j, double sign, double f0
   return 0;
 }
 
-// ---- All functions, all parameters
-// ------------------------------------------------------------------------------
+// ---- All functions, all parameters -------------------------------------------------------------
+
+namespace {
 
 // Sums over the functions of one parameter, for the interval that serves them all.
 struct Pool {
@@ -257,6 +269,8 @@ struct Pool {
   }
 };
 
+}  // namespace
+
 // +1, or -1 where more room to move lies below.
 static double side_with_room(const MINSTR* str, long j) {
   if (str->bounds == 0) return 1.0;
@@ -281,6 +295,7 @@ static void store_derivative(MINSTR* str, long k, long j, const Estimate& e, lon
 static int intervals_of_parameter(MINSTR* str, int job, long j, double crit, long* constant) {
   const long first = job == 2 ? 0 : OBJECTIVE;
   const long last = job == 1 || str->nlicon == 0 ? 0 : str->nnlc;
+  if (first >= last) return 0;  // constraints asked for, and there are none: nothing to estimate
   const double sign = side_with_room(str, j);
   const double size = std::fabs(str->x[j]) + 1.0;
   Pool pool;
@@ -290,9 +305,7 @@ static int intervals_of_parameter(MINSTR* str, int job, long j, double crit, lon
     const int code = estimate_interval(str, k, j, sign, f0, &e);
     if (code != 0) return code;
     store_derivative(str, k, j, e, constant);
-    const double digits = k == OBJECTIVE ? str->fdig : str->cdig;
-    const double eps = digits > 0.0 ? std::exp(-LN_10 * digits) : MACHINE_PRECISION;
-    pool.add(e, (std::fabs(f0) + 1.0) * eps);
+    pool.add(e, (std::fabs(f0) + 1.0) * noise_level(k == OBJECTIVE ? str->fdig : str->cdig));
   }
   double forward = e.forward;
   double central = e.central;
@@ -300,8 +313,7 @@ static int intervals_of_parameter(MINSTR* str, int job, long j, double crit, lon
     forward = pool.forward();
     central = pool.central == 0.0 ? 10.0 * forward : pool.central;
   } else if (e.status != good) {
-    const double eps = str->fdig > 0.0 ? std::exp(-LN_10 * str->fdig) : MACHINE_PRECISION;
-    forward = 2.0 * std::sqrt(eps) * size;
+    forward = 2.0 * std::sqrt(noise_level(str->fdig)) * size;
     central = 10.0 * forward;
   }
   str->hfwd[j] = forward / size;
@@ -309,8 +321,7 @@ static int intervals_of_parameter(MINSTR* str, int job, long j, double crit, lon
   return 0;
 }
 
-// ---- Is the objective really constant in the flagged parameters?
-// -------------------------------------------------
+// ---- Is the objective really constant in the flagged parameters? -------------------------------
 
 // Moves every parameter, by a step that falls from one to the next, inside the bounds.
 static void move_every_parameter(MINSTR* str) {

@@ -20,6 +20,8 @@ static constexpr double LARGE_STEP = 0.02;                    // against the par
 static constexpr double FORWARD_IS_ACCURATE = 0.002;          // curvature term against the slope
 static constexpr double CENTRAL_ERROR = 2000.0;
 
+namespace {
+
 struct Component {
   double slope;      // previous derivative
   double curvature;  // estimate of the second derivative
@@ -31,6 +33,8 @@ struct Step {
   double h;
   bool central;
 };
+
+}  // namespace
 
 // Forward step that balances truncation and cancellation.
 static double balanced_step(const Component& c) {
@@ -66,7 +70,8 @@ static bool evaluate_at(MINSTR* str, long i, double value) {
   return call_function(str) && str->tbig == 0.0;
 }
 
-// One-sided derivative, on either side; false when both fail down to the rounding unit.
+// One-sided derivative, on either side; false when both fail at the rounding unit. A negative step
+// stands below it from the start and is not halved, deliberately, as in the plain forward gradient.
 static bool one_sided(MINSTR* str, long i, double xi, double h, double base, double* derivative) {
   for (;;) {
     for (const double step : {h, -h}) {
@@ -75,7 +80,7 @@ static bool one_sided(MINSTR* str, long i, double xi, double h, double base, dou
         return true;
       }
     }
-    if (!(std::fabs(h) > EPS)) return false;
+    if (!(h > EPS)) return false;
     h *= 0.5;
   }
 }
@@ -122,7 +127,7 @@ int znlpfg3(MINSTR* str, double eta, const double* alfa, const double* dscl) {
   const double afx = std::fabs(crit);
   str->indf = GRADIENT_STEP;
   if (!(eta > TINY)) eta = LEAST_ERROR;
-  std::copy_n(str->func, str->mequ, str->wfid);
+  save_functions(str);
 
   int code = 0;
   for (long i = 0; code == 0 && i < str->nvar; ++i) {
@@ -137,7 +142,7 @@ int znlpfg3(MINSTR* str, double eta, const double* alfa, const double* dscl) {
     str->x[i] = xi;
     if (code == 0) str->grad[i] = derivative;
   }
-  std::copy_n(str->wfid, str->mequ, str->func);
+  restore_functions(str);
   str->crit = crit;
   str->indf = indf;
   return code;

@@ -1,8 +1,8 @@
 // znlpfid: FInite Differences. Gradients, and what all differences share.
 //
-// Method     forward and central differences with the interval digits^(-1/2), digits^(-1/3), or
-// with
-//            intervals a parameter; a point that cannot be evaluated makes the step retreat
+// Method     forward and central differences with the relative interval 10^(-d/2), 10^(-d/3) for d
+//            accurate digits, or with intervals of each parameter; a point that cannot be evaluated
+//            makes the step retreat
 // Reference  Dennis and Schnabel (1983), sections 5.4 and 5.6; Gill, Murray and Wright (1981), 4.6
 // Reads      fdig, cfdh, hfwd, hcnt, nfuv, lsqu, l1nm, bounds, lb, ub, iabc
 // Writes     grad, counters; work keeps the caller's x while x stands shifted away from a bound
@@ -20,8 +20,7 @@ static constexpr double HALF_LOG_10 = 1.151292546497023;            // ln(10)/2
 static constexpr double DEFAULT_INTERVAL = 2.1073424255447021e-08;  // square root of 2^-51
 static constexpr double TEN_ROUNDING_UNITS = 1.110223024625157e-15;
 
-// ---- Intervals
-// ------------------------------------------------------------------------------------------
+// ---- Intervals ---------------------------------------------------------------------------------
 
 double forward_interval(double digits) {
   return digits > 0.0 ? std::exp(-HALF_LOG_10 * digits) : DEFAULT_INTERVAL;
@@ -42,8 +41,7 @@ double step_made(double xj, double increment) {
   return std::max(perturbed - xj, TEN_ROUNDING_UNITS * std::fabs(xj));
 }
 
-// ---- Evaluations
-// ------------------------------------------------------------------------------------------
+// ---- Evaluations -------------------------------------------------------------------------------
 
 bool call_function(MINSTR* str) {
   const int code = str->usfct(str);
@@ -62,8 +60,7 @@ int return_from_shift(MINSTR* str) {
   return call_function(str) ? 0 : -10;
 }
 
-// ---- Shift away from the bounds
-// -----------------------------------------------------------------------------
+// ---- Shift away from the bounds ----------------------------------------------------------------
 
 // Moves x[j] for a forward step h, which keeps its sign; true if it moved.
 static bool make_room_forward(MINSTR* str, long j, double h) {
@@ -110,8 +107,7 @@ int movx(MINSTR* str, int job, int cfdh, Side forc, double eps) {
   return 1;
 }
 
-// ---- Guarded sums
-// ---------------------------------------------------------------------------------------------
+// ---- Guarded sums ------------------------------------------------------------------------------
 
 int tstsum(double* a, double b) {
   if (b > 0.0 && *a >= 0.0 && (b >= SUM_CEILING || b >= SUM_CEILING - *a)) {
@@ -134,8 +130,7 @@ int tstsum2(double* a, double b, double c) {
   return code > 0 ? 2 : code;
 }
 
-// ---- Gradient
-// -------------------------------------------------------------------------------------------------
+// ---- Gradient ----------------------------------------------------------------------------------
 
 // Weight of summand i in the gradient of the objective.
 static double summand_weight(const MINSTR* str, long i) {
@@ -231,11 +226,11 @@ int dograd(MINSTR* str, Side forc, double eps, double crit) {
   return 0;
 }
 
-static void save_functions(MINSTR* str) {
+void save_functions(MINSTR* str) {
   if (str->nfuv == 0) std::copy_n(str->func, str->mequ, str->wfid);
 }
 
-static void restore_functions(MINSTR* str) {
+void restore_functions(MINSTR* str) {
   if (str->nfuv == 0) std::copy_n(str->wfid, str->mequ, str->func);
 }
 

@@ -138,8 +138,7 @@ int znlpjrd(MINSTR* str, double* jacm) {
   return 0;
 }
 
-// ---- Crossproduct
-// -----------------------------------------------------------------------------------------
+// ---- Crossproduct ------------------------------------------------------------------------------
 
 // Second-order term of a sum of terms f: a b / f, or 0 where f is too small to divide by.
 static double quotient_term(const MINSTR* str, double f, double a, double b) {

@@ -2,8 +2,9 @@
 // from gradients (znlpfh3 forward, znlpfh4 central), and the curvature of nonlinear constraints
 // (znlphlf).
 //
-// Reference  Abramowitz and Stegun (1964), formulas 25.3.23 to 25.3.27; Dennis and Schnabel
-// (1983), 5.6 Work       wfid = func at the base point (m) | gradient at the base point, or at the
+// Reference  Abramowitz and Stegun (1964), formulas 25.3.23 to 25.3.27; Dennis and Schnabel (1983),
+//            section 5.6
+// Work       wfid = func at the base point (m) | gradient at the base point, or at the
 // plus side (n)
 #include <algorithm>
 #include <cmath>
@@ -31,8 +32,9 @@ static double& diagonal_entry(MINSTR* str, long j) {
   return str->hess[is_diagonal(str) ? j : zisub(j, j)];
 }
 
-// ---- From function values
-// -----------------------------------------------------------------------------------
+// ---- From function values ----------------------------------------------------------------------
+
+namespace {
 
 // What one pass over the matrix shares.
 struct Stencil {
@@ -41,6 +43,8 @@ struct Stencil {
   double base;        // f at the base point
   double failed_at;   // value of the parameter whose perturbation failed
 };
+
+}  // namespace
 
 static double stencil_step(const MINSTR* str, const Stencil& stencil, long j) {
   return (std::fabs(str->x[j]) + 1.0) * (stencil.own != nullptr ? stencil.own[j] : stencil.eps);
@@ -146,14 +150,16 @@ static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&)) {
   int code = -1;
   if (moved >= 0) {
     stencil.base = str->crit;
-    std::copy_n(str->func, str->mequ, str->wfid);
+    save_functions(str);
     code = hessian_passes(str, stencil, pass);
     if (code == 0) {
       const bool forward = fidi_digit(str->fidi, 0) == 1;
       const double eps = own ? 1.0 : (forward ? forward_interval(str->fdig) : stencil.eps);
-      code = dograd(str, forward ? Side::forward : Side::central, eps, stencil.base);
+      const int slope = dograd(str, forward ? Side::forward : Side::central, eps, stencil.base);
+      // As for the gradient alone: its status is dropped when the base stands shifted.
+      if (moved == 0) code = slope;
     }
-    std::copy_n(str->wfid, str->mequ, str->func);
+    restore_functions(str);
   }
   if (moved != 0 && return_from_shift(str) != 0) code = -10;
   str->crit = crit;
@@ -165,8 +171,7 @@ int znlpfih(MINSTR* str) { return hessian_from_functions(str, forward_pass); }
 
 int znlpfh2(MINSTR* str) { return hessian_from_functions(str, central_pass); }
 
-// ---- From gradients
-// -------------------------------------------------------------------------------------------
+// ---- From gradients ----------------------------------------------------------------------------
 
 // Function, then gradient, at x: a user's gradient module may rely on what the function left
 // behind. 0, -3 function failed, -2 gradient failed.
@@ -277,8 +282,9 @@ int znlpfh3(MINSTR* str) {
 
 int znlpfh4(MINSTR* str) { return hessian_from_gradients(str, Side::central); }
 
-// ---- Curvature of the constraints
-// -------------------------------------------------------------------------------
+// ---- Curvature of the constraints --------------------------------------------------------------
+
+static constexpr double LAGRANGIAN_STEP = 10;  // indf while the constraints' curvature is formed
 
 static void check_file(int code) {
   if (code == 0) return;
@@ -320,7 +326,7 @@ int znlphlf(MINSTR* str, double* hess, long lmax) {
   const long jacobian_bytes = str->nnlc * row_bytes;
   const bool own = constraints_have_intervals(str);
   const double eps = forward_interval(str->cdig);
-  str->indf = 10;
+  str->indf = LAGRANGIAN_STEP;
   std::copy_n(str->x, n, str->work);
   call_function(str);
   str->usjnc(str);

@@ -13,8 +13,9 @@
 
 namespace tqnlp {
 
-// ---- Jacobian of the summands
-// ----------------------------------------------------------------------------
+// ---- Jacobian of the summands ------------------------------------------------------------------
+
+namespace {
 
 // How one of the four routines differs from the others.
 struct JacobianKind {
@@ -23,6 +24,14 @@ struct JacobianKind {
   bool scaled_interval;  // false: the interval lacks the factor |xj| + 1 (znlpfj2, required)
   int plus_failed;       // code when the retreat ran out at the plus side
 };
+
+// What became of the columns. The code of an overflowing gradient sum is also that of a retreat.
+struct ColumnsEnd {
+  int code;
+  bool overflow;
+};
+
+}  // namespace
 
 // func := column j of the Jacobian. 0, or a code when the retreat ran out.
 static int difference_column(MINSTR* str, long j, const JacobianKind& kind, double r) {
@@ -69,19 +78,18 @@ static int add_crossproduct_row(MINSTR* str, long j) {
   return 0;
 }
 
-static int jacobian_columns(MINSTR* str, const JacobianKind& kind, double eps) {
+static ColumnsEnd jacobian_columns(MINSTR* str, const JacobianKind& kind, double eps) {
   vzfdl(0.0, str->grad, str->nvar);
   const bool own = objective_has_intervals(str);
   const double* intervals = kind.side == Side::forward ? str->hfwd : str->hcnt;
   for (long j = 0; j < str->nvar; ++j) {
-    int code = difference_column(str, j, kind, own ? intervals[j] : eps);
-    if (code != 0) return code;
-    if (!add_to_gradient(str, j, str->func)) return -3;
+    const int code = difference_column(str, j, kind, own ? intervals[j] : eps);
+    if (code != 0) return {code, false};
+    if (!add_to_gradient(str, j, str->func)) return {-3, true};
     znlpjwt(str, 0, j, 1, str->func);
-    if (kind.crossproduct) code = add_crossproduct_row(str, j);
-    if (code != 0) return code;
+    if (kind.crossproduct && add_crossproduct_row(str, j) != 0) return {-9, true};
   }
-  return 0;
+  return {0, false};
 }
 
 static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
@@ -96,11 +104,13 @@ static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
   int code = 0;
   if (moved >= 0) {
     std::copy_n(str->func, str->mequ, str->wfid);
-    code = jacobian_columns(str, kind, eps);
+    const ColumnsEnd end = jacobian_columns(str, kind, eps);
+    code = end.code;
     // After an overflow the run is to stop: nothing is put back.
-    if (kind.crossproduct && (code == -9 || code == -3)) return code;
+    if (kind.crossproduct && end.overflow) return code;
     if (moved == 0) std::copy_n(str->wfid, str->mequ, str->func);
   }
+  // As for the gradient: from a shifted base only the user's state counts.
   if (moved != 0) code = return_from_shift(str);
   str->crit = crit;
   str->indf = indf;
@@ -115,8 +125,7 @@ int znlpfic(MINSTR* str) { return jacobian_by_differences(str, {Side::forward, t
 
 int znlpfc2(MINSTR* str) { return jacobian_by_differences(str, {Side::central, true, true, -3}); }
 
-// ---- Jacobian of the nonlinear constraints
-// ----------------------------------------------------------------
+// ---- Jacobian of the nonlinear constraints -----------------------------------------------------
 
 static bool call_constraints(MINSTR* str) {
   str->ifdr = ORDER_FUNCTION;

@@ -1,12 +1,19 @@
 // znlpupd: UPDates of quasi-Newton matrices, DFP (znlpdfp) and BFGS (znlpbfg), in three forms each.
 //
+// With s the step, y the change of the gradient, B the Hessian approximation and H its inverse:
+//
+//   BFGS   B := B - Bs s'B / s'Bs + y y' / s'y
+//   DFP    B := B - Bs s'B / s'Bs + y y' / s'y + (s'Bs) w w',   w = y / s'y - Bs / s'Bs
+//
+// Both map s onto y and keep B positive definite as long as s'y > 0. On H each is the other with s
+// and y exchanged.
+//
 // Method     job 1: formula on the packed inverse; job 2: rank-one corrections of an L D L' factor;
-//            job 3: product form R + u v', brought back to triangular form by rotations, with
-//            Powell's damping for BFGS
+//            job 3: product form (R + u v')'(R + u v'), brought back to triangular form by
+//            rotations, with Powell's damping for BFGS
 // Reference  Broyden (1970), Fletcher (1970), Goldfarb (1970), Shanno (1970); Davidon (1959),
-// Fletcher
-//            and Powell (1963); Fletcher and Powell (1974) for L D L'; Goldfarb (1976) for R;
-//            Powell (1978) for the damping; Shanno and Phua (1978) for the scaling
+//            Fletcher and Powell (1963); Fletcher and Powell (1974) for L D L'; Goldfarb (1976) for
+//            R; Powell (1978) for the damping; Shanno and Phua (1978) for the scaling
 // Reads      nvar, nabc, nalc, alfa
 // Writes     half, nhup (jobs 1 and 2; job 3 leaves it alone, deliberately)
 #include "aasubs/quasinewton/znlpupd.h"
@@ -29,7 +36,8 @@ static constexpr double ROOT_DAMPING = 0.31622776601683794;
 
 static long order_of(const MINSTR* str) { return str->nvar - str->nabc - str->nalc; }
 
-// Result 3, 2, 1 or 0: may the pair with s'y = dxg and curvature term c be used?
+// Result 3, 2, 1 or 0: may the pair with s'y = dxg and curvature term c (s'Bs or y'Hy) be used? The
+// order counts: a pair without curvature is no matter of angles. A scaling that went before stays.
 static int refuse_pair(long n, double dxg, double c, const double* s, const double* y) {
   if (!(dxg > SMALLEST_TOLERANCE) || !(c > SMALLEST_TOLERANCE)) return 3;
   if (c <= dxg * SMALLEST_TOLERANCE) return 2;
@@ -43,9 +51,10 @@ static void scale_diagonal(long n, double* c, double factor) {
   for (long i = 0; i < n; ++i) c[zisub(i, i)] *= factor;
 }
 
-// ---- Job 1: packed inverse
-// ------------------------------------------------------------------------------------
+// ---- Job 1: packed inverse --------------------------------------------------------------------
 
+// H := H + s s' / s'y - Hy y'H / y'Hy. The scaling follows the last step length: a long step says
+// that H was too small.
 static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
   const long n = order_of(str);
   if (iscl == 1 && str->alfa > HUNDRED_EPS) zvscl11(packed_size(n), h, clip_scale(str->alfa));
@@ -63,6 +72,8 @@ static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, doubl
   return 0;
 }
 
+// H := H + (1 + y'Hy / s'y) s s' / s'y - (s y'H + Hy s') / s'y. The scaling makes the curvature of
+// H along y that of the pair.
 static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
   const long n = order_of(str);
   znlpsmv(n, nullptr, h, y, ph);
@@ -85,9 +96,10 @@ static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, doub
   return 0;
 }
 
-// ---- Job 2: L D L'
-// ---------------------------------------------------------------------------------------------
+// ---- Job 2: L D L' ----------------------------------------------------------------------------
 
+// Three corrections. The first takes the curvature along s away, which leaves a singular matrix of
+// rank n-1; the second restores the rank with the curvature of the pair.
 static int dudfpup(MINSTR* str, int iscl, double* s, double* y, double* c, double* bs,
                    double* work) {
   const long n = order_of(str);
@@ -108,6 +120,7 @@ static int dudfpup(MINSTR* str, int iscl, double* s, double* y, double* c, doubl
   return rank >= n ? 0 : -2;
 }
 
+// The first two corrections alone.
 static int dubfgsup(MINSTR* str, int iscl, double* s, double* y, double* c, double* bs,
                     double* work) {
   const long n = order_of(str);
@@ -142,6 +155,7 @@ static double forward_substitute(long n, double start, const double* c, const do
   return sum;
 }
 
+// The same sum for a p that was given.
 static double sum_of_given(long n, double start, const double* c, const double* p) {
   double sum = start;
   for (long j = 0; j < n; ++j) {
@@ -151,8 +165,10 @@ static double sum_of_given(long n, double start, const double* c, const double* 
   return sum;
 }
 
-// Prepares a correction that subtracts: p receives the values of t before each column. Returns true
-// when the forward sweep is to use them.
+// Prepares a correction that subtracts: p receives the values of t behind each column, summed from
+// the last column up, so that they keep their sign where the plain recurrence would lose it to
+// cancellation. A matrix that is to lose rank ends with t exactly 0, and its last pivot with it.
+// Returns false when the plain recurrence will do.
 static bool prepare_subtraction(long n, int mk, long* ir, double eps, double sig, const double* c,
                                 const double* y, double* p, double* t) {
   const double s = mk == 0 ? forward_substitute(n, *t, c, y, p) : sum_of_given(n, *t, c, p);
@@ -200,6 +216,8 @@ static void correct_column(long n, long j, double q, double t, double r, double 
   }
 }
 
+// Forward sweep over the columns: pivot j grows by q = r / t, where t and r are the recurrence
+// before and behind it.
 long ldlupd(long n, int mk, long ir, double eps, double sig, double* c, double* y, double* p) {
   if (sig == 0.0) return std::labs(ir);
   if (n == 1) {
@@ -231,14 +249,16 @@ long ldlupd(long n, int mk, long ir, double eps, double sig, double* c, double* 
   return std::labs(ir);
 }
 
-// ---- Job 3: R'R
-// -------------------------------------------------------------------------------------------------
+// ---- Job 3: R'R -------------------------------------------------------------------------------
 
 // to := R from (job 17), R' from (job 18), or the solution of R' to = from (job 8).
 static void apply_factor(int job, long n, const double* r, const double* from, double* to) {
   zqrsol(job, n, 1, 1, n, n, nullptr, r, from, to, nullptr, nullptr);
 }
 
+// u = Rs, v = y / sqrt(s'y s'Bs) - Bs / s'Bs. Where s'y is below a tenth of s'Bs (or negative), y
+// is replaced by the mixture theta y + (1 - theta) Bs with exactly that tenth: no negative
+// curvature is refused. cy and cs are the factors of y and Bs in v.
 static int uvbfgs(MINSTR* str, int iscl, const double* s, const double* y, double* r, double* uvec,
                   double* vvec) {
   const long n = order_of(str);
@@ -250,7 +270,8 @@ static int uvbfgs(MINSTR* str, int iscl, const double* s, const double* y, doubl
     apply_factor(17, n, r, s, uvec);
     dbd = zvdot11(n, uvec, uvec);
   }
-  if (!(dbd > SMALLEST_TOLERANCE)) return 3;
+  // Any curvature will do but one that is no number.
+  if (!(dbd > SMALLEST_TOLERANCE) || !std::isfinite(dxg)) return 3;
   apply_factor(18, n, r, uvec, vvec);
   double cy = 0.0;
   double cs = 1.0 / dbd;
@@ -265,6 +286,7 @@ static int uvbfgs(MINSTR* str, int iscl, const double* s, const double* y, doubl
   return 0;
 }
 
+// u = (R'^-1 y / sqrt(y'Hy) - Rs / sqrt(s'y)) / sqrt(s'y), v = y.
 static int uvdfp(MINSTR* str, int iscl, const double* s, const double* y, double* r, double* uvec,
                  double* vvec) {
   const long n = order_of(str);
@@ -321,8 +343,7 @@ void llupdat(long n, double* half, double* uvec, const double* vvec, double* wve
   }
 }
 
-// ---- Entries
-// ------------------------------------------------------------------------------------------------------
+// ---- Entries ----------------------------------------------------------------------------------
 
 int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
             double* vvec, double* wvec) {

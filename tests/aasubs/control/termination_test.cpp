@@ -37,6 +37,9 @@ struct Iterated : TestRecord {
     aftl = ftol = fto2 = axtl = xtol = agtl = gtol = gto2 = 0.0;
     nitr = 1.0;
     nfct = 1;
+    // The analysis that follows a failed evaluation finds no point that can be evaluated.
+    f = [](const double*) { return MISSING; };
+    with_callbacks();
   }
 };
 

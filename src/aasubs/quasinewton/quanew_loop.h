@@ -1,0 +1,55 @@
+// What the two forms of QUANEW share: the loop of the technique, and the pieces of their loaders.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+// What a form of QUANEW is: the matrix that it keeps in hess, and how it uses it.
+struct QuanewForm {
+  // Job of str->updat that fits the matrix.
+  int (*update_job)(const MINSTR* str);
+
+  // Derivatives, working set and matrix at x. job 1: at a start or restart, everything afresh; job
+  // 0: after a step, whose gradient is known. load tells whether the user's Hessian starts the
+  // matrix, and falls to 0 when that cannot be. Returns 0, -1 function, -2 derivatives or matrix,
+  // -5 matrix, -6 no feasible point.
+  int (*actcon)(MINSTR* str, int job, int* load);
+
+  // Reduced step in str->spro, expanded in str->sdir. Nonzero: the matrix could not be used.
+  int (*direction)(MINSTR* str);
+
+  // Is there descent left in a direction with slope gs, by the tolerance tol? Asked only of runs
+  // that are long since the restart.
+  bool (*still_descends)(const MINSTR* str, double tol, double gs);
+
+  // A failure to load after a step that is not the first since the restart: restart from the point
+  // before the step (true), or end the run (false).
+  bool outlives_failed_load;
+};
+
+// Runs the technique from str->x. Returns the code of the termination test.
+int quanew_loop(MINSTR* str, const QuanewForm& form);
+
+// ---- Pieces of actcon -------------------------------------------------------------------------
+
+// Form of a factored matrix, as znlphin and znlpcso count: 1 LDL' with neither bounds nor linear
+// constraints, else 2 LL', which the working set can revise.
+int quanew_factor(const MINSTR* str);
+
+// Job 1: function and derivatives at x, a repair of feasibility if needed, the working set afresh.
+// Returns 0, -1 function, -2 derivatives, -6 no feasible point.
+int quanew_load(MINSTR* str, int load);
+
+// Start matrix: the user's Hessian for load 1, a multiple of the identity otherwise or when it is
+// not positive definite in the reduced space (load is then 0). ridg is the shift of its diagonal,
+// raised while the matrix cannot be factored. False when ridg reaches its limit.
+bool quanew_start_matrix(MINSTR* str, int* load);
+
+// Job 0: the working set at the new point; hess is revised with it, job as for znlpact.
+void quanew_revise(MINSTR* str, int job);
+
+// gmax and gpro at x.
+void quanew_measure(MINSTR* str);
+
+}  // namespace tqnlp

@@ -1,0 +1,141 @@
+// NLPFDD, and the difference services as they are reached from a call.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "embed/faults.h"
+#include "front_call.h"
+
+namespace tqnlp::test {
+namespace {
+
+const Matrix NONE;
+
+// f = exp(x) + x y^2 and three functions of (x, y).
+void define(Session& session) {
+  session.module("F", [](const Matrix& x) {
+    return Matrix::scalar(std::exp(x(0, 0)) + x(0, 0) * x(0, 1) * x(0, 1));
+  });
+  session.module("G", [](const Matrix& x) {
+    return Matrix::row({std::exp(x(0, 0)) + x(0, 1) * x(0, 1), 2 * x(0, 0) * x(0, 1)});
+  });
+  session.module("R", [](const Matrix& x) {
+    return Matrix::col({x(0, 0) * x(0, 1), std::sin(x(0, 0)), 3 * x(0, 1)});
+  });
+  session.module("POINT", [](const Matrix& x) {  // can be evaluated at one point alone
+    return Matrix::scalar(x(0, 0) == 1 ? 5.0 : missing);
+  });
+}
+
+void expect_matrix(const Matrix& matrix, long rows, std::vector<double> values, double error) {
+  ASSERT_EQ(matrix.rows(), rows);
+  ASSERT_EQ(matrix.rows() * matrix.cols(), static_cast<long>(values.size()));
+  for (std::size_t k = 0; k < values.size(); ++k) EXPECT_NEAR(matrix.data()[k], values[k], error);
+}
+
+TEST(Nlpfdd, OneFunction) {
+  Session session;
+  define(session);
+  const double x = 0.5, y = -1.5;
+  const double f = std::exp(x) + x * y * y;
+  struct Case {
+    double code;  // element 2 of par
+    Matrix gradient_module;
+    double gradient_error, hessian_error;
+  };
+  for (const Case& c :
+       {Case{0, NONE, 1e-7, 1e-3}, Case{1, NONE, 1e-9, 1e-4}, Case{0, "G", 1e-15, 1e-6},
+        Case{1, "G", 1e-15, 1e-8}, Case{10, NONE, 1e-6, 1e-2}, Case{11, NONE, 1e-6, 1e-2}}) {
+    const auto results = session.call(
+        "NLPFDD", {"F", Matrix::row({x, y}), Matrix::row({1, c.code}), c.gradient_module});
+    ASSERT_EQ(results.size(), 3U);
+    EXPECT_EQ(results[0](0, 0), f);
+    expect_matrix(results[1], 1, {std::exp(x) + y * y, 2 * x * y}, c.gradient_error);
+    expect_matrix(results[2], 2, {std::exp(x), 2 * y, 2 * y, 2 * x}, c.hessian_error);
+    EXPECT_EQ(results[2](0, 1), results[2](1, 0));
+  }
+  // A missing element of x0 counts as 0; few digits make wide, and so less accurate, steps.
+  const auto rough =
+      session.call("NLPFDD", {"F", Matrix::col({missing, 2}), Matrix::row({1, 0, 4})});
+  expect_matrix(rough[1], 1, {5, 0}, 0.02);
+  EXPECT_GT(std::fabs(rough[1](0, 0) - 5), 1e-3);
+}
+
+TEST(Nlpfdd, SeveralFunctionsGiveJacobianAndCrossproduct) {
+  Session session;
+  define(session);
+  const double x = 0.5, y = -1.5, c = std::cos(x);
+  for (const double code : {0.0, 1.0, 10.0}) {
+    // The gradient module is ignored: only function values are asked for.
+    const auto results =
+        session.call("NLPFDD", {"R", Matrix::row({x, y}), Matrix::row({3, code}), "G"});
+    expect_matrix(results[0], 3, {x * y, std::sin(x), 3 * y}, 0);
+    const double error = code == 1 ? 1e-9 : 1e-6;
+    expect_matrix(results[1], 3, {y, x, c, 0, 0, 3}, error);
+    expect_matrix(results[2], 2, {y * y + c * c, x * y, x * y, x * x + 9}, 10 * error);
+  }
+}
+
+// Refused without results: a point that cannot be evaluated, or its neighbourhood.
+TEST(Nlpfdd, FailedEvaluation) {
+  for (const double at : {1.0, 2.0}) {
+    for (const double code : {0.0, 1.0, 10.0}) {
+      Session session;
+      define(session);
+      const Answer answer =
+          enter(session, tqxfdd, {"POINT", Matrix::scalar(at), Matrix::row({1, code})});
+      EXPECT_EQ(answer.code, 6);
+      EXPECT_TRUE(answer.results.empty());
+      EXPECT_EQ(answer.messages, std::vector<int>{193});
+      EXPECT_EQ(answer.blocks_left, 0);
+    }
+  }
+}
+
+// Refusals of memory and of files, one after the other: 1, xexit, or all results; nothing stays.
+TEST(Nlpfdd, EveryRefusal) {
+  for (const embed::Fault kind : {embed::Fault::allocation, embed::Fault::file_operation}) {
+    for (const char* module : {"F", "R"}) {
+      long k = 0;
+      bool done = false;
+      for (; !done && k < 500; ++k) {
+        Session session;
+        define(session);
+        embed::plan_fault(session.task(), kind, k);
+        const Matrix par = Matrix::row({module[0] == 'R' ? 3.0 : 1.0, 10});
+        const Answer answer = enter(session, tqxfdd, {module, Matrix::row({1, 2}), par});
+        done = embed::fault_pending(session.task(), kind);
+        if (answer.code != -1) {  // what xexit leaves behind is the host's to free
+          EXPECT_EQ(answer.blocks_left, 0) << k;
+          EXPECT_EQ(answer.files_left, 0) << k;
+        }
+        // "_ITER_" and the close of a file may be lost without harm to the results.
+        const bool complete = answer.code == 0 && answer.results.size() == 3;
+        EXPECT_TRUE(complete || answer.code == 1 || answer.code == -1) << k;
+        if (done) {
+          EXPECT_EQ(answer.code, 0);
+        }
+      }
+      EXPECT_TRUE(done);
+    }
+  }
+}
+
+// Estimated intervals in a run, with their table.
+TEST(Differences, IntervalsInARun) {
+  Session session;
+  session.module("Q", [](const Matrix& x) {
+    return Matrix::scalar(std::cosh(x(0, 0) - 1) + x(0, 1) * x(0, 1));
+  });
+  const Matrix opt = Matrix::row({0, 3, missing, missing, missing, missing, missing, 11});
+  const auto results = session.call("NLPNRR", {"Q", Matrix::row({3, 2}), opt});
+  EXPECT_GT(results[0](0, 0), 0);
+  EXPECT_NEAR(results[1](0, 0), 1, 1e-5);
+  EXPECT_NEAR(results[1](0, 1), 0, 1e-5);
+  long tables = 0;
+  for (const Table& table : session.tables()) tables += table.name == "FiniteDiff" ? 1 : 0;
+  EXPECT_GE(tables, 1);
+}
+
+}  // namespace
+}  // namespace tqnlp::test
