@@ -126,7 +126,7 @@ static int central_pass(MINSTR* str, Stencil& stencil) {
 
 // Repeats the whole matrix with half the common interval until every point can be evaluated. Where
 // per-parameter intervals hold, the halved number serves no step: the same points are repeated
-// until it reaches the floor, some fifty times, and the routine fails (required).
+// until it reaches the floor, some fifty times, and the routine fails (deliberate).
 static int hessian_passes(MINSTR* str, Stencil& stencil, int (*pass)(MINSTR*, Stencil&)) {
   for (;;) {
     vzfdl(0.0, str->grad, str->nvar);
@@ -250,7 +250,7 @@ static int hessian_from_gradients(MINSTR* str, Side forc) {
     code = gradient_column(str, j, forc, own ? intervals[j] : eps, saved);
   }
   if (moved || central) {
-    // A retreat that ran out is not reported here (required); what counts is the state at x.
+    // A retreat that ran out is not reported here (deliberate); what counts is the state at x.
     if (code != -1) code = 0;
     std::copy_n(str->work, str->nvar, str->x);
     const int back = call_pair(str);

@@ -21,7 +21,7 @@ namespace {
 struct JacobianKind {
   Side side;
   bool crossproduct;
-  bool scaled_interval;  // false: the interval lacks the factor |xj| + 1 (znlpfj2, required)
+  bool scaled_interval;  // false: the interval lacks the factor |xj| + 1 (znlpfj2, on purpose)
   int plus_failed;       // code when the retreat ran out at the plus side
 };
 
@@ -183,7 +183,7 @@ static int constraint_jacobian(MINSTR* str, Side forc) {
   for (long j = 0; good && j < str->nvar; ++j) {
     good = constraint_column(str, j, forc, own ? intervals[j] : eps);
   }
-  // A retreat that ran out ends the columns and is not reported (required).
+  // A retreat that ran out ends the columns and is not reported (deliberate).
   std::copy_n(str->work, str->nvar, str->x);
   const bool restored = call_constraints(str);
   str->crit = crit;

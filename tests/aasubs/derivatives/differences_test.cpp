@@ -260,6 +260,9 @@ TEST(Gradient, HugeAndTinyParameters) {
       EXPECT_EQ(r.x[0], x);
     }
   }
+  DifferenceRecord none(0, 1);
+  EXPECT_EQ(znlpfig(&none), 0);
+  EXPECT_EQ(none.ngrd, 0);
   // Without digits: the root of 2^-51, and the step from zero is the interval itself.
   DifferenceRecord r(1, 1);
   r.functions = [](const double* at, double* f) { f[0] = at[0]; };
