@@ -11,4 +11,14 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   return result.value();
 }
 
+void install(TestRecord& record, const Problem& problem) {
+  record.f = [&](const double* x) { return problem.value(x); };
+  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
+  record.h = [&](const double* x, double* h) {
+    std::vector<double> g(static_cast<std::size_t>(problem.n));
+    problem.evaluate(x, g.data(), h);
+  };
+  record.with_callbacks().at(problem.start);
+}
+
 }  // namespace tqnlp::test

@@ -39,6 +39,10 @@ struct Problem {
   }
 };
 
+// Gives a record the objective, gradient and Hessian of a problem, which must outlive it, and its
+// standard start.
+void install(TestRecord& record, const Problem& problem);
+
 // A problem whose objective is a generic callable f(x), x an array of numbers or jets.
 template <typename F>
 Problem scalar_problem(std::string name, std::vector<double> start, std::vector<double> minima,

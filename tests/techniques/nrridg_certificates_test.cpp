@@ -12,15 +12,9 @@
 namespace tqnlp::test {
 namespace {
 
-// The problem in a record, rows in the order and form that the record asks for.
-void install(TestRecord& record, const Problem& p) {
-  record.f = [&](const double* x) { return p.value(x); };
-  record.g = [&](const double* x, double* g) { p.evaluate(x, g); };
-  record.h = [&](const double* x, double* h) {
-    std::vector<double> g(static_cast<std::size_t>(p.n));
-    p.evaluate(x, g.data(), h);
-  };
-  record.with_callbacks().at(p.start);
+// The problem with its constraints, rows in the order and form that the record asks for.
+void install_constrained(TestRecord& record, const Problem& p) {
+  install(record, p);
   const auto stored = [](double bound) {
     return std::isinf(bound) ? std::copysign(HUGE_VALUE, bound) : bound;
   };
@@ -48,7 +42,7 @@ class Certificates : public testing::TestWithParam<int> {};
 TEST_P(Certificates, MultipliersExplainTheGradient) {
   for (const Problem& p : hock_schittkowski_linear()) {
     TestRecord r(p.n);
-    install(r, p);
+    install_constrained(r, p);
     r.hesc = GetParam();
     ASSERT_GE(znlpdrv(&r, 1, 0, 0, 0), 0) << p.name;
     ASSERT_GT(znlpdrv(&r, 2, 0, 0, 0), 0) << p.name;

@@ -10,17 +10,6 @@
 namespace tqnlp::test {
 namespace {
 
-// Installs a problem of the library in a record, at its standard start.
-void install(TestRecord& record, const Problem& problem) {
-  record.f = [&](const double* x) { return problem.value(x); };
-  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
-  record.h = [&](const double* x, double* h) {
-    std::vector<double> g(static_cast<std::size_t>(problem.n));
-    problem.evaluate(x, g.data(), h);
-  };
-  record.with_callbacks().at(problem.start);
-}
-
 Problem rosenbrock() {
   return scalar_problem("Rosenbrock", {-1.2, 1}, {0}, [](auto x) {
     return 100.0 * (x[1] - x[0] * x[0]) * (x[1] - x[0] * x[0]) + (1.0 - x[0]) * (1.0 - x[0]);

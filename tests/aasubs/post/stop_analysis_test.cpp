@@ -23,16 +23,6 @@
 namespace tqnlp::test {
 namespace {
 
-void install(TestRecord& record, const Problem& problem) {
-  record.f = [&](const double* x) { return problem.value(x); };
-  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
-  record.h = [&](const double* x, double* h) {
-    std::vector<double> g(static_cast<std::size_t>(problem.n));
-    problem.evaluate(x, g.data(), h);
-  };
-  record.with_callbacks().at(problem.start);
-}
-
 // Evaluates everything at x, as a technique has done when it stops.
 void arrive(TestRecord& r) {
   r.usfct(&r);

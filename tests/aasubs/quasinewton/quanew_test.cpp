@@ -15,15 +15,9 @@ namespace {
 
 constexpr int INVERSE = 10, FACTOR = 11;
 
-// Installs a problem of the library in a record, at its standard start.
-void install(TestRecord& record, const Problem& problem, int tupd = 1) {
-  record.f = [&](const double* x) { return problem.value(x); };
-  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
-  record.h = [&](const double* x, double* h) {
-    std::vector<double> g(static_cast<std::size_t>(problem.n));
-    problem.evaluate(x, g.data(), h);
-  };
-  record.with_callbacks().at(problem.start);
+// Installs a problem with the settings that an entry gives a quasi-Newton run.
+void install_quasi_newton(TestRecord& record, const Problem& problem, int tupd = 1) {
+  install(record, problem);
   record.tupd = tupd;
   record.updat = tupd == 2 ? znlpdfp : znlpbfg;
   record.linse = znlpls2;
@@ -65,7 +59,7 @@ TEST_P(Quanew, ConvergesSuperlinearly) {
   for (int tupd : {1, 2}) {
     const Problem problem = rosenbrock();
     TestRecord record(2, GetParam());
-    install(record, problem, tupd);
+    install_quasi_newton(record, problem, tupd);
     std::vector<double> gradients;
     history = &gradients;
     record.uster = [](MINSTR* str, int job) {
@@ -93,7 +87,7 @@ TEST_P(Quanew, SolvesInEveryFrame) {
       for (int frame = 0; frame < 4; ++frame) {
         SCOPED_TRACE(testing::Message() << "n " << n << " tupd " << tupd << " frame " << frame);
         TestRecord record(n, GetParam());
-        install(record, problem, tupd);
+        install_quasi_newton(record, problem, tupd);
         record.agtl = 1e-5;
         record.gtol = record.ftol = 0.0;
         if (frame % 2 == 1) {
@@ -133,7 +127,7 @@ TEST_P(Quanew, SolvesInEveryFrame) {
 TEST_P(Quanew, EndsWhereNothingIsFree) {
   const Problem problem = convex(3);
   TestRecord fixed(3, GetParam());
-  install(fixed, problem);
+  install_quasi_newton(fixed, problem);
   fixed.with_bounds({1, 2, 3}, {1, 2, 3});
   EXPECT_GT(run(fixed), 0);
   EXPECT_EQ(fixed.nitr, 0.0);
@@ -142,7 +136,7 @@ TEST_P(Quanew, EndsWhereNothingIsFree) {
   // A vertex of general constraints, which is also reached without a criterion that could be met.
   for (bool criteria : {true, false}) {
     TestRecord vertex(3, GetParam());
-    install(vertex, problem);
+    install_quasi_newton(vertex, problem);
     vertex.with_rows({{{1, 0, 0}, 0, 1}, {{1, 1, 0}, 0, 2}, {{1, 1, 1}, 0, 3}});
     if (!criteria) vertex.mini = 5;
     EXPECT_GT(run(vertex), 0);
@@ -155,7 +149,7 @@ TEST_P(Quanew, AGivenHessianStartsTheMatrix) {
   const Problem problem = convex(14, 1e-4);
   for (int load : {0, 1}) {
     TestRecord record(14, GetParam());
-    install(record, problem);
+    install_quasi_newton(record, problem);
     record.load = load;
     record.dhes = 1.0;
     EXPECT_GT(run(record), 0);
@@ -169,7 +163,7 @@ TEST_P(Quanew, AGivenHessianStartsTheMatrix) {
   // Given as a diagonal; one that is not positive definite is given up.
   for (double sign : {1.0, -1.0}) {
     TestRecord record(14, GetParam());
-    install(record, problem);
+    install_quasi_newton(record, problem);
     record.load = 1;
     record.hfrm = 2;
     record.h = [&](const double*, double* h) {
@@ -183,7 +177,7 @@ TEST_P(Quanew, AGivenHessianStartsTheMatrix) {
 TEST_P(Quanew, RestartsWhenItsPeriodIsOver) {
   const Problem problem = convex(6);
   TestRecord record(6, GetParam());
-  install(record, problem);
+  install_quasi_newton(record, problem);
   record.nres = 1;
   record.salf = 0.5;
   EXPECT_GT(run(record), 0);
@@ -201,7 +195,7 @@ TEST_P(Quanew, SurvivesFailedEvaluations) {
       for (int many : {1, 4, 1000000}) {
         SCOPED_TRACE(testing::Message() << k << " " << many << " " << bounded);
         TestRecord record(2, GetParam());
-        install(record, problem);
+        install_quasi_newton(record, problem);
         if (bounded) record.with_bounds({-3, -3}, {0.8, 3});
         int calls = 0;
         const auto fails = [&] { return ++calls >= k && calls < k + many; };
@@ -228,12 +222,12 @@ TEST_P(Quanew, SurvivesFailedEvaluations) {
 TEST_P(Quanew, EndsWhenNothingMoves) {
   const Problem problem = rosenbrock();
   TestRecord stubborn(2, GetParam());
-  install(stubborn, problem);
+  install_quasi_newton(stubborn, problem);
   stubborn.uster = [](MINSTR*, int) { return 100; };
   EXPECT_EQ(run(stubborn), -5);
 
   TestRecord stuck(2, GetParam());
-  install(stuck, problem);
+  install_quasi_newton(stuck, problem);
   stuck.linse = [](MINSTR* str) {
     str->alfa = 0.0;
     return 1;
@@ -242,7 +236,7 @@ TEST_P(Quanew, EndsWhenNothingMoves) {
   EXPECT_EQ(stuck.point(), problem.start);
 
   TestRecord broken(2, GetParam());
-  install(broken, problem);
+  install_quasi_newton(broken, problem);
   broken.usgrd = [](MINSTR* str) {
     str->grad[0] = NAN;
     return 0;
