@@ -1,7 +1,8 @@
 // Problems of Hock and Schittkowski (Test Examples for Nonlinear Programming Codes, Lecture Notes
 // in Economics and Mathematical Systems 187, 1981) with bounds and linear constraints only, with
 // the starts and minima given there. Number 112 has the minimum that later authors
-// confirmed; number 105 is left out, since its table of 235 data could not be confirmed.
+// confirmed; number 105, the one that is missing, is left out, since its table of 235 data could
+// not be confirmed.
 #include <array>
 #include <numbers>
 
@@ -15,26 +16,6 @@ using std::log;
 using std::pow;
 using std::sin;
 using std::sqrt;
-
-template <typename T>
-using Number = std::remove_cvref_t<decltype(*std::declval<T>())>;
-
-template <typename T>
-static T square(const T& value) {
-  return value * value;
-}
-
-static std::vector<double> repeat(double value, int count) {
-  return std::vector<double>(static_cast<std::size_t>(count), value);
-}
-
-static Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,
-                    std::vector<LinearRow> rows = {}) {
-  p.lower = std::move(lower);
-  p.upper = std::move(upper);
-  p.rows = std::move(rows);
-  return p;
-}
 
 static void bounded_problems(std::vector<Problem>& all) {
   const auto rosenbrock = [](auto x) {

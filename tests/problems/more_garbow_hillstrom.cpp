@@ -14,9 +14,6 @@ using std::pow;
 using std::sin;
 using std::sqrt;
 
-template <typename T>
-using Number = std::remove_cvref_t<decltype(*std::declval<T>())>;
-
 static void small_problems(std::vector<Problem>& all) {
   all.push_back(residual_problem("Rosenbrock", 2, {-1.2, 1}, {0}, [](auto x, auto r) {
     r[0] = 10.0 * (x[1] - x[0] * x[0]);

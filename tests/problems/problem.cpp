@@ -3,12 +3,28 @@
 namespace tqnlp::test {
 
 double Problem::evaluate(const double* x, double* gradient, double* hessian) const {
+  if (by_hand && hessian == nullptr) return by_hand(x, gradient);
   std::vector<Jet> point;
   for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
   const Jet result = jet(point.data());
   for (long i = 0; gradient != nullptr && i < n; ++i) gradient[i] = result.gradient(i);
   for (long k = 0; hessian != nullptr && k < packed_size(n); ++k) hessian[k] = result.hessian(k);
   return result.value();
+}
+
+Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,
+             std::vector<LinearRow> rows) {
+  p.lower = std::move(lower);
+  p.upper = std::move(upper);
+  p.rows = std::move(rows);
+  return p;
+}
+
+std::vector<Problem> problem_library() {
+  std::vector<Problem> all = more_garbow_hillstrom();
+  for (Problem& p : hock_schittkowski_linear()) all.push_back(std::move(p));
+  for (Problem& p : schittkowski_linear()) all.push_back(std::move(p));
+  return all;
 }
 
 void install(TestRecord& record, const Problem& problem) {

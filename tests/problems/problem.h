@@ -21,6 +21,8 @@ struct Problem {
   std::vector<double> minima;
   std::function<double(const double* x)> value;
   std::function<Jet(const Jet* x)> jet;
+  // Value and gradient by hand; stands in for jet, except for Hessians, when it is not empty.
+  std::function<double(const double* x, double* g)> by_hand;
   // Sums of squares: m residuals, f = sum of r_i^2. Empty for other objectives.
   long m = 0;
   std::function<void(const double* x, double* r)> residuals;
@@ -76,12 +78,40 @@ Problem residual_problem(std::string name, long m, std::vector<double> start,
   return p;
 }
 
+// The type of the elements of a generic callable's argument: number or jet.
+template <typename T>
+using Number = std::remove_cvref_t<decltype(*std::declval<T>())>;
+
+template <typename T>
+T square(const T& value) {
+  return value * value;
+}
+
+inline std::vector<double> repeat(double value, int count) {
+  return std::vector<double>(static_cast<std::size_t>(count), value);
+}
+
+// The problem with bounds and linear constraints.
+Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,
+             std::vector<LinearRow> rows = {});
+
 // More, Garbow and Hillstrom, Testing Unconstrained Optimization Software, ACM TOMS 7 (1981):
 // all 35.
 std::vector<Problem> more_garbow_hillstrom();
 
 // Hock and Schittkowski, Test Examples for Nonlinear Programming Codes (1981): those that have only
-// bounds and linear constraints.
+// bounds and linear constraints, all but number 105.
 std::vector<Problem> hock_schittkowski_linear();
+
+// Schittkowski, More Test Examples for Nonlinear Programming Codes (1987): kinds that the two
+// collections above lack.
+std::vector<Problem> schittkowski_linear();
+
+// The three collections above, one after the other.
+std::vector<Problem> problem_library();
+
+// Seven unconstrained problems of any size n >= 4, in O(n), without jets (no Hessians). n is
+// rounded down to a multiple of 2, 3 or 4 where a problem asks for that.
+std::vector<Problem> scalable_problems(long n);
 
 }  // namespace tqnlp::test

@@ -1,98 +1,239 @@
-// NLPQN over the whole problem library from the standard starts, with a gradient module and the
-// defaults of the call: every update with the default line search, every line search with the
-// default update.
+// NLPQN over the whole problem library from the standard starts, with the defaults of the call:
+// every update with every line search and a gradient module, and differences in the place of the
+// module.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "techniques/outcome.h"
 
 namespace tqnlp::test {
 namespace {
 
-struct Variant {
-  int tupd, tlin;
-  long most_calls;  // of objective and gradient over all problems; a tenth above what it takes
-};
+// ---- What does not end at a minimum to 1e-6 with a code of convergence --------------------------
 
-constexpr Variant VARIANTS[] = {
-    {1, 2, 6100}, {2, 2, 8900}, {3, 2, 5900},  {4, 2, 8500}, {1, 1, 6100},  {1, 3, 6100},
-    {1, 4, 8400}, {1, 5, 7700}, {1, 6, 15500}, {1, 7, 7800}, {1, 8, 15500},
-};
+// How a run ends where no single code is sure.
+constexpr int SOME_CODE = 200;   // not solved
+constexpr int CLOSE_CALL = 201;  // rounding decides: solved, or not within the limits or by GCONV
+constexpr int NEAR = 202;        // near the minimum; a code of convergence, -5 or -8
 
-constexpr int ALL = 0;
+constexpr int ANY = 0;  // digit of a variant: every update, every line search
 
-const std::string CALLS = "a dozen calls an iteration: the limit of 500 is met on the way";
-
-// Problems that do not end at a minimum to 1e-6 with a code of convergence, with the reason found
-// in the iteration history. Variants are tupd * 10 + tlin.
-struct NotSolved {
-  const char* problem;
+// Variants are tupd * 10 + tlin. The reasons were found in iteration histories and by runs with
+// other limits and tolerances; the first row that fits a run counts.
+struct Exception {
+  std::vector<const char*> problems;
   std::vector<int> variants;
+  int code;
   std::string reason;
+  double within = 0.0;  // NEAR: of the minimum
 };
 
-const NotSolved NOT_SOLVED[] = {
-    {"Meyer",
-     {ALL},
-     "a long curved valley: 300 iterations and 700 calls are needed, the limits are 200 and 500"},
-    {"Watson 9", {ALL}, "a flat valley: ABSGCONV is met with f 5e-6 above; 1e-9 solves it"},
-    {"HS25", {ALL}, "the start is flat: its gradient already meets ABSGCONV"},
-    {"HS54",
-     {ALL},
+using Exceptions = std::vector<Exception>;
+
+const std::string DIGITS =
+    "the terms of f are of size 1e4 and cancel: near the minimum no decrease can be seen while the "
+    "gradient is still above ABSGCONV";
+const Exceptions WITH_GRADIENT = {
+    {{"Meyer"},
+     {ANY},
+     -8,
+     "a long curved valley: 240 to 10000 iterations are needed, the limit is 200"},
+    {{"HS25"}, {ANY}, 3, "the start is flat: its gradient already meets ABSGCONV"},
+    {{"HS54"},
+     {ANY},
+     SOME_CODE,
      "parameters of size 1e7 make small gradients far from the minimum: ABSGCONV or GCONV is met"},
-    {"Penalty II 10", {22, 42}, "ABSGCONV is met with f 1.0e-6 above; 1e-9 solves it"},
-    {"Penalty II 10", {14}, "a narrow valley, which long extrapolated steps cross and cross again"},
-    {"Jennrich and Sampson",
-     {14, 15},
+    {{"S265"},
+     {ANY},
+     3,
+     "the feasible point next to the start is a saddle: its projected gradient is 0"},
+    {{"Watson 9", "Watson 12", "Gulf research"},
+     {26, 28, 46, 48},
+     -8,
+     "a dozen calls an iteration, and 40 iterations of DFP: the limit of 500 is met on the way"},
+    {{"Osborne 1", "Osborne 2", "Penalty I 4", "Penalty I 10", "Powell badly scaled", "Wood",
+      "HS38", "S209", "S282", "S283", "S291", "S295"},
+     {6, 8},
+     -8,
+     "a dozen calls an iteration: the limit of 500 is met on the way"},
+    {{"Biggs EXP6", "Box three-dimensional", "Extended Rosenbrock 10", "Gulf research", "Osborne 1",
+      "Osborne 2", "Penalty I 4", "Powell badly scaled", "S209", "S213", "S282", "S283", "S291",
+      "S303", "Watson 6", "Watson 9", "Watson 12"},
+     {27, 47},
+     CLOSE_CALL,
+     "Goldstein's test asks nothing of the slope, and DFP does not mend a matrix that such steps "
+     "spoil: 150 to 10000 iterations are needed"},
+    {{"Watson 9"}, {ANY}, 3, "a flat valley: ABSGCONV is met with f 5e-6 above; 1e-9 solves it"},
+    {{"S209"},
+     {24, 44},
+     6,
+     "DFP holds a direction across the valley: its slope meets GCONV; 0 solves it"},
+    {{"Penalty I 4", "Penalty I 10", "Powell badly scaled", "S209", "S282"},
+     {21, 24, 25, 41, 44, 45},
+     CLOSE_CALL,
+     "DFP follows a curved valley slowly: 150 to 300 iterations, 400 to 600 calls"},
+    {{"Jennrich and Sampson"},
+     {4, 5},
+     6,
      "the first extrapolation ends where both exponentials vanish: a plain at f = 2020"},
-    {"Osborne 2", {16, 18}, CALLS},
-    {"Penalty I 4", {16, 18}, CALLS},
-    {"Penalty I 10", {16, 18}, CALLS},
-    {"Powell badly scaled", {16, 18}, CALLS},
-    {"Osborne 1", {16, 18}, CALLS},
-    {"Wood", {16, 18}, CALLS},
-    {"HS38", {16, 18}, CALLS},
+    {{"Penalty II 10"},
+     {14, 21, 22, 23, 24, 27, 34, 41, 42, 43, 44, 47},
+     NEAR,
+     "a flat valley: ABSGCONV is met with f 1e-6 above; long extrapolated steps cross it again and "
+     "again",
+     1e-5},
+    {{"S268"},
+     {37, 47},
+     -8,
+     "a constraint with multiplier 0 comes and goes, and each change rebuilds the inverse"},
+    {{"S268"}, {ANY}, NEAR, DIGITS, 1e-8},
 };
 
-bool expected_to_solve(const std::string& problem, const Variant& v) {
-  return std::none_of(std::begin(NOT_SOLVED), std::end(NOT_SOLVED), [&](const NotSolved& row) {
-    return row.problem == problem &&
-           std::any_of(row.variants.begin(), row.variants.end(),
-                       [&](int code) { return code == ALL || code == v.tupd * 10 + v.tlin; });
-  });
+const std::string INEXACT =
+    "the error of the differences is above ABSGCONV at the minimum, where no descent is left";
+const Exceptions ALWAYS = {WITH_GRADIENT[0],
+                           WITH_GRADIENT[1],
+                           WITH_GRADIENT[2],
+                           WITH_GRADIENT[3],
+                           {{"Watson 9"}, {ANY}, 3, "as with gradients"}};
+const Exceptions FORWARD = {
+    {{"Powell badly scaled", "Brown badly scaled", "Osborne 1", "Linear rank 1", "S209", "S211",
+      "S241", "S295", "S268"},
+     {ANY},
+     NEAR,
+     INEXACT,
+     1e-4},
+};
+const Exceptions CENTRAL = {{{"Osborne 1"}, {ANY}, NEAR, INEXACT, 1e-8},
+                            {{"S268"}, {ANY}, NEAR, DIGITS, 1e-8}};
+
+const Exception* find(const Exceptions& rows, const std::string& problem, int variant) {
+  const auto fits = [&](int v) {
+    return (v / 10 == ANY || v / 10 == variant / 10) && (v % 10 == ANY || v % 10 == variant % 10);
+  };
+  for (const Exception& row : rows) {
+    const bool named = std::count(row.problems.begin(), row.problems.end(), problem) > 0;
+    if (named && std::any_of(row.variants.begin(), row.variants.end(), fits)) return &row;
+  }
+  return nullptr;
 }
 
-class QuanewLibrary : public testing::TestWithParam<Variant> {};
+// ---- What every run must keep -------------------------------------------------------------------
+
+void judge(const Problem& p, const Outcome& run, const Exception* exception) {
+  SCOPED_TRACE(p.name + ": code " + std::to_string(run.code) + ", f " + std::to_string(run.f) +
+               ", iterations " + std::to_string(run.iterations));
+  EXPECT_LE(run.infeasible, 1e-7);
+  EXPECT_EQ(run.reported.at("Objective"), run.f);
+  EXPECT_EQ(run.reported.at("Iterations"), run.iterations);
+  const bool solved = run.solved && run.code > 0;
+  if (exception == nullptr) {
+    EXPECT_TRUE(solved);
+  } else if (exception->code == NEAR) {
+    EXPECT_TRUE(run.code > 0 || run.code == -5 || run.code == -8);
+    EXPECT_NEAR(run.f, p.minima[0], exception->within);
+  } else if (exception->code == CLOSE_CALL) {
+    EXPECT_TRUE(solved || run.code == -8 || run.code == 6);
+  } else {
+    EXPECT_FALSE(solved);
+    EXPECT_TRUE(run.code == exception->code || exception->code == SOME_CODE);
+  }
+}
+
+// First-order optimality, with multipliers of the right signs. ABSGCONV bounds the elements of a
+// reduced gradient by 1e-5; what GCONV bounds is relative.
+void expect_optimal(const Problem& p, const Outcome& run) {
+  // The rows are so nearly dependent that multipliers are not found to more digits.
+  const bool dependent = p.name == "S277" || p.name == "S278";
+  if (run.code == 3 && !dependent) {
+    EXPECT_LE(run.unexplained, 1e-5 * std::sqrt(double(p.n))) << p.name;
+  } else {
+    EXPECT_LE(run.unexplained_relative, 1e-3) << p.name << " code " << run.code;
+  }
+}
+
+// ---- With a gradient module ---------------------------------------------------------------------
+
+// Calls of objective and gradient over all problems, a tenth above what it takes: by line search
+// for BFGS, and for DFP.
+constexpr long MOST_CALLS[2][8] = {
+    {9200, 8600, 9200, 12200, 12100, 22900, 11200, 22900},
+    {16300, 12800, 13700, 15400, 14800, 23900, 19400, 23900},
+};
+
+class QuanewLibrary : public testing::TestWithParam<int> {};
 
 TEST_P(QuanewLibrary, EndsAsExpected) {
-  const Variant v = GetParam();
+  const int update = GetParam() / 10, search = GetParam() % 10;
   Matrix opt(1, 5, std::vector<double>(5, missing));
-  opt(0, 3) = v.tupd;
-  opt(0, 4) = v.tlin;
-  std::vector<Problem> library = more_garbow_hillstrom();
-  for (Problem& p : hock_schittkowski_linear()) library.push_back(std::move(p));
-  long functions = 0, gradients = 0;
-  for (const Problem& p : library) {
-    const Outcome outcome = solve(p, "NLPQN", 1e-6, opt);
-    EXPECT_EQ(outcome.solved && outcome.code > 0, expected_to_solve(p.name, v))
-        << p.name << " code " << outcome.code << " f " << outcome.f << " after "
-        << outcome.iterations;
-    EXPECT_LE(outcome.infeasible, 1e-7) << p.name;
-    functions += outcome.functions;
-    gradients += outcome.gradients;
+  opt(0, 3) = update;
+  opt(0, 4) = search;
+  Matrix with_report = opt;
+  with_report(0, 1) = 1;
+  long calls = 0;
+  for (const Problem& p : problem_library()) {
+    const Outcome run = solve(p, "NLPQN", 1e-6, with_report);
+    judge(p, run, find(WITH_GRADIENT, p.name, GetParam()));
+    if (run.solved && run.code > 0) expect_optimal(p, run);
+    // The evaluation that the driver makes before the technique starts is not counted.
+    EXPECT_EQ(run.reported.at("Function calls") + 1, double(run.functions)) << p.name;
+    EXPECT_EQ(run.reported.at("Gradient calls") + 1, double(run.gradients)) << p.name;
+    calls += run.functions + run.gradients;
+    if (search != 2) continue;
+    const Outcome again = solve(p, "NLPQN", 1e-6, opt);  // the report must not change the run
+    EXPECT_EQ(again.x, run.x) << p.name;
+    EXPECT_EQ(again.functions, run.functions) << p.name;
   }
-  RecordProperty("functions", static_cast<int>(functions));
-  RecordProperty("gradients", static_cast<int>(gradients));
-  EXPECT_LE(functions + gradients, v.most_calls) << functions << " and " << gradients;
+  EXPECT_LE(calls, MOST_CALLS[update % 2 == 0][search - 1]);
 }
 
-std::string name_of(const testing::TestParamInfo<Variant>& variant) {
-  return "Update" + std::to_string(variant.param.tupd) + "Search" +
-         std::to_string(variant.param.tlin);
+INSTANTIATE_TEST_SUITE_P(TupdTlin, QuanewLibrary,
+                         testing::Values(11, 12, 13, 14, 15, 16, 17, 18, 21, 22, 23, 24, 25, 26, 27,
+                                         28, 31, 32, 33, 34, 35, 36, 37, 38, 41, 42, 43, 44, 45, 46,
+                                         47, 48),
+                         testing::PrintToStringParamName());
+
+// ---- With differences ---------------------------------------------------------------------------
+
+// The runs are those with a gradient module, up to the error of the differences: the same solutions
+// and about as many iterations.
+TEST(QuanewDifferences, EndAsWithGradients) {
+  for (const int points : {1, 2}) {
+    Exceptions rows = points == 1 ? FORWARD : CENTRAL;
+    rows.insert(rows.end(), ALWAYS.begin(), ALWAYS.end());
+    Matrix opt(1, 8, std::vector<double>(8, missing));
+    opt(0, 1) = 1;
+    if (points == 2) opt(0, 7) = 2;
+    long calls = 0;
+    for (const Problem& p : problem_library()) {
+      const Outcome exact = solve(p, "NLPQN", 1e-6);
+      const Outcome run = solve(p, "NLPQN", 1e-6, opt, Matrix(), Modules::none);
+      const Exception* exception = find(rows, p.name, 12);
+      judge(p, run, exception);
+      EXPECT_EQ(run.gradients, 0) << p.name;
+      if (exception == nullptr) {
+        EXPECT_LE(run.iterations, 5 + 1.5 * exact.iterations) << p.name;
+      }
+      calls += run.functions;
+    }
+    EXPECT_LE(calls, points == 1 ? 28500 : 48700);  // a tenth above what it takes
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, QuanewLibrary, testing::ValuesIn(VARIANTS), name_of);
+// ---- Of any size --------------------------------------------------------------------------------
+
+TEST(QuanewScalable, SolvesSmallAndLarge) {
+  for (const long n : {12L, 600L}) {
+    for (const Problem& p : scalable_problems(n)) {
+      const Outcome run = solve(p, "NLPQN", 1e-5, Matrix(), Matrix::row({500, 1000}));
+      EXPECT_TRUE(run.solved && run.code > 0) << p.name << " " << n << " f " << run.f;
+      expect_optimal(p, run);
+    }
+  }
+  EXPECT_NEAR(scalable_problems(10).back().minima[0], 7.08765e-5, 5e-11);  // as published
+}
 
 }  // namespace
 }  // namespace tqnlp::test

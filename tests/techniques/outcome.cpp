@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace tqnlp::test {
 
@@ -47,6 +48,77 @@ static double worst_violation(const Problem& p, const std::vector<double>& x) {
   return worst;
 }
 
+// The constraints that hold with equality at x, each as its normal into the feasible side.
+static std::vector<LinearRow> active_constraints(const Problem& p, const std::vector<double>& x) {
+  std::vector<LinearRow> all = p.rows, active;
+  for (std::size_t j = 0; j < p.lower.size(); ++j) {
+    LinearRow bound{std::vector<double>(x.size()), 1, p.lower[j]};
+    bound.a[j] = 1.0;
+    if (std::isfinite(p.lower[j])) all.push_back(bound);
+    bound.op = -1;
+    bound.b = p.upper[j];
+    if (std::isfinite(p.upper[j])) all.push_back(bound);
+  }
+  for (LinearRow& row : all) {
+    const double value = std::inner_product(x.begin(), x.end(), row.a.begin(), 0.0);
+    if (row.op != 0 && std::fabs(value - row.b) > 1e-7 * (1.0 + std::fabs(row.b))) continue;
+    const double size =
+        std::sqrt(std::inner_product(row.a.begin(), row.a.end(), row.a.begin(), 0.0));
+    for (double& a : row.a) a *= (row.op == -1 ? -1.0 : 1.0) / size;
+    active.push_back(row);
+  }
+  return active;
+}
+
+// The part of the gradient that the active constraints leave: nonnegative least squares by cyclic
+// descent, which is slow on nearly dependent normals, but too simple to be wrong.
+static std::vector<double> unexplained_gradient(const Problem& p, const std::vector<double>& x) {
+  std::vector<double> rest(x.size());
+  p.evaluate(x.data(), rest.data());
+  const std::vector<LinearRow> active = active_constraints(p, x);
+  std::vector<double> multiplier(active.size(), 0.0);
+  double first = 0.0, moved = HUGE_VAL;
+  for (int pass = 0; pass < 1000 && moved > 1e-12 * first; ++pass) {
+    moved = 0.0;
+    for (std::size_t i = 0; i < active.size(); ++i) {
+      const std::vector<double>& a = active[i].a;
+      double change = std::inner_product(a.begin(), a.end(), rest.begin(), 0.0);
+      if (active[i].op != 0) change = std::max(change, -multiplier[i]);
+      multiplier[i] += change;
+      moved = std::max(moved, std::fabs(change));
+      for (std::size_t j = 0; j < rest.size(); ++j) rest[j] -= change * a[j];
+    }
+    if (pass == 0) first = moved;
+  }
+  return rest;
+}
+
+static void certify(const Problem& p, Outcome& outcome) {
+  const std::vector<double> rest = unexplained_gradient(p, outcome.x);
+  for (std::size_t j = 0; j < rest.size(); ++j) {
+    const double size =
+        std::max(1.0, std::fabs(outcome.x[j])) / std::max(1.0, std::fabs(outcome.f));
+    outcome.unexplained = std::max(outcome.unexplained, std::fabs(rest[j]));
+    outcome.unexplained_relative =
+        std::max(outcome.unexplained_relative, std::fabs(rest[j]) * size);
+  }
+}
+
+// The numbers among the labels and values of the summary.
+static std::map<std::string, double> summary(const Session& tql) {
+  std::map<std::string, double> numbers;
+  for (const Table& table : tql.tables()) {
+    if (table.name != "IterStop") continue;
+    for (const auto& row : table.rows) {
+      const auto* label = std::get_if<std::string>(&row[0]);
+      if (label == nullptr) continue;
+      if (const auto* value = std::get_if<double>(&row[1])) numbers[*label] = *value;
+      if (const auto* count = std::get_if<long>(&row[1])) numbers[*label] = double(*count);
+    }
+  }
+  return numbers;
+}
+
 Outcome solve(const Problem& p, const std::string& subroutine, double tolerance, const Matrix& opt,
               const Matrix& tc, Modules modules) {
   Outcome outcome;
@@ -83,6 +155,8 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
   outcome.x.assign(results[1].data(), results[1].data() + p.n);
   outcome.f = p.value(outcome.x.data());
   outcome.infeasible = worst_violation(p, outcome.x);
+  certify(p, outcome);
+  outcome.reported = summary(tql);
   outcome.iterations = tql.variable("_ITER_")(0, 0);
   for (double minimum : p.minima) {
     const bool close =

@@ -1,6 +1,7 @@
 // Runs a problem of the library through a subroutine and judges the outcome by certificates.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "problems/problem.h"
@@ -14,8 +15,12 @@ struct Outcome {
   double f = 0;           // objective at x
   double infeasible = 0;  // largest violation, relative to 1 + |bound| or 1 + |b|
   bool solved = false;    // f within tolerance of a known minimum, x feasible
+  // What no multipliers of the right signs, on the constraints that hold with equality at x,
+  // explain of the gradient: its largest element, and the same relative to the sizes of f and x.
+  double unexplained = 0, unexplained_relative = 0;
   double iterations = 0;
   long functions = 0, gradients = 0, hessians = 0;  // calls of the modules
+  std::map<std::string, double> reported;           // numbers of the summary, when opt asks for one
 };
 
 // Derivative modules that a call supplies; differences stand in for the others.

@@ -149,10 +149,9 @@ static int evaluate_constraints(MINSTR* str, int job) {
   return jacobian == nullptr || jacobian(str) != 0 || str->tbig != 0.0 ? -2 : 0;
 }
 
-// A trial asks for values alone; the Jacobian, which may cost n evaluations, is only formed at the
-// points that are taken.
 // F and the largest violation at x; job 1 also g in grad and H in hess. Returns the number of
-// violated constraints, -1 (constraints failed) or -2 (Jacobian failed).
+// violated constraints, -1 (constraints failed) or -2 (Jacobian failed). A trial asks for values
+// alone; the Jacobian, which may cost n evaluations, is only formed at the points that are taken.
 static long funhes(MINSTR* str, int job, long* nfun, double* vmax, double* vvio, double* hess) {
   ++*nfun;
   const int code = evaluate_constraints(str, job);

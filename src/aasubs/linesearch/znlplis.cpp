@@ -7,9 +7,8 @@
 //   znlpls6_goldstein.cpp    method 7: Goldstein test
 //   znlplis_bisect.cpp       the rescue of methods 1 to 5
 //
-// Reference  Fletcher (1987), Practical Methods of Optimization, chapter 2; Davidon (1959),
-// Variable
-//            Metric Method for Minimization, for the cubic through two values and slopes
+// Reference  Fletcher (1987), Practical Methods of Optimization, chapter 2; for the cubic through
+//            two values and slopes Davidon (1959), Variable Metric Method for Minimization
 
 #include "aasubs/linesearch/znlplis.h"
 

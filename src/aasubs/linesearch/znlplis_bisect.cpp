@@ -3,8 +3,9 @@
 // Method     Very short steps until the value falls, then doubling, and one parabola through the
 //            last three points. Where the value stays exactly the same, rounding hides the descent,
 //            and the slope is bisected instead: the point with the smallest gradient is taken.
-// Reference  Dennis and Schnabel (1983), Numerical Methods for Unconstrained Optimization, chapter
-// 6 Work       none: x, grad and gpro hold the trial
+// Reference  Dennis and Schnabel (1983), Numerical Methods for Unconstrained Optimization,
+//            chapter 6
+// Work       none: x, grad and gpro hold the trial
 //
 //   1  shorten until the value falls below c0: by 10, faster after a large rise
 //   2  double while it falls

@@ -9,7 +9,7 @@
 //            Programming 16, for descent along negative curvature; Gill, Murray and Wright (1981),
 //            section 3.2.2 (second-order conditions)
 // Reads      ider, fidi, hfrm, ushes, constraints
-// Writes     x, crit, alfa's trial, cmax, the working set (job 1)
+// Writes     x, crit, stub, cmax, the working set (job 1)
 // Work       hess = H | hpro = Z'HZ and its factor | sdir = d | work, gold scratch | iwk pivots
 //
 //   1  function, constraints and Hessian at x; the working set, the projected Hessian
@@ -287,9 +287,8 @@ static bool scale_direction(MINSTR* str) {
   return true;
 }
 
-// Line search along sdir from xold by values alone. True: it moved.
-// damp 2 lets the first trial of the search be the direction itself, whatever the last step of the
-// run was.
+// Line search along sdir from xold by values alone; damp 2 lets its first trial be the direction
+// itself, whatever the last step of the run was. True: it moved.
 static bool search(MINSTR* str) {
   const int ider = str->ider;
   const double damp = str->damp;

@@ -116,8 +116,7 @@ static int dudfpup(MINSTR* str, int iscl, double* s, double* y, double* c, doubl
   long rank = ldlupd(n, 0, -n, 0.0, -1.0 / dbd, c, bs, work);
   rank = ldlupd(n, 0, -rank, 0.0, 1.0 / dxg, c, y, work);
   rank = ldlupd(n, 0, -rank, 0.0, dbd, c, s, work);
-  if (rank < n) return -1;
-  return rank >= n ? 0 : -2;
+  return rank < n ? -1 : 0;
 }
 
 // The first two corrections alone.
@@ -139,114 +138,6 @@ static int dubfgsup(MINSTR* str, int iscl, double* s, double* y, double* c, doub
   long rank = ldlupd(n, 0, -n, 0.0, -1.0 / dbd, c, bs, work);
   rank = ldlupd(n, 0, -rank, 0.0, 1.0 / dxg, c, y, work);
   return rank < n ? -1 : 0;
-}
-
-// Solves L p = y for the columns with a positive pivot; returns 1/sig + sum of p_j^2 / d_j.
-static double forward_substitute(long n, double start, const double* c, const double* y,
-                                 double* p) {
-  double sum = start;
-  for (long i = 0; i < n; ++i) {
-    const double* row = c + packed_size(i);
-    double value = y[i];
-    for (long j = 0; j < i; ++j) value -= row[j] * p[j];
-    p[i] = row[i] > 0.0 ? value : 0.0;
-    if (row[i] > 0.0) sum += p[i] * p[i] / row[i];
-  }
-  return sum;
-}
-
-// The same sum for a p that was given.
-static double sum_of_given(long n, double start, const double* c, const double* p) {
-  double sum = start;
-  for (long j = 0; j < n; ++j) {
-    const double d = c[zisub(j, j)];
-    if (d != 0.0) sum += p[j] * p[j] / d;
-  }
-  return sum;
-}
-
-// Prepares a correction that subtracts: p receives the values of t behind each column, summed from
-// the last column up, so that they keep their sign where the plain recurrence would lose it to
-// cancellation. A matrix that is to lose rank ends with t exactly 0, and its last pivot with it.
-// Returns false when the plain recurrence will do.
-static bool prepare_subtraction(long n, int mk, long* ir, double eps, double sig, const double* c,
-                                const double* y, double* p, double* t) {
-  const double s = mk == 0 ? forward_substitute(n, *t, c, y, p) : sum_of_given(n, *t, c, p);
-  if (*ir <= 0) {
-    *ir = -1 - *ir;
-    *t = 0.0;
-  } else if (s > 0.0) {
-    *t = eps / sig;
-    if (eps == 0.0) --*ir;
-  } else if (mk >= 2) {
-    *t = s;
-  } else {
-    return false;
-  }
-  for (long j = n - 1; j >= 0; --j) {
-    const double v = p[j];
-    const double d = c[zisub(j, j)];
-    p[j] = *t;
-    if (d != 0.0) *t -= v * v / d;
-  }
-  return true;
-}
-
-// Corrects the columns of L below a pivot that is multiplied by q. Of the two equivalent forms the
-// constant 4 selects the more stable one.
-static void correct_column(long n, long j, double q, double t, double r, double v, double w,
-                           double* c, double* y) {
-  static constexpr double FORMS_MEET = 4.0;
-  w /= r;
-  if (q <= FORMS_MEET) {
-    for (long i = j + 1; i < n; ++i) {
-      double& l = c[packed_size(i) + j];
-      const double e = y[i] - l * v;
-      l += w * e;
-      y[i] = e;
-    }
-    return;
-  }
-  const double u = t / r;
-  for (long i = j + 1; i < n; ++i) {
-    double& entry = c[packed_size(i) + j];
-    const double l = entry;
-    entry = y[i] * w + l * u;
-    y[i] -= l * v;
-  }
-}
-
-// Forward sweep over the columns: pivot j grows by q = r / t, where t and r are the recurrence
-// before and behind it.
-long ldlupd(long n, int mk, long ir, double eps, double sig, double* c, double* y, double* p) {
-  if (sig == 0.0) return std::labs(ir);
-  if (n == 1) {
-    c[0] += sig * y[0] * y[0];
-    return std::labs(ir);
-  }
-  double t = 1.0 / sig;
-  const bool prepared = sig <= 0.0 && prepare_subtraction(n, mk, &ir, eps, sig, c, y, p, &t);
-  for (long j = 0; j < n; ++j) {
-    double& d = c[zisub(j, j)];
-    const double v = y[j];
-    if (!(d > 0.0)) {
-      // An empty column takes the rest of y: the rank rises by one.
-      if (ir <= 0 && sig >= 0.0 && v != 0.0) {
-        d = v * v / t;
-        for (long i = j + 1; i < n; ++i) c[packed_size(i) + j] = y[i] / v;
-        return 1 - ir;
-      }
-      continue;
-    }
-    const double w = v / d;
-    const double r = prepared ? p[j] : v * w + t;
-    const double q = r / t;
-    d *= q;
-    if (q == 0.0 || j == n - 1) break;
-    correct_column(n, j, q, t, r, v, w, c, y);
-    t = r;
-  }
-  return std::labs(ir);
 }
 
 // ---- Job 3: R'R -------------------------------------------------------------------------------

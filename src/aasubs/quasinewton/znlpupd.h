@@ -13,7 +13,7 @@ namespace tqnlp {
 //   iscl 1 rescales the matrix first; the scaling stays also when the update is then refused
 //   uvec, vvec, wvec  work, nzmm doubles each; job 2 destroys xdif and gdif
 // Returns 0 updated; 1, 2, 3 skipped (angle of s and y too wide, curvature negligible, curvature
-// not positive); -1, -2 the factor lost rank and must be restarted.
+// not positive); -1 the factor lost rank and must be restarted.
 int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
             double* vvec, double* wvec);
 int znlpbfg(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
