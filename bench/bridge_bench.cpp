@@ -1,8 +1,10 @@
-// The cost of the callback bridge: one evaluation of a module that returns at once, through the
+// The cost of the callback bridge, with a module that returns at once: one evaluation through the
 // whole road from the record to the user's function and back, beside a direct call of the same
-// function.
+// function; and one evaluation of a gradient by differences, through the bridge and in a record
+// whose callback does next to nothing, which leaves the differences themselves.
 #include <benchmark/benchmark.h>
 
+#include "aasubs/derivatives/znlpfid.h"
 #include "embed/task.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
@@ -12,6 +14,43 @@ namespace tqnlp {
 
 static Matrix returns_at_once(const Matrix& x) { return Matrix::scalar(x(0, 0)); }
 
+static int nothing_but_a_value(MINSTR* str) {
+  str->func[0] = str->crit = str->x[0];
+  str->tbig = 0.0;
+  return 0;
+}
+
+// A record with one function of n parameters, prepared to run the module.
+struct Bridge {
+  Session session;
+  embed::Activation activation{session.task()};
+  embed::FrameScope frame{session.task()};
+  std::vector<double> arrays;
+  MINSTR str{};
+  ARGMTS argm{};
+  bool ready = false;
+
+  explicit Bridge(long n) : arrays(static_cast<std::size_t>(4 * n + 4), 1.0) {
+    session.module("F", returns_at_once);
+    str.secstr = &argm;
+    str.nvar = n;
+    str.mequ = str.mfun = 1;
+    str.x = arrays.data();
+    str.grad = str.x + n;
+    str.wfid = str.grad + n;
+    str.func = str.wfid + 2 * n + 2;
+    str.indf = IN_RUN;
+    char name[32];
+    std::fill_n(name, 32, ' ');
+    name[0] = 'F';
+    argm.ifmod = 1;
+    argm.funptr = tqsmod(name, MODULE_FUNCTION);
+    str.usfct = nlpfunc;
+    ready = argm.funptr != nullptr && setss(&str, CALL_OBJECTIVE) == 0;
+  }
+  ~Bridge() { release_prepared_calls(&argm); }
+};
+
 static void direct_call(benchmark::State& state) {
   const std::function<Matrix(const Matrix&)> function = returns_at_once;
   const Matrix x(1, state.range(0));
@@ -19,39 +58,38 @@ static void direct_call(benchmark::State& state) {
 }
 
 static void through_the_bridge(benchmark::State& state) {
-  const long n = state.range(0);
-  Session session;
-  session.module("F", returns_at_once);
-  const embed::Activation activation(session.task());
-  const embed::FrameScope frame(session.task());
-  std::vector<double> x(static_cast<std::size_t>(n), 1.0);
-  double func[2] = {};
-  MINSTR str{};
-  ARGMTS argm{};
-  str.secstr = &argm;
-  str.nvar = n;
-  str.mequ = str.mfun = 1;
-  str.x = x.data();
-  str.func = func;
-  str.indf = IN_RUN;
-  char name[32];
-  std::fill_n(name, 32, ' ');
-  name[0] = 'F';
-  argm.ifmod = 1;
-  argm.funptr = tqsmod(name, MODULE_FUNCTION);
-  if (argm.funptr == nullptr || setss(&str, CALL_OBJECTIVE) != 0) {
-    state.SkipWithError("the call could not be prepared");
-    return;
-  }
+  Bridge bridge(state.range(0));
+  if (!bridge.ready) return state.SkipWithError("the call could not be prepared");
   for (auto _ : state) {
-    if (nlpfunc(&str) != 0) state.SkipWithError("the evaluation failed");
-    benchmark::DoNotOptimize(str.crit);
+    if (nlpfunc(&bridge.str) != 0) state.SkipWithError("the evaluation failed");
+    benchmark::DoNotOptimize(bridge.str.crit);
   }
-  release_prepared_calls(&argm);
+}
+
+// A gradient: side 1 forward, 2 central; in the record alone, or with the module behind it.
+static void gradient(benchmark::State& state, bool in_record) {
+  const long n = state.range(0);
+  Bridge bridge(n);
+  if (!bridge.ready) return state.SkipWithError("the call could not be prepared");
+  bridge.str.fidi = static_cast<int>(state.range(1));
+  if (in_record) bridge.str.usfct = nothing_but_a_value;
+  for (auto _ : state) {
+    if (nlpgrad(&bridge.str) != 0) state.SkipWithError("the gradient failed");
+    benchmark::DoNotOptimize(bridge.str.grad[0]);
+  }
+  state.counters["s_per_evaluation"] = benchmark::Counter(
+      static_cast<double>(n * state.range(1)),
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 BENCHMARK(direct_call)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
 BENCHMARK(through_the_bridge)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
+BENCHMARK_CAPTURE(gradient, record, true)
+    ->ArgNames({"n", "side"})
+    ->ArgsProduct({{2, 20, 200}, {1, 2}});
+BENCHMARK_CAPTURE(gradient, bridge, false)
+    ->ArgNames({"n", "side"})
+    ->ArgsProduct({{2, 20, 200}, {1, 2}});
 
 }  // namespace tqnlp
 

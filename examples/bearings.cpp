@@ -1,11 +1,14 @@
 // How long does a ball bearing live? Weibull distribution of the lives of 23 bearings, by maximum
-// likelihood with NLPQN and no derivative modules; standard errors from the Hessian by NLPFDD.
+// likelihood with NLPQN and no derivative modules; standard errors from the Hessian by NLPFDD. The
+// report is printed while the run makes it.
 //
 // Usage: bearings bearings.csv
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tqnlp/tqnlp.hpp"
@@ -58,10 +61,11 @@ int main(int argc, char** argv) try {
   double mean = 0.0;
   for (double life : lives) mean += life / static_cast<double>(lives.size());
   const Matrix positive(2, 2, {1e-6, 1e-6, tqnlp::missing, tqnlp::missing});
+  std::printf("\nLives of 23 ball bearings, Weibull distribution\n\n");
+  tql.sink([](std::string_view line) { std::cout << line << std::endl; });
   const auto fit =
       tql.call("NLPQN", {"LOGLIK", Matrix::row({1, mean}), Matrix::row({1, 2}), positive});
-  std::printf("\nLives of 23 ball bearings, Weibull distribution\n\n%s",
-              tqnlp::text_report(tql).c_str());
+  std::cout << '\n' << tqnlp::text_work(tql.work()) << std::flush;
 
   const Matrix& x = fit[1];
   const auto at_solution = tql.call("NLPFDD", {"LOGLIK", x, Matrix::row({1, 1})});

@@ -23,6 +23,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -141,6 +142,25 @@ struct Table {
   std::string title;
   std::vector<std::string> columns;
   std::vector<std::vector<Cell>> rows;  // each as long as columns
+  // The table goes on an earlier one of this name: a history that other tables interrupted.
+  bool continued = false;
+};
+
+// What a module did in a call: its runs, how many of them failed (no value at that point, or an
+// exception), and the time in it, without the time of subroutines that it called itself.
+struct ModuleWork {
+  std::string name;
+  long calls = 0;
+  long failed = 0;
+  double seconds = 0.0;
+};
+
+// Where the time of a call went. Evaluations for differences, which the subroutines' own counts
+// leave out, are counted here.
+struct Work {
+  std::vector<ModuleWork> modules;  // in the order in which they were prepared
+  double seconds_in_sink = 0.0;
+  double seconds_in_library = 0.0;  // everything else: the techniques themselves, and reports
 };
 
 // ---- Errors -------------------------------------------------------------------------------------
@@ -204,6 +224,7 @@ class Session {
  public:
   using Function = std::function<Matrix(const Matrix& x)>;
   using Termination = std::function<double(const Matrix& x, double crit)>;
+  using Sink = std::function<void(std::string_view line)>;
 
   Session();
   ~Session();
@@ -234,12 +255,26 @@ class Session {
   // std::logic_error when another thread is running a call on this session.
   std::vector<Matrix> call(std::string subroutine, std::vector<Matrix> arguments);
 
+  // Gives the report to a function line by line while it is written, so that a long run can be
+  // watched: the messages of the log when they are logged, the rows of the iteration history when
+  // the iterations end, other tables when they are complete. Lines come without their line ends,
+  // and read as in text_report; a view is valid until the function returns. Calls on this session
+  // from within its modules write to the same sink. An exception of the sink ends the run like one
+  // of a module. What the sink itself causes to be written on this session is not given to it. An
+  // empty function ends the watching. A new sink takes over with the next line.
+  //
+  //   session.sink([](std::string_view line) { std::cerr << line << '\n'; });
+  void sink(Sink write);
+
   // Log and tables of the last call. Every call that is not made from within a module of this
   // session clears both at its start; nested calls add to those of the call around them.
   const std::vector<LogRecord>& log() const;
   const std::vector<Table>& tables() const;
   // Lines of the last call's report that stand outside of tables.
   const std::vector<LogRecord>& printed() const;
+
+  // Runs of the modules and times of the last call, nested calls included.
+  Work work() const;
 
   // A variable of the session, such as "_ITER_", the iteration of the run; a module may read it.
   // Empty when there is no variable of this name.
@@ -263,11 +298,12 @@ class Session {
   std::unique_ptr<embed::Task> task_;
 };
 
-// The last call of a session as text to read (log, then tables), as a JSON document, and single
-// tables of it. In JSON, numbers that are not finite and empty cells are null.
+// The last call of a session as text to read (log, then tables, then the work), as a JSON document,
+// and single parts of it. In JSON, numbers that are not finite and empty cells are null.
 std::string text_report(const Session& session);
 std::string json_report(const Session& session);
 std::string text_table(const Table& table);
+std::string text_work(const Work& work);
 std::string json_table(const Table& table);
 
 }  // namespace tqnlp

@@ -12,6 +12,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cfenv>
 #include <cmath>
 #include <cstring>
@@ -82,12 +83,22 @@ TQLMOD* tqsmod(const char* name, int kind) {
   return place == modules.end() || place->second->kind != kind ? nullptr : place->second.get();
 }
 
+// Where the runs of a module are counted, also when several calls have prepared it.
+static std::shared_ptr<ModuleAccount> work_of(Task& task, const std::string& name) {
+  for (const auto& work : task.work)
+    if (work->name == name) return work;
+  task.work.push_back(std::make_shared<ModuleAccount>());
+  task.work.back()->name = name;
+  return task.work.back();
+}
+
 long tqsget(TQLMOD* module, TQLCALL** call) {
   Task& task = embed::current_task();
   *call = nullptr;
   if (module == nullptr || refuses_memory(task)) return 1;
   auto prepared = std::make_unique<TQLCALL>();
   prepared->module = module->shared_from_this();
+  prepared->work = work_of(task, module->name);
   *call = prepared.get();
   task.frame().prepared.push_back(std::move(prepared));
   return 0;
@@ -110,7 +121,8 @@ static void load_argument(Matrix& argument, const TQLSYM* symbol) {
 }
 
 // Runs the body of a module into call.result. Returns the exit state.
-static int run_body(Frame& frame, const TQLSS& ss, TQLCALL& call) {
+static int run_body(Task& task, Frame& frame, const TQLSS& ss, TQLCALL& call) {
+  const embed::Charge charge(task.clock, &call.work->ticks);
   try {
     load_argument(call.argument, ss.argument[0]);
     const TQLMOD& module = *call.module;
@@ -128,7 +140,7 @@ static int run_body(Frame& frame, const TQLSS& ss, TQLCALL& call) {
     throw;
   } catch (...) {
     frame.thrown = std::current_exception();
-    frame.thrown_by = call.module->name;
+    frame.thrown_by = "Module " + call.module->name;
     return THREW;
   }
 }
@@ -145,7 +157,7 @@ static int run_watched(Task& task, Frame& frame, TQLSS& ss, TQLCALL& call) {
   std::fexcept_t before;
   std::fegetexceptflag(&before, FE_ALL_EXCEPT);
   std::feclearexcept(FE_ALL_EXCEPT);
-  const int state = run_body(frame, ss, call);
+  const int state = run_body(task, frame, ss, call);
   const int raised = std::fetestexcept(FE_DIVBYZERO | FE_INVALID | FE_OVERFLOW);
   std::fesetexceptflag(&before, FE_ALL_EXCEPT);
   if (state != GOOD || raised == 0) return state;
@@ -157,6 +169,21 @@ static int run_watched(Task& task, Frame& frame, TQLSS& ss, TQLCALL& call) {
     break;
   }
   return NOT_EVALUATED;
+}
+
+// Did a module give numbers throughout? A Hessian may leave an element to its partner on the other
+// side of the diagonal.
+static bool has_value(const Matrix& result) {
+  if (result.is_character() || result.empty()) return true;
+  const long n = result.rows();
+  const double* const values = result.data();
+  const auto fits = [=, square = n == result.cols(), cols = result.cols()](long k) {
+    if (std::isfinite(values[k])) return true;
+    return square && std::isnan(values[k]) && std::isfinite(values[k % cols * n + k / cols]);
+  };
+  for (long k = 0; k < result.size(); ++k)
+    if (!fits(k)) return false;
+  return true;
 }
 
 void tqlrc(int request) {
@@ -173,10 +200,13 @@ void tqlrc(int request) {
   }
   if (task.faults[static_cast<int>(Fault::module_call)].strikes()) return;
   TQLCALL& call = *ss->call;
-  const int state =
-      task.math_error == nullptr ? run_body(frame, *ss, call) : run_watched(task, frame, *ss, call);
+  ++call.work->calls;
+  ++call.work->failed;  // until it is known that it did not, also by a resume further out
+  const int state = task.math_error == nullptr ? run_body(task, frame, *ss, call)
+                                               : run_watched(task, frame, *ss, call);
   ss->status = frame.exit_state = state;
   if (state != GOOD) return;
+  if (has_value(call.result)) --call.work->failed;
   frame.record.result = call.result.data();
   if (TQLSYM* symbol = ss->result) {
     symbol->kind = call.result.is_character() ? CHARACTER : NUMERIC;

@@ -18,8 +18,9 @@ namespace tqnlp {
 using embed::Task;
 
 static void add_printed(Task& task, LogRecord record) {
-  task.printed.push_back(std::move(record));
+  task.printed.push_back(record);
   task.printed_after.push_back(task.tables.size());
+  embed::give_printed_line(task, record);
 }
 
 // A message without a text is at least a warning, so that it shows where only those are shown.
@@ -30,7 +31,7 @@ static LogRecord numbered(int group, int number, MsgArgs args) {
 }
 
 void xpmlog(int group, int number, MsgArgs args) {
-  embed::current_task().log.push_back(numbered(group, number, args));
+  embed::add_log(embed::current_task(), numbered(group, number, args));
 }
 
 void xpmout(int group, int number, MsgArgs args) {

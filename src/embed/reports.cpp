@@ -1,55 +1,89 @@
-// reports: writers of the last call's log and tables, as aligned text and as JSON.
+// reports: the last call's log and tables as aligned text.
 //
 // The module says what stands in a table and in which order; how it looks is decided here, by what
 // is in the columns: numbers to the right with their points below one another, texts to the left,
 // labels and values two pairs a line, remarks above the rows that they belong to. All numbers are
-// written by to_chars, which no locale changes.
+// written by to_chars, which no locale changes and which is exact on every machine.
+//
+// The iteration history is written in another way, since it is also shown while it grows (see
+// stream.cpp): its columns have fixed forms that do not depend on the rows to come.
+#include "embed/reports.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <string_view>
 
 #include "embed/messages.h"
-#include "embed/task.h"
 
 namespace tqnlp {
+
+// ---- Numbers
+// -------------------------------------------------------------------------------------
+
+static std::string formatted(double value, std::chars_format format, int precision) {
+  char buffer[400];  // room for the largest number with all its digits
+  return std::string(
+      buffer, std::to_chars(buffer, buffer + sizeof buffer, value + 0.0, format, precision).ptr);
+}  // adding zero turns -0 into 0
+
+static std::string scientific(double value, int decimals) {
+  return formatted(value, std::chars_format::scientific, decimals);
+}
+
+namespace embed {
+
+std::string fixed_text(double value, int decimals) {
+  if (!std::isfinite(value)) return readable(value);
+  return formatted(value, std::chars_format::fixed, decimals);
+}
+
+}  // namespace embed
+
+// Exponent of the leading digit, and 10 to a power, by the digits: library functions may be off by
+// a rounding where these must be exact.
+static int decimal_exponent(double value) {
+  const std::string text = scientific(value, 16);
+  return std::atoi(text.c_str() + text.find('e') + 1);
+}
+
+static double power_of_ten(int exponent) {
+  const std::string text = "1e" + std::to_string(exponent);
+  double value = 0.0;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return value;
+}
 
 // ---- Numbers of a column ------------------------------------------------------------------------
 //
 // All numbers of a column are written with the same number of decimals, so that their points stand
 // below one another. Numbers for which these decimals are too few, or that are very large, are
-// written with an exponent: a history whose objective goes to zero stays readable from its first
-// row to its last.
+// written with an exponent. A small number beside large ones is shown with few digits: beside them
+// it is mostly rounding.
 
 struct NumberForm {
   int decimals = 0;
   double smallest_fixed = 0.0;  // nonzero numbers below are written with an exponent
+  int small_decimals = 0;       // and so many decimals
 };
 
-static constexpr double MODERATE_LOW = 1e-4;  // numbers from here
-static constexpr double MODERATE_HIGH = 1e7;  // to below this decide on the decimals
-static constexpr int LARGE_DIGITS = 7;        // significant digits of the largest number
-static constexpr int SMALL_DIGITS = 5;        // at least, of the smallest number
-static constexpr int WIDEST_FIXED = 12;       // digits before and after the point
-static constexpr int SMALL_DECIMALS = 5;      // of small numbers with an exponent
-static constexpr int LARGE_DECIMALS = 6;      // of large ones
+static constexpr double MODERATE_LOW = 1e-4;     // numbers from here
+static constexpr double MODERATE_HIGH = 1e7;     // to below this decide on the decimals
+static constexpr int LARGE_DIGITS = 7;           // significant digits of the largest number
+static constexpr int SMALL_DIGITS = 5;           // at least, of the smallest number
+static constexpr int WIDEST_FIXED = 12;          // digits before and after the point
+static constexpr int SMALL_DECIMALS = 5;         // with an exponent, in a column of small numbers
+static constexpr int SMALL_DECIMALS_BESIDE = 3;  // beside larger ones
+static constexpr int LARGE_DECIMALS = 6;         // of large ones
 
 // One number of a column. Numbers that are not finite are written as words.
 static std::string number_text(double value, const NumberForm& form) {
-  if (!std::isfinite(value)) return embed::readable(value);
   const double magnitude = std::fabs(value);
-  const bool large = magnitude >= MODERATE_HIGH;
-  const bool small = magnitude > 0.0 && magnitude < form.smallest_fixed;
-  char buffer[64];
-  char* const end = buffer + sizeof buffer;
-  if (large || small) {
-    const int decimals = large ? LARGE_DECIMALS : SMALL_DECIMALS;
-    return std::string(
-        buffer, std::to_chars(buffer, end, value, std::chars_format::scientific, decimals).ptr);
+  if (std::isfinite(value) && magnitude >= MODERATE_HIGH) return scientific(value, LARGE_DECIMALS);
+  if (magnitude > 0.0 && magnitude < form.smallest_fixed) {
+    return scientific(value, form.small_decimals);
   }
-  // Adding zero turns -0 into 0.
-  return std::string(
-      buffer, std::to_chars(buffer, end, value + 0.0, std::chars_format::fixed, form.decimals).ptr);
+  return embed::fixed_text(value, form.decimals);
 }
 
 // Decimals that are left when zeros at the end are dropped.
@@ -57,10 +91,6 @@ static int needed_decimals(const std::string& text) {
   const std::size_t point = text.find('.');
   if (point == std::string::npos || text.find('e') != std::string::npos) return 0;
   return static_cast<int>(text.find_last_not_of('0') - point);
-}
-
-static int decimal_exponent(double value) {
-  return static_cast<int>(std::floor(std::log10(std::fabs(value))));
 }
 
 // As many decimals as the largest number needs for its digits, more if a small one would lose its
@@ -74,12 +104,12 @@ static NumberForm form_for(const std::vector<double>& values) {
     largest = std::max(largest, magnitude);
     smallest = std::min(smallest, magnitude);
   }
-  if (largest == 0.0) return {0, MODERATE_LOW};
+  if (largest == 0.0) return {0, MODERATE_LOW, SMALL_DECIMALS};
   const int high = decimal_exponent(largest);
   const int wanted =
       std::max({LARGE_DIGITS - 1 - high, SMALL_DIGITS - 1 - decimal_exponent(smallest), 0});
   const int most = std::min(wanted, WIDEST_FIXED - 1 - std::max(high, 0));
-  NumberForm form{most, std::pow(10.0, SMALL_DIGITS - 1 - most)};
+  NumberForm form{most, power_of_ten(SMALL_DIGITS - 1 - most), SMALL_DECIMALS_BESIDE};
   int needed = 0;
   for (const double value : values)
     if (std::isfinite(value)) needed = std::max(needed, needed_decimals(number_text(value, form)));
@@ -135,6 +165,51 @@ struct TextColumn {
   bool right = false;
 };
 
+// Fixed form of a column of the history.
+struct HistoryForm {
+  std::size_t width;
+  int decimals;           // of numbers from fixed_from to below fixed_to; zero is written as "0"
+  int exponent_decimals;  // of all others
+  double fixed_from, fixed_to;
+};
+
+// Counts as wide as limits grow in practice; the objective with more digits than the rest, since
+// its last ones are what an iteration gains.
+static HistoryForm history_form(std::string_view column) {
+  if (column == "Rest" || column == "Act") return {4, 0, 0, 0.0, 0.0};
+  if (column == "Iter") return {5, 0, 0, 0.0, 0.0};
+  if (column == "NFun") return {6, 0, 0, 0.0, 0.0};
+  if (column == "OptCrit") return {13, 6, 6, 1e-2, 1e5};
+  return {11, 5, 4, 1e-2, 1e4};
+}
+
+static std::string history_number(double value, const HistoryForm& form) {
+  const double magnitude = std::fabs(value);
+  if (magnitude == 0.0) return "0";
+  const bool fixed = magnitude >= form.fixed_from && magnitude < form.fixed_to;
+  return fixed || !std::isfinite(value) ? embed::fixed_text(value, form.decimals)
+                                        : scientific(value, form.exponent_decimals);
+}
+
+static TextColumn history_column(const Table& table, std::size_t k) {
+  TextColumn column;
+  const std::string& name = table.columns[k];
+  const bool mark = name == "Ac1" || name == "Ac2";
+  const HistoryForm form = history_form(name);
+  column.header = one_line(name);
+  column.width = mark ? width_of(name) : std::max(width_of(name), form.width);
+  column.right = !mark;
+  for (const auto& row : table.rows) {
+    const Cell& value = cell_at(row, k);
+    std::string cell;
+    if (const double* number = std::get_if<double>(&value)) cell = history_number(*number, form);
+    if (const long* count = std::get_if<long>(&value)) cell = std::to_string(*count);
+    if (const auto* text = std::get_if<std::string>(&value)) cell = one_line(*text);
+    column.cells.push_back(std::move(cell));
+  }
+  return column;
+}
+
 // The cells of a column as texts, all in one form.
 static TextColumn text_column(const Table& table, std::size_t k) {
   TextColumn column;
@@ -160,6 +235,25 @@ static TextColumn text_column(const Table& table, std::size_t k) {
   return column;
 }
 
+static std::string header_lines(const std::vector<TextColumn>& columns) {
+  std::string header, rule;
+  for (const TextColumn& column : columns) {
+    header += "  " + padded(column.header, column.width, column.right);
+    rule += "  " + std::string(column.width, column.header.empty() ? ' ' : '-');
+  }
+  end_line(header);
+  end_line(rule);
+  return header + rule;
+}
+
+static std::string row_line(const std::vector<TextColumn>& columns, std::size_t i) {
+  std::string line;
+  for (const TextColumn& column : columns)
+    line += "  " + padded(column.cells[i], column.width, column.right);
+  end_line(line);
+  return line;
+}
+
 // Columns with a header. A remark that changes is written above its rows, and the header again.
 static void write_rows(std::string& text, const Table& table) {
   std::vector<TextColumn> columns;
@@ -170,11 +264,7 @@ static void write_rows(std::string& text, const Table& table) {
     else
       columns.push_back(text_column(table, k));
   }
-  std::string header, rule;
-  for (const TextColumn& column : columns) {
-    header += "  " + padded(column.header, column.width, column.right);
-    rule += "  " + std::string(column.width, column.header.empty() ? ' ' : '-');
-  }
+  const std::string header = header_lines(columns);
   std::string remark;
   for (std::size_t i = 0; i < table.rows.size(); ++i) {
     std::string here;
@@ -184,15 +274,8 @@ static void write_rows(std::string& text, const Table& table) {
     const bool new_remark = here != remark && !here.empty();
     if (new_remark) text += (i > 0 ? "\n  " : "  ") + here + "\n";
     remark = here;
-    if (i == 0 || new_remark) {
-      text += header;
-      end_line(text);
-      text += rule;
-      end_line(text);
-    }
-    for (const TextColumn& column : columns)
-      text += "  " + padded(column.cells[i], column.width, column.right);
-    end_line(text);
+    if (i == 0 || new_remark) text += header;
+    text += row_line(columns, i);
   }
 }
 
@@ -208,33 +291,98 @@ static std::string single_text(const Cell& cell) {
   return ".";
 }
 
-// Labels and values, two pairs a line as long as lines stay short.
+struct Pair {
+  std::string label, value;
+  bool is_words;
+  std::size_t side;
+};
+
+// Widths of pairs that are written two a line, or one.
+struct PairWidths {
+  std::size_t words = 0;  // labels of texts
+  std::size_t label[2] = {0, 0}, value[2] = {0, 0};
+
+  std::size_t line() const { return label[0] + value[0] + label[1] + value[1] + 10; }
+};
+
+static PairWidths place_pairs(std::vector<Pair>& pairs, std::size_t across) {
+  PairWidths widths;
+  std::size_t side = 0;
+  for (Pair& pair : pairs) {
+    pair.side = pair.is_words ? 0 : side;
+    side = pair.is_words ? 0 : (side + 1) % across;
+    std::size_t& label = pair.is_words ? widths.words : widths.label[pair.side];
+    label = std::max(label, width_of(pair.label));
+    if (pair.is_words) continue;
+    widths.value[pair.side] = std::max(widths.value[pair.side], width_of(pair.value));
+  }
+  return widths;
+}
+
+// Labels and values. Values that are texts stand on lines of their own, to the left; numbers two
+// pairs a line, to the right, as long as lines stay short. All values begin in one place if the
+// labels let them.
 static void write_pairs(std::string& text, const Table& table) {
   constexpr std::size_t LONGEST_LINE = 100;
-  std::size_t label_width[2] = {0, 0}, value_width[2] = {0, 0};
-  for (std::size_t i = 0; i < table.rows.size(); ++i) {
-    label_width[i % 2] =
-        std::max(label_width[i % 2], width_of(single_text(cell_at(table.rows[i], 0))));
-    value_width[i % 2] =
-        std::max(value_width[i % 2], width_of(single_text(cell_at(table.rows[i], 1))));
-  }
-  const std::size_t line = label_width[0] + value_width[0] + label_width[1] + value_width[1] + 10;
-  const std::size_t across = line <= LONGEST_LINE && table.rows.size() > 1 ? 2 : 1;
-  if (across == 1) {
-    label_width[0] = std::max(label_width[0], label_width[1]);
-    value_width[0] = std::max(value_width[0], value_width[1]);
-  }
-  for (std::size_t i = 0; i < table.rows.size(); ++i) {
-    const std::size_t side = i % across;
-    text += (side == 0 ? "  " : "    ") +
-            padded(single_text(cell_at(table.rows[i], 0)), label_width[side], false);
-    text += "  " + padded(single_text(cell_at(table.rows[i], 1)), value_width[side], true);
-    if (side + 1 == across || i + 1 == table.rows.size()) end_line(text);
+  std::vector<Pair> pairs;
+  for (const auto& row : table.rows)
+    pairs.push_back({single_text(cell_at(row, 0)), single_text(cell_at(row, 1)),
+                     std::holds_alternative<std::string>(cell_at(row, 1)), 0});
+  PairWidths widths = place_pairs(pairs, 2);
+  if (widths.line() > LONGEST_LINE) widths = place_pairs(pairs, 1);
+  PairWidths shared = widths;
+  shared.words = shared.label[0] = std::max(widths.words, widths.label[0]);
+  if (shared.line() <= LONGEST_LINE) widths = shared;
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    const Pair& pair = pairs[i];
+    const std::size_t label = pair.is_words ? widths.words : widths.label[pair.side];
+    text += (pair.side == 0 ? "  " : "    ") + padded(pair.label, label, false) + "  ";
+    text += pair.is_words ? pair.value : padded(pair.value, widths.value[pair.side], true);
+    if (i + 1 == pairs.size() || pairs[i + 1].side == 0) end_line(text);
   }
 }
 
+static std::string title_lines(const Table& table) {
+  return one_line(table.title.empty() ? table.name : table.title) + "\n\n";
+}
+
+// ---- The history --------------------------------------------------------------------------------
+
+static std::vector<TextColumn> history_columns(const Table& table) {
+  std::vector<TextColumn> columns;
+  for (std::size_t k = 0; k < table.columns.size(); ++k)
+    columns.push_back(history_column(table, k));
+  return columns;
+}
+
+namespace embed {
+
+bool is_history(const Table& table) { return table.name == "IterHist" && !is_pairs_table(table); }
+
+// The headings name the columns of a history that goes on well enough.
+std::string history_head(const Table& table) {
+  Table empty = table;
+  empty.rows.clear();
+  return (table.continued ? "" : title_lines(table)) + header_lines(history_columns(empty));
+}
+
+std::string history_row(const Table& table, std::size_t k) {
+  Table one{table.name, table.template_name, table.title, table.columns, {table.rows[k]}};
+  return row_line(history_columns(one), 0);
+}
+
+}  // namespace embed
+
+// ---- Whole tables and reports -------------------------------------------------------------------
+
 std::string text_table(const Table& table) {
-  std::string text = one_line(table.title.empty() ? table.name : table.title) + "\n\n";
+  if (embed::is_history(table)) {
+    std::string text = embed::history_head(table);
+    const std::vector<TextColumn> columns = history_columns(table);
+    for (std::size_t i = 0; i < table.rows.size(); ++i) text += row_line(columns, i);
+    return text;
+  }
+  std::string text = title_lines(table);
   if (is_pairs_table(table))
     write_pairs(text, table);
   else
@@ -253,8 +401,16 @@ static const char* severity_mark(Severity severity) {
   }
 }
 
-// Does the log hold this numbered message too? Then the report tells it once.
-static bool is_in_log(const embed::Task& task, const LogRecord& printed) {
+namespace embed {
+
+std::string log_line(const LogRecord& line) {
+  const bool literal = line.group == 0 && line.severity == Severity::note;
+  std::string text = (literal ? "" : severity_mark(line.severity)) + line.text;
+  end_line(text);
+  return text;
+}
+
+bool is_in_log(const Task& task, const LogRecord& printed) {
   return printed.group != 0 &&
          std::any_of(task.log.begin(), task.log.end(), [&printed](const LogRecord& line) {
            return line.group == printed.group && line.number == printed.number &&
@@ -262,19 +418,41 @@ static bool is_in_log(const embed::Task& task, const LogRecord& printed) {
          });
 }
 
+}  // namespace embed
+
+// Calls and seconds, in fixed forms: the times differ from run to run, the places of the numbers do
+// not.
+std::string text_work(const Work& work) {
+  constexpr int DECIMALS = 6;
+  constexpr std::size_t COUNT_WIDTH = 8, SECONDS_WIDTH = 10;
+  TextColumn name{"Module", {}, 0, false}, calls{"Calls", {}, COUNT_WIDTH, true},
+      failed{"Failed", {}, COUNT_WIDTH, true}, seconds{"Seconds", {}, SECONDS_WIDTH, true};
+  const auto add = [&](const std::string& who, const std::string& count, const std::string& bad,
+                       double time) {
+    name.cells.push_back(one_line(who));
+    calls.cells.push_back(count);
+    failed.cells.push_back(bad);
+    seconds.cells.push_back(embed::fixed_text(time, DECIMALS));
+  };
+  for (const ModuleWork& module : work.modules)
+    add(module.name, std::to_string(module.calls), std::to_string(module.failed), module.seconds);
+  if (work.seconds_in_sink > 0.0) add("(sink)", "", "", work.seconds_in_sink);
+  add("(library)", "", "", work.seconds_in_library);
+  for (const std::string& cell : name.cells) name.width = std::max(name.width, width_of(cell));
+  const std::vector<TextColumn> columns{name, calls, failed, seconds};
+  std::string text = "Work\n\n" + header_lines(columns);
+  for (std::size_t i = 0; i < name.cells.size(); ++i) text += row_line(columns, i);
+  return text;
+}
+
 std::string text_report(const Session& session) {
   const embed::Task& task = session.task();
   std::string text;
-  // Literal lines are written as they are.
-  for (const LogRecord& line : task.log) {
-    const bool literal = line.group == 0 && line.severity == Severity::note;
-    text += (literal ? "" : severity_mark(line.severity)) + line.text;
-    end_line(text);
-  }
+  for (const LogRecord& line : task.log) text += embed::log_line(line);
   std::size_t next = 0;
   for (std::size_t k = 0; k <= task.tables.size(); ++k) {
     for (; next < task.printed.size() && task.printed_after[next] == k; ++next) {
-      if (is_in_log(task, task.printed[next])) continue;
+      if (embed::is_in_log(task, task.printed[next])) continue;
       text += task.printed[next].text;
       end_line(text);
     }
@@ -283,100 +461,9 @@ std::string text_report(const Session& session) {
     if (!text.empty()) text += "\n";
     text += text_table(task.tables[k]);
   }
+  // A run that was to print nothing gets no account of its work either.
+  if (!task.tables.empty() && !task.work.empty()) text += "\n" + text_work(session.work());
   return text;
-}
-
-// ---- JSON ---------------------------------------------------------------------------------------
-
-// Length of the UTF-8 character at the head of text, 0 when there is none. Overlong forms,
-// surrogates and values beyond U+10FFFF are none.
-static std::size_t utf8_length(std::string_view text) {
-  const auto byte = [text](std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const unsigned lead = byte(0);
-  const std::size_t length = lead < 0x80                    ? 1
-                             : lead >= 0xC2 && lead <= 0xDF ? 2
-                             : (lead & 0xF0) == 0xE0        ? 3
-                             : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                            : 0;
-  for (std::size_t i = 1; i < length; ++i)
-    if ((byte(i) & 0xC0) != 0x80) return 0;
-  const bool bad_second = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xED && byte(1) > 0x9F) ||
-                          (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) > 0x8F);
-  return bad_second ? 0 : length;
-}
-
-// A text as a JSON string: quotes, backslashes and control characters escaped, always valid UTF-8.
-static std::string json_text(std::string_view text) {
-  constexpr const char* HEX = "0123456789abcdef";
-  std::string out = "\"";
-  while (!text.empty()) {
-    const char c = text.front();
-    std::size_t length = 1;
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (static_cast<unsigned char>(c) < ' ') {
-      out += "\\u00";
-      out += HEX[c >> 4];
-      out += HEX[c & 15];
-    } else if ((length = utf8_length(text)) > 0) {
-      out += text.substr(0, length);
-    } else {  // a byte that is no text: the replacement character
-      out += "\xEF\xBF\xBD";
-      length = 1;
-    }
-    text.remove_prefix(length);
-  }
-  return out + '"';
-}
-
-// Numbers in the shortest form that reads back to the same bits.
-static std::string json_cell(const Cell& cell) {
-  if (const long* count = std::get_if<long>(&cell)) return std::to_string(*count);
-  if (const auto* text = std::get_if<std::string>(&cell)) return json_text(*text);
-  const double* number = std::get_if<double>(&cell);
-  if (number == nullptr || !std::isfinite(*number)) return "null";
-  char buffer[40];
-  return std::string(buffer, std::to_chars(buffer, buffer + sizeof buffer, *number).ptr);
-}
-
-// [item, item ...], each written by write.
-template <class List, class Write>
-static std::string json_list(const List& list, const char* separator, Write write) {
-  std::string out = "[";
-  const char* before = "";
-  for (const auto& item : list) {
-    out += before + write(item);
-    before = separator;
-  }
-  return out + "]";
-}
-
-std::string json_table(const Table& table) {
-  const auto row = [](const std::vector<Cell>& cells) { return json_list(cells, ", ", json_cell); };
-  return "{\"name\": " + json_text(table.name) +
-         ", \"template\": " + json_text(table.template_name) +
-         ", \"title\": " + json_text(table.title) +
-         ",\n    \"columns\": " + json_list(table.columns, ", ", json_text) +
-         ",\n    \"rows\": " + json_list(table.rows, ",\n      ", row) + "}";
-}
-
-static std::string json_record(const LogRecord& line) {
-  constexpr const char* NAMES[] = {"note", "warning", "error"};
-  return "{\"group\": " + std::to_string(line.group) +
-         ", \"number\": " + std::to_string(line.number) + ", \"severity\": \"" +
-         NAMES[static_cast<int>(line.severity)] + "\", \"text\": " + json_text(line.text) + "}";
-}
-
-std::string json_report(const Session& session) {
-  const embed::Task& task = session.task();
-  return "{\n  \"log\": " + json_list(task.log, ",\n    ", json_record) +
-         ",\n  \"printed\": " + json_list(task.printed, ",\n    ", json_record) +
-         ",\n  \"tables\": " + json_list(task.tables, ",\n    ", json_table) + "\n}\n";
 }
 
 }  // namespace tqnlp

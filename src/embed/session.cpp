@@ -36,16 +36,21 @@ class Requested {
   ~Requested() { vmfree_handler(answer_); }
   Requested(const Requested&) = delete;
   Requested& operator=(const Requested&) = delete;
+  const Answer& operator*() const { return *answer_; }
   const Answer* operator->() const { return answer_; }
 
  private:
   Answer* answer_;
 };
 
+static std::string_view name_of(const FNCITEM& item) {
+  return {item.fncname, strnlen(item.fncname, sizeof item.fncname)};
+}
+
 // A row of the table in the words of the public interface.
 static Subroutine description(const FNCITEM& item) {
   Subroutine subroutine;
-  subroutine.name.assign(item.fncname, strnlen(item.fncname, sizeof item.fncname));
+  subroutine.name = name_of(item);
   subroutine.fewest = item.fncstr.fmin;
   subroutine.most = item.fncstr.fmax;
   const long kind_mask = (1L << ARGUMENT_BITS) - 1;
@@ -57,10 +62,9 @@ static Subroutine description(const FNCITEM& item) {
   return subroutine;
 }
 
-static std::vector<Subroutine> table_of_module() {
+static std::vector<Subroutine> descriptions(const FNCUSR& table) {
   std::vector<Subroutine> list;
-  const Requested<FNCUSR> table(REQUEST_TABLE);
-  for (long i = 0; i < table->nfnc; ++i) list.push_back(description(table->fncitem[i]));
+  for (long i = 0; i < table.nfnc; ++i) list.push_back(description(table.fncitem[i]));
   return list;
 }
 
@@ -68,7 +72,8 @@ static std::vector<Subroutine> table_of_module() {
 std::vector<Subroutine> Session::subroutines() {
   Task task;
   const embed::Activation activation(task);
-  return table_of_module();
+  const Requested<FNCUSR> table(REQUEST_TABLE);
+  return descriptions(*table);
 }
 
 // ---- Refusals before the entry ------------------------------------------------------------------
@@ -156,7 +161,7 @@ static std::string with_log_lines(std::string text, const std::vector<LogRecord>
 }
 
 // Runs the entry of a row. The order of the entries is that of the rows.
-static int run_entry(std::size_t row, std::vector<Matrix> arguments) {
+static int run_entry(long row, std::vector<Matrix> arguments) {
   const Requested<FNCENT> entries(REQUEST_ENTRIES);
   std::vector<TQLARG> held;
   held.reserve(arguments.size());
@@ -171,14 +176,15 @@ static int run_entry(std::size_t row, std::vector<Matrix> arguments) {
 // A refusal is also a line of the log, where a reader of reports finds it.
 static void find_and_run(Task& task, const std::string& name, std::vector<Matrix> arguments,
                          Outcome& outcome) {
-  const std::vector<Subroutine> table = table_of_module();
-  std::size_t row = 0;
-  while (row < table.size() && table[row].name != name) ++row;
+  const Requested<FNCUSR> table(REQUEST_TABLE);
+  long row = 0;
+  while (row < table->nfnc && name_of(table->fncitem[row]) != name) ++row;
   outcome.refusal = nesting_fault(name);
-  if (row == table.size())
-    outcome.refusal = "There is no subroutine \"" + name + "\"; there are " + names_of(table) + ".";
+  if (row == table->nfnc)
+    outcome.refusal = "There is no subroutine \"" + name + "\"; there are " +
+                      names_of(descriptions(*table)) + ".";
   else if (outcome.refusal.empty())
-    outcome.refusal = arguments_fault(table[row], arguments.size());
+    outcome.refusal = arguments_fault(description(table->fncitem[row]), arguments.size());
   if (outcome.refusal.empty())
     outcome.entry_code = run_entry(row, std::move(arguments));
   else
@@ -200,7 +206,7 @@ static std::string exception_text(const std::exception_ptr& thrown) {
 static void log_early_end(Task& task, const Frame& frame, int exit_code) {
   if (frame.thrown != nullptr)
     embed::add_log(task, 0, 0, Severity::error,
-                   "Module " + frame.thrown_by + " threw an exception, which ended the run" +
+                   frame.thrown_by + " threw an exception, which ended the run" +
                        exception_text(frame.thrown));
   if (exit_code != 0)
     embed::add_log(task, 0, 0, Severity::error,
@@ -243,6 +249,16 @@ class FlagKeeper {
   std::fexcept_t flags_;
 };
 
+static void forget_last_call(Task& task) {
+  task.log.clear();
+  task.tables.clear();
+  task.printed.clear();
+  task.printed_after.clear();
+  task.work.clear();
+  task.ticks_in_library = task.ticks_in_sink = 0;
+  task.sink_last = embed::SinkLast::nothing;
+}
+
 std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> arguments) {
   Task& task = *task_;
   const std::unique_lock lock(task.in_use, std::try_to_lock);
@@ -251,12 +267,8 @@ std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> ar
   const embed::Activation activation(task);
   const OpenCall open;
   const FlagKeeper flags;
-  if (task.frames.size() == 1) {
-    task.log.clear();
-    task.tables.clear();
-    task.printed.clear();
-    task.printed_after.clear();
-  }
+  if (task.frames.size() == 1) forget_last_call(task);
+  const embed::Charge charge(task.clock, &task.ticks_in_library);
   const std::string name = embed::language_name(std::move(subroutine));
   Outcome outcome = run_call(task, name, std::move(arguments));
   if (outcome.thrown != nullptr) std::rethrow_exception(std::move(outcome.thrown));
@@ -322,6 +334,19 @@ bool Session::has_module(const std::string& name) const {
 const std::vector<LogRecord>& Session::log() const { return task_->log; }
 const std::vector<Table>& Session::tables() const { return task_->tables; }
 const std::vector<LogRecord>& Session::printed() const { return task_->printed; }
+
+void Session::sink(Sink write) {
+  task_->sink = write == nullptr ? nullptr : std::make_shared<const Sink>(std::move(write));
+}
+
+Work Session::work() const {
+  const embed::TimeAccount& clock = task_->clock;
+  Work work{{}, clock.seconds(task_->ticks_in_sink), clock.seconds(task_->ticks_in_library)};
+  for (const auto& module : task_->work)
+    work.modules.push_back(
+        {module->name, module->calls, module->failed, clock.seconds(module->ticks)});
+  return work;
+}
 
 // A copy: the variable may change at the next iteration.
 Matrix Session::variable(std::string name) const {

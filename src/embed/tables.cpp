@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "embed/messages.h"
-#include "embed/task.h"
+#include "embed/reports.h"
 
 namespace tqnlp {
 
@@ -86,6 +86,7 @@ static int open_table(Task& task, std::span<const RvxArg> args) {
   object->kind = RvxObject::Kind::table;
   object->table.name = name;
   object->table.template_name = template_name;
+  object->table.continued = task.frame().history_begun && embed::is_history(object->table);
   **place = object.get();
   task.frame().reports.push_back(std::move(object));
   return DONE;
@@ -132,14 +133,25 @@ static int add_pair(RvxObject& object, std::span<const RvxArg> args) {
   return DONE;
 }
 
-static int add_row(RvxObject& object) {
+static int add_row(Task& task, RvxObject& object) {
   if (object.sources.empty()) return BAD_CALL;
   std::vector<Cell> row;
   row.reserve(object.sources.size());
   for (const RvxObject::Source& source : object.sources)
     row.push_back(std::visit([](const auto& held) { return cell_of(held); }, source));
   object.table.rows.push_back(std::move(row));
+  if (embed::is_history(object.table)) {
+    task.frame().history_begun = true;
+    embed::give_history_row(task, object);
+  }
   return DONE;
+}
+
+// Hands a table on. A history that was opened once more after its last row has nothing to add.
+static void hand_on(Task& task, RvxObject& object) {
+  if (object.table.continued && object.table.rows.empty()) return;
+  embed::give_table(task, object);
+  task.tables.push_back(std::move(object.table));
 }
 
 // Closing a table hands it on; the object is gone then.
@@ -149,8 +161,9 @@ static int close_object(Task& task, RvxObject* object) {
     const auto place = std::find_if(reports.begin(), reports.end(),
                                     [object](const auto& held) { return held.get() == object; });
     if (place == reports.end()) continue;
-    if (object->kind == RvxObject::Kind::table) task.tables.push_back(std::move(object->table));
+    const std::unique_ptr<RvxObject> closed = std::move(*place);
     reports.erase(place);
+    if (closed->kind == RvxObject::Kind::table) hand_on(task, *closed);
     return DONE;
   }
   return BAD_CALL;
@@ -174,7 +187,7 @@ int wobmth(RvxObject* object, int, RvxMethod method, std::span<const RvxArg> arg
     case RvxMethod::pair:
       return add_pair(*object, args);
     case RvxMethod::row:
-      return add_row(*object);
+      return add_row(task, *object);
     default:
       return BAD_CALL;
   }
@@ -216,7 +229,7 @@ namespace embed {
 void hand_on_open_tables(Task& task) {
   for (auto& object : task.frame().reports)
     if (object->kind == RvxObject::Kind::table && !object->table.rows.empty())
-      task.tables.push_back(std::move(object->table));
+      hand_on(task, *object);
 }
 
 }  // namespace embed

@@ -30,10 +30,26 @@ Task::~Task() {
 Activation::Activation(Task& task) : outer_(active_task) { active_task = &task; }
 Activation::~Activation() { active_task = outer_; }
 
+void TimeAccount::begin() {
+  began_ = std::chrono::steady_clock::now();
+  first_tick_ = ticks();
+}
+
+double TimeAccount::measured() const {
+  const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - began_;
+  const long counted = ticks() - first_tick_;
+  return counted > 0 ? passed.count() / static_cast<double>(counted) : 0.0;
+}
+
+double TimeAccount::seconds(long account) const {
+  return static_cast<double>(account) * (open_ != nullptr ? measured() : seconds_per_tick_);
+}
+
 // An outermost call starts the count of what is left behind; calls within it add to the count.
 FrameScope::FrameScope(Task& task) : task_(task) {
   if (task.frames.size() == 1) {
     task.counters.blocks_left = task.counters.bytes_left = task.counters.files_left = 0;
+    task.clock.begin();
   }
   task.frames.emplace_back().first_log = task.log.size();
 }
@@ -43,10 +59,18 @@ FrameScope::~FrameScope() {
   task_.counters.blocks_left += release_blocks(frame, &task_.counters.bytes_left);
   task_.counters.files_left += static_cast<long>(frame.files.size());
   task_.frames.pop_back();
+  if (task_.frames.size() > 1) return;
+  task_.sink_exception = nullptr;
+  task_.clock.end();
+}
+
+void add_log(Task& task, LogRecord line) {
+  task.log.push_back(std::move(line));
+  if (task.sink != nullptr) give_log_line(task, LogRecord(task.log.back()));
 }
 
 void add_log(Task& task, int group, int number, Severity severity, std::string text) {
-  task.log.push_back({group, number, severity, std::move(text)});
+  add_log(task, {group, number, severity, std::move(text)});
 }
 
 std::string language_name(std::string name) {

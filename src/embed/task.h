@@ -10,6 +10,7 @@
 // calls: the variables, and what is taken without a call.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <exception>
@@ -43,10 +44,19 @@ struct TQLMOD : std::enable_shared_from_this<TQLMOD> {
   Session::Termination termination;  // MODULE_TERMINATION
 };
 
+// Runs of a module in a call, and the time in it.
+struct ModuleAccount {
+  std::string name;
+  long calls = 0;
+  long failed = 0;
+  long ticks = 0;
+};
+
 // The host's part of a prepared call. It keeps the matrix that the module is given, so that an
 // evaluation takes no memory, and the result of the last run, which the bridge reads.
 struct TQLCALL {
   std::shared_ptr<TQLMOD> module;
+  std::shared_ptr<ModuleAccount> work;  // where its runs are counted
   Matrix argument;
   Matrix result;
 };
@@ -85,13 +95,15 @@ struct Frame {
   std::list<std::unique_ptr<RvxObject>> reports;
   std::list<std::unique_ptr<TQLCALL>> prepared;
   std::deque<Matrix> results;
-  double no_numbers = 0.0;    // where the numbers of a result without any would stand
-  std::exception_ptr thrown;  // what a module threw: the call ends, and rethrows it
-  std::string thrown_by;      // name of that module
-  int exit_state = 0;         // of the last run module
-  TQLSS* current = nullptr;   // the current prepared call
-  TQLTASK record{};           // what the module sees through tqlq
-  std::size_t first_log = 0;  // where the log of this call begins
+  double no_numbers = 0.0;     // where the numbers of a result without any would stand
+  std::exception_ptr thrown;   // what a module or the sink threw: the call ends, and rethrows it
+  std::string thrown_by;       // who that was, as the subject of a sentence
+  bool sink_threw = false;     // it gets nothing more of this call
+  bool history_begun = false;  // a history of this call has rows: a further one goes on with it
+  int exit_state = 0;          // of the last run module
+  TQLSS* current = nullptr;    // the current prepared call
+  TQLTASK record{};            // what the module sees through tqlq
+  std::size_t first_log = 0;   // where the log of this call begins
 };
 
 // The k-th operation of a kind fails; the countdown is negative when no fault is planned.
@@ -113,6 +125,60 @@ struct Countdown {
   }
 };
 
+// Charges time to whom it belongs: at each switch, what has passed since the last goes to the
+// account that was open. Two switches stand around every run of a module, so that time is counted
+// in ticks of the processor, which are cheap to read, and turned into seconds by the clock readings
+// at the ends of the outermost call.
+class TimeAccount {
+ public:
+  // Opens an account, null for none; returns the one that was open.
+  long* open(long* account) {
+    const long now = ticks();
+    if (open_ != nullptr) *open_ += now - since_;
+    since_ = now;
+    return std::exchange(open_, account);
+  }
+
+  // Between begin and end lies an outermost call.
+  void begin();
+  void end() { seconds_per_tick_ = measured(); }
+
+  // Seconds of an account, also while a call runs.
+  double seconds(long account) const;
+
+ private:
+  static long ticks() {
+#if defined(__x86_64__)
+    return static_cast<long>(__builtin_ia32_rdtsc());
+#else
+    return static_cast<long>(std::chrono::steady_clock::now().time_since_epoch().count());
+#endif
+  }
+  double measured() const;
+
+  long* open_ = nullptr;
+  long since_ = 0;
+  long first_tick_ = 0;
+  std::chrono::steady_clock::time_point began_;
+  double seconds_per_tick_ = 0.0;
+};
+
+// Opens an account for a scope.
+class Charge {
+ public:
+  Charge(TimeAccount& clock, long* account) : clock_(clock), outer_(clock.open(account)) {}
+  ~Charge() { clock_.open(outer_); }
+  Charge(const Charge&) = delete;
+  Charge& operator=(const Charge&) = delete;
+
+ private:
+  TimeAccount& clock_;
+  long* outer_;
+};
+
+// What the sink of a session got last in the present outermost call.
+enum class SinkLast { nothing, message, table, history };
+
 struct Task {
   Task();
   ~Task();
@@ -128,7 +194,16 @@ struct Task {
   std::vector<LogRecord> log;
   std::vector<Table> tables;
   std::vector<LogRecord> printed;
-  std::vector<std::size_t> printed_after;        // number of tables before each printed line
+  std::vector<std::size_t> printed_after;            // number of tables before each printed line
+  std::vector<std::shared_ptr<ModuleAccount>> work;  // of the last call
+  long ticks_in_library = 0;
+  long ticks_in_sink = 0;
+  TimeAccount clock;
+  std::shared_ptr<const Session::Sink> sink;  // null: none
+  std::exception_ptr sink_exception;          // that it threw last in this call
+  bool in_sink = false;                       // it runs: what it causes is not given to it
+  SinkLast sink_last = SinkLast::nothing;
+  const RvxObject* sink_history = nullptr;       // the history whose row the sink got last
   int (*math_error)(const WTMTHERR*) = nullptr;  // handler of math errors; null: not trapped
   Countdown faults[fault_kinds];
   Counters counters;
@@ -172,8 +247,16 @@ long release_blocks(Frame& frame, long* bytes);
 // Hands on the tables that the current call left open, as far as they have rows.
 void hand_on_open_tables(Task& task);
 
-// Appends a line to the log.
+// Appends a line to the log, and gives it to the sink.
+void add_log(Task& task, LogRecord line);
 void add_log(Task& task, int group, int number, Severity severity, std::string text);
+
+// What the sink gets: a line of the log, a printed line, a table that is complete (or the history,
+// whose rows it has), and the last row of a history.
+void give_log_line(Task& task, const LogRecord& line);
+void give_printed_line(Task& task, const LogRecord& line);
+void give_table(Task& task, const RvxObject& table);
+void give_history_row(Task& task, const RvxObject& table);
 
 // A name as the language keeps it: upper case, without blanks at the end.
 std::string language_name(std::string name);

@@ -19,10 +19,11 @@ struct ITERVAR {
   long length;            // bytes of the name proper
 };
 
-// Values of the error flags. Which of the two it was decides whether a message is repeated.
+// Values of the error flags. Which failure it was decides whether a message is repeated.
 inline constexpr int FLAG_GOOD = 0;
 inline constexpr int FLAG_FAILED = 1;       // could not be evaluated, or gave a missing value
 inline constexpr int FLAG_WRONG_SHAPE = 2;  // gave a result of the wrong kind or shape
+inline constexpr int FLAG_UNUSABLE = 3;     // gave a Hessian with holes, or outside its pattern
 
 struct ARGMTS {
   TQLARG** arg;  // the raw argument list

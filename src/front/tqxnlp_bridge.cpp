@@ -31,6 +31,8 @@ static constexpr int MESSAGE_CODE_MISSING = 152;
 static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
 static constexpr int MESSAGE_GRADIENT = 166;
 static constexpr int MESSAGE_STANDSTILL = 191;
+static constexpr int MESSAGE_OBJECTIVE = 200;
+static constexpr int MESSAGE_NO_OBJECTIVE = 201;
 
 // ---- Preparation --------------------------------------------------------------------------------
 
@@ -183,6 +185,21 @@ int end_evaluation(MINSTR* str, int* flag, int code) {
   return code;
 }
 
+// Copies x into the matrix that the module is given. False when x is no point: an element is not
+// finite, as after an overflow in a step. Modules that compare or clip would give a value there.
+static bool copy_point(const MINSTR* str, double* point) {
+  static constexpr long SIDE_BY_SIDE = 4;
+  std::copy_n(str->x, str->nvar, point);
+  // 0 x is 0 for a finite x alone. The partial sums let the processor look at several at a time.
+  double sums[SIDE_BY_SIDE] = {};
+  long j = 0;
+  for (; j + SIDE_BY_SIDE <= str->nvar; j += SIDE_BY_SIDE) {
+    for (long k = 0; k < SIDE_BY_SIDE; ++k) sums[k] += 0.0 * point[j + k];
+  }
+  for (; j < str->nvar; ++j) sums[0] += 0.0 * point[j];
+  return (sums[0] + sums[1]) + (sums[2] + sums[3]) == 0.0;
+}
+
 static bool elements_fit(const TQLSYM& result, Elements wanted) {
   if (wanted == Elements::any) return true;
   if (tqlmiss(&result) != 0) return false;
@@ -196,8 +213,9 @@ int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elemen
   str->tbig = 1.0;
   TQLSYM* point = ss->argument[0];
   if (!ensure_size(str->secstr, point, 1, str->nvar)) return EVALUATION_NO_MEMORY;
-  std::copy_n(str->x, str->nvar, point->data);
-  if (!run_prepared(str, ss)) return end_evaluation(str, flag, EVALUATION_FAILED);
+  if (!copy_point(str, point->data) || !run_prepared(str, ss)) {
+    return end_evaluation(str, flag, EVALUATION_FAILED);
+  }
   if (!shape_fits(*ss->result, shape)) {
     // A module that keeps giving the wrong shape does so at every trial point: once is enough.
     if (*flag != FLAG_WRONG_SHAPE) log_wrong_shape(str->secstr, ss, shape, message);
@@ -268,15 +286,28 @@ static int take_objective(MINSTR* str, long m, const double* values) {
 
 // crit stands at the largest double while there is no value (negated when the run maximizes, on
 // purpose: the sign follows the run even then), so that every caller looks at tbig, not at crit.
+// The highest print level shows every evaluation that counts, as a line of the report.
+static void show_evaluation(const MINSTR* str, int code) {
+  static constexpr double LEVEL_OF_EVALUATIONS = 9.0;
+  if (str->dbug < LEVEL_OF_EVALUATIONS) return;
+  if (code == EVALUATED && str->tbig == 0.0) {
+    xpmout(CALLING_SURFACE, MESSAGE_OBJECTIVE, {str->nfct, str->crit});
+  } else {
+    xpmout(CALLING_SURFACE, MESSAGE_NO_OBJECTIVE, {str->nfct});
+  }
+}
+
 int nlpfunc(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   const long m = str->lsqu != 0 ? str->mequ : 1;
+  const bool counts = argm->dncf == 0 && str->indf < GRADIENT_STEP;
   str->tbig = 0.0;
-  if (argm->dncf == 0 && str->indf < GRADIENT_STEP) ++str->nfct;
+  if (counts) ++str->nfct;
   str->crit = HUGE_VALUE;
   const int message = m > 1 ? MESSAGE_FUNCTIONS : MESSAGE_SCALAR;
   int code = run_module(str, argm->ssfun, {m, 1, true}, Elements::present, message, &argm->funer);
   if (code == EVALUATED) code = take_objective(str, m, argm->arg0.data);
+  if (counts) show_evaluation(str, code);
   if (str->imax != 0 && !wzmis(str->crit)) str->crit = -str->crit;
   return code;
 }
@@ -365,14 +396,16 @@ static bool take_sparse_hessian(MINSTR* str, const double* values) {
   return true;
 }
 
+static bool hessian_finite(const MINSTR* str) {
+  return std::all_of(str->hess, str->hess + hessian_length(str),
+                     [](double h) { return std::isfinite(h); });
+}
+
 // Is every element there, and finite? One may be missing on one side of the diagonal only.
 static bool hessian_complete(const MINSTR* str) {
-  const long length = hessian_length(str);
-  if (std::all_of(str->hess, str->hess + length, [](double h) { return std::isfinite(h); })) {
-    return true;
-  }
+  if (hessian_finite(str)) return true;
   const ARGMTS* argm = str->secstr;
-  if (argm->heser != FLAG_FAILED) {
+  if (argm->heser != FLAG_UNUSABLE) {
     xpmlog(CALLING_SURFACE, MESSAGE_HESSIAN_INCOMPLETE,
            {call_name(argm).text, module_name(argm, *module_kind(CALL_HESSIAN)).text});
   }
@@ -383,7 +416,12 @@ static bool hessian_complete(const MINSTR* str) {
 int nlphess(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   if (str->fidi == 0) ++str->nhes;
-  if (argm->ihmod == 0) return run_difference_service(str, DIGIT_HESSIAN, &argm->heser);
+  if (argm->ihmod == 0) {
+    const int made = run_difference_service(str, DIGIT_HESSIAN, &argm->heser);
+    // Second differences divide by the square of a step, so that they overflow before values do.
+    const bool usable = made != EVALUATED || hessian_finite(str);
+    return usable ? made : end_evaluation(str, &argm->heser, HESSIAN_NOT_USABLE);
+  }
   if (nlpgrad(str) != EVALUATED || str->tbig != 0.0) return HESSIAN_GRADIENT_FAILED;
 
   const ResultShape shape = expected_shape(str, CALL_HESSIAN);
@@ -397,7 +435,9 @@ int nlphess(MINSTR* str) {
     good = take_sparse_hessian(str, values);
   }
   if (!good || !hessian_complete(str)) {
-    return end_evaluation(str, &argm->heser, HESSIAN_NOT_USABLE);
+    end_evaluation(str, &argm->heser, HESSIAN_NOT_USABLE);
+    argm->heser = FLAG_UNUSABLE;
+    return HESSIAN_NOT_USABLE;
   }
   if (str->imax != 0) negate(str->hess, hessian_length(str));
   return end_evaluation(str, &argm->heser, EVALUATED);

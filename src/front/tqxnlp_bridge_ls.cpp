@@ -47,6 +47,15 @@ Callback difference_service(const MINSTR* str, int digit) {
   }
 }
 
+// A service may answer 0 and leave missing what it could not compute, from a point at a bound for
+// instance; and a quotient may overflow where no value did.
+static bool differences_finite(const MINSTR* str, int digit) {
+  const bool constraints = digit == DIGIT_CONSTRAINT_JACOBIAN;
+  const double* values = constraints ? str->jcon : str->grad;
+  const long count = constraints ? str->nnlc * str->nvar : str->nvar;
+  return std::all_of(values, values + count, [](double value) { return std::isfinite(value); });
+}
+
 int run_difference_service(MINSTR* str, int digit, int* flag) {
   const Callback service = difference_service(str, digit);
   // Services nest: a Hessian's differences ask for gradients. The outer state comes back after.
@@ -58,7 +67,8 @@ int run_difference_service(MINSTR* str, int digit, int* flag) {
   const int code = service(str);
   argm->dncf = outer_functions;
   argm->dncg = outer_gradients;
-  return end_evaluation(str, flag, code == 0 ? EVALUATED : EVALUATION_FAILED);
+  const bool good = code == 0 && differences_finite(str, digit);
+  return end_evaluation(str, flag, good ? EVALUATED : EVALUATION_FAILED);
 }
 
 // ---- Least squares ------------------------------------------------------------------------------

@@ -92,10 +92,13 @@ static int count_bounds(ARGMTS* argm, BoundCount* count) {
   return 0;
 }
 
-// Infinite coefficients and right-hand sides, and a bound that overflows, are refused.
+// Infinite coefficients and right-hand sides are refused, and a bound that overflows. So are
+// coefficients whose sum overflows: such a row has neither a norm nor residuals.
 static int check_numbers(const ARGMTS* argm, const Row& row, long i) {
+  double sum = 0.0;
   for (long j = 0; j < argm->n; ++j) {
-    if (std::isinf(row.a[j])) return refuse_infinite(argm, i, j);
+    if (coefficient_there(row.a[j])) sum += std::fabs(row.a[j]);
+    if (!bound_there(sum)) return refuse_infinite(argm, i, j);
   }
   if (std::isinf(row.b)) return refuse_infinite(argm, i, argm->n + 1);
   if (row.count == 1 && !bound_there(row.b / row.a[row.last])) {

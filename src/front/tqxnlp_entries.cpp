@@ -320,14 +320,22 @@ static bool a_module_failed(const ARGMTS* argm) {
                      [argm](const auto& entry) { return argm->*entry.flag != FLAG_GOOD; });
 }
 
+// Derivatives failed at the start: the first ones in job 1, the Hessian in a technique.
+static constexpr int DERIVATIVE_FAILED = -2;
+
 // A run that ends at its start has no report that says why: the log names the module. A wrong shape
-// is in the log already; functions of least squares that are too large set no flag.
-static void log_failed_start(const MINSTR* str) {
+// is in the log already; functions of least squares that are too large set no flag, and an estimate
+// of intervals that failed has called its function once more at the start, with success.
+static void log_failed_start(const MINSTR* str, int code) {
+  static constexpr int INTERVALS_OF_CONSTRAINTS = 2;
   const ARGMTS* argm = str->secstr;
   int failed = str->tbig != 0.0 ? CALL_OBJECTIVE : -1;
+  if (code == DERIVATIVE_FAILED && str->cfdh != 0) {
+    failed = str->cfdh == INTERVALS_OF_CONSTRAINTS ? CALL_CONSTRAINTS : CALL_OBJECTIVE;
+  }
   for (const auto& entry : ERROR_FLAGS) {
     const int flag = argm->*entry.flag;
-    if (flag == FLAG_WRONG_SHAPE) return;
+    if (flag == FLAG_WRONG_SHAPE || flag == FLAG_UNUSABLE) return;
     if (flag == FLAG_FAILED) failed = entry.code;
   }
   const ModuleKind* kind = module_kind(failed);
@@ -352,10 +360,12 @@ static int run_driver(MINSTR* str) {
   const int constraint_test = str->nlicon != 0 && argm->jcmod != 0 ? 1 : 0;
   const int code = znlpdrv(str, 1, pfun, gradient_test, constraint_test);
   if (code < 0 || a_module_failed(argm)) {
-    if (code != NO_FEASIBLE_START) log_failed_start(str);
+    if (code != NO_FEASIBLE_START) log_failed_start(str, code);
     return code;
   }
-  return znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
+  const int end = znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
+  if (end == DERIVATIVE_FAILED) log_failed_start(str, end);
+  return end;
 }
 
 // Result 1: the return code of the run. Result 2: the final point.

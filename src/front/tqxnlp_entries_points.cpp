@@ -214,6 +214,20 @@ static int make_scalar_results(MINSTR* str) {
   return 0;
 }
 
+// h := J'J of the m x n matrix J, as a sum over its rows, which lie side by side.
+static void form_crossproduct(long m, long n, const double* jacobian, double* h) {
+  vzfdl(0.0, h, n * n);
+  for (long k = 0; k < m; ++k) {
+    const double* row = jacobian + k * n;
+    for (long i = 0; i < n; ++i) {
+      if (row[i] != 0.0) zvxay11(i + 1, h + i * n, row[i], row);
+    }
+  }
+  for (long i = 0; i < n; ++i) {
+    for (long j = 0; j < i; ++j) h[j * n + i] = h[i * n + j];
+  }
+}
+
 // f, g and h of several functions: values, Jacobian J, crossproduct J'J.
 static int make_vector_results(MINSTR* str) {
   const long n = str->nvar;
@@ -224,9 +238,7 @@ static int make_vector_results(MINSTR* str) {
   if (h == nullptr) return ENTRY_NO_MEMORY;
   std::copy_n(str->func, m, f);
   znlpjrd(str, g);
-  for (long j = 0; j < n; ++j) {
-    for (long i = 0; i < n; ++i) h[i * n + j] = zvdotjj(m, n, g + i, n, g + j);
-  }
+  form_crossproduct(m, n, g, h);
   return 0;
 }
 

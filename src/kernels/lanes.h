@@ -1,7 +1,18 @@
 // Eight doubles side by side, in as many machine vectors as the width W of a build variant needs.
 //
+//   W = 2 | 0 1 | 2 3 | 4 5 | 6 7 |      part[0] .. part[3]
+//   W = 4 | 0 1 2 3 | 4 5 6 7 |          part[0], part[1]
+//   W = 8 | 0 1 2 3 4 5 6 7 |            part[0]
+//
+// Lane k belongs to element k modulo 8 at every width, and lanes meet in sum() alone. So a kernel
+// that is written with these operations rounds alike at every width, and a run does not depend on
+// the model of the CPU. Products and sums are two roundings: a fused one would differ between
+// variants (the build forbids the contraction).
+//
 // Everything is passed by reference and inlined into the variant's own function: no vector ever
-// crosses a call. Loads and stores need no alignment.
+// crosses a call, where its form would depend on the caller's instruction set. Loads and stores
+// need no alignment, since packed rows begin anywhere. Loops over the parts are unrolled by
+// request, so that the parts become registers and no array is left in memory.
 #pragma once
 
 #include "kernels/variants.h"
@@ -13,6 +24,7 @@ inline constexpr long LANES = 8;
 template <int W>
 struct Lanes {
   typedef double Vector __attribute__((vector_size(W * 8)));
+  // A vector as it stands in an array of doubles, at the address of any of them.
   typedef double Unaligned __attribute__((vector_size(W * 8), aligned(8), may_alias));
   static constexpr int PARTS = 8 / W;
   Vector part[PARTS];
@@ -58,7 +70,9 @@ struct Lanes {
   }
 };
 
-// Sum of the products of r < 8 elements, always in the same order.
+// ---- Walks along a row --------------------------------------------------------------------------
+// Sum of the products of r < 8 elements, always in the same order: groups of four, two and one from
+// the front, a group folded by halves as in sum(). Elements behind x[r-1] are not read.
 TQNLP_BODY double dot_tail(long r, const double* x, const double* y) {
   double total = 0.0;
   if (r & 4) {
@@ -75,7 +89,9 @@ TQNLP_BODY double dot_tail(long r, const double* x, const double* y) {
   return total;
 }
 
-// y'x with four groups of eight partial sums: a lone group would wait for its own additions.
+// y'x over n elements, 0 for n <= 0. Four groups of eight partial sums, since a lone group would
+// wait for its own additions; shorter rows take one group. The order of the sum depends on n
+// alone.
 template <int W>
 TQNLP_BODY double dot_lanes(long n, const double* x, const double* y) {
   if (n < LANES) return n > 0 ? dot_tail(n, x, y) : 0.0;
@@ -114,7 +130,9 @@ TQNLP_BODY double dot_lanes(long n, const double* x, const double* y) {
   return total + dot_tail(n - i, x + i, y + i);
 }
 
-// z := y + alpha x; z may be x or y.
+// z := y + alpha x; z may be x or y, but must not overlap them otherwise: an element is written
+// after those of its group were read. Each element is one product and one sum wherever it stands,
+// so that a row may be cut at any place without a change of the result.
 template <int W>
 TQNLP_BODY void axpy_lanes(long n, double* z, const double* y, double alpha, const double* x) {
   Lanes<W> factor, a, b;
@@ -137,6 +155,7 @@ TQNLP_BODY void axpy_lanes(long n, double* z, const double* y, double alpha, con
     a.store(z + i);
     i += LANES;
   }
+  // At most seven elements: unrolling them would cost more code than time.
 #pragma GCC unroll 1
   for (; i < n; ++i) z[i] = y[i] + alpha * x[i];
 }

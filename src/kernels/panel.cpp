@@ -6,6 +6,17 @@
 // row. Every element is a plain sum in ascending order of the panel's columns: the result depends
 // neither on the tiles nor on the width of the vectors. Chunks are taken from the last to the
 // first, so that the rows that a chunk's update needs are finished.
+//
+//   columns     j0 .. j0+nb | c0 .. c0+63 |         chunk[t*64 + k] = a(c0+k, j0+t)
+//   rows  c0 ..  | chunk'   | \           |         update_triangle
+//   rows below   | left     | square      |         update_rows
+//
+// The rows from j0 + nb on are cut into chunks from their front, so that the last one alone may be
+// narrower than 64: it has no rows below it, and update_rows always meets full width. Its columns
+// in the buffer are filled up with zeros to whole groups of the solve.
+//
+// The tiles and chunks are chosen for registers and cache: a panel of 32 columns takes 16 KB for a
+// chunk of 64 rows, which stays in the first-level cache while all rows below pass by.
 #include "kernels/panel.h"
 
 #include "aasubs/record/packed.h"
@@ -21,7 +32,8 @@ static constexpr long SOLVED = 4 * LANES;  // rows of a chunk that are solved si
 template <int W>
 constexpr int TILE_ROWS = W / 2;
 
-// to[r][g..g+15] -= sum over t of left[r][t] times row t of the chunk.
+// to[r][g..g+15] -= sum over t of left[r][t] times row t of the chunk. The sums of the tile stay in
+// registers over all nb columns of the panel.
 template <int W, int R>
 TQNLP_BODY void update_tile(double* const* to, const double* const* left, long g, long nb,
                             const double* chunk) {
@@ -67,6 +79,8 @@ TQNLP_BODY void update_triangle(long c0, long width, long j0, long nb, const dou
       to[r] = copy + r * CHUNK;
       for (long q = 0; q < i - c0; ++q) to[r][q] = row[c0 + q];
     }
+    // A tile is always R rows by sixteen columns: rows that are missing repeat the last one, and
+    // what a row gets beyond its diagonal stays in the copy.
     for (long g = 0; g < k + rows - 1; g += TILE) update_tile<W, R>(to, left, g, nb, chunk);
     for (int r = 0; r < rows; ++r) {
       const long i = c0 + k + r;
@@ -99,7 +113,10 @@ TQNLP_BODY void update_rows(long n, long c0, long j0, long nb, const double* chu
   }
 }
 
-// chunk := the transposed solution X of X L' = chunk, for width rows.
+// chunk := the transposed solution X of X L' = chunk, for width rows, with L the panel's triangle.
+// Column t of the factor is column t of the matrix less its part in the columns before it, times
+// the reciprocal of the diagonal: the substitution runs over the columns of the panel, 32 rows side
+// by side.
 template <int W>
 TQNLP_BODY void solve_chunk(long width, long nb, const PanelTriangle& triangle, double* chunk) {
   Lanes<W> sum0, sum1, sum2, sum3, factor, x;
@@ -135,6 +152,7 @@ TQNLP_BODY void solve_chunk(long width, long nb, const PanelTriangle& triangle, 
   }
 }
 
+// The chunks of a panel, from the last to the first.
 template <int W>
 TQNLP_BODY void eliminate_body(long n, long j0, long nb, const PanelTriangle* triangle, double* a) {
   alignas(64) double chunk[PANEL * CHUNK];
@@ -169,6 +187,8 @@ void eliminate_panel(long n, long j0, long nb, const PanelTriangle* triangle, do
   eliminate(n, j0, nb, triangle, a);
 }
 
+// One column by axpy along the rows. Column j of a packed matrix is not contiguous, the step from
+// row i to row i+1 is i+1 elements; and here nothing is gained from several columns.
 template <int W>
 TQNLP_BODY void column_body(long n, long j, double* a) {
   // The column is gathered chunk by chunk, so that the rows are updated along their length.

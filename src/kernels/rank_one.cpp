@@ -4,6 +4,17 @@
 // l v up to k. The sums of four columns are formed side by side, as (l0), (l0 + l1), (l2) + ...,
 // so that only one subtraction a group waits for the group before it. The grouping is the same at
 // every vector width.
+//
+//   lane                    0      1        2              3
+//   l v                     p0     p1       p2             p3
+//   first step, neighbours  p0     p0+p1    p2             p2+p3
+//   second step, halves     p0     p0+p1    (p0+p1)+p2     (p0+p1)+(p2+p3)
+//   y behind the column     y less the sum of its lane; the last lane goes to the next group
+//
+// Column by column the same row would be a chain of one product and one difference a column, each
+// waiting for the one before. Which pivots and multipliers the changes hold is the caller's matter:
+// a panel of columns is decided on its own rows first and then carried through the rows below in
+// one walk along each of them.
 #include "kernels/rank_one.h"
 
 #include "aasubs/record/packed.h"
@@ -13,6 +24,8 @@ namespace tqnlp {
 
 typedef double Group __attribute__((vector_size(32), aligned(8), may_alias));
 
+// The changes of columns begin..end-1 in their plain order. It serves what does not fill a group
+// and groups with a column of the second form, which needs y before it.
 TQNLP_BODY void change_one_by_one(const ColumnChanges& changes, long begin, long end, double* row,
                                   double& y) {
   for (long k = begin; k < end; ++k) {
@@ -23,7 +36,8 @@ TQNLP_BODY void change_one_by_one(const ColumnChanges& changes, long begin, long
   }
 }
 
-// y is that of the row in all lanes.
+// Four changes of the first form; y is that of the row in all lanes, before and after. The shuffles
+// move sums to higher lanes: 0 to 3 name the lanes of the zero vector, 4 to 7 those of sum.
 TQNLP_BODY void change_group(const double* v, const double* w, double* row, Group& y) {
   const Group none = {};
   const Group l = *reinterpret_cast<const Group*>(row);
@@ -34,6 +48,8 @@ TQNLP_BODY void change_group(const double* v, const double* w, double* row, Grou
   y -= __builtin_shufflevector(sum, sum, 3, 3, 3, 3);
 }
 
+// The first count changes of one row: whole groups, then the rest. A row that meets both kinds of
+// groups hands y over between them.
 TQNLP_BODY void change_one_row(const ColumnChanges& changes, long count, double* row, double& y) {
   static constexpr long GROUP = ColumnChanges::GROUP;
   const long grouped = count - count % GROUP;
@@ -75,6 +91,7 @@ TQNLP_DISPATCH(void, rows_by_groups,
 
 void change_row(const ColumnChanges& changes, long count, double* row, double* y) {
   if (count < ColumnChanges::GROUP) {
+    // Too short for a group: the call through the dispatch is spared.
     change_one_by_one(changes, 0, count, row, *y);
   } else {
     row_by_groups(changes, count, row, y);

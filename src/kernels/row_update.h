@@ -1,5 +1,17 @@
 // Inner loops of the factorizations that keep rows: the update of a row by several others, and the
 // largest element.
+//
+//   from[0]  | . . x x x x x x x x |  factor[0]
+//   from[1]  | . . x x x x x x x x |  factor[1]       to[i] -= factor[0] from[0][at+i]
+//   from[2]  | . . x x x x x x x x |  factor[2]               - factor[1] from[1][at+i] - ...
+//                  ^ at
+//   to             | x x x x x x x x |
+//
+// The row that is updated is read and written once, whatever the number of rows that go into it:
+// the walk over the rows stands inside the walk over the columns, and a group of columns waits in
+// registers. An element is the same sequence of products and differences whether it stands in a
+// group of eight, four, two or alone, and whatever the width of the vectors: where a row is cut
+// does not change its bits. The row must not overlap the others.
 #pragma once
 
 #include "kernels/lanes.h"
@@ -10,7 +22,9 @@ namespace tqnlp {
 typedef double Four __attribute__((vector_size(32), aligned(8), may_alias));
 typedef double Two __attribute__((vector_size(16), aligned(8), may_alias));
 
-// to[i] -= sum of factor[p] * from[p][at + i] over p < rows, in the order of p, for i < n.
+// to[i] -= sum of factor[p] * from[p][at + i] over p < rows, in the order of p, for i < n. Two
+// groups of eight columns at a time: a factor is spread over its lanes once for both, and the
+// differences of one group run beside those of the other.
 template <int W>
 TQNLP_BODY void subtract_rows(long n, long rows, const double* factor, const double* const* from,
                               long at, double* to) {
@@ -64,7 +78,7 @@ TQNLP_BODY void subtract_rows(long n, long rows, const double* factor, const dou
   }
 }
 
-// The same for one row and for two.
+// The same for one row, to[i] -= f * from[i]: no table of rows to set up.
 template <int W>
 TQNLP_BODY void subtract_row(long n, double f, const double* from, double* to) {
   long i = 0;
@@ -89,6 +103,8 @@ TQNLP_BODY void subtract_row(long n, double f, const double* from, double* to) {
   if (n & 1) to[i] -= f * from[i];
 }
 
+// The same for two rows, to[i] = (to[i] - f * from[i]) - g * second[i]: what a pivot of order two
+// takes from the rows before it.
 template <int W>
 TQNLP_BODY void subtract_two_rows(long n, double f, const double* from, double g,
                                   const double* second, double* to) {
@@ -121,7 +137,9 @@ TQNLP_BODY void subtract_two_rows(long n, double f, const double* from, double g
   if (n & 1) to[i] = to[i] - f * from[i] - g * second[i];
 }
 
-// Largest modulus of x[0..n-1], at least floor; a NaN is passed over.
+// floor := the largest modulus of x[0..n-1], at least floor. A NaN in x is passed over, since no
+// comparison with it is true. Eight maxima side by side: the largest of them is the same in any
+// order.
 template <int W>
 TQNLP_BODY void raise_to_largest(long n, const double* x, double& floor) {
   long i = 0;

@@ -1,6 +1,11 @@
 // zchol: the incremental kernels of the older Newton code. A packed Cholesky factor grows by a row
 // at a time (zchol), its two triangular solves (zchol2, zbaksub) take 0 for a division by a zero
-// diagonal, and zhh1, zhh2 build and apply the Householder reflection that clears a constraint row.
+// diagonal, and zhh1, zhh2 build and apply the Householder reflection that clears a constraint row
+// (Golub and Van Loan, Matrix Computations, sec. 5.1 for reflections, sec. 4.2 for the factor).
+//
+// Who adds a row judges by what zchol returns whether it is independent of the earlier ones. A
+// dependent row may stay in the factor: its diagonal is 0, so that later rows, and solutions, get 0
+// in its place instead of an infinity.
 #include <cmath>
 
 #include "aasubs/record/packed.h"
@@ -9,6 +14,8 @@
 
 namespace tqnlp {
 
+// The rule of all three kernels. Only an exact zero is meant: zchol has already set to zero what is
+// not above its tolerance.
 static double divide_or_zero(double value, double diagonal) {
   return diagonal == 0.0 ? 0.0 : value / diagonal;
 }
@@ -19,6 +26,8 @@ double zchol(long k, double* base, double tol) {
   for (long i = 0; i < k; earlier += ++i) {
     row[i] = divide_or_zero(row[i] - zinner(i, row, earlier), earlier[i]);
   }
+  // What stands under the root goes back, not the root: beside the diagonal that was there, a small
+  // rest tells cancellation, and a negative one a matrix that is not positive definite.
   const double rest = row[k] - zinner(k, row, row);
   row[k] = rest > tol ? std::sqrt(rest) : 0.0;
   return rest;
@@ -34,6 +43,7 @@ void zchol2(long k, const double* base, double* vec) {
 void zbaksub(long k, const double* m, double* v) {
   const double* row = m + packed_size(k);
   for (long i = k - 1; i >= 0; --i) {
+    // Row i of L is column i of L': once v[i] is known, its part leaves the elements before it.
     row -= i + 1;
     v[i] = divide_or_zero(v[i], row[i]);
     zvxay11(i, v, -v[i], row);
@@ -43,6 +53,7 @@ void zbaksub(long k, const double* m, double* v) {
 int zhh1(double* abase, double* ubase, double* pk, long k, long inc, long nvar) {
   const long length = nvar - k;
   double* row = abase + k * inc;
+  // By the largest element, so that the squares of the norm neither overflow nor vanish.
   const double scale = zvamxj(length, inc, row);
   *pk = 0.0;
   if (scale == 0.0) return 1;
@@ -50,6 +61,9 @@ int zhh1(double* abase, double* ubase, double* pk, long k, long inc, long nvar) 
     ubase[j] = row[j * inc] / scale;
     row[j * inc] = 0.0;
   }
+  // u = x + sign(x0) |x| e0: with the sign of x0 the first element grows and nothing cancels. u'u
+  // is then 2 |x| |u0|, which makes I - u u'/pk with pk = |x| |u0| a reflection, and x becomes
+  // -sign(x0) |x| e0.
   double norm = std::sqrt(zinner(length, ubase, ubase));
   if (!(ubase[0] > 0.0)) norm = -norm;
   ubase[0] += norm;

@@ -5,6 +5,16 @@
 // pivot: row t loses w u with w = u/d. lltde2 chooses its pivots one by one; within a panel it only
 // brings the column of the pivot and the diagonal up to date, and the panel as a whole goes into
 // the rest of the matrix at its end (the lazy form of LAPACK Working Note 161).
+//
+//   order         job 2                            job 4
+//   up to 12      factor_small, row by row         factor_square
+//   up to 32      panels of 32, lltdec             factor_square: both triangles in a buffer
+//   up to 1024    panels                           factor_by_columns: the panel's columns apart
+//   above         panels                           factor_by_rows: in place
+//
+// The forms of job 4 choose alike: the largest reduced diagonal element, the first of equals. The
+// reduced diagonal is kept up to date at every step, whatever else waits, since the choice needs
+// it. Which form serves an order is fixed, so that the same matrix always gives the same bits.
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -47,6 +57,8 @@ struct LogProduct {
 
 // ---- Job 2 -------------------------------------------------------------------------------------
 
+// Row j of the factor from the rows before it. Rows are too short for lanes, and the inner
+// loop too short to be unrolled.
 static long factor_small(long n, double sing, LogProduct& determinant, double* c) {
   double reciprocal[SMALL_ORDER];
   double* row = c;
@@ -72,15 +84,20 @@ static long factor_small(long n, double sing, LogProduct& determinant, double* c
   return 0;
 }
 
-// The triangle of a panel. u and the arrays as the body below leaves them.
+// The triangle of a panel while it is factored: column s of u holds the reduced column, without a
+// root, until store_triangle scales it. What was subtracted from a diagonal element, also by the
+// columns before the panel, is summed apart from the element itself, because the test of a pivot
+// compares the two.
 struct PanelWork {
   PanelTriangle triangle;
-  alignas(64) double subtracted[PANEL];
-  double diagonal[PANEL];
-  double pivot[PANEL];
+  alignas(64) double subtracted[PANEL];  // from each diagonal element so far
+  double diagonal[PANEL];                // of the matrix; its root once the triangle is stored
+  double pivot[PANEL];                   // diagonal less subtracted, of the steps done
 };
 
-// Factors the order nb triangle, first without roots. Returns the step that failed, or nb.
+// Factors the order nb triangle, first without roots: with the reduced column u of step s and d its
+// pivot, column q loses u u_q/d. The next step then waits for one division, and for no root.
+// Returns the step that failed, or nb.
 template <int W>
 TQNLP_BODY long factor_triangle_body(long nb, double sing, PanelWork& work) {
   double* const u = work.triangle.u;
@@ -118,6 +135,9 @@ TQNLP_BODY long factor_triangle_body(long nb, double sing, PanelWork& work) {
 }
 TQNLP_DISPATCH(long, factor_triangle, (long nb, double sing, PanelWork& work), (nb, sing, work))
 
+// Takes rows j0 .. j0+nb-1 of the matrix, whose elements from column j0 on were reduced by the
+// panels before. Their diagonals were not: the squares of the finished part of each row are summed
+// here.
 static void load_triangle(long j0, long nb, const double* c, PanelWork& work) {
   const long padded = (nb + LANES - 1) / LANES * LANES;
   for (long s = 0; s < nb; ++s) {
@@ -132,7 +152,9 @@ static void load_triangle(long j0, long nb, const double* c, PanelWork& work) {
   }
 }
 
-// Scales the columns by their roots and writes rows 0..rows-1 of the triangle back.
+// Scales the first done columns by their roots and writes rows 0..rows-1 of the triangle back.
+// After a failure these are the rows before the pivot, and its own with what failed on the
+// diagonal.
 static void store_triangle(long j0, long done, long rows, double* c, PanelWork& work) {
   PanelTriangle& triangle = work.triangle;
   for (long s = 0; s < done; ++s) {
@@ -149,6 +171,7 @@ static void store_triangle(long j0, long done, long rows, double* c, PanelWork& 
   }
 }
 
+// Panels from the left: triangle, then the rows below it and what follows (eliminate_panel).
 long lltdec(long n, double sing, double* logdet, double* c) {
   LogProduct determinant;
   if (n <= SMALL_ORDER) {
@@ -177,6 +200,12 @@ long lltdec(long n, double sing, double* logdet, double* c) {
 
 // ---- Job 4 -------------------------------------------------------------------------------------
 
+// Three stretches of the packed triangle, with j < p:
+//
+//   row j     | a a a a  dj                 a  columns before j: rows j and p
+//   row j<k<p | . . . .  b  .               b  column j below its diagonal, row p up to its own
+//   row p     | a a a a  .  b b b  dp       d  the diagonals; element (p,j) stays
+//   row k>p   | . . . .  c  . . .  c        c  columns j and p
 void swap_packed(long n, long j, long p, double* a) {
   if (j == p) return;
   double* row_j = a + packed_size(j);
@@ -191,7 +220,8 @@ void swap_packed(long n, long j, long p, double* a) {
 
 // Orders up to PANEL are factored in a square buffer that holds both triangles. Nothing is moved:
 // an exchange is one in the list of rows, and the factor's column that belongs to pivot q is built
-// in row q.
+// in row q, without its root. By symmetry row q of the remaining matrix is its column q, so that
+// all walks are contiguous.
 struct SquareWork {
   alignas(64) double g[PANEL * PANEL];
   alignas(64) double diagonal[PANEL];  // reduced
@@ -275,20 +305,23 @@ static long factor_square(long n, double sing, LogProduct& determinant, long* pi
     if (piv != nullptr) piv[i] = q;
   }
   if (done == n) return 0;
+  // The contract of a failed pivot, see failed_pivot.
   double& pivot = c[packed_size(done) + done];
   pivot = failed_pivot(pivot, sing);
   return done + 1;
 }
 
 // The finished elements of the panel's own rows, padded with zeros: row i of the matrix at
-// l + (i - j0)*PANEL. The rows themselves end too early to be read by whole groups of eight.
+// l + (i - j0)*PANEL. The rows themselves end too early to be read by whole groups of eight; rows
+// below the panel are long enough and are read where they stand.
 struct PanelRows {
   alignas(64) double l[PANEL * PANEL];
 };
 
 // The elements of column j = j0 + k of R rows from row i on, reduced by the panel and divided by
 // the root. pivot_row is row j of the panel, padded with zeros; left the rows' own panel elements,
-// with anything behind the finished ones.
+// with anything behind the finished ones: those meet the zeros. (An infinity there makes the sum a
+// NaN some steps before it would have done so in its own column.)
 template <int W, int R>
 TQNLP_BODY void pivot_rows(long i, long j0, long k, double reciprocal, const double* pivot_row,
                            const double* const* left, double* a, double* result) {
@@ -313,6 +346,7 @@ TQNLP_BODY void pivot_rows(long i, long j0, long k, double reciprocal, const dou
   }
 }
 
+// Rows of the panel itself work on their copies, later ones on the matrix.
 template <int W, int R>
 TQNLP_BODY void pivot_panel_rows(long i, long j0, long k, double reciprocal,
                                  const double* pivot_row, double* a, PanelRows& panel) {
@@ -352,7 +386,8 @@ TQNLP_DISPATCH(void, pivot_column,
                (long n, long j0, long j, double reciprocal, double* a, PanelRows& panel),
                (n, j0, j, reciprocal, a, panel))
 
-// The padded copies after the exchange of rows j and p.
+// The padded copies after the exchange of rows j and p in the matrix. Where p lies below the panel
+// it has no copy: row j's is made from the matrix, and finished elements alone are read of it.
 static void swap_panel_rows(long j0, long end, long j, long p, const double* a, PanelRows& panel) {
   double* copy_j = panel.l + (j - j0) * PANEL;
   if (p < end) {
@@ -468,6 +503,8 @@ static long largest_in_buffer(long n, long j, const double* diagonal) {
   return p < n ? p : j;
 }
 
+// The same choice from the diagonal in the packed matrix; a NaN at j is kept too, as no comparison
+// with it is true.
 static long largest_in_place(long n, long j, const double* c) {
   long p = j;
   double best = c[packed_size(j) + j];
@@ -487,6 +524,7 @@ static long give_up(long n, long j0, long j, double sing, double pivot, double* 
   return j + 1;
 }
 
+// The exchange of j and p in all that factor_by_columns keeps: matrix, diagonal, finished columns.
 static void bring_to_columns(long n, long j0, long j, long p, double* c, PanelColumns& panel) {
   swap_packed(n, j, p, c);
   std::swap(panel.diagonal[j], panel.diagonal[p]);

@@ -6,6 +6,15 @@
 // Every entry works in place on one vector. The pivoted jobs 4 and 5 do the work of jobs 2 and 3
 // between a permutation into pivot order and back. In job 1 the half factors are L D^(1/2) and
 // D^(1/2) L', so that a step through half factors agrees with that of an LL' factor.
+//
+//   job    A        solve       upper half     lower half     stored
+//   1      L D L'   L, D, L'    D^(1/2) L'     L D^(1/2)      packed, D on the diagonal
+//   2, 4   L L'     L, L'       L'             L              packed (4: in pivot order)
+//   3, 5   C C      C, C        C              C              n roots (5: in pivot order)
+//   6, 7   U'U      U', U       U              U'             sparse, own permutation
+//
+// The norm of a lower half solve is the root of b'A^-1 b, that of an upper product the root of b'A
+// b, in all forms alike; the elements are not.
 #include <cmath>
 #include <utility>
 
@@ -24,6 +33,7 @@ namespace tqnlp {
 // Root of a pivot; a pivot that is not positive counts as zero.
 static double half_pivot(double d) { return d > 0.0 ? std::sqrt(d) : 0.0; }
 
+// By rows of L: sums. L' has the rows of L as its columns and takes them away from what is above.
 static void solve_unit_lower(long n, const double* c, double* b) {
   for (long i = 0; i < n; c += ++i) b[i] -= zvdot11(i, c, b);
 }
@@ -36,7 +46,8 @@ static void solve_unit_upper(long n, const double* c, double* b) {
   }
 }
 
-// b := c^-1 b, diagonal by diagonal element. Returns 1 on a zero pivot.
+// b := D^-1 b, or D^(-1/2) b for the half. c steps along the packed diagonal. Returns 1 on a zero
+// pivot; a negative one has the half pivot 0 and stops a half solve too.
 static int divide_by_pivots(long n, const double* c, double* b, bool half) {
   for (long i = 0; i < n; ++i, c += i + 1) {
     const double d = half ? half_pivot(*c) : *c;
@@ -88,6 +99,8 @@ static void ldulmu(long n, const double* c, double* b) {
 
 // ---- The diagonal form -------------------------------------------------------------------------
 
+// The factor holds the roots of the values: twice for the matrix, once for a half.
+
 // b := diagonal^-times b. Returns 1 on a zero pivot.
 static int divide_by_diagonal(long n, const double* c, double* b, int times) {
   for (long i = 0; i < n; ++i) {
@@ -129,7 +142,8 @@ static int sparse_zero(long n, const double* c) {
 
 // ---- Permutation -------------------------------------------------------------------------------
 
-// Not yet moved: the entry stands complemented, so that any index, also 0, can carry the mark.
+// Not yet moved: the entry stands complemented, so that any index, also 0, can carry the mark. The
+// permutation is its own list of visited places, and is whole again when all cycles are done.
 static long marked(long index) { return -1 - index; }
 
 void znlpprm(int job, long n, long* piv, double* x) {
@@ -141,6 +155,8 @@ void znlpprm(int job, long n, long* piv, double* x) {
     double carried = first;
     for (;;) {
       const long next = piv[i] = marked(piv[i]);
+      // Into pivot order values are fetched, backwards they are carried along: either way a cycle
+      // is followed in the direction in which piv can be read.
       if (job == 0) {
         x[i] = next == start ? first : x[next];
       } else {
@@ -187,7 +203,8 @@ int znlpcso(MINSTR* str, int job, long n, double* c, double* b) {
   }
 }
 
-// The half solve with the upper (or lower) factor in any job but 6.
+// The half solve with the upper (or lower) factor in any job but 6; job 7 has none. Of the diagonal
+// forms both halves are the same.
 static int half_solve(MINSTR* str, bool upper, int job, long n, double* c, double* b) {
   const int zqrsol_job = upper ? SOLVE_UPPER : SOLVE_LOWER;
   int zero = 0;
@@ -223,7 +240,8 @@ int znlpilm(MINSTR* str, int job, long n, double* c, double* b) {
   return sparse_zero(n, c);
 }
 
-// The product with the upper factor, the lower factor, or both in this order.
+// The product with the upper factor, the lower factor, or both in this order. It has no status: a
+// product is defined for every factor.
 static void product(MINSTR* str, bool upper, bool lower, int job, long n, double* c, double* b) {
   const SPAR& s = str->shes;
   job = choose_factor_job(str, job);

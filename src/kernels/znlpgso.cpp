@@ -1,9 +1,19 @@
 // znlpgso: Gram-Schmidt Orthogonalization of a vector against the orthonormal columns of Q, with
 // reorthogonalization (Daniel, Gragg, Kaufman and Stewart 1976, Mathematics of Computation 30).
 //
-// A pass is repeated while it takes away more than a factor sqrt(2) of the norm. A vector that lies
-// in the span of Q to working precision is replaced once by a unit vector of the row in which Q has
-// the smallest norm. A column of Q is read once a pass, so that Q may stand in a utility file.
+//   a pass     v := v - Q Q'v, r := r + Q'v
+//   accepted   when what is left is not shorter than the part taken away: |v| before < sqrt(2) |v|
+//              after. Otherwise the rounding errors of the pass are large beside what is left, and
+//              only a further pass makes it orthogonal; nearly always the second one is the last.
+//   in span    |v| has fallen to a tenth of a rounding unit of what it was: its direction is noise.
+//              Once, v is replaced by a multiple of a unit vector, that of the row in which Q has
+//              the smallest norm. The squares of the m row norms add up to n, so that this row has
+//              at most n/m, and a part of length sqrt(1 - n/m) at least stays outside of the span.
+//
+// The coefficients of the passes add up in r, so that v on entry is Q r + rho v on return to
+// working precision. A column
+// of Q is read once a pass, for its coefficient and its part alike (the classical form), so that Q
+// may stand in a utility file.
 //
 // Work: u holds m doubles (the projection of a pass), w m doubles (a column read from the file).
 #include <cmath>
@@ -90,6 +100,7 @@ int znlpgso(int job, long m, long n, long incq, long incv, long incr, const GsoB
   const double first_norm = zvenorm(m, incv, v);
   *rho = first_norm;
   if (!(first_norm > TINY)) return ZERO_VECTOR;
+  // From here on r holds sums over the passes.
   for (long j = 0; j < n; ++j) r[j * incr] = 0.0;
 
   bool restarted = false;
@@ -99,6 +110,7 @@ int znlpgso(int job, long m, long n, long incq, long incv, long incr, const GsoB
   for (long iter = 1;; ++iter) {
     const double previous = norm;
     const double squares = project(q, n, incv, incr, v, null ? nullptr : r, u);
+    // Q spans everything: nothing can be left, whatever rounding says.
     if (m == n) {
       for (long i = 0; i < m; ++i) v[i * incv] = 0.0;
       norm = 0.0;
@@ -106,11 +118,15 @@ int znlpgso(int job, long m, long n, long incq, long incv, long incr, const GsoB
     }
     zvxayj1(m, incv, v, -1.0, u);
     norm = zvenorm(m, incv, v);
+    // The share of the coefficients asks for a little more: where they are huge, their rounding is
+    // in what is left.
     if (std::sqrt(squares) * COEFFICIENT_SHARE + previous < ROOT_TWO * norm) break;
     if (iter == MOST_PASSES) {
       code = NO_CONVERGENCE;
       break;
     }
+    // A vector that still has a length keeps it in its new direction, so that the passes compare
+    // with it; one that has none takes a direction of length 1, to which v has no part.
     if (!restarted && !(norm > first_norm * SPAN_PRECISION)) {
       restarted = true;
       const long row = weakest_row(q, n, u);

@@ -7,6 +7,15 @@
 // for eight columns, and multiplied by the rows of Q: elements of H are met one by one, wherever
 // the list sends them, and each works on whole lanes. Every sum runs in the order of the rows,
 // whatever is taken together.
+//
+//   H listed by ipiv        h = H Q(:, j..j+7)      res(j.., j..j+7)
+//   | x       |             | 8 lanes |             | x               |
+//   | x x     |   times Q   | 8 lanes |   Q' times  | x x             |
+//   | x x x   |             | 8 lanes |             | x x x           |   to its diagonal
+//
+// Half of H is stored, so that element (a,b) serves two rows of the product: row a as H(a,b) q_b,
+// and row b as H(b,a) q_a. Column by column, which is left for more rows than
+// there is room for, H is read p times.
 #include <utility>
 
 #include "aasubs/record/packed.h"
@@ -18,6 +27,7 @@
 
 namespace tqnlp {
 
+// hfrm
 static constexpr int DIAGONAL_FORM = 2;
 static constexpr int SPARSE_FORM = 1;
 
@@ -27,6 +37,8 @@ static bool left_out(const long* ind, long i) { return ind != nullptr && ind[i] 
 
 // ---- Products ----------------------------------------------------------------------------------
 
+// x := H b without the marked rows and columns. The result is cleared of them first, as an element
+// below the diagonal adds to a row that may come before its own.
 static void sparse_product(long n, const long* ja, const long* ind, const double* c,
                            const double* b, double* x) {
   for (long i = 0; i < n; ++i) x[i] = left_out(ind, i) ? 0.0 : c[i] * b[i];
@@ -59,6 +71,7 @@ void znlpsmv(long n, const long* ind, const double* sym, const double* b, double
     packed_product(n, sym, b, x);
     return;
   }
+  // Row i completes x[i] as far as it is stored, and gives to the rows before it, which are there.
   const double* row = sym;
   for (long i = 0; i < n; row += ++i) {
     x[i] = 0.0;
@@ -74,12 +87,13 @@ void znlpsmv(long n, const long* ind, const double* sym, const double* b, double
 
 // ---- Reductions --------------------------------------------------------------------------------
 
-// H(a,b), row: row a of the packed form.
+// H(a,b), row: row a of the packed form. The list may name parameters in any order, so that either
+// of the two may be the larger.
 TQNLP_BODY double element_at(const double* sym, const double* row, long a, long b) {
   return b <= a ? row[b] : sym[packed_size(b) + a];
 }
 
-// h := H w for the rows and columns listed in ipiv, H packed.
+// h := H w for the rows and columns listed in ipiv, H packed: h and w by place in the list.
 static void listed_product(long m, const long* ipiv, const double* sym, const double* w,
                            double* h) {
   for (long i = 0; i < m; ++i) {
@@ -97,7 +111,8 @@ static void listed_product(long m, const long* ipiv, const double* sym, const do
   }
 }
 
-// Column j of the packed result: res(i,j) := sum over r of q(r,i) h[r], i from j on. w gathers.
+// Column j of the packed result: res(i,j) := sum over r of q(r,i) h[r], i from j on. w gathers,
+// so that the rows of Q are walked along and the strided column of res is written once.
 static void reduced_column(long m, long p, long j, long incq, const double* q, const double* h,
                            double* res, double* w) {
   vzfdl(0.0, w, p - j);
@@ -140,6 +155,7 @@ TQNLP_BODY void panel_rows(long i, long incq, const long* ipiv, const double* sy
     }
     target.store(h + k * LANES);
   }
+  // Among the R rows themselves, and their diagonal.
 #pragma GCC unroll 4
   for (int r = 0; r < R; ++r) {
 #pragma GCC unroll 4
@@ -156,6 +172,7 @@ TQNLP_BODY void panel_rows(long i, long incq, const long* ipiv, const double* sy
 }
 
 // Rows i..i+R-1 of the packed result in the eight columns from j on, as far as they reach there.
+// All eight columns are summed up: what lies beyond the diagonal is thrown away.
 template <int W, int R>
 TQNLP_BODY void panel_result(long m, long i, long j, long incq, const double* q, const double* h,
                              double* res) {
@@ -195,7 +212,7 @@ TQNLP_DISPATCH(void, reduce_panel,
                 const double* q, double* h, double* res),
                (m, p, j, incq, ipiv, sym, q, h, res))
 
-// Rows of Q up to which the panels have room, 64 KB each.
+// Rows of Q up to which the panels have room, 64 KB each on the stack, as kernels take no memory.
 static constexpr long PANEL_ROWS = 1024;
 
 // All columns by panels. The last panel starts so that it is full; what it repeats comes out the
@@ -219,6 +236,8 @@ static void reduce_narrow(long m, long p, long incq, const long* ipiv, const dou
   reduce_panel(m, p, 0, LANES, ipiv, sym, wide, h, res);
 }
 
+// By panels where that pays and there is room, else column by column with the caller's work arrays.
+// A diagonal H is read at no cost and goes by columns too.
 void znlpred(int hfrm, long /*n*/, long m, long p, long incq, const long* ipiv, const double* sym,
              const double* q, double* res, double* w, double* w2) {
   if (hfrm != DIAGONAL_FORM && m <= PANEL_ROWS) {
@@ -287,6 +306,8 @@ void znlpre2(int hfrm, long n, long p, const long* ipiv, double* sym, double* re
   }
 }
 
+// The diagonal is taken out first, since the result overwrites H; then res = sum over the rows r of
+// H(r,r) q_r q_r', a rank-one term a row.
 void znlpre3(long n, long p, long incq, const long* ipiv, double* sym, const double* q, double* w) {
   for (long r = 0; r < n; ++r) {
     const long i = parameter(ipiv, r);
@@ -300,6 +321,7 @@ void znlpre3(long n, long p, long incq, const long* ipiv, double* sym, const dou
   }
 }
 
+// p = 1 is spared the product with a matrix of one element.
 void znlpexp(long n, long p, long incq, const long* ipiv, const double* sym, const double* q,
              double* res, double* w) {
   for (long i = 0; i < n; ++i) {
@@ -336,6 +358,7 @@ void znlpquf(int mod, long n, long p, long incx, const double* sym, const double
   }
 }
 
+// Elements beside the diagonal stand once and count twice; they are summed apart.
 void znlpqf3(int mod, long n, const double* syma, const double* symb, double* res) {
   double twice = 0.0;
   double once = 0.0;

@@ -5,6 +5,19 @@
 // which are carried from step to step. A column whose remaining norm is not above the limit is
 // moved behind the free ones and counts as null where nothing else is left. Reflection l is I - v
 // v'/v_l; v stands on and below the diagonal of column l, the diagonal of R in alfa.
+//
+//   column     0 .. l-1 |  l  | l+1 .. n-1
+//   row  < l   R        |  R  | R                     final
+//   row  l     v v v    |  v  | R                     final after step l
+//   row  > l   v v v    |  v  | remaining matrix      lacks the pending reflections
+//
+// The matrix stands by rows, and all walks go along them: v'A is gathered over the rows into a
+// vector of products, and v times these products goes back into the rows. That reads the remaining
+// matrix twice a reflection. Where it is wide enough to outgrow the cache, reflections wait until
+// MOST of them go into the rows in one pass; until then only what a step looks at is brought up to
+// date: the column of the pivot and row l. The products with columns that lack pending reflections
+// are put right by the overlaps v_l'v_t (Quintana-Orti, Sun and Bischof 1998, SIAM J. Sci.
+// Comput. 19).
 #include <cmath>
 #include <utility>
 
@@ -28,19 +41,29 @@ struct PivotedQr {
 };
 
 // Reflections start..start+count-1, finished but not applied to the rows below the last of them.
+// The matrix that a step has to see is
+//
+//   A(i,j) = u(i,j) + sum of v_t[i] s_t[j],   s_t = -v_t'A / v_t[t]   (A as step t found it)
+//
+// for rows i and columns j at or behind start + count. v_t[i] stands in column start + t of row i,
+// so that the factors of a row lie side by side.
 struct PendingReflections {
   static constexpr long MOST = 8;
-  static constexpr long COLUMNS = 1024;  // the widest matrix that is treated lazily
-  static constexpr long STRIDE = COLUMNS + 16;
+  static constexpr long COLUMNS = 1024;         // the widest matrix that is treated lazily
+  static constexpr long STRIDE = COLUMNS + 16;  // no power of two: vectors spread over the cache
   long start = 0;
   long count = 0;
   double s[MOST * STRIDE];  // s_t of column j at s[t*STRIDE + j]
 };
 
-// Narrower matrices are updated after every reflection.
+// Narrower matrices are updated after every reflection: their rows are too short to repay the
+// corrections.
 static constexpr long LAZY_COLUMNS = 32;
 static constexpr int ROWS_TOGETHER = 8;
 
+// ---- Order of the columns -----------------------------------------------------------------------
+
+// Exchanges whole columns, also the part of R above: ipiv stays the order of all that stands in u.
 static void swap_columns(const PivotedQr& f, long j, long k) {
   if (j == k) return;
   std::swap(f.alfa[j], f.alfa[k]);
@@ -64,7 +87,8 @@ static long place_marked(const PivotedQr& f, long from, long to, long search_fro
 }
 
 // Reads the marks, places the marked columns and makes ipiv the order of the columns. Once both
-// ends are placed no marked column can stand elsewhere: there are as many marks as places.
+// ends are placed no marked column can stand elsewhere: there are as many marks as places. alfa
+// carries the marks meanwhile, moved along by the exchanges; ipiv already holds column numbers.
 static long place_columns(PivotedQr& f) {
   for (long j = 0; j < f.n; ++j) {
     const long mark = f.ipiv[j];
@@ -78,11 +102,13 @@ static long place_columns(PivotedQr& f) {
   return failed != 0 ? failed : place_marked(f, f.end_free, f.n, f.first_free);
 }
 
+// Norm of column j from row from down, formed anew.
 static double column_norm(const PivotedQr& f, long j, long from) {
   return zvenorm(f.m - from, f.incu, f.u + from * f.incu + j);
 }
 
-// The free column with the largest remaining norm, the last of equals.
+// Brings the free column with the largest remaining norm, the last of equals, to place l. The
+// products of pending reflections with the two columns change places too.
 static void choose_pivot(const PivotedQr& f, PendingReflections& w, long l) {
   if (f.ipiv == nullptr || l < f.first_free || l >= f.end_free) return;
   long best = l;
@@ -101,7 +127,9 @@ static void rotate_left(T* x, long from, long to) {
   x[to - 1] = first;
 }
 
-// Moves column l behind the free ones, which keep their order; the free range ends before it.
+// Moves column l behind the free ones, which keep their order; the free range ends before it. A
+// column of the front that turns out null leaves the front too. Nothing may be pending: the
+// products are not moved.
 static void retire_column(PivotedQr& f, long l) {
   rotate_left(f.ipiv, l, f.end_free);
   rotate_left(f.alfa, l, f.end_free);
@@ -117,7 +145,9 @@ static void clear_norms(const PivotedQr& f, long l) {
   if (f.ipiv != nullptr) f.sum[l] = 0.0;
 }
 
-// Turns column l from row l down into the reflection vector.
+// Turns column l, of norm t from row l down, into the reflection vector v = x/t + e with the sign
+// of the first element in t: nothing cancels, and 1 <= v_l <= 2. Then v'v = 2 v_l, so that I -
+// v v'/v_l is a reflection and takes x to -t e.
 static void make_reflection(const PivotedQr& f, long l, double t) {
   double* top = f.u + l * f.incu + l;
   if (*top < 0.0) t = -t;
@@ -128,8 +158,8 @@ static void make_reflection(const PivotedQr& f, long l, double t) {
   if (f.ipiv != nullptr) f.sum[l] = -*top;
 }
 
-// products[j - from] += sum of v[i] u(i,j) over the rows first..m-1, columns from..to-1. v is
-// column l of f.
+// products[j - from] += sum of v[i] matrix(i,j) over the rows l..m-1, columns from..to-1. v is
+// column l of f. Eight rows at a time, so that the products are read and written once for eight.
 template <int W>
 TQNLP_BODY void gather_body(const PivotedQr& f, long l, const double* matrix, long inc, long from,
                             long to, double* products) {
@@ -172,7 +202,10 @@ TQNLP_DISPATCH(void, gather,
                 double* products),
                (f, l, matrix, inc, from, to, products))
 
-// Applies reflection l at once to columns from..to-1 of a matrix with rows of stride inc.
+// ---- Reflections --------------------------------------------------------------------------------
+// Applies reflection l at once to columns from..to-1 of a matrix with rows of stride inc: the rest
+// of u, or the right sides b, which have no pending form. By pieces of CHUNK columns, as many as
+// the products have room for.
 static void reflect(const PivotedQr& f, long l, double* matrix, long inc, long from, long to) {
   constexpr long CHUNK = 512;
   double products[CHUNK];
@@ -194,7 +227,8 @@ static void reflect(const PivotedQr& f, long l, double* matrix, long inc, long f
   }
 }
 
-// u(i,j) += sum of v_t[i] s_t[j] over the pending reflections, for R rows from row i on.
+// u(i,j) += sum of v_t[i] s_t[j] over the pending reflections, for R rows from row i on and columns
+// from .. n-1. Elements wait in registers for all reflections, and s serves R rows.
 template <int W, int R>
 TQNLP_BODY void add_pending(const PivotedQr& f, const PendingReflections& w, long i, long from) {
   Lanes<W> sums[R][2], factor, low, high;
@@ -272,7 +306,8 @@ static void apply_pending(const PivotedQr& f, PendingReflections& w, long step) 
   w.count = 0;
 }
 
-// Brings column l up to date from row l down.
+// Brings column l up to date from row l down: the pivot's column must be right before its norm is
+// taken. The rest of the matrix is left as it is.
 static void refresh_column(const PivotedQr& f, const PendingReflections& w, long l) {
   if (w.count == 0) return;
   double s[PendingReflections::MOST];
@@ -287,7 +322,8 @@ static void refresh_column(const PivotedQr& f, const PendingReflections& w, long
 }
 
 // Adds reflection l to the pending ones: its products with the columns to the right, in which those
-// pending before it take part, and row l brought up to date.
+// pending before it take part, and row l brought up to date. Row l of R is final then, since later
+// reflections begin below it; the downdating of the norms reads it.
 static void add_reflection(const PivotedQr& f, PendingReflections& w, long l) {
   const long from = l + 1;
   const long width = f.n - from;
@@ -305,7 +341,11 @@ static void add_reflection(const PivotedQr& f, PendingReflections& w, long l) {
   apply_rows(f, w, l, l + 1, from);
 }
 
-// Carries the remaining norms over step l. Cancellation beyond the norm itself asks for a new norm.
+// Carries the remaining norms over step l by Pythagoras: the new row of R takes its element's
+// square from each. Where the element is not smaller than the norm nothing is left to subtract
+// from, and the norm is formed anew, for which the column must be up to date. Carried norms lose
+// digits by cancellation; they choose the pivot only, and whether a column is null is always asked
+// of a norm formed anew (next_column).
 static void downdate_norms(const PivotedQr& f, PendingReflections& w, long l) {
   if (f.ipiv == nullptr || l >= f.m - 1) return;
   const double* row = f.u + l * f.incu;
@@ -322,7 +362,8 @@ static void downdate_norms(const PivotedQr& f, PendingReflections& w, long l) {
   }
 }
 
-// Applies what is pending when column l is already up to date.
+// Applies what is pending when column l is already up to date: its products are cleared first, so
+// that it does not get them twice.
 static void flush_behind(const PivotedQr& f, PendingReflections& w, long l) {
   if (w.count > 0) {
     for (long t = 0; t < w.count; ++t) w.s[t * PendingReflections::STRIDE + l] = 0.0;
@@ -332,7 +373,8 @@ static void flush_behind(const PivotedQr& f, PendingReflections& w, long l) {
 }
 
 // The norm of column l from row l down, after null columns have been moved away; not above sing
-// when none is left.
+// when none is left. A null column makes no reflection, so that the pending ones would no longer be
+// in sequence: they are applied first.
 static double next_column(PivotedQr& f, PendingReflections& w, long l, double sing) {
   clear_norms(f, l);
   refresh_column(f, w, l);
@@ -378,6 +420,7 @@ long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sin
     }
     downdate_norms(f, w, l);
     if (w.count == PendingReflections::MOST) apply_pending(f, w, l + 1);
+    // Q'b needs each reflection once; the right sides are few.
     reflect(f, l, b, incb, 0, f.p);
   }
   if (w.count > 0) apply_pending(f, w, n);

@@ -5,6 +5,15 @@
 // system asks for it), worked on in place along contiguous rows of the matrix, and scattered where
 // the result is wanted in the order of the columns before pivoting. With A P = Q R the four
 // combined operations are: solve R P'x = b, solve P R'x = b, and their inverses, the products.
+//
+//   system   runs from    long part of a block of rows
+//   R y      last row     sums over the columns behind it, before its small triangle
+//   R'y      first row    its rows go into the elements behind it, after the small triangle
+//   L y      first row    sums over the columns before it, before its small triangle
+//   L'y      last row     its rows go into the elements before it, after the small triangle
+//
+// Columns of R' and L' are rows of R and L: no walk crosses the rows. The order of a
+// sum depends on n and the row alone.
 #include <cmath>
 
 #include "aasubs/record/constants.h"
@@ -43,6 +52,11 @@ static TriangularJob decode(int job) {
 // Rows are taken four at a time: their long parts run side by side, and the triangle of four by
 // four that is left is solved by scalars. Elements are divided by multiplying with reciprocals that
 // do not wait for the right side.
+//
+//   L y, rows i .. i+3   | long part: columns 0 .. i-1 | d
+//                        |                             | x d
+//                        |                             | x x d
+//                        |                             | x x x d
 
 static constexpr int BLOCK = 4;
 
@@ -72,7 +86,9 @@ TQNLP_BODY void open_block(const TriangularJob& form, const Triangle& t, long fi
   }
 }
 
-// sums[r] := rows[r] times y over the columns from..to-1.
+// sums[r] := rows[r] times y over the columns from..to-1. Four rows share each load of y and keep
+// one group of partial sums each, which do not wait for one another; a single row needs the four
+// groups of dot_lanes for that.
 template <int W, int R>
 TQNLP_BODY void block_products(const RowBlock<R>& block, long from, long to, const double* y,
                                double* sums) {
@@ -171,6 +187,7 @@ TQNLP_BODY long solve_block(const TriangularJob& form, const Triangle& t, long f
   return zeros;
 }
 
+// All rows, by blocks in the direction of the system; what does not fill a block comes last.
 template <int W>
 TQNLP_BODY long solve_rows(const TriangularJob& form, const Triangle& t, double* y) {
   long zeros = 0;
@@ -200,6 +217,8 @@ TQNLP_DISPATCH(long, solve, (TriangularJob form, const Triangle& t, double* y), 
 
 // ---- Products, y in place ----------------------------------------------------------------------
 
+// In place: each product is formed in the order in which no element that is still to be read has
+// been overwritten, which is the reverse of the order of the solve.
 template <int W>
 TQNLP_BODY void multiply_body(TriangularJob form, const Triangle& t, double* y) {
   const long n = t.n;
@@ -266,7 +285,8 @@ long zqrsol(int job, long n, long p, long incu, long incb, long incx, const long
   return zeros / p;
 }
 
-// Job 1: forward substitution with packed L.
+// Job 1: forward substitution with packed L. Unlike zqrsol it divides, and a pivot that is too
+// small ends it.
 static int forward_substitution(long n, double sing, const double* c, const double* b, double* x) {
   const double* row = c;
   for (long i = 0; i < n; row += ++i) {
@@ -279,7 +299,12 @@ static int forward_substitution(long n, double sing, const double* c, const doub
 int znlpqts(int job, long n, double sing, const double* c, const double* b, double* x) {
   if (job == 1) return forward_substitution(n, sing, c, b, x);
   // The reversed system, deliberately so: each packed row of the null-space factor starts with its
-  // pivot, the right side is read in ascending order while x fills from its end.
+  // pivot, the right side is read in ascending order while x fills from its end:
+  //
+  //   row 0 | p0
+  //   row 1 | p1 r       p2 x2               = b0
+  //   row 2 | p2 s t     p1 x1 + s x2        = b1
+  //                      p0 x0 + r x1 + t x2 = b2
   for (long q = n - 1; q >= 0; --q) {
     const double* row = c + packed_size(q);
     if (!(std::fabs(row[0]) > sing)) return static_cast<int>(q + 1);

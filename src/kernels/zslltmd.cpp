@@ -5,6 +5,12 @@
 // size or, if it is longer, in place along the cycles of perm, at several places side by side.
 // Visited places are marked in a bit field of fixed size; beyond its reach a cycle is followed from
 // its least member.
+//
+//   perm = 2 0 1 3:  b0 -> place 2, b2 -> place 1, b1 -> place 0;  b3 stays      one cycle 0 2 1
+//
+// A kernel takes no memory, so that a copy serves short vectors alone. A lone walk along a cycle
+// waits for memory at every step, because the next address is what it reads; hence the walkers,
+// whose loads do not depend on one another.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -52,6 +58,7 @@ struct Fetch {
 template <class Move>
 static void walk_round(int count, Walker* walker, const long* perm, std::uint64_t* seen,
                        const Move& move) {
+  // Whose turn it is: walkers that have arrived are taken out, the last one fills the gap.
   int active[WALKERS];
   for (int k = 0; k < count; ++k) active[k] = k;
   for (int left = count; left > 0;)
@@ -65,6 +72,8 @@ static void walk_round(int count, Walker* walker, const long* perm, std::uint64_
         w.at = to;
         continue;
       }
+      // A visited place is a start of this round: every cycle that is under way began with one, and
+      // earlier rounds left none half done. What belongs at that start is handed over to it.
       int next = 0;
       while (next + 1 < count && walker[next].start != to) ++next;
       move.end(w, walker[next]);
@@ -72,13 +81,15 @@ static void walk_round(int count, Walker* walker, const long* perm, std::uint64_
     }
 }
 
-// Is v the least member of its cycle?
+// Is v the least member of its cycle? Asked without marks, at the price of following the cycle
+// until a smaller member shows up.
 static bool is_least_of_cycle(const long* perm, long v) {
   long p = perm[v];
   while (p > v) p = perm[p];
   return p == v;
 }
 
+// Moves all values along the cycles of perm. Fixed points cost nothing.
 template <class Move>
 static void walk_cycles(long n, const long* perm, const Move& move) {
   if (n > MARKED_PLACES) {
@@ -132,6 +143,8 @@ static void multiply_lower(long n, const long* ju, const double* u, double* b) {
   }
 }
 
+// b := U b from the first row, for the same reason. Both divide, since u holds reciprocals of the
+// diagonal, and give 0 in the place of a failed row, as the solves do.
 static void multiply_upper(long n, const long* ju, const double* u, double* b) {
   for (long r = 0; r < n; ++r) {
     double sum = u[r] != 0.0 ? b[r] / u[r] : 0.0;
@@ -140,7 +153,8 @@ static void multiply_upper(long n, const long* ju, const double* u, double* b) {
   }
 }
 
-// Applies one triangular operation in the order that job names.
+// Applies one triangular operation in the order that job names: operation works in the order of the
+// places, b comes and goes in that of the variables.
 static void in_places(int job, long n, const long* perm, const long* ju, const double* u, double* b,
                       void (*operation)(long, const long*, const double*, double*)) {
   if (n <= 0) return;
@@ -150,6 +164,7 @@ static void in_places(int job, long n, const long* perm, const long* ju, const d
   if (order) sparse_unpermute(n, order, b);
 }
 
+// ---- Entries ------------------------------------------------------------------------------------
 static void solve_both(long n, const long* ju, const double* u, double* b) {
   sparse_forward(n, ju, u, b);
   sparse_backward(n, ju, u, b);
@@ -179,6 +194,8 @@ void zslltmu(int job, long n, const long* perm, const long* ju, const double* u,
   in_places(job, n, perm, ju, u, b, multiply_upper);
 }
 
+// One pass over the elements: each serves (i,j) and (j,i). x[i] may wait in a register meanwhile,
+// as no position of row i holds column i.
 void zslltma(long n, const long* ja, const double* a, const double* b, double* x) {
   for (long i = 0; i < n; ++i) x[i] = a[i] * b[i];
   for (long i = 0; i < n; ++i) {
@@ -192,6 +209,7 @@ void zslltma(long n, const long* ja, const double* a, const double* b, double* x
   }
 }
 
+// The elements beside the diagonal are summed apart, so that they are doubled once.
 double zslltqf(long n, const long* ja, const double* a, const double* b) {
   double diagonal = 0.0, beside = 0.0;
   for (long i = 0; i < n; ++i) {

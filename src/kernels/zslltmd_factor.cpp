@@ -15,6 +15,13 @@
 // where the updates go, no work arrays are needed beyond small ones of fixed size. Zero pivots
 // clear their rows, so that they update nothing.
 //
+// Rows before in are factors already: their panels are not factored again, and update only what
+// lies behind in. A panel therefore never reaches across in.
+//
+// In the signed form A = U'SU a row with a negative pivot d has sign -1 and the root of |d| on its
+// diagonal: from a(r,c) = U(r,r) s U(r,c) its elements are divided by -root, and whatever it
+// subtracts is added.
+//
 // Each element receives its terms in an order that depends on the pattern alone.
 #include <algorithm>
 #include <cmath>
@@ -45,6 +52,8 @@ struct Panel {
 
 }  // namespace
 
+// The panel from row begin on. Row r's list begins with the panel's own columns r+1 .. end-1; its
+// tail follows them.
 TQNLP_BODY Panel take_panel(long begin, long in, long n, const long* ju, const double* u,
                             const long* negp) {
   Panel panel;
@@ -61,7 +70,8 @@ TQNLP_BODY Panel take_panel(long begin, long in, long n, const long* ju, const d
   return panel;
 }
 
-// Judges the remaining pivot d of row r and gives the reciprocal of its root, 0 if it fails.
+// Judges the remaining pivot d of row r and gives the reciprocal of its root, 0 if it fails. A NaN
+// counts as a zero pivot: it is neither above the limit nor negative.
 TQNLP_BODY double judge_pivot(const PivotRule& rule, long r, double d, int& code) {
   const double limit = rule.sing > 0.0 ? rule.sing : 0.0;
   const bool negative = d < 0.0;
@@ -83,6 +93,8 @@ TQNLP_BODY double judge_pivot(const PivotRule& rule, long r, double d, int& code
   return 0.0;
 }
 
+// Factors the panel's rows in full length, inner columns and tail alike: row r less the rows of the
+// panel before it, which are complete by then, and divided by its root.
 template <int W>
 TQNLP_BODY void factor_panel(Panel& panel, const PivotRule& rule, const long* ju, double* u,
                              int& code) {
@@ -116,7 +128,9 @@ TQNLP_BODY void factor_panel(Panel& panel, const PivotRule& rule, const long* ju
 }
 
 // Finds the columns want[0..count-1] in the ascending list at columns, from position on: place[i]
-// receives their positions. True if they are neighbours there; then only place[0] is set.
+// receives their positions. True if they are neighbours there; then only place[0] is set. Both
+// lists ascend, so that the first and the last one in their places prove all between. A column that
+// is missing means a pattern that is not closed.
 TQNLP_BODY bool locate(long count, const long* want, const long* columns, const long* end,
                        long position, long* place) {
   while (columns + position < end && columns[position] < want[0]) ++position;
@@ -132,7 +146,8 @@ TQNLP_BODY bool locate(long count, const long* want, const long* columns, const 
   return false;
 }
 
-// The end of the group of tail entries from first on whose rows belong to one run.
+// The end of the group of tail entries from first on whose rows belong to one run. The rows between
+// two entries need not be entries themselves, but the run must not break among them.
 TQNLP_BODY long group_end(const Panel& panel, long first, const long* ju) {
   long r = panel.columns[first];
   for (long q = first + 1; q < panel.count; ++q)
@@ -143,7 +158,8 @@ TQNLP_BODY long group_end(const Panel& panel, long first, const long* ju) {
 
 // Updates count columns from tail entry at on in one row, whose element of the i-th of them is
 // row[place[i]], or row[place[0] + i] if they are neighbours. R is the number of the panel's rows
-// if they are few, else 0.
+// if they are few, else 0. Scattered columns of many rows are summed up in a contiguous piece
+// first: then the sums run at full width, and only the result is scattered.
 template <int W, int R>
 TQNLP_BODY void update_row(const Panel& panel, const double* factor, long at, long count,
                            const long* place, bool neighbours, double* row) {
@@ -166,7 +182,9 @@ TQNLP_BODY void update_row(const Panel& panel, const double* factor, long at, lo
   }
 }
 
-// Updates the rows of tail entries first to last-1, which belong to one run.
+// Updates the rows of tail entries first to last-1, which belong to one run: their diagonals, then
+// the columns behind them. The list of the first of them has every column that the others have, so
+// that places are looked up there, once for all, in chunks of the tail.
 template <int W, int R>
 TQNLP_BODY void update_group(const Panel& panel, long first, long last, const long* ju, double* u) {
   const long rows = R > 0 ? R : panel.end - panel.begin;
@@ -208,6 +226,8 @@ TQNLP_BODY void update_tail(const Panel& panel, long first, const long* ju, doub
   }
 }
 
+// All panels in the order of the places. Panels of up to four rows, which most are where rows are
+// short, have their number of rows as a constant.
 template <int W>
 TQNLP_BODY void factor_rows_body(long in, long n, const PivotRule& rule, const long* ju, double* u,
                                  int& code) {
@@ -248,7 +268,8 @@ int sparse_factor(long in, long n, const PivotRule& rule, const long* ju, double
   return code;
 }
 
-// Adds value at column c of row r; rows below in are not touched.
+// Adds value at column c of row r; rows before in are not touched. Short rows are searched from the
+// front, long ones by halves. A column that the pattern lacks is an inconsistency of the caller.
 static void add_element(long in, long r, long c, const long* ju, double* u, double value) {
   if (r < in) return;
   constexpr long SHORT_ROW = 24;

@@ -3,7 +3,14 @@
 //
 // zslltsf fills the rows of U column by column: row k of U holds column r exactly if k lies on a
 // path of the elimination tree from a column of row r of the ordered matrix up to r (the row
-// subtree; Liu 1990). As r ascends, so do the columns of every row.
+// subtree; Liu 1990, SIAM J. Matrix Anal. Appl. 11). As r ascends, so do the columns of every row.
+//
+//   ordered matrix     factor U          tree
+//   0 | x              0 | x . x . x        4          Row 4 has the columns 0 and 3: the paths
+//   1 | . x            1 |   x . x .       / \         0-2-4 and 3-4 put column 4 into the rows
+//   2 | x . x          2 |     x . f      2   3        0, 2 and 3 of U, f being fill.
+//   3 | . x . x        3 |       x x      |   |
+//   4 | x . . x x      4 |         x      0   1
 //
 // zslltiu takes the pattern of the reduced factor from the full one by leaving out rows and
 // columns: elimination restricted to fewer variables fills no more places, and what is left is
@@ -26,6 +33,8 @@ static void find_runs(long n, const long* cnt, const long* parent, long* head, l
   }
 }
 
+// As zslumdg leaves them: cnt[k] is the length of row k of U without the diagonal, graph[r] where
+// the columns c < r of row r begin in graph, node[k] the parent of k in the tree.
 int zslltsf(long n, long maxju, const long*, const long*, long* cnt, long* graph, long* node,
             long* next, long* ju) {
   if (n <= 0) return 0;
@@ -62,6 +71,12 @@ int zslltsf(long n, long maxju, const long*, const long*, long* cnt, long* graph
   return 0;
 }
 
+// ---- Second pattern ----------------------------------------------------------------------------
+//
+// Patterns are built as a counting sort: count the columns of each row at pattern[i], turn counts
+// into pointers, let each pointer run through its row as columns arrive, and put the pointers back.
+// No array beside the pattern is needed.
+
 // Turns counts, row i's at pattern[i], into row pointers; gives the length of the pattern.
 static long counts_to_pointers(long n, long* pattern) {
   long position = n + 1;
@@ -76,7 +91,9 @@ static void rewind_pointers(long n, long* pattern) {
   if (n > 0) pattern[0] = n + 1;
 }
 
-// The reduced matrix, order m, with its values if there are any.
+// The reduced matrix, order m, with its values if there are any. An element goes to the larger of
+// its two positions, whichever triangle the full matrix keeps it in: positions need not ascend with
+// the variables.
 static void reduce_matrix(long m, long* jasl, const long* in, long n, const long* ja,
                           const double* a, double* al) {
   std::fill_n(jasl, m + 1, 0L);
@@ -125,6 +142,8 @@ long zslltiu(long* jasl, long* jusl, const long* in, long n, const long* ja, con
   const long length = counts_to_pointers(m, jusl);
   if (maxju < length + m) return -1;
 
+  // Free variables keep the order of their places, so that columns still ascend in each row. in[]
+  // numbers them in the caller's order; place translates.
   long* place = jusl + length;
   q = 0;
   for (long r = 0; r < n; ++r)
@@ -139,6 +158,8 @@ long zslltiu(long* jasl, long* jusl, const long* in, long n, const long* ja, con
   }
   return m;
 }
+
+// ---- Coordinate form ---------------------------------------------------------------------------
 
 long zslltco(int job, long n, long nz, const long* ir, const long* ic, const double* s, long* ja,
              double* a) {
@@ -188,6 +209,8 @@ long zslltco(int job, long n, long nz, const long* ir, const long* ic, const dou
   return 0;
 }
 
+// ---- Sorts -------------------------------------------------------------------------------------
+
 // Rows up to this length are sorted by insertion.
 static constexpr long SHORT_ROW = 16;
 
@@ -205,6 +228,7 @@ static void insertion_sort(long n, long* key, double* val) {
   }
 }
 
+// Lets the key at root sink until the heap of n keys, the largest on top, holds again below it.
 static void sift_down(long root, long n, long* key, double* val) {
   for (long child = 2 * root + 1; child < n; root = child, child = 2 * root + 1) {
     if (child + 1 < n && key[child + 1] > key[child]) ++child;
@@ -214,7 +238,7 @@ static void sift_down(long root, long n, long* key, double* val) {
   }
 }
 
-// Long rows by heap: no order of the input is slow.
+// Long rows by heap, in place: no order of the input is slow and no stack of pieces is kept.
 static void sort_pairs(long n, long* key, double* val) {
   if (n <= SHORT_ROW) return insertion_sort(n, key, val);
   for (long root = n / 2 - 1; root >= 0; --root) sift_down(root, n, key, val);

@@ -4,6 +4,13 @@
 // of a run, which have one pattern, are taken together: their list of columns and the entries of b
 // behind it are then read once for all of them. Up to FEW rows are combined element by element;
 // where rows are long, up to PANEL, by way of a contiguous piece of b of fixed size.
+//
+//   row r    | d x x | x x x |     x d y z: the triangle of the run, solved by itself
+//   row r+1  |   d x | x x x |     the tail, in the columns that the last row lists; an element
+//   row r+2  |     d | x x x |     q of it stands at tail[p][q] for row r+p
+//
+// u holds reciprocals of the diagonal, so that a row is closed by a product. A failed row has zeros
+// in all places: b gets 0 there, and nothing of it goes to other rows.
 #include <algorithm>
 
 #include "kernels/row_update.h"
@@ -11,6 +18,7 @@
 
 namespace tqnlp {
 
+// Rows of a run that are taken together; LONG_ROW columns make the detour by a piece worth it.
 static constexpr long FEW = 4;
 static constexpr long PANEL = 32;
 static constexpr long LONG_ROW = 64;
@@ -41,6 +49,8 @@ static Panel take_panel(long begin, long end, const long* ju, const double* u) {
 
 // ---- Forward -----------------------------------------------------------------------------------
 
+// Rows r .. r+R-1 of a run: the triangle, then each element of b behind it less its R products, in
+// the order of the rows.
 template <int R>
 static void forward_rows(long r, const long* ju, const double* u, double* b) {
   const double* tail[R];
@@ -61,6 +71,8 @@ static void forward_rows(long r, const long* ju, const double* u, double* b) {
   }
 }
 
+// The same for a panel of long rows: what the columns list is gathered, updated at full width and
+// scattered back.
 template <int W>
 TQNLP_BODY void forward_panel_body(const Panel& panel, const long* ju, const double* u, double* b) {
   for (long r = panel.begin; r < panel.end; ++r) {
@@ -80,6 +92,8 @@ TQNLP_BODY void forward_panel_body(const Panel& panel, const long* ju, const dou
 TQNLP_DISPATCH(void, forward_panel,
                (const Panel& panel, const long* ju, const double* u, double* b), (panel, ju, u, b))
 
+// How rows are taken together changes the order of no sum: each element of b loses the rows'
+// products in ascending order of the rows.
 void sparse_forward(long n, const long* ju, const double* u, double* b) {
   for (long r = 0; r < n;) {
     const long most = row_length(ju, r) < LONG_ROW ? FEW : PANEL;
@@ -107,6 +121,8 @@ void sparse_forward(long n, const long* ju, const double* u, double* b) {
 
 // ---- Backward ----------------------------------------------------------------------------------
 
+// Rows r .. r+R-1 of a run from the last one: the products with what lies behind the run for all R
+// rows at once, in two partial sums each (even and odd entries), then the triangle.
 template <int R>
 static void backward_rows(long r, const long* ju, const double* u, double* b) {
   const double* tail[R];
@@ -131,6 +147,7 @@ static void backward_rows(long r, const long* ju, const double* u, double* b) {
   }
 }
 
+// The same for a panel of long rows, piece by piece of b.
 template <int W>
 TQNLP_BODY void backward_panel_body(const Panel& panel, const long* ju, const double* u,
                                     double* b) {
@@ -149,6 +166,8 @@ TQNLP_BODY void backward_panel_body(const Panel& panel, const long* ju, const do
 TQNLP_DISPATCH(void, backward_panel,
                (const Panel& panel, const long* ju, const double* u, double* b), (panel, ju, u, b))
 
+// Runs are found from their ends. Here the sums of a row depend on how rows are taken together, and
+// that on the pattern alone.
 void sparse_backward(long n, const long* ju, const double* u, double* b) {
   for (long end = n; end > 0;) {
     const long most = row_length(ju, end - 1) < LONG_ROW ? FEW : PANEL;

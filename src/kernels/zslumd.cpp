@@ -5,11 +5,19 @@
 // there. There is no pivoting. For quasi-definite matrices every order of elimination has such a
 // factor (Vanderbei 1995, SIAM J. Optimization 5); for others zslusn3 and zslusn4 move pivots away
 // from zero, the factor then being that of A plus a diagonal matrix.
+//
+// Ordering, pattern and panels are those of zslltmd; the rule of the pivots that goes down to
+// sparse_factor makes all the difference. By Sylvester's law the ones in negp count the negative
+// eigenvalues of what was factored (if no row failed), which is how a caller learns the inertia of
+// a Hessian.
 #include "kernels/sparse.h"
 #include "kernels/sparse_core.h"
 
 namespace tqnlp {
 
+// ---- Patterns -----------------------------------------------------------------------------------
+
+// The pattern does not depend on signs: the same routine under the name of this family.
 int zslussf(long n, long maxju, const long* iprm, const long* perm, long* cnt, long* graph,
             long* node, long* next, long* ju) {
   return zslltsf(n, maxju, iprm, perm, cnt, graph, node, next, ju);
@@ -26,6 +34,9 @@ int zslusfp(long n, long maxju, const long* ja, const long* iprm, const long* pe
   return zslltsf(n, maxju, iprm, perm, cnt, graph, node, next, ju);
 }
 
+// ---- Factorizations -----------------------------------------------------------------------------
+//
+// Four entries: full or second pattern, failing or moved pivots.
 void zsluinu(long in, long n, const long* ja, const long* ju, const long* perm, const double* a,
              double* u) {
   sparse_load(in, n, ju, u, n, ja, a, perm, nullptr);
@@ -57,7 +68,10 @@ int zslusn4(int job, const long* jasl, const long* jusl, long in, long n, double
   return sparse_factor(in, n, {sing, negp, true}, jusl, u);
 }
 
-// Solves with the pattern ju in the given order.
+// ---- Solves -------------------------------------------------------------------------------------
+
+// Solves U'S U y = b with the pattern ju in the given order; without negp S is the identity, and
+// the matrix that is solved with is the positive definite U'U.
 static void solve_signed(long n, const long* order, const long* ju, const double* u,
                          const long* negp, double* b) {
   if (n <= 0) return;
@@ -91,6 +105,8 @@ void zslumli(int job, long n, const long* perm, const long* ju, const double* u,
   zslltli(job, n, perm, ju, u, b);
 }
 
+// S stands between the half factors and goes with the upper one. It is applied in the order that b
+// has on entry, where the sign of variable v is that of its place.
 void zslumui(int job, long n, const long* perm, const long* ju, const double* u, const long* negp,
              double* b) {
   if (n <= 0) return;

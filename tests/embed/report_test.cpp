@@ -64,8 +64,8 @@ TEST(MatrixTest, ValueSemanticsAlsoOfSingleNumbers) {
 }
 
 TEST(TextTable, PointsStandBelowOneAnother) {
-  const Table table{"IterHist",
-                    "Base.NLP.IterHist",
+  const Table table{"Progress",
+                    "Base.NLP.Progress",
                     "Iterations",
                     {"Iter", "Ac1", "OptCrit", "MaxGrad"},
                     {{1L, std::string("*"), 24.2, 2.5e3},
@@ -75,13 +75,13 @@ TEST(TextTable, PointsStandBelowOneAnother) {
                      {15L, Cell(), Cell(), 0.03127}}};
   EXPECT_EQ(text_table(table),
             "Iterations\n\n"
-            "  Iter  Ac1       OptCrit      MaxGrad\n"
-            "  ----  ---  ------------  -----------\n"
-            "     1  *          24.200   2500.00000\n"
-            "     2             -4.125            .\n"
-            "    13              0.000     infinity\n"
-            "    14       -3.45670e-09  1.00000e-12\n"
-            "    15                         0.03127\n");
+            "  Iter  Ac1     OptCrit     MaxGrad\n"
+            "  ----  ---  ----------  ----------\n"
+            "     1  *        24.200  2500.00000\n"
+            "     2           -4.125           .\n"
+            "    13            0.000    infinity\n"
+            "    14       -3.457e-09   1.000e-12\n"
+            "    15                      0.03127\n");
 }
 
 TEST(TextTable, DecimalsSuitTheColumn) {
@@ -97,7 +97,7 @@ TEST(TextTable, DecimalsSuitTheColumn) {
   EXPECT_EQ(column({-0.0, 1.0}), "  0\n  1\n");
   EXPECT_EQ(column({1e-20, 0.0}), "  1.00000e-20\n            0\n");
   EXPECT_EQ(column({1.0 / 3.0, 2.0e9}), "     0.3333333\n  2.000000e+09\n");
-  EXPECT_EQ(column({9999999.0, 0.0001}), "      9999999\n  1.00000e-04\n");
+  EXPECT_EQ(column({9999999.0, 0.0001}), "    9999999\n  1.000e-04\n");
   EXPECT_EQ(column({1.7976931348623157e308}), "  1.797693e+308\n");
 }
 
@@ -113,6 +113,43 @@ TEST(TextTable, PairsStandTwoALine) {
             "Summary\n\n"
             "  Iterations    12    Function calls  117\n"
             "  Objective   0.25\n");
+}
+
+// Columns of the history do not depend on what is in them, as far as it fits.
+TEST(TextTable, HistoryHasFixedForms) {
+  Table table{"IterHist", "", "History", {"Iter", "Ac1", "OptCrit", "Slope"}, {}};
+  table.rows = {{1L, std::string("*"), 24.2, -1309.17},
+                {20L, std::string(" "), -123456.7, 12345.6},
+                {21L, std::string(" "), 1e-300, -0.0},
+                {22L, Cell(), 1.7976931348623157e308, -1e-17},
+                {123456L, Cell(), missing, 0.01}};
+  const std::string rows =
+      "   Iter  Ac1        OptCrit        Slope\n"
+      "  -----  ---  -------------  -----------\n"
+      "      1  *        24.200000  -1309.17000\n"
+      "     20       -1.234567e+05   1.2346e+04\n"
+      "     21       1.000000e-300            0\n"
+      "     22       1.797693e+308  -1.0000e-17\n"
+      "  123456                   .      0.01000\n";
+  EXPECT_EQ(text_table(table), "History\n\n" + rows);
+  table.continued = true;
+  EXPECT_EQ(text_table(table), rows);
+}
+
+TEST(TextTable, TextsOfPairsStandOnLinesOfTheirOwn) {
+  const Table table{"S",
+                    "",
+                    "Summary",
+                    {"Label", "Value"},
+                    {{std::string("Iterations"), 12L},
+                     {std::string("Limit"), std::string("none at all")},
+                     {std::string("Calls"), 7L},
+                     {std::string("Objective"), -0.25}}};
+  EXPECT_EQ(text_table(table),
+            "Summary\n\n"
+            "  Iterations  12\n"
+            "  Limit       none at all\n"
+            "  Calls        7    Objective  -0.25\n");
 }
 
 TEST(TextTable, RemarksStandAboveTheirRows) {

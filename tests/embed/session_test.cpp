@@ -3,8 +3,10 @@
 // derivatives serves as the problem: its run calls every kind of module many times.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cfenv>
+#include <chrono>
 #include <cmath>
 #include <thread>
 
@@ -337,6 +339,115 @@ TEST_F(SessionTest, TerminationModuleTakesThePlaceOfTheTest) {
   ASSERT_GE(values.size(), 4u);
   EXPECT_LT(values[3], values[0]);
   EXPECT_THROW(session.call("NLPNRR", {"STOP", START}), CallError) << "not an objective";
+}
+
+// A nested call writes to the sink of its session among the rows of the outer history; the headings
+// come again, and every line keeps its columns.
+TEST_F(SessionTest, TheSinkFollowsNestedCalls) {
+  std::vector<std::string> lines;
+  session.sink([&](std::string_view line) {
+    lines.emplace_back(line);
+    if (lines.size() == 3) solve(session, 1);  // what the sink causes is not given to it
+  });
+  int evaluations = 0;
+  session.module("OUTER", [&](const Matrix& x) {
+    if (++evaluations == 20) solve(session, 1);
+    return Matrix::scalar(rosenbrock(x));
+  });
+  session.call("NLPNRR", {"OUTER", START, Matrix::row({0, 1}), {}, {}, {}, {}, "GRAD", "HESS"});
+  const auto count = [&lines](const std::string& wanted) {
+    return std::count(lines.begin(), lines.end(), wanted);
+  };
+  EXPECT_EQ(count("Iteration history"), 2);
+  EXPECT_EQ(count("End of the optimization"), 2);
+  std::size_t rule = 0;
+  long headings = 0;
+  for (std::size_t i = 1; i < lines.size(); ++i) {
+    if (lines[i].starts_with("  -----  ---  ----")) rule = lines[i].size(), ++headings;
+    if (rule != 0 && lines[i].empty()) rule = 0;
+    EXPECT_TRUE(rule == 0 || lines[i].size() == rule) << lines[i];
+  }
+  EXPECT_EQ(headings, 3);
+  EXPECT_EQ(session.work().modules.size(), 4U);
+  session.sink(nullptr);
+  lines.clear();
+  solve(session, 1);
+  EXPECT_TRUE(lines.empty());
+}
+
+// The sink throws at each of its lines in turn, from an outer and from a nested call.
+TEST_F(SessionTest, AnExceptionOfTheSinkEndsTheRunInOrder) {
+  const auto nested = [this](const Matrix& x) {
+    session.remove_module("NEST");  // a prepared call goes on with it
+    solve(session, 4);
+    return Matrix::scalar(rosenbrock(x));
+  };
+  bool threw = true;
+  long k = 0;
+  for (; threw && k < 2000; ++k) {
+    SCOPED_TRACE(k);
+    define(session);
+    session.module("NEST", nested);
+    long left = k, after = 0;
+    threw = false;
+    session.sink([&](std::string_view) {
+      if (threw) ++after;
+      if (left-- > 0) return;
+      threw = true;
+      throw Private{static_cast<int>(k)};
+    });
+    try {
+      session.call("NLPNRR", {k % 2 == 0 ? "NEST" : "ROSEN",
+                              START,
+                              Matrix::row({0, 4}),
+                              {},
+                              {},
+                              {},
+                              {},
+                              "GRAD",
+                              "HESS"});
+      EXPECT_FALSE(threw);
+    } catch (const Private& caught) {
+      EXPECT_EQ(caught.value, k);
+    }
+    EXPECT_EQ(after, 0) << "the sink got a line after its exception";
+    EXPECT_EQ(threw, text_report(session).find("The sink threw an exception") != std::string::npos);
+    session.sink(nullptr);
+    if (k % 10 == 0) expect_usable(session);
+  }
+  EXPECT_GT(k, 100);
+}
+
+TEST_F(SessionTest, WorkCountsRunsAndFailures) {
+  int runs = 0, failures = 0;
+  session.module("ROSEN", [&](const Matrix& x) {
+    ++runs;
+    if (x(0, 0) > -1.19 && x(0, 0) < -1.0) return ++failures, Matrix::scalar(missing);
+    return Matrix::scalar(rosenbrock(x));
+  });
+  solve(session, 1);
+  const Work work = session.work();
+  ASSERT_EQ(work.modules.size(), 3U);
+  EXPECT_EQ(work.modules[0].name, "ROSEN");
+  EXPECT_EQ(work.modules[0].calls, runs);
+  EXPECT_EQ(work.modules[0].failed, failures);
+  EXPECT_GT(failures, 0);
+  EXPECT_EQ(work.modules[2].failed, 0);
+  EXPECT_GT(work.seconds_in_library, 0.0);
+  EXPECT_NE(json_report(session).find("{\"name\": \"ROSEN\", \"calls\": " + std::to_string(runs)),
+            std::string::npos);
+  // Time belongs to who spends it, also when a module makes a call.
+  session.module("SLOW", [](const Matrix& x) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return Matrix::scalar(x(0, 0));
+  });
+  session.module("AROUND", [this](const Matrix& x) {
+    return session.call("NLPFDD", {"SLOW", x})[0];
+  });
+  session.call("NLPFDD", {"AROUND", Matrix::scalar(1)});
+  for (const ModuleWork& module : session.work().modules) {
+    EXPECT_EQ(module.seconds > 0.02, module.name == "SLOW") << module.name << module.seconds;
+  }
 }
 
 // Plans the failure of operation k of a kind (or of all from the k-th on), for k = 0, 1, 2 ...

@@ -3,20 +3,10 @@
 // nested calls, math errors and failing reports are tested at the public interface.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-
 #include "front_call.h"
 
-namespace tqnlp {
+namespace tqnlp::test {
 namespace {
-
-using test::Answer;
-using test::enter;
-
-constexpr double INF = std::numeric_limits<double>::infinity();
-const double NOT_A_NUMBER = std::nan("");
-const Matrix NONE;
 
 // Rosenbrock's function with its derivatives; every evaluation passes `before`, which may throw.
 struct Rosenbrock {
@@ -25,25 +15,22 @@ struct Rosenbrock {
   std::function<void()> before;
 
   Rosenbrock() {
-    session.module("F", [this](const Matrix& x) {
-      count();
-      const double a = x(0, 0), b = x(0, 1);
+    define("F", [](double a, double b) {
       return Matrix::scalar(100 * (b - a * a) * (b - a * a) + (1 - a) * (1 - a));
     });
-    session.module("G", [this](const Matrix& x) {
-      count();
-      const double a = x(0, 0), b = x(0, 1);
+    define("G", [](double a, double b) {
       return Matrix::row({-400 * a * (b - a * a) - 2 * (1 - a), 200 * (b - a * a)});
     });
-    session.module("H", [this](const Matrix& x) {
-      count();
-      const double a = x(0, 0), b = x(0, 1);
+    define("H", [](double a, double b) {
       return Matrix(2, 2, {1200 * a * a - 400 * b + 2, -400 * a, -400 * a, 200});
     });
   }
-  void count() {
-    ++evaluations;
-    if (before) before();
+  void define(const char* name, Matrix (*body)(double, double)) {
+    session.module(name, [this, body](const Matrix& x) {
+      ++evaluations;
+      if (before) before();
+      return body(x(0, 0), x(0, 1));
+    });
   }
   Answer run(Matrix x0, Matrix opt = NONE, Matrix blc = NONE, Matrix tc = NONE, Matrix par = NONE) {
     evaluations = 0;
@@ -79,42 +66,37 @@ TEST(Call, FindsTheMinimum) {
 
 TEST(Call, LimitsAndInfeasibleRegionsEndInTheRunsCode) {
   Rosenbrock problem;
-  const auto code = [](const Answer& answer) {
-    EXPECT_EQ(answer.code, 0);
-    return answer.results.at(0)(0, 0);
-  };
-  EXPECT_EQ(code(problem.run(START, NONE, NONE, Matrix::row({0}))), -8);
-  EXPECT_EQ(code(problem.run(START, NONE, NONE, Matrix::row({2}))), -8);
-  const Matrix impossible(4, 4,
-                          {MISSING, MISSING, MISSING, MISSING,  //
-                           MISSING, MISSING, MISSING, MISSING,  //
-                           1, 1, 1, 5,                          //
-                           1, 1, -1, 3});
-  const Answer infeasible = problem.run(START, NONE, impossible);
-  EXPECT_EQ(code(infeasible), -10);
-  EXPECT_EQ(infeasible.results[1], START);
+  const double M = MISSING;
+  const Matrix impossible(4, 4, {M, M, M, M, M, M, M, M, 1, 1, 1, 5, 1, 1, -1, 3});
+  const struct {
+    Matrix blc, tc;
+    double code;
+  } cases[] = {{NONE, Matrix::row({0}), -8}, {NONE, Matrix::row({2}), -8}, {impossible, NONE, -10}};
+  for (const auto& c : cases) {
+    const Answer answer = problem.run(START, NONE, c.blc, c.tc);
+    ASSERT_EQ(answer.code, 0);
+    EXPECT_EQ(answer.results[0](0, 0), c.code);
+    EXPECT_TRUE(c.code != -10 || answer.results[1] == START);
+  }
 }
 
 // Every k-th request of memory is refused until a run meets none: code 1, and nothing is left. The
 // variable "_ITER_" is the one request that a call does without.
 TEST(Call, SurvivesRefusedMemory) {
   Rosenbrock problem;
-  expect_solution(problem.run(START, LOUD, BOUNDS_AND_ROW), 0.7, 0.49);
+  embed::Task& task = problem.session.task();
   long refused = 0;
-  for (long k = 0;; ++k) {
+  bool met = true;
+  for (long k = 0; met; ++k) {
     ASSERT_LT(k, 1000);
-    embed::plan_fault(problem.session.task(), embed::Fault::allocation, k);
+    embed::plan_fault(task, embed::Fault::allocation, k);
     const Answer answer = problem.run(START, LOUD, BOUNDS_AND_ROW);
-    const bool met = !embed::fault_pending(problem.session.task(), embed::Fault::allocation);
-    embed::clear_faults(problem.session.task());
-    EXPECT_EQ(answer.blocks_left, 0) << k;
-    EXPECT_EQ(answer.files_left, 0) << k;
+    met = !embed::fault_pending(task, embed::Fault::allocation);
+    embed::clear_faults(task);
+    EXPECT_EQ(answer.blocks_left + answer.files_left, 0) << k;
     EXPECT_TRUE(answer.code == 0 || answer.code == 1) << k << ": " << answer.code;
     if (answer.code == 1) ++refused;
-    if (!met) {
-      expect_solution(answer, 0.7, 0.49);
-      break;
-    }
+    if (!met) expect_solution(answer, 0.7, 0.49);
   }
   EXPECT_GT(refused, 20);
   expect_solution(problem.run(START), 1, 1);
@@ -134,12 +116,7 @@ TEST(Call, SurvivesTheKthFailedEvaluation) {
     const Answer answer = problem.run(START);
     ASSERT_EQ(answer.code, 0) << k;
     const double rc = answer.results[0](0, 0);
-    if (k == 1) {
-      EXPECT_EQ(rc, -1);
-    }
-    if (k == 2) {
-      EXPECT_EQ(rc, -2);
-    }
+    EXPECT_TRUE(k > 2 || rc == static_cast<double>(-k)) << k << ": " << rc;
     if (rc > 0) expect_solution(answer, 1, 1);
     EXPECT_EQ(answer.blocks_left, 0) << k;
   }
@@ -191,56 +168,39 @@ TEST(Call, StrangeNumbersEndInACode) {
   Rosenbrock problem;
   const double strange[] = {NOT_A_NUMBER, -NOT_A_NUMBER, MISSING, INF,  -INF,   1e308,
                             -1e308,       0.0,           -0.0,    -1.0, 5e-324, 2147483648.0};
-  for (const double value : strange) {
-    for (std::size_t k = 0; k < 20; ++k) {
-      std::vector<double> elements(20, MISSING);
-      elements[k] = value;
-      const Matrix vector = Matrix::row(elements);
-      for (const auto& [opt, tc, par] :
-           {std::tuple{vector, NONE, NONE}, std::tuple{NONE, vector, NONE},
-            std::tuple{NONE, NONE, vector}}) {
-        const Answer answer = problem.run(START, opt, BOUNDS_AND_ROW, tc, par);
-        EXPECT_TRUE(answer.code == 0 || answer.code == 6) << value << " at " << k;
+  for (const double value : strange)
+    for (int which = 0; which < 4; ++which)  // opt, blc, tc, par
+      for (long k = 0; k < (which == 1 ? 12 : 20); ++k) {
+        Matrix vectors[] = {NONE, BOUNDS_AND_ROW, NONE, NONE};
+        if (which != 1) vectors[which] = Matrix::row(std::vector<double>(20, MISSING));
+        vectors[which].data()[k] = value;
+        const Answer answer = problem.run(START, vectors[0], vectors[1], vectors[2], vectors[3]);
+        EXPECT_TRUE(answer.code == 0 || answer.code == 6) << value << " at " << which << ' ' << k;
         EXPECT_EQ(answer.blocks_left, 0);
-        if (answer.code == 6) {
-          EXPECT_FALSE(answer.messages.empty());
-        }
+        EXPECT_TRUE(answer.code == 0 || !answer.messages.empty());
       }
-    }
-    for (std::size_t k = 0; k < 12; ++k) {
-      Matrix blc = BOUNDS_AND_ROW;
-      blc.data()[k] = value;
-      const Answer answer = problem.run(START, NONE, blc);
-      EXPECT_TRUE(answer.code == 0 || answer.code == 6) << value << " in blc at " << k;
-    }
-  }
 }
 
 TEST(FeasiblePoint, MovesOnlyWhatMustMove) {
-  Session session;
+  const double M = MISSING;
   const Matrix box(2, 2, {0, 0, 2, 2});
-  const Answer inside = enter(session, tqxfea, {Matrix::row({1, 0.5}), box});
-  ASSERT_EQ(inside.code, 0);
-  EXPECT_EQ(inside.results.at(0), Matrix::row({1, 0.5}));
-  EXPECT_TRUE(inside.messages.empty());
-
-  const Answer outside = enter(session, tqxfea, {Matrix::row({-1, MISSING}), box});
-  ASSERT_EQ(outside.code, 0);
-  EXPECT_EQ(outside.messages, std::vector<int>{142});
-  for (const double x : outside.results.at(0).values()) EXPECT_TRUE(x >= 0.0 && x <= 2.0) << x;
-
-  const Matrix row(3, 4, {0, 0, MISSING, MISSING, 2, 2, MISSING, MISSING, 1, 1, 0, 3});
-  const Answer on_row = enter(session, tqxfea, {Matrix::row({5, 5}), row, Matrix::row({1e-9})});
-  ASSERT_EQ(on_row.code, 0);
-  EXPECT_EQ(on_row.messages, std::vector<int>{142});
-  EXPECT_NEAR(on_row.results.at(0)(0, 0) + on_row.results.at(0)(0, 1), 3.0, 1e-7);
-
-  const Matrix none(3, 4, {0, 0, MISSING, MISSING, 1, 1, MISSING, MISSING, 1, 1, 1, 3});
-  const Answer nowhere = enter(session, tqxfea, {Matrix::row({5, 5}), none});
-  ASSERT_EQ(nowhere.code, 0);
-  EXPECT_EQ(nowhere.messages, std::vector<int>{143});
-  for (const double x : nowhere.results.at(0).values()) EXPECT_TRUE(wzmis(x));
+  const Matrix row(3, 4, {0, 0, M, M, 2, 2, M, M, 1, 1, 0, 3});
+  const Matrix impossible(3, 4, {0, 0, M, M, 1, 1, M, M, 1, 1, 1, 3});
+  const auto feasible = [](std::vector<Matrix> arguments, const std::vector<int>& messages) {
+    Session session;
+    const Answer answer = enter(session, tqxfea, std::move(arguments));
+    EXPECT_EQ(answer.code, 0);
+    EXPECT_EQ(answer.messages, messages);
+    return answer.results.at(0);
+  };
+  EXPECT_EQ(feasible({Matrix::row({1, 0.5}), box}, {}), Matrix::row({1, 0.5}));
+  for (const double x : feasible({Matrix::row({-1, M}), box}, {142}).values())
+    EXPECT_TRUE(x >= 0.0 && x <= 2.0) << x;
+  const Matrix on_row = feasible({Matrix::row({5, 5}), row, Matrix::row({1e-9})}, {142});
+  EXPECT_NEAR(on_row(0, 0) + on_row(0, 1), 3.0, 1e-7);
+  for (const double x : feasible({Matrix::row({5, 5}), impossible}, {143}).values())
+    EXPECT_TRUE(wzmis(x));
 }
 
 }  // namespace
-}  // namespace tqnlp
+}  // namespace tqnlp::test

@@ -92,35 +92,6 @@ TEST(Nlpfdd, FailedEvaluation) {
   }
 }
 
-// Refusals of memory and of files, one after the other: 1, xexit, or all results; nothing stays.
-TEST(Nlpfdd, EveryRefusal) {
-  for (const embed::Fault kind : {embed::Fault::allocation, embed::Fault::file_operation}) {
-    for (const char* module : {"F", "R"}) {
-      long k = 0;
-      bool done = false;
-      for (; !done && k < 500; ++k) {
-        Session session;
-        define(session);
-        embed::plan_fault(session.task(), kind, k);
-        const Matrix par = Matrix::row({module[0] == 'R' ? 3.0 : 1.0, 10});
-        const Answer answer = enter(session, tqxfdd, {module, Matrix::row({1, 2}), par});
-        done = embed::fault_pending(session.task(), kind);
-        if (answer.code != -1) {  // what xexit leaves behind is the host's to free
-          EXPECT_EQ(answer.blocks_left, 0) << k;
-          EXPECT_EQ(answer.files_left, 0) << k;
-        }
-        // "_ITER_" and the close of a file may be lost without harm to the results.
-        const bool complete = answer.code == 0 && answer.results.size() == 3;
-        EXPECT_TRUE(complete || answer.code == 1 || answer.code == -1) << k;
-        if (done) {
-          EXPECT_EQ(answer.code, 0);
-        }
-      }
-      EXPECT_TRUE(done);
-    }
-  }
-}
-
 // Estimated intervals in a run, with their table.
 TEST(Differences, IntervalsInARun) {
   Session session;
@@ -135,6 +106,19 @@ TEST(Differences, IntervalsInARun) {
   long tables = 0;
   for (const Table& table : session.tables()) tables += table.name == "FiniteDiff" ? 1 : 0;
   EXPECT_GE(tables, 1);
+}
+
+// A box narrower than the interval, and nothing below it: the difference cannot be formed, and the
+// run says so instead of taking old numbers for it.
+TEST(Differences, WhatCannotBeComputedEndsTheRun) {
+  Session session;
+  session.module("LOG", [](const Matrix& x) {
+    return Matrix::scalar(x(0, 0) > 0 ? x(0, 1) * x(0, 1) - std::log(x(0, 0)) : missing);
+  });
+  const Matrix opt = Matrix::row({0, 0, missing, missing, missing, missing, missing, 1});
+  const Matrix box(2, 2, {1e-7, -9, 5e-6, 9});
+  const auto results = session.call("NLPQN", {"LOG", Matrix::row({4e-6, 3}), opt, box});
+  EXPECT_EQ(results[0](0, 0), -2);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // the results, the log and the block counts in hand, as no public interface shows them.
 #pragma once
 
+#include <cmath>
+#include <limits>
 #include <vector>
 
 #include "embed/task.h"
@@ -13,11 +15,16 @@
 
 namespace tqnlp::test {
 
+inline constexpr double INF = std::numeric_limits<double>::infinity();
+inline const double NOT_A_NUMBER = std::nan("");
+inline const Matrix NONE;
+using Vector = std::vector<double>;
+using Numbers = std::vector<int>;
+
 struct Answer {
-  int code = 0;                   // what the entry returned; -1: it was ended by xexit
-  std::vector<Matrix> results;    //
-  std::vector<Matrix> arguments;  // after the call
-  std::vector<int> messages;      // numbers of group 178, in order
+  int code = 0;  // what the entry returned; -1: it was ended by xexit
+  std::vector<Matrix> results;
+  std::vector<int> messages;  // numbers of group 178, in order
   long blocks_left = 0;
   long files_left = 0;
 };
@@ -41,7 +48,6 @@ inline Answer enter(Session& session, TqxEntry entry, std::vector<Matrix> argume
       answer.code = -1;
     }
     answer.results.assign(task.frame().results.begin(), task.frame().results.end());
-    for (TQLARG& argument : held) answer.arguments.push_back(argument.value);
   }
   for (std::size_t i = first; i < task.log.size(); ++i) {
     if (task.log[i].group == CALLING_SURFACE) answer.messages.push_back(task.log[i].number);

@@ -1,23 +1,20 @@
 // opt, par and tc: defaults by technique, limits, and how far a vector reaches.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
+#include <numeric>
+#include <variant>
 
 #include "front_call.h"
 
-namespace tqnlp {
+namespace tqnlp::test {
 namespace {
 
-using test::Decoded;
-
-constexpr double INF = std::numeric_limits<double>::infinity();
 constexpr double DIGITS = 15.653559774527022;
-const double NOT_A_NUMBER = std::nan("");
+const double M = MISSING;
 
 struct WithVector : Decoded {
-  std::vector<double> values;
-  WithVector(int technique, std::vector<double> v) : Decoded(technique), values(std::move(v)) {
+  Vector values;
+  WithVector(int technique, Vector v) : Decoded(technique), values(std::move(v)) {
     const int count = static_cast<int>(values.size());
     argm.optn = argm.parm = argm.tcri = values.data();
     argm.nopt = argm.npar = argm.nitc = count;
@@ -25,58 +22,49 @@ struct WithVector : Decoded {
   }
 };
 
-struct OptionCase {
-  const char* what;
-  int job;
-  int tech;
-  std::vector<double> opt;
-  double MINSTR::*real;
-  int MINSTR::*whole;
-  double expected;
-};
+using Field = std::variant<double MINSTR::*, int MINSTR::*>;
 
 TEST(Options, DecodeByJobAndTechnique) {
-  const double M = MISSING;
-  const OptionCase cases[] = {
-      {"maximize", 1, 4, {1}, nullptr, &MINSTR::imax, 1},
-      {"negative also maximizes", 0, 14, {-3}, nullptr, &MINSTR::imax, 1},
-      {"a plain NaN is missing", 1, 4, {NOT_A_NUMBER}, nullptr, &MINSTR::imax, 0},
-      {"print level 1 is 2", 1, 4, {0, 1}, &MINSTR::dbug, nullptr, 2},
-      {"print level limit", 1, 4, {0, 50}, &MINSTR::dbug, nullptr, 9},
-      {"hesc is 1 for LEVMAR", 2, 8, {3}, nullptr, &MINSTR::hesc, 1},
-      {"update 5 is 1", 1, 10, {M, M, M, 5}, nullptr, &MINSTR::tupd, 1},
-      {"update 3 is 1 for DBLDOG", 1, 9, {M, M, M, 3}, nullptr, &MINSTR::tupd, 1},
-      {"update 3 is 1 for HYQUAN", 2, 12, {3, M, M, 3}, nullptr, &MINSTR::tupd, 1},
-      {"line search of least squares", 2, 8, {3}, nullptr, &MINSTR::tlin, 12},
-      {"version limit", 1, 11, {M, M, M, M, M, 7}, nullptr, &MINSTR::vers, 2},
-      {"infinite", 1, 11, {M, M, INF}, nullptr, &MINSTR::hesc, 2147483647},
+  const struct {
+    const char* what;
+    int job, tech;
+    Vector opt;
+    Field field;
+    double expected;
+  } cases[] = {
+      {"maximize", 1, 4, {1}, &MINSTR::imax, 1},
+      {"negative also maximizes", 0, 14, {-3}, &MINSTR::imax, 1},
+      {"a plain NaN is missing", 1, 4, {NOT_A_NUMBER}, &MINSTR::imax, 0},
+      {"print level 1 is 2", 1, 4, {0, 1}, &MINSTR::dbug, 2},
+      {"print level limit", 1, 4, {0, 50}, &MINSTR::dbug, 9},
+      {"hesc is 1 for LEVMAR", 2, 8, {3}, &MINSTR::hesc, 1},
+      {"update 5 is 1", 1, 10, {M, M, M, 5}, &MINSTR::tupd, 1},
+      {"update 3 is 1 for DBLDOG", 1, 9, {M, M, M, 3}, &MINSTR::tupd, 1},
+      {"update 3 is 1 for HYQUAN", 2, 12, {3, M, M, 3}, &MINSTR::tupd, 1},
+      {"line search of least squares", 2, 8, {3}, &MINSTR::tlin, 12},
+      {"version limit", 1, 11, {M, M, M, M, M, 7}, &MINSTR::vers, 2},
+      {"infinite", 1, 11, {M, M, INF}, &MINSTR::hesc, 2147483647},
   };
-  for (const OptionCase& c : cases) {
+  for (const auto& c : cases) {
     WithVector call(c.tech, c.opt);
     setoptn(&call.str, c.job);
-    const double value = c.real != nullptr ? call.str.*c.real : call.str.*c.whole;
-    EXPECT_EQ(value, c.expected) << c.what;
+    std::visit([&](auto field) { EXPECT_EQ(call.str.*field, c.expected) << c.what; }, c.field);
   }
 }
 
 TEST(Options, CountsAndSparseRows) {
-  const double M = MISSING;
-  WithVector general(4, {M, M, M, M, M, M, M, M, 7, 3, 2, 9, 9});
-  setoptn(&general.str, 1);
-  EXPECT_EQ(general.argm.hrow, 7);
-  EXPECT_EQ(general.str.nnlc, 3);
-  EXPECT_EQ(general.str.nlec, 2);
-
-  WithVector quadratic(16, {M, M, M, M, M, M, M, M, 7});
-  quadratic.argm.hrow = 5;  // read from the matrix before
-  setoptn(&quadratic.str, 1);
-  EXPECT_EQ(quadratic.argm.hrow, 5);
-
-  WithVector squares(8, {12, M, M, M, M, M, M, M, 7, 3, 2});
-  setoptn(&squares.str, 2);
-  EXPECT_EQ(squares.str.mequ, 12);
-  EXPECT_EQ(squares.argm.hrow + squares.str.nnlc + squares.str.nlec + squares.str.imax, 0);
-
+  const auto counts = [](int job, int tech, Vector opt) {
+    WithVector call(tech, std::move(opt));
+    call.argm.hrow = 5;  // of a quadratic, read from its matrix before
+    setoptn(&call.str, job);
+    EXPECT_EQ(call.str.imax, 0);
+    EXPECT_EQ(call.str.mequ, job == 2 ? 12 : 1);
+    return std::vector<long>{call.argm.hrow, call.str.nnlc, call.str.nlec};
+  };
+  using Counts = std::vector<long>;
+  EXPECT_EQ(counts(1, 4, {M, M, M, M, M, M, M, M, 7, 3, 2, 9, 9}), (Counts{7, 3, 2}));
+  EXPECT_EQ(counts(1, 16, {M, M, M, M, M, M, M, M, 7})[0], 5);
+  EXPECT_EQ(counts(2, 8, {12, M, M, M, M, M, M, M, 7, 3, 2}), (Counts{5, 0, 0}));
   WithVector huge(4, {M, M, M, M, M, M, M, M, 1e300, -1e300});
   setoptn(&huge.str, 1);
   EXPECT_EQ(huge.values[8], 2147483647.0);  // in the caller's vector
@@ -93,7 +81,6 @@ TEST(Options, DifferenceCode) {
                      {11, 0, 0, 1, 1}, {32, 0, 0, 2, 1},  {32, 2, 0, 2, 3}, {32, 2, 1, 2, 2},
                      {41, 2, 0, 1, 0}, {-21, 2, 0, -1, 0}};
   for (const auto& c : cases) {
-    const double M = MISSING;
     WithVector call(11, {M, M, M, M, M, M, M, c.code, M, c.nnlc});
     call.argm.igmod = c.gradient;
     setoptn(&call.str, 1);
@@ -102,19 +89,14 @@ TEST(Options, DifferenceCode) {
   }
 }
 
-struct ParameterCase {
-  const char* what;
-  int job;
-  int tech;
-  int tupd;
-  std::vector<double> par;
-  double MINSTR::*field;
-  double expected;  // MISSING: must be missing
-};
-
 TEST(Parameters, DecodeByJobAndTechnique) {
-  const double M = MISSING;
-  const ParameterCase cases[] = {
+  const struct {
+    const char* what;
+    int job, tech, tupd;
+    Vector par;
+    double MINSTR::*field;
+    double expected;  // MISSING: must be missing
+  } cases[] = {
       {"ceps floor", 4, 4, 1, {M, M, -1}, &MINSTR::ceps, SMALLEST_TOLERANCE},
       {"infinite is missing", 4, 4, 1, {M, M, INF}, &MINSTR::ceps, 1e-8},
       {"deat may be 0", 0, 14, 1, {M, M, M, 0}, &MINSTR::deat, 0},
@@ -129,15 +111,12 @@ TEST(Parameters, DecodeByJobAndTechnique) {
       {"fdig at least 1", 4, 4, 1, {M, M, M, M, M, M, M, 0.5}, &MINSTR::fdig, 1},
       {"damp negative keeps", 2, 11, 1, {M, M, M, M, M, M, -1}, &MINSTR::damp, MISSING},
   };
-  for (const ParameterCase& c : cases) {
+  for (const auto& c : cases) {
     WithVector call(c.tech, c.par);
     call.str.tupd = c.tupd;
     setparm(&call.str, c.job);
-    if (wzmis(c.expected)) {
-      EXPECT_TRUE(wzmis(call.str.*c.field)) << c.what;
-    } else {
-      EXPECT_EQ(call.str.*c.field, c.expected) << c.what;
-    }
+    const double value = call.str.*c.field;
+    EXPECT_TRUE(value == c.expected || (wzmis(value) && wzmis(c.expected))) << c.what;
   }
   WithVector constrained(14, {});
   constrained.str.nlicon = 1;
@@ -146,10 +125,11 @@ TEST(Parameters, DecodeByJobAndTechnique) {
 }
 
 TEST(Termination, DefaultsByJob) {
+  const double limits[] = {3000, 1000, 500};
   for (const int job : {0, 1, 2}) {
     WithVector call(job == 0 ? 14 : 11, {});
     setterm(&call.str, job);
-    EXPECT_EQ(call.str.maxf, (std::vector<double>{3000, 1000, 500})[static_cast<std::size_t>(job)]);
+    EXPECT_EQ(call.str.maxf, limits[job]);
     EXPECT_EQ(call.str.atol, -ROOT_HUGE);
     EXPECT_NEAR(call.str.ftol, 2.2204460492503141e-16, 1e-29);
     EXPECT_EQ(call.str.agtl, job == 0 ? 0.0 : 1e-5);
@@ -164,19 +144,15 @@ TEST(Termination, DefaultsByJob) {
 // Element k holds the value k, so that a field shows which element it was filled from.
 TEST(Termination, VectorsReachElement13Or20) {
   for (const int length : {15, 20, 25}) {
-    std::vector<double> elements;
-    for (int k = 1; k <= length; ++k) elements.push_back(k);
+    Vector elements(static_cast<std::size_t>(length));
+    std::iota(elements.begin(), elements.end(), 1.0);
     WithVector simplex(14, elements);
     setterm(&simplex.str, 0);
-    EXPECT_EQ(simplex.str.ftol, 4.0);
-    EXPECT_EQ(simplex.str.xsiz, 10.0);
-    EXPECT_EQ(simplex.str.gtol, 0.0);
+    EXPECT_EQ((Vector{simplex.str.ftol, simplex.str.xsiz, simplex.str.gtol}), (Vector{4, 10, 0}));
     WithVector other(4, elements);
     setterm(&other.str, 2);
-    EXPECT_EQ(other.str.gtol, 4.0);
-    EXPECT_EQ(other.str.ftol, 7.0);
-    EXPECT_EQ(other.str.xsiz, 13.0);
-    EXPECT_EQ(other.str.max2, length >= 20 ? 20.0 : 0.0);
+    EXPECT_EQ((Vector{other.str.gtol, other.str.ftol, other.str.xsiz, other.str.max2}),
+              (Vector{4, 7, 13, length >= 20 ? 20.0 : 0.0}));
   }
   WithVector infinite(4, {INF, NOT_A_NUMBER, -INF});
   setterm(&infinite.str, 2);
@@ -186,4 +162,4 @@ TEST(Termination, VectorsReachElement13Or20) {
 }
 
 }  // namespace
-}  // namespace tqnlp
+}  // namespace tqnlp::test

@@ -139,12 +139,15 @@ int znlptcs(MINSTR* str, double* gpro, long* icon, long* iwk) {
 
 // ---- Slopes -------------------------------------------------------------------------------------
 
-// a b, or 0 where the product would underflow.
+// a b, or 0 where the product would underflow. Most products are so large that they need no test.
 static double guarded_product(double a, double b) {
+  static constexpr double SURELY_LARGE = 1e-300;  // far above the square of the guard
+  const double product = a * b;
+  if (std::fabs(product) >= SURELY_LARGE) return product;
   const double larger = std::max(std::fabs(a), std::fabs(b));
   if (larger < ROOT_TINY_GUARD) return 0.0;
   if (larger <= 1.0 && std::fabs(a / ROOT_TINY_GUARD * b) < ROOT_TINY_GUARD) return 0.0;
-  return a * b;
+  return product;
 }
 
 double dotprd(long n, const double* x, const double* y) {

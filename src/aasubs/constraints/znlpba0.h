@@ -26,6 +26,16 @@ Frame frame_of(const MINSTR* str);
 inline long free_count(const MINSTR* str) { return str->nvar - str->nabc; }
 inline long reduced_dimension(const MINSTR* str) { return str->nvar - str->nabc - str->nalc; }
 
+// The operators look at lincon alone. Where rows of nonlinear constraints are in the working set
+// and have to count just as much, operation runs with lincon set.
+template <class Operation>
+void with_general_frame(MINSTR* str, Operation operation) {
+  const int lincon = str->lincon;
+  if (str->nlicon != 0) str->lincon = 1;
+  operation();
+  str->lincon = lincon;
+}
+
 // ---- Vectors (znlpba0.cpp) ----------------------------------------------------------------------
 
 // gpro := projection of grad; returns at once when no parameter is free.

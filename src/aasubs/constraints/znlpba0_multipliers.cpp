@@ -93,22 +93,29 @@ static void multiply_hessian(MINSTR* str, const double* s, double* hs) {
   }
 }
 
+// Newton step on the working set, over all parameters, in lag2. False when Z'HZ is singular.
+static bool newton_step(MINSTR* str, long order) {
+  vzfdl(0.0, str->lag2, str->nvar);
+  if (order < 1) return true;
+  znlphpr(str, 1, 1, str->hfrm, str->gpro, str->hess, str->hpro);
+  if (zududec(order, str->sing, str->det, str->hpro, str->iwk) != 0) return false;
+  for (long k = 0; k < order; ++k) str->work[k] = -str->gpro[k];
+  if (zudusol(order, 1, order, str->hpro, str->work, str->iwk) != 0) return false;
+  znlpsp2(str, 3, str->work, str->lag2);
+  return true;
+}
+
 int znlplm2(MINSTR* str) {
   const long n = str->nvar;
-  const long order = reduced_dimension(str);
   if (str->ider < 3) xexit(EXIT_INCONSISTENT, 0);
   // Without a packed projection the first form has to serve.
-  const bool packed = str->hfrm == 0 || (str->hfrm == 2 && str->lincon != 0);
+  const bool general = str->lincon != 0 || str->nlicon != 0;
+  const bool packed = str->hfrm == 0 || (str->hfrm == 2 && general);
   if (str->hpro == nullptr || str->lag2 == nullptr || !packed) return 3;
 
-  vzfdl(0.0, str->lag2, n);
-  if (order > 0) {
-    znlphpr(str, 1, 1, str->hfrm, str->gpro, str->hess, str->hpro);
-    if (zududec(order, str->sing, str->det, str->hpro, str->iwk) != 0) return 3;
-    for (long k = 0; k < order; ++k) str->work[k] = -str->gpro[k];
-    if (zudusol(order, 1, order, str->hpro, str->work, str->iwk) != 0) return 3;
-    znlpsp2(str, 3, str->work, str->lag2);
-  }
+  bool regular = false;
+  with_general_frame(str, [&] { regular = newton_step(str, reduced_dimension(str)); });
+  if (!regular) return 3;
   // The step solves Z'HZ p = -Z'g, so that the gradient at the Newton point is g + H s.
   multiply_hessian(str, str->lag2, str->work);
   for (long j = 0; j < n; ++j) str->work[j] += str->grad[j];

@@ -122,6 +122,29 @@ static int drop_one_bound(MINSTR* str, Selection& run) {
 
 // ---- General constraints ----------------------------------------------------------------------
 
+// gpro := Z'grad, and the feasibility of -Z gpro at x, in the frame of the working set: Q counts
+// for nonlinear constraints just as for linear ones.
+static void project_gradient(MINSTR* str) {
+  with_general_frame(str, [str] { znlpgcs(str, str->gpro); });
+}
+
+static bool direction_is_feasible(MINSTR* str, long* blocking, long* list) {
+  int status = 0;
+  with_general_frame(str, [&] { status = znlptcs(str, str->gpro, blocking, list); });
+  return status == 0;
+}
+
+// A projected gradient below this share of the gradient is what rounding leaves of zero.
+static constexpr double NEGLIGIBLE_SHARE = 1e-12;
+
+// Is there no direction left, or none that leads downhill? Nothing blocks a zero direction, so that
+// its feasibility would mean nothing.
+static bool is_stationary(const MINSTR* str) {
+  const long order = reduced_dimension(str);
+  return order == 0 || largest_or_nan(order, str->gpro) <=
+                           NEGLIGIBLE_SHARE * largest_or_nan(str->nvar, str->grad);
+}
+
 // Is there anything in the factors that may leave?
 static bool an_inequality_is_active(const MINSTR* str) {
   for (long k = free_count(str); k < str->nvar; ++k) {
@@ -178,7 +201,7 @@ static Search drop_one_at_a_time(MINSTR* str, Selection& run, long count) {
     if (drop_candidate(str, run, code) != 0) run.flag = UNIT_ROW_SINGLE;
     if (deferred_entered(str, run)) return Search::restart;
     long blocking = -1;
-    if (znlptcs(str, str->gpro, &blocking, nullptr) == 0) {
+    if (direction_is_feasible(str, &blocking, nullptr)) {
       str->idac = code + 1;
       return Search::finish;
     }
@@ -215,8 +238,8 @@ static bool regain_feasible_direction(MINSTR* str, const Selection& run) {
   const long most = 2 * str->nvar + str->ncon + str->nnlc;
   for (long pass = 0; pass <= most; ++pass) {
     long listed = -1;
-    if (reduced_dimension(str) == 0) return false;  // no direction is left, not a feasible one
-    if (znlptcs(str, str->gpro, &listed, str->liwk) == 0) return true;
+    if (is_stationary(str)) return false;
+    if (direction_is_feasible(str, &listed, str->liwk)) return true;
     if (!add_blocking(str, run, listed)) return false;
   }
   return false;
@@ -233,7 +256,7 @@ static Search drop_block(MINSTR* str, Selection& run, double tres) {
     if (first != end) count = first - str->lagm + 1;
   }
   if (count < 2) return Search::finish;  // a single one has been tried
-  znlpgcs(str, str->gpro);
+  project_gradient(str);
   for (long k = 0; k < count; ++k) {
     if (drop_candidate(str, run, str->liwk[k]) != 0) run.flag = UNIT_ROW_BLOCK;
   }
@@ -334,18 +357,25 @@ static bool add_member(MINSTR* str, const Selection& run, long blocking, long* c
   return true;
 }
 
-// Has the search ended without a feasible direction? In an empty null space there is one only if a
-// multiplier still has the wrong sign.
+// Below this share of the worst multiplier a projected gradient counts as zero.
+static constexpr double STATIONARY_SHARE = 0.1;
+
+// Has the search ended without a feasible direction? Where x is stationary on the working set there
+// is none as long as a multiplier has the wrong sign: the gradient that rounding leaves would pass
+// for a direction that nothing blocks.
 static bool stands_still(MINSTR* str, const Selection& run) {
   if (!run.tried || str->idac > 0) return false;
-  if (reduced_dimension(str) == 0) return sortlm(str, 0, gtres(str)) > 0;
+  const double worst = sortlm(str, 0, gtres(str)) > 0 ? -str->lagm[0] : 0.0;
+  const long order = reduced_dimension(str);
+  if (order == 0) return worst > 0.0;
+  project_gradient(str);
+  if (largest_or_nan(order, str->gpro) < STATIONARY_SHARE * worst) return true;
   long blocking = -1;
-  znlpgcs(str, str->gpro);
-  return znlptcs(str, str->gpro, &blocking, nullptr) != 0;
+  return !direction_is_feasible(str, &blocking, nullptr);
 }
 
-// Returns whether the working set leaves a feasible direction; if not, x is stationary (or the
-// search did not settle).
+// Returns whether the working set leaves a feasible direction; if not, x is stationary, or the flag
+// says that the search did not settle.
 static bool settle_degenerate_point(MINSTR* str, Selection& run) {
   const double tres = gtres(str);
   forget_deferred(str);
@@ -355,17 +385,18 @@ static bool settle_degenerate_point(MINSTR* str, Selection& run) {
       if (drop_candidate(str, run, str->liwk[k]) != 0) run.flag = UNIT_ROW_BLOCK;
     }
   }
-  znlpgcs(str, str->gpro);
+  project_gradient(str);
   long count = list_members(str);
   const long most = 10 * (str->nvar + str->ncon + str->nnlc);
   for (long pass = 0; pass < most; ++pass) {
-    if (reduced_dimension(str) == 0) return false;
+    if (is_stationary(str)) return false;
     long blocking = -1;
-    if (znlptcs(str, str->gpro, &blocking, nullptr) == 0) return true;
-    if (blocking < 0 || !add_member(str, run, blocking, &count)) return false;
+    if (direction_is_feasible(str, &blocking, nullptr)) return true;
+    if (blocking < 0 || !add_member(str, run, blocking, &count)) break;
     while (drop_first_at_zero(str, run, tres, &count)) {
     }
   }
+  run.flag = NOT_SETTLED;
   return false;
 }
 
@@ -377,7 +408,7 @@ static Search search_once(MINSTR* str, Selection& run) {
   const long count = sortlm(str, run.second_form, tres);
   if (count == 0) return Search::finish;
   run.tried = true;
-  znlpgcs(str, str->gpro);
+  project_gradient(str);
   if (drop_one_at_a_time(str, run, count) == Search::restart) return Search::restart;
   if (str->idac == 0) {
     // While constraints are still being picked up a single drop that fails is no dead end.
@@ -417,9 +448,13 @@ int znlpdac(MINSTR* str, int job, int job2, long* nhlf, double* ches, double* he
   if (stands_still(str, run)) {
     str->idac = settle_degenerate_point(str, run) ? BLOCK_DROPPED : 0;
   }
-  // Trials may have written chac.
-  const bool fell = str->nabc < bounds_before || str->nalc < rows_before;
-  str->chac = fell ? -1 - run.chac_before : run.chac_before;
+  // Trials may have written chac. Where members only changed places with others, and nothing was
+  // dropped in the end, it stays positive: a negative one would tell the termination test that
+  // there is still something to gain.
+  str->chac = run.chac_before;
+  if (str->nabc < bounds_before || str->nalc < rows_before) {
+    str->chac = str->idac != 0 ? -1 - run.chac_before : std::max(run.chac_before, 1L);
+  }
   return drop_result(str, run);
 }
 

@@ -30,6 +30,11 @@ namespace tqnlp {
 static constexpr double SAME_FLOOR = 2.2250738585072018e-307;
 static constexpr double SAME_RATIO = 1.110223024625157e-15;
 
+// Right sides of dependent rows agree up to this multiple of the tolerance of feasibility, and this
+// share of the terms of the row.
+static constexpr double AGREEMENT_RATIO = 10.0;
+static constexpr double ROUNDING_RATIO = 1e-12;
+
 static constexpr long REMOVE = -1;
 
 static constexpr int MESSAGE_DUPLICATES = 50;
@@ -165,12 +170,18 @@ static double witness_gap(const MINSTR* str, long i) {
   return str->blcn[i] - zvdot11(str->nvar, str->awrk, str->xold);
 }
 
-// May the dependent row i (in awrk) go? The allowance is that of the tests of dependence and
-// feasibility together.
-static bool agrees_with_witness(const MINSTR* str, long i) {
-  double size = std::fabs(str->blcn[i]) + 1.0;
-  for (long j = 0; j < str->nvar; ++j) size += std::fabs(str->awrk[j] * str->xold[j]);
-  const double allowance = 10.0 * std::max(str->ceps, str->ldct) * size;
+// May the dependent row i (in awrk) go? remainder is the length of what is left of it, which a move
+// of the witness by its own size could still turn into a change of the row; beside that only the
+// tolerance of feasibility and rounding are allowed for.
+static bool agrees_with_witness(const MINSTR* str, long i, double remainder) {
+  double size = 0.0;
+  double farthest = 1.0;
+  for (long j = 0; j < str->nvar; ++j) {
+    size += std::fabs(str->awrk[j] * str->xold[j]);
+    farthest = std::max(farthest, std::fabs(str->xold[j]));
+  }
+  const double tolerance = AGREEMENT_RATIO * str->ceps * (std::fabs(str->blcn[i]) + 1.0);
+  const double allowance = tolerance + ROUNDING_RATIO * size + remainder * farthest;
   return !(std::fabs(witness_gap(str, i)) > allowance);
 }
 
@@ -208,7 +219,8 @@ static long donsp(MINSTR* str, long free) {
       is_dependent = !(std::fabs(w[null_space - 1]) > threshold);
     }
     if (is_dependent) {
-      if (!agrees_with_witness(str, i)) continue;
+      const double remainder = null_space > 0 ? std::fabs(w[null_space - 1]) : 0.0;
+      if (!agrees_with_witness(str, i, remainder)) continue;
       str->liwk[i] = REMOVE;
       ++dependent;
       continue;
@@ -256,7 +268,7 @@ static long dorsp(MINSTR* str, long free, int opro) {
     const int failed = znlpgso(in_file, free, accepted, n, 1, 1, basis, v, str->grad, &residual,
                                str->gold, str->sdir);
     if (failed != 0 || !(residual >= threshold)) {
-      if (!agrees_with_witness(str, i)) continue;
+      if (!agrees_with_witness(str, i, failed != 0 ? 0.0 : residual)) continue;
       str->liwk[i] = REMOVE;
       ++dependent;
       continue;

@@ -81,6 +81,11 @@ enum ReportMessage : int {
   LABEL_CRITERION = 659,  // plus the code of the criterion: 660..668
   LABEL_FSIZE = 669,
   LABEL_XSIZE = 670,
+  // Verdicts on the criteria.
+  WORD_MET = 671,
+  WORD_OPEN = 672,
+  WORD_NOT_JUDGED = 673,
+  LABEL_CRITERIA_OFF = 674,
   // Result tables.
   TEXT_START_ESTIMATES = 147,
   TEXT_FINAL_ESTIMATES = 148,
@@ -111,6 +116,8 @@ enum ReportMessage : int {
   TITLE_STATUS = 740,
   TITLE_PARAMETERS_ON_THE_WAY = 741,
   TEXT_FUNCTIONS = 742,
+  TITLE_STEP = 747,
+  TITLE_CRITERIA = 748,
   // Test of the gradient.
   TITLE_GRADIENT_TEST = 743,
   TITLE_DIFFERENCE_HISTOGRAM = 744,

@@ -1,4 +1,9 @@
 // report_tables: what all reports share; see the header for the rule of a table's state.
+//
+// Every operation has the same shape: nothing on a closed table; else one call of the host, and
+// keep_if, which closes the table when that failed. A text that a cell shows is made first, by the
+// host too (it knows the messages), and counts as part of the operation. Cells are records of fixed
+// size that live on the stack of who writes them: the host reads them while the row is added.
 #include "aasubs/control/report_tables.h"
 
 #include <cstdio>
@@ -17,6 +22,7 @@ static bool served(int rc) {
   return rc >= 0;
 }
 
+// One method of a host's object; true when it was served.
 static bool call(RvxObject* object, RvxMethod method, std::initializer_list<RvxArg> args) {
   return served(wobmth(object, 0, method, std::span<const RvxArg>(args.begin(), args.size())));
 }
@@ -34,6 +40,7 @@ static void keep_if(RvxObject** table, bool good) {
 
 void open_table(RvxObject* rvx, RvxObject** table, const char* name, int title) {
   if (rvx == nullptr) return;
+  // Room for every table of this library; a longer name of a caller is cut.
   char template_name[64];
   std::snprintf(template_name, sizeof template_name, "%s%s", TEMPLATE_PREFIX, name);
   if (!call(rvx, RvxMethod::open, {table, name, static_cast<const char*>(template_name)})) {
@@ -42,6 +49,7 @@ void open_table(RvxObject* rvx, RvxObject** table, const char* name, int title) 
   }
   if (title == 0) return;
   RvxText text{};
+  // A table whose title is not known is not written: its reader could not tell what it shows.
   const bool known = served(rvxmsg(&text, OPTIMIZATION, title));
   keep_if(table, known && call(*table, RvxMethod::title, {&text}));
 }
@@ -61,6 +69,7 @@ void add_pair(RvxObject** table, int label, const RvxArg& value) {
 void add_word_pair(RvxObject** table, int label, int word) {
   if (*table == nullptr) return;
   RvxText text{};
+  // A value that cannot be put into words ends the table as any failing service does.
   if (served(rvxmsg(&text, OPTIMIZATION, word))) {
     add_pair(table, label, &text);
   } else {
@@ -100,6 +109,7 @@ RvxText unpadded(const char* name) {
   return cell;
 }
 
+// 0 - v instead of -v: it turns 0 into 0, not -0.
 double negated(double value) { return wzmis(value) ? value : 0.0 - value; }
 
 double users_value(const MINSTR* str, double value) {
@@ -120,6 +130,8 @@ RvxText parameter_name(const MINSTR* str, long j) {
 
 static bool is_linear(const MINSTR* str, long c) { return c < str->ncon; }
 
+// Equalities come first, among the linear and among the nonlinear constraints; c counts on from the
+// linear ones to the nonlinear ones.
 static bool is_equality(const MINSTR* str, long c) {
   return is_linear(str, c) ? c < str->neqc : c - str->ncon < str->nlec;
 }
@@ -129,6 +141,7 @@ RvxText constraint_name(const MINSTR* str, long c) {
   return numbered_name(is_equality(str, c) ? "C3_" : "C4_", c - str->ncon + 1);
 }
 
+// Kinds have one width and begin with a blank: they stand beside a number in the printed table.
 const char* constraint_kind(const MINSTR* str, long c) {
   if (is_linear(str, c)) return is_equality(str, c) ? " Linear EC" : " Linear IC";
   return is_equality(str, c) ? " Nonlin EC" : " Nonlin IC";

@@ -210,6 +210,10 @@ static int make_start_feasible(MINSTR* str) {
   std::copy_n(str->x, str->nvar, str->xold);
   if (str->opro == 2) service_is_absent("The range-space frame");
   const int result = znlpfea(str, 2);
+  // A repair of enormous numbers may overflow, and takes the outcome for feasible.
+  const bool finite =
+      std::all_of(str->x, str->x + str->nvar, [](double x) { return std::isfinite(x); });
+  if (!finite) return give_up_feasibility(str);
   if (result >= 0) {
     if (result > 0) {
       xpmlog(OPTIMIZATION, 10);
@@ -388,7 +392,12 @@ static int run(MINSTR* str, int pfun) {
   const bool evaluated = !((code >= -4 && code <= -1) || code == -11);
   if (evaluated) code = evaluate_solution(str, code);
   str->rcod = code;
-  if (!wzmis(str->crit)) znlpptm(str, code, 0);
+  if (!wzmis(str->crit)) {
+    znlpptm(str, code, 0);
+  } else {
+    // There is no end report without a value; that the solution has none must not go unsaid.
+    xpmlog(OPTIMIZATION, code == -4 ? 134 : 133);
+  }
   COVSTR* post = str->covstr;
   if (evaluated && post != nullptr && post->uscmat != nullptr) post->uscmat(str, 1);
 

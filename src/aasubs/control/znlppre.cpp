@@ -2,7 +2,15 @@
 // constraints, multipliers, projected gradient.
 //
 // Each table is one function: it describes its row as a local record, binds the columns to it, and
-// writes a row an element. Siblings: znlppre_problem (pritech), znlppre_constraints (pricon and
+// writes a row an element.
+//
+//   open_table(...)                      the record's field of this table is set
+//   add_column(table, "Name", &row.x)    the host keeps the address, not the value
+//   row.x = ...;  add_row(table)         it reads all addresses now
+//   close_table(table)                   from here on the row may go
+//
+// A column that does not apply to the problem is left out as a whole; a value that is missing leaves
+// its cell empty. A title text stands in the first row only (HeadText). Siblings: znlppre_problem (pritech), znlppre_constraints (pricon and
 // its family, prinlc), znlppre_stop (znlpptm), znlppre_matrix (znlppmt).
 #include "aasubs/control/znlppre.h"
 
@@ -27,6 +35,7 @@ static long free_parameters(const MINSTR* str) { return str->nvar - str->nabc; }
 // the front by the method of Lentz. Good for x below (a + 1) / (a + b + 2).
 static double beta_fraction(double a, double b, double x) {
   static constexpr int MOST_TERMS = 500;
+  // A partial denominator may come out as zero by chance, and the next one divides by it.
   auto away_from_zero = [](double v) { return std::fabs(v) < TINY ? TINY : v; };
   double c = 1.0;
   double d = 1.0 / away_from_zero(1.0 - (a + b) * x / (a + 1.0));
@@ -46,6 +55,8 @@ static double beta_fraction(double a, double b, double x) {
   return value;
 }
 
+// I_x(a,b). By symmetry the fraction is only used where it converges fast; the front is formed from
+// logarithms, as the gamma functions of large degrees of freedom overflow.
 static double incomplete_beta(double a, double b, double x) {
   if (x <= 0.0) return 0.0;
   if (x >= 1.0) return 1.0;
@@ -55,7 +66,8 @@ static double incomplete_beta(double a, double b, double x) {
   return 1.0 - front * beta_fraction(b, a, 1.0 - x) / b;
 }
 
-// P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known.
+// P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known. Both tails
+// at once: 1 minus a distribution function would lose the small probabilities that matter.
 static double probability_beyond(double t, double df) {
   if (wzmis(t) || std::isnan(t)) return MISSING;
   if (wzmis(df) || !(df > 0.0)) return std::erfc(std::fabs(t) / std::sqrt(2.0));
@@ -64,6 +76,7 @@ static double probability_beyond(double t, double df) {
 
 // ---- Parameters ---------------------------------------------------------------------------------
 
+// Which optional columns the table has: one choice for all rows.
 struct EstimateColumns {
   bool errors, gradient, lagrangian, bounds, active, dependent;
 };
@@ -81,6 +94,9 @@ static bool any_status(const MINSTR* str, bool fixed_only) {
                      [=](int status) { return fixed_only ? status == 2 : status != 0; });
 }
 
+// Bounds and fixed parameters are told at the start; errors, active bounds and those left out as
+// dependent at the end. Where no feasible point was found the functions were not evaluated, and x
+// alone can be shown.
 static EstimateColumns choose_columns(const MINSTR* str, int job) {
   EstimateColumns c{};
   const bool start = job < 0;
@@ -132,6 +148,7 @@ static bool bound_is_deferred(const MINSTR* str, long j) {
   return std::find(first, end, j) != end;
 }
 
+// Standard error, t value and its probability; the last two are missing unless the error is positive.
 static void fill_errors(const MINSTR* str, long j, EstimateRow& row) {
   row.error = str->ster[j];
   const bool usable = !wzmis(row.error) && row.error > 0.0;
@@ -234,6 +251,7 @@ void prifdh(MINSTR* str) {
 
 // ---- Multipliers and projected gradient ---------------------------------------------------------
 
+// first and second order estimate of one active constraint's multiplier.
 struct MultiplierRow {
   HeadText head;
   long number;
@@ -273,6 +291,8 @@ static void write_multipliers(MINSTR* str) {
   close_table(table);
 }
 
+// The reduced gradient in the subspace that the working set leaves free: its size decides
+// convergence, while the gradient itself need not vanish.
 static void write_projected_gradient(MINSTR* str) {
   const long dimension = free_parameters(str) - str->nalc;
   if (dimension <= 0) return;
@@ -301,6 +321,8 @@ static void write_projected_gradient(MINSTR* str) {
 
 // ---- All tables of a point ----------------------------------------------------------------------
 
+// At the start linear constraints are shown as conditions on x, at the end as equations of their
+// residuals.
 static void write_constraints(MINSTR* str, int job) {
   if (str->ncon > 0) {
     if (job < 0) {

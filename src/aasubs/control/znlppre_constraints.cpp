@@ -10,6 +10,13 @@
 // Constraints are shown as the run keeps them, a'x >= b read from the left, b <= a'x, except that
 // an inequality with more negative than positive coefficients is turned round for reading: the run
 // does not remember which way it was given, and this is how people write them.
+//
+// Residuals are a'x - b of a linear constraint, and the value c(x) of a nonlinear one with c(x) >= 0
+// or = 0. State of a constraint: VIO beyond the feasibility tolerance, ACT within it, blank inside.
+// Linear constraints are judged against the tolerance times |b| + 1, as in the run.
+//
+// A linear constraint is fetched into awrk, dense, by the callback acget: its compact form is the
+// caller's matter. That is why these reports write awrk.
 #include <algorithm>
 #include <cmath>
 #include <string_view>
@@ -28,6 +35,7 @@ struct TermRow {
   RvxText colon, restriction, relation, sign, asterisk, parameter;
 };
 
+// Which columns a table has, in the order in which they are printed.
 using ColumnNames = std::initializer_list<const char*>;
 
 static constexpr ColumnNames AT_THE_START = {"TitleText",   "Number",   "Residual", "Colon",
@@ -39,6 +47,7 @@ static constexpr ColumnNames AT_THE_RESULT = {"TitleText", "Number",   "Restrict
 static constexpr ColumnNames REMOVED = {"TitleText",   "Left",     "Relation", "Sign",
                                         "Coefficient", "Asterisk", "Parameter"};
 
+// The variable behind a column, by its name; "Parameter" is what is left.
 static RvxArg source_of(TermRow& row, std::string_view name) {
   if (name == "TitleText") return &row.head.cell;
   if (name == "Number") return &row.number;
@@ -79,6 +88,7 @@ static void write_terms(const MINSTR* str, RvxObject** table, TermRow& row,
     clear_front(row);
     written = true;
   }
+  // A constraint without coefficients still has its row.
   if (written) return;
   row.sign = row.asterisk = row.parameter = RvxText{};
   row.coefficient = MISSING;
@@ -98,6 +108,7 @@ static const char* state_of(double residual, bool equality, double tolerance) {
 static double take_linear(MINSTR* str, long i) {
   str->acget(str, i, str->awrk);
   double residual = -str->blcn[i];
+  // Zero coefficients are skipped: their parameter may be missing or infinite.
   for (long j = 0; j < str->nvar; ++j) {
     if (str->awrk[j] != 0.0) residual += str->awrk[j] * str->x[j];
   }
@@ -125,6 +136,7 @@ static void write_linear(const MINSTR* str, RvxObject** table, TermRow& row, lon
   write_terms(str, table, row, str->awrk, turned ? -1.0 : 1.0);
 }
 
+// All of constraint i. at_a_point false: x is not yet where the run starts, and is not judged.
 static void write_linear_with_residual(MINSTR* str, RvxObject** table, TermRow& row, long i,
                                        bool at_a_point = true) {
   const double residual = take_linear(str, i);
@@ -137,6 +149,7 @@ static void write_linear_with_residual(MINSTR* str, RvxObject** table, TermRow& 
 
 // ---- Linear constraints -------------------------------------------------------------------------
 
+// Rows that a reduction of the constraints has marked in liwk.
 void pricon(MINSTR* str, int job) {
   static constexpr int DEPENDENT = 2;
   if (str->dbug == 0.0) return;
@@ -218,6 +231,7 @@ static void write_dependent_linear(MINSTR* str) {
   close_table(table);
 }
 
+// Names alone; their gradients follow in a table of their own, since they have other columns.
 static void write_dependent_nonlinear(MINSTR* str) {
   RvxObject** table = &str->licot5;
   RvxText name{};
@@ -231,6 +245,8 @@ static void write_dependent_nonlinear(MINSTR* str) {
   close_table(table);
 }
 
+// The gradients at x, which are why the constraints were left out: each depends on those of the
+// working set.
 static void write_dependent_gradients(MINSTR* str) {
   RvxObject** table = &str->nljact;
   TermRow row{};
@@ -252,6 +268,7 @@ static void write_dependent_gradients(MINSTR* str) {
   close_table(table);
 }
 
+// iact holds nalc constraints of the working set and behind them nldc that were left out.
 void pricon3(MINSTR* str) {
   if (str->dbug == 0.0) return;
   write_dependent_bounds(str);
@@ -276,6 +293,7 @@ static double multiplier_of(const MINSTR* str, long c) {
   return users_value(str, str->lagm[str->nabc + (place - str->iact)]);
 }
 
+// Was constraint c left out of the working set as dependent?
 static bool is_deferred(const MINSTR* str, long c) {
   if (str->opro == 0) return false;
   const long* first = str->iact + str->nalc;
@@ -303,6 +321,7 @@ void prinlc(MINSTR* str, int job) {
     number = k + 1;
     name = constraint_name(str, c);
     residual = str->fcon[k];
+    // vnlc are the values that the user's module gave, before limits were taken off.
     value = str->vnlc != nullptr ? str->vnlc[k] : residual;
     multiplier = wzmis(str->crit) ? MISSING : multiplier_of(str, c);
     restriction = literal_text(state_of(residual, k < str->nlec, eps));

@@ -3,6 +3,14 @@
 // The parameters run down the table, so that a table of a thousand parameters stays as narrow as
 // one of two. Names that the user did not give are made in blocks of NAMES, so that the memory of
 // the names does not grow with the problem.
+//
+//   nr >= 0            nr -3             nr -2
+//   Parms  X1  X2      Parms  Estimate   Parms  Estimate  Grad
+//   X1     a   b       X1     a          X1     a         d         pd = a b c | d e f
+//   X2     c   d       X2     b          X2     b         e
+//
+// This report has no field in the record: callers without one (post-analysis) pass the delivery
+// object alone, so that the table is a local of write_matrix.
 #include <algorithm>
 #include <cstring>
 
@@ -31,6 +39,7 @@ struct NameTable {
   long first;                // number of the first name in the block, from 0; -1 none yet
 };
 
+// Makes the names from number first (from 0) to the end of its block or of all count names.
 static void make_block(NameTable& names, long first, long count) {
   names.first = first;
   for (long k = 0; k < std::min(count - first, NAMES); ++k) {
@@ -39,6 +48,8 @@ static void make_block(NameTable& names, long first, long count) {
   }
 }
 
+// Name of parameter j of count. Names are asked for in rising order, so that a block is made once a
+// pass.
 static RvxText name_of(NameTable& names, long j, long count) {
   if (names.given != nullptr) return unpadded(names.given[j]);
   const long first = j / NAMES * NAMES;
@@ -63,12 +74,14 @@ struct Shape {
   long rows, columns, row_step, column_step;
 };
 
+// A point is a single column; behind it, nc values on, may stand its gradient as a second one.
 static Shape shape_of(long nr, long nc) {
   if (nr == POINT_ALONE) return {nc, 1, 1, 0};
   if (nr == POINT_AND_GRADIENT) return {nc, 2, 1, nc};
   return {std::max(nr, 0L), std::max(nc, 0L), nc, 1};
 }
 
+// values is the row that the columns are bound to, one double a column.
 static void write_matrix(RvxObject* rvx, const char* onam, long nr, const Shape& shape,
                          const double* pd, NameTable& names, double* values, int title) {
   RvxObject* table = nullptr;
@@ -103,6 +116,7 @@ void znlppmt(RvxObject* rvx, const char* onam, long nr, long nc, const double* p
     names.made = static_cast<Name*>(
         vmalloc_handler(static_cast<std::size_t>(std::min(longest, NAMES)) * sizeof(Name), 0));
   }
+  // Without memory the report is dropped, with the host's line in the log; the run goes on.
   if (values == nullptr || (pnam == nullptr && names.made == nullptr)) {
     xprrlog(0, NO_MEMORY_FOR_NAMES);
   } else {

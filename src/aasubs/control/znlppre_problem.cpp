@@ -2,12 +2,20 @@
 //
 // Two tables of labels and values, written once before the run. Every choice of the record that a
 // reader may not remember is put into words; what does not apply to the technique is left out.
+//
+//   "InputOpts"            limits, tolerances that are not the default ones, typical sizes
+//   "ProblemDescription"   method | differences | sizes | form of the Hessian
+//
+// Words are messages. Where a number of the record selects one, the messages of a choice lie in a row
+// behind a base (report_messages.h): base + number. A number outside of the choice must be caught
+// before that, as it would name another message.
 #include <algorithm>
 #include <cmath>
 #include <iterator>
 
 #include "aasubs/control/report_tables.h"
 #include "aasubs/control/znlppre.h"
+#include "aasubs/control/znlppre_criteria.h"
 #include "aasubs/control/znlptrm.h"
 
 namespace tqnlp {
@@ -19,30 +27,8 @@ static bool is_sequential_quadratic(const MINSTR* str) {
 
 // ---- Limits and criteria ------------------------------------------------------------------------
 
-// Does the technique look at this criterion?
-static bool applies(const MINSTR* str, int code) {
-  const bool nonlinear = str->nlicon != 0;
-  switch (code) {
-    case 1:
-      return true;
-    case 2:
-    case 5:
-    case 7:
-      return !nonlinear;
-    case 3:
-    case 6:
-      return !is_simplex(str);
-    case 4:
-      return !nonlinear || is_simplex(str);
-    case 8:
-      if (is_simplex(str)) return !nonlinear;
-      return nonlinear || str->lsqu != 0;
-    default:
-      return !nonlinear && str->lsqu != 0 && str->tech >= 2 && str->tech <= 8;
-  }
-}
-
-// The tolerance that a criterion has when the user gives none.
+// The tolerance that a criterion has when the user gives none, by the code of the criterion. These
+// are the defaults with which a call fills the record; a change there belongs here too.
 static double default_tolerance(const MINSTR* str, int code) {
   static constexpr double LN_10 = 2.302585092994046;
   static constexpr double FCONV_WITHOUT_DIGITS = 2.2204460492503141e-16;
@@ -76,6 +62,8 @@ static bool is_default(const MINSTR* str, const Criterion& c) {
   return std::fabs(str->*c.tolerance - usual) <= ROUNDING * std::fabs(usual);
 }
 
+// Limits always, tolerances only where the user has changed one: the table then shows his choices at
+// a glance, and the summary at the end has all criteria with their tolerances.
 static void write_options(MINSTR* str) {
   RvxObject** table = &str->out;
   open_table(str->rvx, table, "InputOpts", TITLE_OPTIONS);
@@ -87,7 +75,7 @@ static void write_options(MINSTR* str) {
     add_word_pair(table, LABEL_MAX_SECONDS, WORD_NO_LIMIT);
   }
   for (const Criterion& c : CRITERIA) {
-    if (applies(str, c.code) && !is_default(str, c)) {
+    if (criterion_applies(str, c.code) && !is_default(str, c)) {
       add_pair(table, LABEL_CRITERION + c.code, str->*c.tolerance);
     }
   }
@@ -98,6 +86,8 @@ static void write_options(MINSTR* str) {
 
 // ---- Method -------------------------------------------------------------------------------------
 
+// The name of the method. A technique number may stand for several methods: nonlinear constraints
+// turn the simplex into COBYLA and quasi-Newton into sequential quadratic programming.
 static int technique_word(const MINSTR* str) {
   static constexpr int MONOTONE_OR_BARRIER = 1;
   if (str->tech == 14 && str->nlicon != 0) return WORD_TECHNIQUE_COBYLA;
@@ -107,7 +97,8 @@ static int technique_word(const MINSTR* str) {
   return WORD_TECHNIQUE + (known ? str->tech : 1);
 }
 
-// Message of the update in words; 0 when the technique has none.
+// Message of the update in words; 0 when the technique has none. Technique 10 updates the inverse, for
+// which the words differ; for conjugate gradients tupd chooses the formula of the direction.
 static int update_word(const MINSTR* str) {
   static constexpr int CONJUGATE_RULES = 4;
   switch (str->tech) {
@@ -130,6 +121,8 @@ static bool version_matters(const MINSTR* str) {
   return is_sequential_quadratic(str) || str->tech == 12;
 }
 
+// The sequential quadratic method has a line search of its own on the merit function, which tlin does
+// not choose.
 static bool uses_line_search(const MINSTR* str) {
   static constexpr int WITH_LINE_SEARCH[] = {3, 10, 11, 12, 13};
   return !is_sequential_quadratic(str) &&
@@ -161,6 +154,8 @@ static void write_difference_form(MINSTR* str, RvxObject** table, int label, int
   if (digit != 0) add_word_pair(table, label, digit == 1 ? WORD_FORWARD : WORD_CENTRAL);
 }
 
+// Which derivatives are formed by differences, digit by digit of fidi; nothing where all are the
+// user's. ider tells which of the second-order digits the technique uses.
 static void write_differences(MINSTR* str, RvxObject** table) {
   static constexpr int LARGEST_HESSIAN_DIGIT = 4;
   static constexpr int LARGEST_INTERVAL_CHOICE = 3;
@@ -181,6 +176,7 @@ static void write_differences(MINSTR* str, RvxObject** table) {
 
 // ---- Sizes --------------------------------------------------------------------------------------
 
+// Numbers of parameters and constraints; a kind of which the problem has none is left out.
 static void write_sizes(MINSTR* str, RvxObject** table) {
   add_pair(table, LABEL_PARAMETERS, str->nvar);
   if (str->bounds != 0) {

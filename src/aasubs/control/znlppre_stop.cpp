@@ -2,16 +2,25 @@
 //
 // The same reason is told twice, as a sentence in the log and as a shorter text in the table of the
 // status; END_TEXTS has both for every code whose messages take no arguments.
+//
+//   print level 0    log only: reason of the code, doubts
+//   above 0          table "IterStop" (job 0): work | point | what steered the steps | criteria
+//                    table "ConvergenceStatus": code and reason
+//
+// job is not 0 for a start without a feasible point: no step was made, and there is no summary.
 #include <cmath>
 
 #include "aasubs/control/report_tables.h"
 #include "aasubs/control/znlpdrv.h"
 #include "aasubs/control/znlppre.h"
+#include "aasubs/control/znlppre_criteria.h"
 #include "aasubs/control/znlptrm.h"
 #include "host/log.h"
 
 namespace tqnlp {
 
+// Codes of a run without progress or at a limit while a criterion with a counter was being met. The
+// counter of criterion c is c - 1, so that such a code less STOP_OVERRULED is the criterion's own.
 static constexpr int FIRST_NEAR_CRITERION = NEAR_CRITERION + 1;
 static constexpr int LAST_NEAR_CRITERION = NEAR_CRITERION + CONSECUTIVE_COUNTERS;
 
@@ -70,6 +79,7 @@ static StopLayout stop_layout(const MINSTR* str) {
   }
 }
 
+// Iterations and calls; of the derivatives those that the technique asks for.
 static void write_work(MINSTR* str, RvxObject** table, StopLayout layout) {
   add_pair(table, LABEL_ITERATIONS, static_cast<long>(str->nitr));
   add_pair(table, LABEL_FUNCTION_CALLS, str->nfct);
@@ -96,6 +106,8 @@ static void write_work(MINSTR* str, RvxObject** table, StopLayout layout) {
   }
 }
 
+// Value, size of the working set, gradient. Where nonlinear constraints are handled by the technique
+// itself the working set says little, and the largest violation takes its place.
 static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
   const double objective = users_value(str, str->crit);
   if (layout == STOP_SEQUENTIAL || layout == STOP_COBYLA) {
@@ -109,7 +121,10 @@ static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
   if (layout != STOP_SIMPLEX) add_pair(table, LABEL_LARGEST_GRADIENT, str->gmax);
 }
 
-// What steered the steps of the technique.
+// What steered the steps of the technique: the last value of each quantity, by which a reader sees
+// whether it was still moving (a tiny radius, a huge ridge, a slope of rounding size). The record
+// has no field for every technique's own: pred is the slope, but the merit value or the deviation of
+// a simplex; alfa and gmax are sizes of the simplex; rhor is the radius of COBYLA.
 static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
   switch (layout) {
     case STOP_LEVMAR:
@@ -146,18 +161,20 @@ static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
   }
 }
 
-static void write_summary(MINSTR* str) {
+static void write_summary(MINSTR* str, int fail, bool tested) {
   const StopLayout layout = stop_layout(str);
   RvxObject** table = &str->out;
   open_table(str->rvx, table, "IterStop", TITLE_STOP);
   write_work(str, table, layout);
   write_point(str, table, layout);
   write_steering(str, table, layout);
+  if (tested) write_criteria(str, table, fail);
   close_table(table);
 }
 
 // ---- Reasons ------------------------------------------------------------------------------------
 
+// How a code is told that needs no arguments.
 struct EndText {
   int code;
   int log;     // message of the log; 0: none
@@ -192,12 +209,16 @@ static RvxText tell(const MINSTR* str, int log, int reason, MsgArgs args = {}) {
   return str->dbug != 0.0 ? report_text(reason, args) : RvxText{};
 }
 
+// At a limit zmsg, the detail of such reports, is the severity too. No progress before the least
+// number of iterations is a note: who asks for that number asks to go on where nothing is left to
+// gain.
 static long severity_of(const MINSTR* str, int fail) {
   if (fail == COUNT_LIMIT) return str->zmsg;
   return fail == NO_PROGRESS && stopped_early(str) ? AS_NOTE : AS_ERROR;
 }
 
-// The message of the code in the log; its reason for the status table.
+// The message of the code in the log; its reason for the status table. Codes with a criterion's name
+// or with limits as arguments come first, the table of the others last.
 static RvxText tell_reason(const MINSTR* str, int fail) {
   const bool in_full = str->zmsg == IN_FULL;
   if (fail == 0) {
@@ -230,7 +251,9 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   return RvxText{};  // a termination module of the user may answer any code
 }
 
-// What a reader of the result should know besides.
+// What a reader of the result should know besides: a feasibility tolerance that had to be widened, a
+// gradient that is large for a converged run, an active constraint with a multiplier of the wrong
+// sign.
 static void tell_doubts(const MINSTR* str, int fail, int job) {
   static constexpr int WIDEST = 10;  // ipre when no tolerance fits
   static constexpr double LARGE_GRADIENT = 0.001;
@@ -254,8 +277,12 @@ static void write_status(MINSTR* str, int fail, const RvxText& reason) {
 }
 
 void znlpptm(MINSTR* str, int fail, int job) {
+  // Without a history no test of this library ran: a limit forbade the first iteration, or a module
+  // of the user took the place of the test.
+  // The criteria are judged on the values of the last test; without one there is nothing to show.
+  const bool tested = str->ithis != nullptr;
   close_table(&str->ithis);
-  if (str->dbug != 0.0 && job == 0) write_summary(str);
+  if (str->dbug != 0.0 && job == 0) write_summary(str, fail, tested);
   if (fail < 0 && str->tech != TECHNIQUE_NONE) {
     const RvxText name = unpadded(technique_name(str->tech));
     xpmlog(OPTIMIZATION, 4, {name.text, severity_of(str, fail)});

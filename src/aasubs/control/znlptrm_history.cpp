@@ -5,6 +5,9 @@
 // another form than the technique keeps it (objective in the user's sense, decrease, slope) is put
 // into the fields pnact .. ppred first. znlpptm closes the table at the end of the run.
 //
+// At the higher print levels other tables stand between the rows: the point, with its gradient, the
+// step that led to it, and how each convergence criterion stands.
+//
 // Two columns of one character mark events of an iteration:
 //   Ac1  "*" the matrix of the iteration had to be repaired or was indefinite
 //   Ac2  "'" a constraint left the working set, other marks: several left
@@ -13,6 +16,7 @@
 
 #include "aasubs/control/report_tables.h"
 #include "aasubs/control/znlppre.h"
+#include "aasubs/control/znlppre_criteria.h"
 #include "aasubs/control/znlptrm.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -188,6 +192,35 @@ static void write_parameters(MINSTR* str, int job1) {
   vmfree_handler(values);
 }
 
+// The last step.
+static void write_step(MINSTR* str) {
+  const long n = str->nvar;
+  const std::size_t bytes = static_cast<std::size_t>(n) * sizeof(double);
+  auto* step = static_cast<double*>(vmalloc_handler(bytes, 0));
+  if (step == nullptr) {
+    xmemmsg(bytes);
+    return;
+  }
+  for (long j = 0; j < n; ++j) step[j] = str->x[j] - str->xold[j];
+  znlppmt(str->rvx, "Step", n, 1, step, str->pnam, 1, TITLE_STEP);
+  vmfree_handler(step);
+}
+
+static void write_standing(MINSTR* str) {
+  open_table(str->rvx, &str->out, "Criteria", TITLE_CRITERIA);
+  write_criteria(str, &str->out, 0);
+  close_table(&str->out);
+}
+
+// What the print level asks for between two rows.
+static void write_between_rows(MINSTR* str, int job1) {
+  static constexpr double LEVEL_OF_STEPS = 6.0;     // above it
+  static constexpr double LEVEL_OF_CRITERIA = 7.0;  // above it
+  write_parameters(str, job1);
+  if (str->dbug > LEVEL_OF_STEPS) write_step(str);
+  if (str->dbug > LEVEL_OF_CRITERIA) write_standing(str);
+}
+
 void prihist(MINSTR* str, int job, int job1, int job2) {
   static constexpr double LEVEL_OF_ROWS = 1.0;        // rows above it
   static constexpr double LEVEL_OF_PARAMETERS = 4.0;  // parameters between rows above it
@@ -203,7 +236,7 @@ void prihist(MINSTR* str, int job, int job1, int job2) {
   add_row_or_lose_it(str->ithis);
   if (str->dbug > LEVEL_OF_PARAMETERS && str->ithis != nullptr) {
     close_table(&str->ithis);
-    write_parameters(str, job1);
+    write_between_rows(str, job1);
     open_history(str, job2);
   }
 }

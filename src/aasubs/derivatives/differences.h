@@ -1,6 +1,8 @@
 // What the sources of znlpfid share: intervals, shifts away from bounds, guarded sums.
 #pragma once
 
+#include <cmath>
+
 #include "aasubs/record/minstr.h"
 
 namespace tqnlp {
@@ -38,9 +40,30 @@ int dograd(MINSTR* str, Side forc, double eps, double crit);
 // objective; false on overflow.
 bool add_to_gradient(MINSTR* str, long j, const double* column);
 
-// *a += b and *a += b c, kept inside the range of doubles: nonzero when a sum would overflow.
-int tstsum(double* a, double b);
-int tstsum2(double* a, double b, double c);
+// *a += b, kept inside the range of doubles: 1 or -1 when the sum would overflow. Defined here
+// because it stands in the innermost loops.
+inline int tstsum(double* a, double b) {
+  if (b > 0.0 && *a >= 0.0 && (b >= SUM_CEILING || b >= SUM_CEILING - *a)) {
+    *a = HUGE_VALUE;
+    return 1;
+  }
+  if (b < 0.0 && *a <= 0.0 && (-b >= SUM_CEILING || -b >= *a + SUM_CEILING)) {
+    *a = -HUGE_VALUE;
+    return -1;
+  }
+  if (b != 0.0) *a += b;
+  return 0;
+}
+
+// *a += b c in the same manner: also 1 where the product itself would overflow (*a stays), and 2
+// for a positive sum.
+inline int tstsum2(double* a, double b, double c) {
+  if (!(std::fabs(b) <= 1.0 || std::fabs(c) <= 1.0 || std::fabs(b) < SUM_CEILING / std::fabs(c))) {
+    return 1;
+  }
+  const int code = tstsum(a, b * c);
+  return code > 0 ? 2 : code;
+}
 
 // One term of a crossproduct entry for column entries a, b and residual f. hupd negates f when
 // maximizing; the form without the negation serves znlpjdt, deliberately. -1 on overflow.
@@ -53,5 +76,9 @@ void restore_functions(MINSTR* str);
 
 // Moves work back to x and restores the user's state there: 0, or -10.
 int return_from_shift(MINSTR* str);
+// The same at the end of a gradient or Jacobian from a shifted base. The status of the difference
+// is dropped: what counts is that the user's state is restored. But a gradient that could not be
+// computed is left missing, so that no old values pass for it.
+int return_from_moved_base(MINSTR* str, bool failed);
 
 }  // namespace tqnlp

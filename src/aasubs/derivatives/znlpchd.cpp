@@ -1,19 +1,20 @@
 // znlpchd: CHeck of Derivatives, and znlpchc for nonlinear Constraints.
 //
 // Method     the derivative along one direction, w'g with w = |x|, against one forward difference
-// of
-//            the functions; the error is measured on a logarithmic scale between the rounding level
-//            (0) and the interval of the difference (1)
+//            of the functions; the error is measured on a logarithmic scale between the rounding
+//            level (0) and the interval of the difference (1). Only where they disagree, one more
+//            difference a parameter finds the one that is to blame.
 // Reference  Gill, Murray and Wright (1981), section 8.1.4; Dennis and Schnabel (1983), section 7.2
 // Reads      fdig, lb, ub, iabc, lincon
 // Work       xold = the user's x (n) | work = first test point (n) | gold = weights of the
-// direction
-//            (n) | sdir = gradient at the user's x (n) | fold = derivatives of the functions (m)
+//            direction (n) | sdir = gradient at the user's x (n) | fold = derivatives of the
+//            functions (m)
 #include "aasubs/derivatives/znlpchd.h"
 
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/control/report_tables.h"
 #include "aasubs/derivatives/differences.h"
 #include "aasubs/derivatives/znlpfid.h"
 #include "host/log.h"
@@ -67,6 +68,9 @@ static int leave_upper_bounds(MINSTR* str, double eps) {
   return DERIVATIVES_AGREE;
 }
 
+// Weight of a parameter in the direction.
+static double weight(double xj) { return xj != 0.0 ? std::fabs(xj) : 1.0; }
+
 // x, copied to xold, becomes the first point, kept in work; gold the weights of the direction.
 static int choose_points(MINSTR* str, double eps) {
   std::copy_n(str->x, str->nvar, str->xold);
@@ -74,16 +78,19 @@ static int choose_points(MINSTR* str, double eps) {
   if (code == DERIVATIVES_AGREE) code = leave_upper_bounds(str, eps);
   std::copy_n(str->x, str->nvar, str->work);
   for (long j = 0; j < str->nvar; ++j) {
-    str->gold[j] = str->x[j] != 0.0 ? std::fabs(str->x[j]) : 1.0;
+    str->gold[j] = weight(str->x[j]);
   }
   return code;
 }
 
+// Distance from xj to the second point.
+static double test_step(double xj, double eps) {
+  const double step = std::fabs(xj) * eps;
+  return step != 0.0 ? step : eps;
+}
+
 static void step_to_second_point(MINSTR* str, double eps) {
-  for (long j = 0; j < str->nvar; ++j) {
-    const double step = std::fabs(str->x[j]) * eps;
-    str->x[j] += step != 0.0 ? step : eps;
-  }
+  for (long j = 0; j < str->nvar; ++j) str->x[j] += test_step(str->x[j], eps);
 }
 
 // ---- The error ---------------------------------------------------------------------------------
@@ -99,16 +106,13 @@ static double error_of(double f1, double f2, double gd, double eps) {
   return 1.0 - (std::log10(t) - std::log10(eps)) / std::log10(eps);
 }
 
-// Judges functions f1, f2 with directional derivatives gd; the first doubtful one is reported.
-static int judge(const MINSTR* str, long count, const double* f1, const double* f2,
-                 const double* gd, double eps) {
+// First of the functions f1, f2 with directional derivatives gd that is doubtful; -1 for none.
+static long first_doubtful(long count, const double* f1, const double* f2, const double* gd,
+                           double eps) {
   for (long i = 0; i < count; ++i) {
-    if (error_of(f1[i], f2[i], gd[i], eps) < DOUBTFUL) continue;
-    xpmlog(OPTIMIZATION, 47);
-    if (str->dbug != 0.0) xpmout(OPTIMIZATION, 47);
-    return DERIVATIVES_DISAGREE;
+    if (error_of(f1[i], f2[i], gd[i], eps) >= DOUBTFUL) return i;
   }
-  return DERIVATIVES_AGREE;
+  return -1;
 }
 
 static bool same_value(double before, double now) {
@@ -118,7 +122,59 @@ static bool same_value(double before, double now) {
 
 static bool usable(MINSTR* str, bool called) { return called && str->tbig == 0.0; }
 
+// ---- The parameter to blame --------------------------------------------------------------------
+
+namespace {
+
+// Functions under test, and how their values and supplied derivatives are reached.
+struct Tested {
+  bool (*evaluate)(MINSTR* str);
+  const double* values;                               // where evaluate leaves them
+  double (*derivative)(MINSTR* str, long i, long j);  // of function i to parameter j
+  bool objective;  // of the sign that the record gives it, which may not be the user's
+};
+
+}  // namespace
+
+// Reports the parameter with the largest share in the disagreement of function i, at the first
+// point. A parameter whose difference cannot be taken is passed over.
+static int report_disagreement(MINSTR* str, const Tested& tested, long i, double eps) {
+  const double base = tested.values[i];
+  const double indf = str->indf;
+  str->indf = GRADIENT_STEP;  // these evaluations are no function calls
+  long worst = 0;
+  double largest = -1.0, supplied = MISSING, difference = MISSING;
+  for (long j = 0; j < str->nvar; ++j) {
+    const double xj = str->x[j];
+    const double h = step_made(xj, test_step(xj, eps));
+    str->x[j] = xj + h;
+    const bool good = tested.evaluate(str);
+    str->x[j] = xj;
+    if (!good) continue;
+    const double slope = (tested.values[i] - base) / h;
+    const double given = tested.derivative(str, i, j);
+    const double share = weight(xj) * std::fabs(given - slope);
+    if (!(share > largest)) continue;
+    worst = j;
+    largest = share;
+    supplied = given;
+    difference = slope;
+  }
+  str->indf = indf;
+  const RvxText parameter = parameter_name(str, worst);
+  if (tested.objective) {
+    supplied = users_value(str, supplied);
+    difference = users_value(str, difference);
+  }
+  const MsgArgs arguments = {i + 1, parameter.text, supplied, difference};
+  xpmlog(OPTIMIZATION, 47, arguments);
+  if (str->dbug != 0.0) xpmout(OPTIMIZATION, 47, arguments);
+  return DERIVATIVES_DISAGREE;
+}
+
 // ---- Objective and residuals -------------------------------------------------------------------
+
+static bool call_usable_function(MINSTR* str) { return usable(str, call_function(str)); }
 
 static bool call_first_derivatives(MINSTR* str, int job) {
   if (job == 0 || str->usjac == nullptr) return usable(str, call_gradient_there(str));
@@ -127,22 +183,37 @@ static bool call_first_derivatives(MINSTR* str, int job) {
   return usable(str, code == 0);
 }
 
+static double gradient_element(MINSTR* str, long, long j) { return str->grad[j]; }
+
+// Element of the Jacobian in its file. The weights of the direction are no longer needed.
+static double jacobian_element(MINSTR* str, long i, long j) {
+  vzfdl(0.0, str->gold, str->nvar);
+  str->gold[j] = 1.0;
+  znlpjve(str, str->gold, str->fold);
+  return str->fold[i];
+}
+
 static int compare_at_points(MINSTR* str, int job, double* func2, double eps) {
   step_to_second_point(str, eps);
-  if (!usable(str, call_function(str))) return TEST_POINT_FAILED;
+  if (!call_usable_function(str)) return TEST_POINT_FAILED;
   const double value2 = str->crit;
   if (job != 0) std::copy_n(str->func, str->mequ, func2);
 
   std::copy_n(str->work, str->nvar, str->x);
-  if (!usable(str, call_function(str)) || !call_first_derivatives(str, job)) {
+  if (!call_usable_function(str) || !call_first_derivatives(str, job)) {
     return TEST_DERIVATIVE_FAILED;
   }
+  Tested tested{call_usable_function, &str->crit, gradient_element, true};
+  long doubtful = -1;
   if (job == 0) {
     const double slope = zvdot11(str->nvar, str->gold, str->grad);
-    return judge(str, 1, &str->crit, &value2, &slope, eps);
+    doubtful = first_doubtful(1, &str->crit, &value2, &slope, eps);
+  } else {
+    znlpjve(str, str->gold, str->fold);
+    doubtful = first_doubtful(str->mequ, str->func, func2, str->fold, eps);
+    tested = {call_usable_function, str->func, jacobian_element, false};
   }
-  znlpjve(str, str->gold, str->fold);
-  return judge(str, str->mequ, str->func, func2, str->fold, eps);
+  return doubtful < 0 ? DERIVATIVES_AGREE : report_disagreement(str, tested, doubtful, eps);
 }
 
 int znlpchd(MINSTR* str, int job, double* func2) {
@@ -179,18 +250,23 @@ static bool call_constraint_jacobian(MINSTR* str) {
   return usable(str, code == 0);
 }
 
+static double constraint_derivative(MINSTR* str, long i, long j) {
+  return str->jcon[i * str->nvar + j];
+}
+
 static int compare_constraints(MINSTR* str, double* fcon2) {
   step_to_second_point(str, ROOT_EPS);
   if (!call_constraints(str)) return TEST_POINT_FAILED;
   std::copy_n(str->fcon, str->nnlc, fcon2);
   std::copy_n(str->work, str->nvar, str->x);
   if (!call_constraints(str) || !call_constraint_jacobian(str)) return TEST_DERIVATIVE_FAILED;
-  int code = DERIVATIVES_AGREE;
-  for (long i = 0; code == DERIVATIVES_AGREE && i < str->nnlc; ++i) {
+  for (long i = 0; i < str->nnlc; ++i) {
     const double slope = zvdot11(str->nvar, str->gold, str->jcon + i * str->nvar);
-    code = judge(str, 1, &str->fcon[i], &fcon2[i], &slope, ROOT_EPS);
+    if (first_doubtful(1, &str->fcon[i], &fcon2[i], &slope, ROOT_EPS) < 0) continue;
+    return report_disagreement(str, {call_constraints, str->fcon, constraint_derivative, false}, i,
+                               ROOT_EPS);
   }
-  return code;
+  return DERIVATIVES_AGREE;
 }
 
 // Back at the user's x: constraints, and their Jacobian if it was formed elsewhere. fcon1 holds the

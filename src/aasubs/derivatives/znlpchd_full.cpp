@@ -7,9 +7,8 @@
 //            A(k,j) - A(j,k) off the diagonal and the difference of the two second derivatives on
 //            it, so that a gradient that belongs to f makes it zero up to truncation and rounding.
 // Reference  Wolfe (1978), Numerical Methods for Unconstrained Optimization, on testing gradients
-// Work       iwk = counts (n) | xold = the user's x (n) | work = gradient at x (n) | gold =
-// diagonal of
-//            the comparison matrix (n)
+// Work       iwk = counts (n) | xold = the user's x (n) | work = gradient at x (n)
+//            gold = diagonal of the comparison matrix (n)
 #include <algorithm>
 #include <cmath>
 

@@ -38,6 +38,7 @@ double step_floor(double xj) { return TEN_ROUNDING_UNITS * std::max(1.0, std::fa
 
 double step_made(double xj, double increment) {
   const double perturbed = xj + increment;
+  if (std::isinf(perturbed)) return increment;  // the point has no value, and the step is shortened
   return std::max(perturbed - xj, TEN_ROUNDING_UNITS * std::fabs(xj));
 }
 
@@ -58,6 +59,11 @@ bool call_gradient_there(MINSTR* str) {
 int return_from_shift(MINSTR* str) {
   std::copy_n(str->work, str->nvar, str->x);
   return call_function(str) ? 0 : -10;
+}
+
+int return_from_moved_base(MINSTR* str, bool failed) {
+  if (failed) vzfdl(MISSING, str->grad, str->nvar);
+  return return_from_shift(str);
 }
 
 // ---- Shift away from the bounds ----------------------------------------------------------------
@@ -105,29 +111,6 @@ int movx(MINSTR* str, int job, int cfdh, Side forc, double eps) {
   if (!moved) return 0;
   if (job != 0 && !call_function(str)) return -1;
   return 1;
-}
-
-// ---- Guarded sums ------------------------------------------------------------------------------
-
-int tstsum(double* a, double b) {
-  if (b > 0.0 && *a >= 0.0 && (b >= SUM_CEILING || b >= SUM_CEILING - *a)) {
-    *a = HUGE_VALUE;
-    return 1;
-  }
-  if (b < 0.0 && *a <= 0.0 && (-b >= SUM_CEILING || -b >= *a + SUM_CEILING)) {
-    *a = -HUGE_VALUE;
-    return -1;
-  }
-  if (b != 0.0) *a += b;
-  return 0;
-}
-
-int tstsum2(double* a, double b, double c) {
-  if (!(std::fabs(b) <= 1.0 || std::fabs(c) <= 1.0 || std::fabs(b) < SUM_CEILING / std::fabs(c))) {
-    return 1;
-  }
-  const int code = tstsum(a, b * c);
-  return code > 0 ? 2 : code;
 }
 
 // ---- Gradient ----------------------------------------------------------------------------------
@@ -249,9 +232,7 @@ static int gradient_by_differences(MINSTR* str, Side forc) {
     code = dograd(str, forc, eps, str->crit);
     if (moved == 0) restore_functions(str);
   }
-  // From a shifted base the status of the difference is dropped: what counts is that the user's
-  // state is restored.
-  if (moved != 0) code = return_from_shift(str);
+  if (moved != 0) code = return_from_moved_base(str, moved < 0 || code != 0);
   str->crit = crit;
   str->indf = indf;
   return code;

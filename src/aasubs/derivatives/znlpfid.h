@@ -4,7 +4,8 @@
 // x, crit, func and indf back. Common results: 0 good; -1 the base point could not be evaluated;
 // -2, -3, -4, -5 a retreat ran out (see the routine); -3 also overflow of a gradient sum; -9
 // overflow of a crossproduct; -10, -11 the call that restores the user's state failed (function,
-// gradient).
+// gradient). Where a routine answers 0 although a retreat ran out (from a base shifted away from a
+// bound, and as told below), what it could not compute is left missing.
 #pragma once
 
 #include "aasubs/record/minstr.h"

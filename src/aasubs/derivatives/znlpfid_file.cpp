@@ -46,16 +46,80 @@ static int rewind_and_read_layout(WorkFile* file) {
   return layout;
 }
 
+// ---- Pieces ------------------------------------------------------------------------------------
+
+// The file is asked for a piece at a time, because a service of the host costs more than an entry.
+static constexpr long PIECE = 64;
+
+namespace {
+
+// A word of a sparse column: a row number or a value.
+union Word {
+  long row;
+  double value;
+};
+static_assert(sizeof(Word) == 8);
+
+// Words that are read ahead of their use, or wait to be written.
+struct Piece {
+  WorkFile* file;
+  long columns;    // reading: columns that are not yet read to their end
+  long count = 0;  // words in the piece
+  long at = 0;     // reading: the next one
+  Word words[PIECE] = {};
+};
+
+}  // namespace
+
+static void put(Piece& piece, Word word) {
+  piece.words[piece.count++] = word;
+  if (piece.count < PIECE) return;
+  write(piece.file, piece.words, piece.count);
+  piece.count = 0;
+}
+
+// The next word of the columns; due is 1 for a value, of which the file holds one more word than
+// the columns' closing ones. How long a column is, is not known beforehand; but every column still
+// to come has its closing word, and a row number has its value behind it. So many words can be read
+// without going beyond the last column, where the next one is to be written.
+static Word take(Piece& piece, long due) {
+  if (piece.at == piece.count) {
+    piece.count = std::min(PIECE, piece.columns + due);
+    read(piece.file, piece.words, piece.count);
+    piece.at = 0;
+  }
+  return piece.words[piece.at++];
+}
+
 // Calls use(row, value) for each entry of the next sparse column.
 template <typename F>
-static void read_sparse_column(WorkFile* file, F use) {
+static void read_sparse_column(Piece& piece, F use) {
   for (;;) {
-    long row = 0;
-    double value = 0.0;
-    read(file, &row, 1);
-    if (row == END_OF_COLUMN) return;
-    read(file, &value, 1);
-    use(row, value);
+    const long row = take(piece, 0).row;
+    if (row == END_OF_COLUMN) break;
+    use(row, take(piece, 1).value);
+  }
+  --piece.columns;
+}
+
+// Calls use(k, value) for the next count values of the file.
+template <typename F>
+static void read_values(WorkFile* file, long count, F use) {
+  double values[PIECE];
+  for (long first = 0; first < count; first += PIECE) {
+    const long piece = std::min(PIECE, count - first);
+    read(file, values, piece);
+    for (long k = 0; k < piece; ++k) use(first + k, values[k]);
+  }
+}
+
+// Calls use(row, value) for the entries of the next column, in either form.
+template <typename F>
+static void read_column(MINSTR* str, int layout, Piece& piece, F use) {
+  if (layout == sparse_columns) {
+    read_sparse_column(piece, use);
+  } else {
+    read_values(str->utjacm, str->mequ, use);
   }
 }
 
@@ -67,13 +131,15 @@ static void write_sparse_column(MINSTR* str, long inc, double* column) {
     largest = std::max(largest, std::fabs(value));
   }
   const double least = std::max(ENTRY_TO_COLUMN * largest, LEAST_ENTRY);
+  Piece piece{str->utjacm, 1};
   for (long i = 0; i < str->mequ; ++i) {
     const double value = column[i * inc];
     if (!(std::fabs(value) > least)) continue;
-    write(str->utjacm, &i, 1);
-    write(str->utjacm, &value, 1);
+    put(piece, {.row = i});
+    put(piece, {.value = value});
   }
-  write(str->utjacm, &END_OF_COLUMN, 1);
+  put(piece, {.row = END_OF_COLUMN});
+  write(piece.file, piece.words, piece.count);
 }
 
 int znlpjwt(MINSTR* str, int job, long jc, long inc, double* jcol) {
@@ -97,24 +163,14 @@ int znlpjwt(MINSTR* str, int job, long jc, long inc, double* jcol) {
 int znlpjve(MINSTR* str, const double* vec, double* res) {
   const int layout = rewind_and_read_layout(str->utjacm);
   vzfdl(0.0, res, str->mequ);
-  double value = 0.0;
   if (layout == dense_rows) {
     for (long i = 0; i < str->mequ; ++i) {
-      for (long j = 0; j < str->nvar; ++j) {
-        read(str->utjacm, &value, 1);
-        res[i] += value * vec[j];
-      }
+      read_values(str->utjacm, str->nvar, [&](long j, double value) { res[i] += value * vec[j]; });
     }
-    return 0;
-  }
-  for (long j = 0; j < str->nvar; ++j) {
-    if (layout == sparse_columns) {
-      read_sparse_column(str->utjacm, [&](long i, double entry) { res[i] += entry * vec[j]; });
-      continue;
-    }
-    for (long i = 0; i < str->mequ; ++i) {
-      read(str->utjacm, &value, 1);
-      res[i] += value * vec[j];
+  } else {
+    Piece piece{str->utjacm, str->nvar};
+    for (long j = 0; j < str->nvar; ++j) {
+      read_column(str, layout, piece, [&](long i, double value) { res[i] += value * vec[j]; });
     }
   }
   return 0;
@@ -128,12 +184,9 @@ int znlpjrd(MINSTR* str, double* jacm) {
     return 0;
   }
   vzfdl(0.0, jacm, str->mequ * n);
+  Piece piece{str->utjacm, n};
   for (long j = 0; j < n; ++j) {
-    if (layout == sparse_columns) {
-      read_sparse_column(str->utjacm, [&](long i, double entry) { jacm[i * n + j] = entry; });
-      continue;
-    }
-    for (long i = 0; i < str->mequ; ++i) read(str->utjacm, &jacm[i * n + j], 1);
+    read_column(str, layout, piece, [&](long i, double value) { jacm[i * n + j] = value; });
   }
   return 0;
 }
@@ -166,28 +219,23 @@ int hupd(const MINSTR* str, double* sum, double f, double a, double b) {
   return add_crossproduct_term(str, sum, negate ? -f : f, a, b);
 }
 
+// All columns are read even after an overflow, so that the file stands behind them: there the next
+// column is written.
 int znlpjdt(MINSTR* str, long jc, const double* func, const double* jcol, double* res) {
   const int layout = rewind_and_read_layout(str->utjacm);
   if (layout != sparse_columns && layout != dense_columns) xexit(EXIT_INCONSISTENT, 0);
+  const bool plain = str->icpj == 0;
+  Piece piece{str->utjacm, jc + 1};
+  bool overflow = false;
   for (long c = 0; c <= jc; ++c) {
-    res[c] = 0.0;
-    int code = 0;
-    const auto add = [&](long i, double entry) {
-      if (code == 0) code = add_crossproduct_term(str, &res[c], func[i], jcol[i], entry);
-    };
-    if (layout == sparse_columns) {
-      read_sparse_column(str->utjacm, add);
-    } else {
-      double entry = 0.0;
-      for (long i = 0; i < str->mequ; ++i) {
-        read(str->utjacm, &entry, 1);
-        add(i, entry);
-      }
-    }
-    if (code != 0) return code;
+    double sum = 0.0;
+    read_column(str, layout, piece, [&](long i, double value) {
+      overflow |= (plain ? tstsum2(&sum, jcol[i], value)
+                         : add_crossproduct_term(str, &sum, func[i], jcol[i], value)) != 0;
+    });
+    res[c] = sum;
   }
-  // The next column is written behind the ones just read.
-  return 0;
+  return overflow ? -1 : 0;
 }
 
 }  // namespace tqnlp

@@ -4,8 +4,8 @@
 //
 // Reference  Abramowitz and Stegun (1964), formulas 25.3.23 to 25.3.27; Dennis and Schnabel (1983),
 //            section 5.6
-// Work       wfid = func at the base point (m) | gradient at the base point, or at the
-// plus side (n)
+// Work       wfid = func at the base point (m) |
+//            gradient at the base point, or at the plus side (n)
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -158,6 +158,7 @@ static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&)) {
       const int slope = dograd(str, forward ? Side::forward : Side::central, eps, stencil.base);
       // As for the gradient alone: its status is dropped when the base stands shifted.
       if (moved == 0) code = slope;
+      if (slope != 0) vzfdl(MISSING, str->grad, str->nvar);
     }
     restore_functions(str);
   }
@@ -250,7 +251,9 @@ static int hessian_from_gradients(MINSTR* str, Side forc) {
     code = gradient_column(str, j, forc, own ? intervals[j] : eps, saved);
   }
   if (moved || central) {
-    // A retreat that ran out is not reported here (deliberate); what counts is the state at x.
+    // A retreat that ran out is not reported here (deliberate): what counts is the state at x. It
+    // shows by the matrix, which is left missing.
+    if (code != 0) vzfdl(MISSING, str->hess, hessian_length(str));
     if (code != -1) code = 0;
     std::copy_n(str->work, str->nvar, str->x);
     const int back = call_pair(str);
@@ -305,12 +308,18 @@ static void subtract_curvature(MINSTR* str, double* hess, long j, long i, long p
   }
 }
 
+static bool call_jacobian_there(MINSTR* str) {
+  const int code = str->usjnc(str);
+  str->ifdr = ORDER_GRADIENT;
+  return code == 0;
+}
+
 // Function and constraint Jacobian at xj + h, with retreat; false at the floor.
 static bool jacobian_nearby(MINSTR* str, long j, double xj, double* h) {
   const double floor = step_floor(xj);
   for (;;) {
     str->x[j] = xj + *h;
-    if (call_function(str) && str->usjnc(str) == 0) return true;
+    if (call_function(str) && call_jacobian_there(str)) return true;
     if (!(*h > floor)) return false;
     *h *= 0.5;
   }
@@ -329,7 +338,7 @@ int znlphlf(MINSTR* str, double* hess, long lmax) {
   str->indf = LAGRANGIAN_STEP;
   std::copy_n(str->x, n, str->work);
   call_function(str);
-  str->usjnc(str);
+  call_jacobian_there(str);
   check_file(xcpoint(file, lmax));
   check_file(xcwrite(file, str->jcon, jacobian_bytes));
   check_file(xcwrite(file, str->grad, row_bytes));
@@ -352,7 +361,7 @@ int znlphlf(MINSTR* str, double* hess, long lmax) {
   str->indf = IN_RUN;
   std::copy_n(str->work, n, str->x);
   call_function(str);
-  const bool restored = str->usjnc(str) == 0;
+  const bool restored = call_jacobian_there(str);
   check_file(xcpoint(file, lmax));
   check_file(xcread(file, str->jcon, jacobian_bytes));
   check_file(xcread(file, str->grad, row_bytes));

@@ -110,8 +110,7 @@ static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
     if (kind.crossproduct && end.overflow) return code;
     if (moved == 0) std::copy_n(str->wfid, str->mequ, str->func);
   }
-  // As for the gradient: from a shifted base only the user's state counts.
-  if (moved != 0) code = return_from_shift(str);
+  if (moved != 0) code = return_from_moved_base(str, moved < 0 || code != 0);
   str->crit = crit;
   str->indf = indf;
   return code;
@@ -179,11 +178,15 @@ static int constraint_jacobian(MINSTR* str, Side forc) {
     for (long i = 0; i < str->nnlc; ++i) vzfdl(str->fcon[i], str->jcon + i * str->nvar, str->nvar);
   }
   const double* intervals = forc == Side::forward ? str->hfwd : str->hcnt;
-  bool good = true;
-  for (long j = 0; good && j < str->nvar; ++j) {
-    good = constraint_column(str, j, forc, own ? intervals[j] : eps);
+  long done = 0;
+  while (done < str->nvar && constraint_column(str, done, forc, own ? intervals[done] : eps)) {
+    ++done;
   }
-  // A retreat that ran out ends the columns and is not reported (deliberate).
+  // A retreat that ran out ends the columns and is not reported (deliberate): it shows by the
+  // columns that are left missing.
+  for (long i = 0; i < str->nnlc; ++i) {
+    vzfdl(MISSING, str->jcon + i * str->nvar + done, str->nvar - done);
+  }
   std::copy_n(str->work, str->nvar, str->x);
   const bool restored = call_constraints(str);
   str->crit = crit;

@@ -4,9 +4,8 @@
 //            sweep over the parameters, then over a basis of the null space of the active
 //            constraints, then random points in the box of twice the radius. What differences and
 //            rounding hide from a technique is seen at the distance of the noise.
-// Reference  Hooke and Jeeves (1961), Journal of the ACM 8, 212-229; Gill, Murray and Wright
-// (1981),
-//            section 8.1.5, for the choice of points near a claimed solution
+// Reference  Hooke and Jeeves (1961), Journal of the ACM 8, 212-229;
+//            Gill, Murray and Wright (1981), section 8.1.5, for points near a claimed solution
 // Reads      rtop, aftl, ftol, fsiz, ider, constraints, factor Q
 // Writes     x, crit, cold, tbig, the working set at x
 // Work       xold = base point | sdir = direction | work = best point | awrk = constraint row

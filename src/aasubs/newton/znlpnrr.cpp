@@ -399,10 +399,27 @@ static void update_ridge(MINSTR* str, RidgeRun& run, bool scale_switched) {
   }
 }
 
+// Brings the reduced problem of xold back, after a load at another point that failed half-way has
+// left parts of its own in gradient and matrix. The working set is still that of xold.
+static bool reload_at_xold(MINSTR* str, const RidgeRun& run) {
+  return_to_xold(str);
+  int code = 0;  // differences start from the function values, too
+  if (!evaluate(str, &code) || call_derivatives(str, run.user_hessian) != 0) return false;
+  --str->itre;  // the scale is that of the iteration that began there
+  reduce_problem(str);
+  ++str->itre;
+  return true;
+}
+
 // Derivatives at the accepted point failed: the step from xold is solved again with a larger ridge.
 static Next retreat_from_bad_derivatives(MINSTR* str, RidgeRun& run) {
+  const bool usable = raise_ridge(str, run);
+  if (usable && reload_at_xold(str, run)) return Next::solve_again;
   run.user_hessian = true;
-  if (raise_ridge(str, run)) return Next::solve_again;
+  if (usable) {
+    run.ij = -4;
+    return Next::finish;
+  }
   return_to_xold(str);
   if (str->itre >= 2) return Next::restart;
   run.ij = -4;

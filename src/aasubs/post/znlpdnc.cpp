@@ -139,20 +139,12 @@ static bool calhes(MINSTR* str) {
   return std::all_of(str->hess, str->hess + length, [](double h) { return std::isfinite(h); });
 }
 
-// The operators use Q only where linear constraints exist. Here the rows of nonlinear ones in the
-// working set count just as much: without them the direction would leave their tangent space.
-template <class Operation>
-static void with_full_frame(MINSTR* str, Operation operation) {
-  const int lincon = str->lincon;
-  if (str->nlicon != 0) str->lincon = 1;
-  operation();
-  str->lincon = lincon;
-}
-
+// Without the rows of nonlinear constraints in the working set the direction would leave their
+// tangent space.
 static void project_hessian(MINSTR* str, int job) {
   // The operator wants room for a projected gradient, which bounds alone do not come with.
   double* gradient = str->gpro != nullptr ? str->gpro : str->gold;
-  with_full_frame(
+  with_general_frame(
       str, [&] { znlphpr(str, 1, job != 0 ? 1 : 0, str->hfrm, gradient, str->hess, str->hpro); });
 }
 
@@ -261,7 +253,7 @@ static int look_for_direction(MINSTR* str) {
     if (kind == 0) return DEFINITE;
     if (kind < 0) return SEMIDEFINITE;
   }
-  with_full_frame(str, [&] { znlpvex(str, str->work, str->sdir); });
+  with_general_frame(str, [&] { znlpvex(str, str->work, str->sdir); });
   return NO_STEP;
 }
 

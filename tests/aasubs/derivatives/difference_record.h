@@ -1,5 +1,5 @@
 // A problem record for the difference routines: m functions of n parameters and constraints, given
-// as callables, with every evaluation written down.
+// as callables, with every evaluation written down. A NaN in a result is a failed evaluation.
 #pragma once
 
 #include <algorithm>
@@ -14,38 +14,42 @@
 namespace tqnlp::test {
 
 using Vec = std::vector<double>;
+using Routine = int (*)(MINSTR*);
 
 struct DifferenceRecord : TestRecord {
-  std::function<void(const double* x, double* r)> functions;
-  std::function<void(const double* x, double* g)> gradient;
-  std::function<void(const double* x, double* c)> constraints;
-  std::function<void(const double* x, double* j)> constraint_jacobian;
-  std::vector<Vec> visited;                      // points of function evaluations, in order
-  long gradients = 0;                            //
+  using Callable = std::function<Vec(const double* x)>;
+  Callable functions, gradient, constraints, constraint_jacobian;
+  std::vector<Vec> visited;  // points of function evaluations, in order
+  long gradients = 0;
   long calls = 0, fails_from = 0, fails_to = 0;  // calls of any kind; these fail (from 1)
 
   DifferenceRecord(long n, long m, long c = 0) : TestRecord(n) {
     mequ = mfun = m;
     nnlc = c;
     nlicon = c > 0 ? 1 : 0;
-    func_.assign(static_cast<std::size_t>(2 * m), 0.0);
-    difference_.assign(static_cast<std::size_t>(m + std::max(m, n)), 0.0);
-    constraint_.assign(static_cast<std::size_t>(c * (n + 1)), 0.0);
-    intervals_.assign(static_cast<std::size_t>(2 * n), MISSING);
-    flags_.assign(static_cast<std::size_t>(n), 0);
-    func = func_.data();
+    arrays_.assign(static_cast<std::size_t>(3 * m + std::max(m, n) + c * (n + 1) + 2 * n), MISSING);
+    func = arrays_.data();
     fold = func + m;
-    wfid = difference_.data();
-    fcon = constraint_.data();
+    wfid = fold + m;
+    fcon = wfid + m + std::max(m, n);
     jcon = fcon + c;
-    hfwd = intervals_.data();
+    hfwd = jcon + c * n;
     hcnt = hfwd + n;
+    flags_.assign(static_cast<std::size_t>(n), 0);
     ofco = flags_.data();
     usfct = call_functions;
-    usgrd = call_gradient;
+    usgrd = [](MINSTR* str) {
+      ++of(str)->gradients;
+      return of(str)->call(of(str)->gradient, str->grad, str->nvar);
+    };
     if (c > 0) {
-      usnlc = call_constraints;
-      usjnc = call_constraint_jacobian;
+      usnlc = [](MINSTR* str) {
+        of(str)->visited.push_back(of(str)->point());
+        return of(str)->call(of(str)->constraints, str->fcon, str->nnlc);
+      };
+      usjnc = [](MINSTR* str) {
+        return of(str)->call(of(str)->constraint_jacobian, str->jcon, str->nnlc * str->nvar);
+      };
     }
     xcopen(&utjacm, &options_);
   }
@@ -71,56 +75,29 @@ struct DifferenceRecord : TestRecord {
  private:
   static DifferenceRecord* of(MINSTR* str) { return static_cast<DifferenceRecord*>(str); }
 
-  bool planned_failure() {
+  int call(const Callable& callable, double* result, long count) {
     ++calls;
-    return calls >= fails_from && calls <= fails_to;
-  }
-
-  static int end(MINSTR* str, bool good) {
-    str->tbig = good ? 0.0 : 1.0;
-    return good ? 0 : -11;
+    const Vec values = callable(x);
+    std::copy_n(values.data(), count, result);
+    const bool planned = calls >= fails_from && calls <= fails_to;
+    const bool bad = std::any_of(result, result + count, [](double r) { return std::isnan(r); });
+    tbig = planned || bad ? 1.0 : 0.0;
+    return planned || bad ? -11 : 0;
   }
 
   static int call_functions(MINSTR* str) {
-    DifferenceRecord* record = of(str);
     if (str->indf < GRADIENT_STEP) ++str->nfct;
-    record->visited.push_back(record->point());
-    str->crit = 1e300;  // what stands there after a failure must not reach a result
-    const bool failure = record->planned_failure();
-    record->functions(str->x, str->func);
-    if (failure ||
-        std::any_of(str->func, str->func + str->mequ, [](double r) { return std::isnan(r); })) {
-      return end(str, false);
-    }
-    str->crit = 0.0;
-    for (long i = 0; i < str->mequ; ++i) {
+    of(str)->visited.push_back(of(str)->point());
+    const int code = of(str)->call(of(str)->functions, str->func, str->mequ);
+    str->crit = code == 0 ? 0.0 : 1e300;  // which must not reach a result
+    for (long i = 0; code == 0 && i < str->mequ; ++i) {
       const double r = str->func[i];
       str->crit += str->lsqu != 0 ? 0.5 * r * r : (str->l1nm != 0 ? std::fabs(r) : r);
     }
-    return end(str, true);
+    return code;
   }
 
-  static int call_gradient(MINSTR* str) {
-    DifferenceRecord* record = of(str);
-    ++record->gradients;
-    record->gradient(str->x, str->grad);
-    return end(str, !record->planned_failure());
-  }
-
-  static int call_constraints(MINSTR* str) {
-    DifferenceRecord* record = of(str);
-    record->visited.push_back(record->point());
-    record->constraints(str->x, str->fcon);
-    return end(str, !record->planned_failure());
-  }
-
-  static int call_constraint_jacobian(MINSTR* str) {
-    DifferenceRecord* record = of(str);
-    record->constraint_jacobian(str->x, str->jcon);
-    return end(str, !record->planned_failure());
-  }
-
-  Vec func_, difference_, constraint_, intervals_;
+  Vec arrays_;
   std::vector<short> flags_;
   WorkFileOptions options_;
 };

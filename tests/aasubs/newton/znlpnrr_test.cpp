@@ -161,6 +161,39 @@ TEST(Nrridg, FailureOfTheFinalEvaluationIsTheObjectives) {
   }
 }
 
+// Gradient and Hessian at the trial that is given up must not enter the next step from xold.
+TEST(Nrridg, SolvesAgainFromXoldWhenDerivativesFailAtATrial) {
+  TestRecord record(2);
+  std::vector<std::vector<double>> trials;
+  record.f = [&](const double* x) {
+    trials.push_back({x[0], x[1]});
+    return std::exp(x[0] + x[1]) + 2 * x[0] * x[0] + x[1] * x[1];
+  };
+  record.g = [](const double* x, double* g) {
+    const double e = std::exp(x[0] + x[1]);
+    g[0] = e + 4 * x[0];
+    g[1] = e + 2 * x[1];
+  };
+  long hessians = 0;
+  record.h = [&](const double* x, double* h) {
+    const double e = std::exp(x[0] + x[1]);
+    h[0] = e + 4;
+    h[1] = ++hessians == 2 ? std::nan("") : e;
+    h[2] = e + 2;
+  };
+  record.with_callbacks().at({0.0, 0.0});
+  ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+  ASSERT_GT(znlpdrv(&record, 2, 0, 0, 0), 0);
+  const double ridge = 0.03125;  // the least first ridge; (5 + r, 1; 1, 3 + r) s = -(1, 1)
+  const double determinant = (5 + ridge) * (3 + ridge) - 1;
+  bool solved_again = false;
+  for (const auto& x : trials) {
+    solved_again |= std::fabs(x[0] + (2 + ridge) / determinant) < 1e-12 &&
+                    std::fabs(x[1] + (4 + ridge) / determinant) < 1e-12;
+  }
+  EXPECT_TRUE(solved_again);
+}
+
 TEST(Nrridg, FallsBackOnceWhenEvaluationsFailOutsideARegion) {
   // log of a negative number beyond x = 0: the full Newton step from 4 leaves the region.
   const Problem problem = scalar_problem("barrier", {4.0}, {}, [](auto x) {

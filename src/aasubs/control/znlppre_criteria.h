@@ -1,0 +1,17 @@
+// The convergence criteria of a technique in reports.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+// Does the technique look at the criterion of this code?
+bool criterion_applies(const MINSTR* str, int code);
+
+// Rows of an open table of labels and values: each criterion beside its tolerance with a verdict,
+// as it stood at the last termination test; one row for those that are switched off. fail is the
+// code of the run, 0 while it goes on. The test must have run with a history, whose values of the
+// last line are read (pcdif); x and xold must be those of the end.
+void write_criteria(MINSTR* str, RvxObject** table, int fail);
+
+}  // namespace tqnlp

@@ -1,0 +1,281 @@
+// Whole calls that meet failures: the k-th request to the host is refused, the k-th evaluation of a
+// module fails, k = 0, 1, 2 ... until a run comes through; and objectives that no technique can
+// make sense of. Every call ends in one of the promised ways, says why, leaves nothing behind, and
+// the same call then gives the bits that it gives in a fresh session.
+#include "embed/faults.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tqnlp/tqnlp.hpp"
+
+namespace tqnlp::test {
+namespace {
+
+using embed::Fault;
+
+const Matrix NONE;
+const double M = missing;
+const Matrix START = Matrix::row({-1.2, 1});
+
+double rosenbrock(double a, double b) {
+  return 100 * (b - a * a) * (b - a * a) + (1 - a) * (1 - a);
+}
+
+enum class Way { none, nan, no_value, shape, foreign };
+
+struct Foreign {};
+
+// What is to happen to the k-th call of a module (and all after it).
+struct Plan {
+  Way way = Way::none;
+  std::string module;
+  long k = 0;
+  bool onwards = false;
+  long calls = 0;
+
+  Matrix spoil(const char* name, Matrix good) {
+    if (way == Way::none || name != module) return good;
+    const long call = calls++;
+    if (call != k && !(onwards && call > k)) return good;
+    if (way == Way::foreign) throw Foreign{};
+    if (way == Way::no_value) throw EvaluationFailed();
+    if (way == Way::shape) return Matrix(good.rows() + 1, good.cols());
+    good[good.size() - 1] = std::nan("");
+    return good;
+  }
+  bool struck() const { return calls > k; }
+};
+
+const struct {
+  const char* name;
+  Matrix (*body)(double a, double b);
+} MODULES[] = {
+    {"F", [](double a, double b) { return Matrix::scalar(rosenbrock(a, b)); }},
+    {"G",
+     [](double a, double b) {
+       return Matrix::row({-400 * a * (b - a * a) - 2 * (1 - a), 200 * (b - a * a)});
+     }},
+    {"H",
+     [](double a, double b) {
+       return Matrix::of({{1200 * a * a - 400 * b + 2, -400 * a}, {-400 * a, 200}});
+     }},
+    {"R",
+     [](double a, double b) {
+       return Matrix::col({10 * (b - a * a), 1 - a, a * b});
+     }},
+};
+
+void define(Session& session, Plan& plan) {
+  for (const auto& module : MODULES) {
+    session.module(module.name, [&](const Matrix& x) {
+      return plan.spoil(module.name, module.body(x[0], x[1]));
+    });
+  }
+}
+
+struct Call {
+  std::string subroutine;
+  std::vector<Matrix> arguments;
+  bool intervals = false;  // estimated: a base point that fails there ends the call with 9999
+};
+
+Matrix options(double print, double update, double load, double differences) {
+  return Matrix::row({0, print, M, update, M, M, load, differences});
+}
+
+std::vector<Call> calls() {
+  const Matrix far = Matrix::row({9, -9});
+  const Matrix bounds = Matrix::of({{-1.2, -0.5}, {0.8, 1}});
+  // A repeated equality, a repeated inequality.
+  const Matrix rows = Matrix::of(
+      {{-3, -3, M, M}, {3, 3, M, M}, {1, 2, 0, 1}, {2, 4, 0, 2}, {1, -1, 1, -4}, {1, -1, 1, -4}});
+  return {
+      {"NLPQN", {"F", START, options(0, 1, 0, 0), NONE, NONE, NONE, NONE, "G"}},
+      {"NLPQN", {"F", far, options(5, 2, 1, 0), rows, NONE, NONE, NONE, "G"}},
+      {"NLPQN", {"F", START, options(0, 4, 1, 2), bounds}},
+      {"NLPQN", {"F", START, options(0, 1, 0, 11)}, true},
+      {"NLPNRR", {"F", START, options(0, 1, 0, 0), bounds}},
+      {"NLPNRR", {"F", far, options(0, 1, 0, 2), rows, NONE, NONE, NONE, "G"}},
+      {"NLPNRR", {"F", START, options(5, 1, 0, 0), NONE, NONE, NONE, NONE, "G", "H"}},
+      {"NLPFDD", {"F", START, Matrix::row({1, 11})}, true},
+      {"NLPFDD", {"F", START, NONE, "G"}},
+      {"NLPFDD", {"R", START, Matrix::row({3, 1})}},
+      {"NLPFEA", {far, rows}},
+  };
+}
+
+// How a call ended: its results, or the code of what was thrown (-1 a foreign exception).
+struct End {
+  int error = 0;
+  std::vector<Matrix> results;
+  bool by_exit() const { return error > 1000; }
+};
+
+End run(Session& session, const Call& call) {
+  End end;
+  try {
+    end.results = session.call(call.subroutine, call.arguments);
+  } catch (const CallError& error) {
+    end.error = error.code();
+  } catch (const FatalError& error) {
+    end.error = error.code();
+  } catch (const Foreign&) {
+    end.error = -1;
+  }
+  return end;
+}
+
+class Faults : public testing::TestWithParam<Call> {
+ protected:
+  Faults() {
+    define(session, plan);
+    Session fresh;
+    define(fresh, plan);
+    reference = run(fresh, call).results;
+  }
+
+  // What holds after any failure. An end by xexit leaves its blocks to the host.
+  void expect_sound(const End& end) {
+    const embed::Counters left = embed::counters(session.task());
+    const bool by_exit = end.by_exit() || (end.error == -1 && call.intervals);
+    EXPECT_TRUE(by_exit || (left.blocks_left == 0 && left.files_left == 0));
+    EXPECT_FALSE(session.log().empty() && call.subroutine != "NLPFDD");
+    for (const Matrix& result : end.results) {
+      for (const double value : result) EXPECT_TRUE(std::isfinite(value));
+    }
+    plan = Plan{};
+    embed::clear_faults(session.task());
+    EXPECT_EQ(run(session, call).results, reference);
+    EXPECT_EQ(embed::counters(session.task()).blocks_left, 0);
+  }
+
+  const Call call = GetParam();
+  Plan plan;
+  Session session;
+  std::vector<Matrix> reference;
+};
+
+// A refusal ends the call with its code, or costs no more than a line of the report.
+TEST_P(Faults, OfTheHost) {
+  const struct {
+    Fault kind;
+    int refused, fatal;
+  } rows[] = {{Fault::allocation, 1, 1016},
+              {Fault::file_operation, 1020, 1020},
+              {Fault::report, 100, 9999}};
+  for (const auto& row : rows) {
+    for (const bool onwards : {false, true}) {
+      bool met = true;
+      for (long k = 0; met && !HasFailure(); ++k) {
+        SCOPED_TRACE(testing::Message() << int(row.kind) << " operation " << k);
+        const long before = embed::operations(session.task(), row.kind);
+        embed::plan_fault(session.task(), row.kind, k, onwards);
+        const End end = run(session, call);
+        met = embed::operations(session.task(), row.kind) - before > k;
+        EXPECT_TRUE(end.error == row.refused || end.error == row.fatal ||
+                    (end.error == 0 && end.results == reference));
+        expect_sound(end);
+      }
+    }
+  }
+}
+
+// One failure may cost a run its success, but a run that reports success has found the solution;
+// failures that do not end are reported as such.
+TEST_P(Faults, OfModules) {
+  for (const auto& module : MODULES) {
+    for (const Way way : {Way::nan, Way::no_value, Way::shape, Way::foreign}) {
+      for (const bool onwards : {false, true}) {
+        bool struck = true;
+        for (long k = 0; struck && !HasFailure(); ++k) {
+          SCOPED_TRACE(testing::Message() << module.name << " way " << int(way) << " call " << k);
+          plan = {way, module.name, k, onwards};
+          const End end = run(session, call);
+          struck = plan.struck();
+          if (!struck || way == Way::foreign) {
+            EXPECT_EQ(end.error, struck ? -1 : 0);
+          } else if (end.error != 0) {
+            EXPECT_EQ(end.error, end.by_exit() ? 9999 : 6);
+            EXPECT_TRUE(end.by_exit() ? call.intervals : call.subroutine == "NLPFDD");
+          } else if (end.results.size() == 2) {
+            const double code = end.results[0][0];
+            EXPECT_TRUE(onwards ? (code <= -1 && code >= -4) || code == -11 : code <= 10);
+            EXPECT_TRUE(code <= 0 || std::hypot(end.results[1][0] - reference[1][0],
+                                                end.results[1][1] - reference[1][1]) < 1e-3);
+          }
+          expect_sound(end);
+        }
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Walk, Faults, testing::ValuesIn(calls()));
+
+// ---- Objectives of no use -----------------------------------------------------------------------
+
+struct Bad {
+  const char* subroutine;
+  std::vector<double> start;
+  std::function<double(double a, double b)> f;
+  std::function<Matrix(double a, double b)> g;
+  const char* h;
+  double differences;
+  int code;
+  const char* says;  // in the log
+};
+
+TEST(BadInput, EndsSoonWithAReason) {
+  int calls = 0;
+  const std::function<Matrix(double, double)> none;
+  const auto constant = [](double u, double v) {
+    return [u, v](double, double) { return Matrix::row({u, v}); };
+  };
+  const auto uphill = [](double a, double b) {
+    return Matrix::row({400 * a * (b - a * a) + 2 * (1 - a), -200 * (b - a * a)});
+  };
+  const auto fails_at = [&calls](int call) {
+    return [&calls, call](double a, double b) { return calls == call ? M : rosenbrock(a, b); };
+  };
+  const auto steep_kink = [](double a, double b) { return 1e304 * (std::fabs(a) + std::fabs(b)); };
+  const auto needs_positive = [](double a, double b) { return a - std::log(a) + b * b; };
+  const auto plane = [](double a, double b) { return 3 * a - 2 * b; };
+  const Bad rows[] = {
+      {"NLPQN", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
+      {"NLPNRR", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
+      {"NLPQN", {-1.2, 1}, rosenbrock, constant(M, 0), nullptr, 0, -2, "module G (gradient"},
+      {"NLPNRR", {-1.2, 1}, rosenbrock, uphill, "H", 0, -2, "module H (Hess"},
+      // Estimated intervals: the value beside the start.
+      {"NLPQN", {-1.2, 1}, fails_at(2), none, nullptr, 11, -2, "module F (objective)"},
+      // The solution, which is evaluated once more after the run.
+      {"NLPQN", {-1.2, 1}, fails_at(3), constant(0, 0), nullptr, 0, -3, "could not be evaluated"},
+      // Second differences overflow where first ones do not, and the step would be none.
+      {"NLPNRR", {0, 0}, steep_kink, none, nullptr, 0, -2, "module F (objective)"},
+      {"NLPQN", {5, 2}, needs_positive, none, nullptr, 2, 3, "ABSGCONV"},
+      {"NLPQN", {-1.2, 1}, plane, constant(3, -2), nullptr, 0, 6, "seems to be unbounded"},
+  };
+  for (const Bad& row : rows) {
+    SCOPED_TRACE(testing::Message() << "row " << &row - rows);
+    calls = 0;
+    Session session;
+    session.module("F", [&](const Matrix& x) {
+      EXPECT_LE(++calls, 3000);
+      EXPECT_TRUE(std::isfinite(x[0]) && std::isfinite(x[1]));
+      return Matrix::scalar(row.f(x[0], x[1]));
+    });
+    if (row.g) session.module("G", [&row](const Matrix& x) { return row.g(x[0], x[1]); });
+    session.module("H", [](const Matrix&) -> Matrix { throw EvaluationFailed(); });
+    std::vector<Matrix> arguments = {
+        "F",  Matrix::row(row.start),    options(0, 1, 0, row.differences), NONE, NONE, NONE,
+        NONE, row.g ? Matrix("G") : NONE};
+    if (row.h != nullptr) arguments.emplace_back(row.h);
+    const auto results = session.call(row.subroutine, arguments);
+    EXPECT_EQ(results[0][0], row.code);
+    EXPECT_NE(text_report(session).find(row.says), std::string::npos) << text_report(session);
+  }
+}
+
+}  // namespace
+}  // namespace tqnlp::test
