@@ -1,7 +1,7 @@
 // log: numbered messages and literal lines, in the log of the task or in its report.
 //
 // The log is a list of records, so that a program can ask for group and number instead of searching
-// in texts. The report (print file) of a call are its tables; lines that are printed between them
+// in texts. The report of a call consists of its tables; lines that are printed between them
 // remember how many tables stood before, and the writers put them back into their place.
 #include "host/log.h"
 

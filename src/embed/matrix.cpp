@@ -1,5 +1,9 @@
 // matrix: the public Matrix.
 //
+//   rows_ cols_   1 x 1 number     single_, values_ empty
+//                 other numbers    values_, by rows; empty where rows * cols is 0
+//                 character        text_; 1 x 1, and no numbers
+//
 // A single number, which most modules return, stands in the object itself and takes no memory;
 // all other shapes keep their numbers in a vector. Every way to make a matrix checks its shape, so
 // that rows * cols never overflows afterwards.
@@ -21,6 +25,8 @@ static std::string shape_text(long rows, long cols) {
   return std::to_string(rows) + "x" + std::to_string(cols);
 }
 
+// ---- Making a matrix ----------------------------------------------------------------------------
+
 // Number of elements of a matrix of this shape, which must be one that memory can hold.
 static std::size_t checked_size(long rows, long cols) {
   if (rows < 0 || cols < 0)
@@ -35,6 +41,7 @@ static std::size_t checked_size(long rows, long cols) {
 
 Matrix::Matrix(long rows, long cols) : rows_(rows), cols_(cols) {
   const std::size_t size = checked_size(rows, cols);
+  // One element is single_, which starts at zero; none needs no place.
   if (size > 1) values_.resize(size);
 }
 
@@ -55,7 +62,8 @@ Matrix::Matrix(const char* name) : rows_(1), cols_(1), character_(true) {
 
 Matrix::Matrix(std::string name) : rows_(1), cols_(1), text_(std::move(name)), character_(true) {}
 
-// A matrix that was moved from is empty, and may be used again.
+// A matrix that was moved from is empty, and may be used again. That is why the moves are written
+// out: the sizes would stay, and promise numbers that are gone.
 Matrix::Matrix(Matrix&& from) noexcept
     : rows_(std::exchange(from.rows_, 0)),
       cols_(std::exchange(from.cols_, 0)),
@@ -103,6 +111,7 @@ Matrix Matrix::identity(long n) {
   return result;
 }
 
+// From rows that are written out; all must have the length of the first.
 Matrix Matrix::of(std::initializer_list<std::initializer_list<double>> rows) {
   std::vector<double> values;
   const std::size_t cols = rows.size() == 0 ? 0 : rows.begin()->size();
@@ -115,11 +124,14 @@ Matrix Matrix::of(std::initializer_list<std::initializer_list<double>> rows) {
   return Matrix(static_cast<long>(rows.size()), static_cast<long>(cols), std::move(values));
 }
 
+// ---- Access -------------------------------------------------------------------------------------
+
 const std::string& Matrix::text() const {
   if (!character_) throw std::invalid_argument("Matrix: a numeric matrix has no text");
   return text_;
 }
 
+// Null where there are no numbers, so that begin() == end() holds there too.
 double* Matrix::data() { return character_ || empty() ? nullptr : data_unchecked(); }
 const double* Matrix::data() const { return character_ || empty() ? nullptr : data_unchecked(); }
 double* Matrix::end() { return character_ || empty() ? nullptr : data_unchecked() + size(); }
@@ -137,6 +149,7 @@ Matrix Matrix::transposed() const {
   return result;
 }
 
+// The failing half of the index checks, out of line: the checks themselves are inlined everywhere.
 void Matrix::refuse_index(long i, long j) const {
   if (character_) throw std::invalid_argument("Matrix: a character matrix has no numbers");
   throw std::out_of_range("Matrix: element (" + std::to_string(i) + ", " + std::to_string(j) +

@@ -18,8 +18,7 @@
 
 namespace tqnlp {
 
-// ---- Numbers
-// -------------------------------------------------------------------------------------
+// ---- Numbers ------------------------------------------------------------------------------------
 
 static std::string formatted(double value, std::chars_format format, int precision) {
   char buffer[400];  // room for the largest number with all its digits
@@ -450,9 +449,12 @@ std::string text_report(const Session& session) {
   std::string text;
   for (const LogRecord& line : task.log) text += embed::log_line(line);
   std::size_t next = 0;
+  bool behind_table = false;
   for (std::size_t k = 0; k <= task.tables.size(); ++k) {
     for (; next < task.printed.size() && task.printed_after[next] == k; ++next) {
       if (embed::is_in_log(task, task.printed[next])) continue;
+      if (behind_table) text += "\n";
+      behind_table = false;
       text += task.printed[next].text;
       end_line(text);
     }
@@ -460,6 +462,7 @@ std::string text_report(const Session& session) {
     if (task.tables[k].rows.empty()) continue;  // opened, and closed before its first row
     if (!text.empty()) text += "\n";
     text += text_table(task.tables[k]);
+    behind_table = true;
   }
   // A run that was to print nothing gets no account of its work either.
   if (!task.tables.empty() && !task.work.empty()) text += "\n" + text_work(session.work());

@@ -2,6 +2,18 @@
 //
 // Numbers are written in the shortest form that reads back to the same bits; those that JSON lacks
 // and empty cells are null. The text is always valid UTF-8, whatever bytes the texts hold.
+//
+//   {"log":     [{"group", "number", "severity", "text"} ...],
+//    "printed": [the same ...],
+//    "tables":  [{"name", "template", "title", "columns": [...], "continued",
+//                 "rows": [[cell ...] ...]} ...],
+//    "work":    {"modules": [{"name", "calls", "failed", "seconds"} ...],
+//                "seconds_in_sink", "seconds_in_library"}}
+//
+// "continued" stands only where it is true: the rows go on those of an earlier table of the name.
+// The text is put together by hand: a cell has three forms, and the shape above is all there is.
+// Line breaks fall between tables, rows and records, so that a report can be read and compared by
+// lines.
 #include <charconv>
 #include <cmath>
 #include <string_view>
@@ -11,7 +23,7 @@
 namespace tqnlp {
 
 // Length of the UTF-8 character at the head of text, 0 when there is none. Overlong forms,
-// surrogates and values beyond U+10FFFF are none.
+// surrogates and values beyond U+10FFFF are none: parsers of JSON refuse them.
 static std::size_t utf8_length(std::string_view text) {
   const auto byte = [text](std::size_t i) {
     return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
@@ -24,6 +36,7 @@ static std::size_t utf8_length(std::string_view text) {
                                                             : 0;
   for (std::size_t i = 1; i < length; ++i)
     if ((byte(i) & 0xC0) != 0x80) return 0;
+  // The lead byte alone does not tell these forms; the second byte does.
   const bool bad_second = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xED && byte(1) > 0x9F) ||
                           (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) > 0x8F);
   return bad_second ? 0 : length;
@@ -56,7 +69,8 @@ static std::string json_text(std::string_view text) {
   return out + '"';
 }
 
-// Numbers in the shortest form that reads back to the same bits.
+// A number, a count, a text or null. to_chars does not look at the locale, whose decimal comma
+// would break the form.
 static std::string json_cell(const Cell& cell) {
   if (const long* count = std::get_if<long>(&cell)) return std::to_string(*count);
   if (const auto* text = std::get_if<std::string>(&cell)) return json_text(*text);

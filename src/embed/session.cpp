@@ -4,8 +4,16 @@
 //
 // Order matters at the end of a call. The results and the lines of the log are taken out of the
 // frame first; then the frame goes, with all that the call left behind; only then is an exception
-// thrown, so that a program that catches it finds the session free for the next call. An exception
-// of a module outranks all other ends: it is their cause.
+// thrown, so that a program that catches it finds the session free for the next call.
+//
+//   end of a call, the first that holds         what the caller gets
+//   a module or the sink threw                  the same exception
+//   the module asked for xexit                  FatalError
+//   refused here, before the entry              CallError, code of a bad argument
+//   the entry returned another code than 0      CallError with that code
+//   otherwise                                   the results
+//
+// An exception of a module outranks all other ends: it is their cause.
 #include <cfenv>
 #include <cstring>
 
@@ -19,7 +27,7 @@ namespace tqnlp {
 using embed::Frame;
 using embed::Task;
 
-static constexpr std::size_t LONGEST_NAME = 32;
+static constexpr std::size_t LONGEST_NAME = 32;  // of a module, as the language allows it
 
 // ---- The module's table -------------------------------------------------------------------------
 
@@ -43,6 +51,7 @@ class Requested {
   Answer* answer_;
 };
 
+// Names fill their field without a zero byte at the end when they are as long as it.
 static std::string_view name_of(const FNCITEM& item) {
   return {item.fncname, strnlen(item.fncname, sizeof item.fncname)};
 }
@@ -97,6 +106,7 @@ static std::string arguments_fault(const Subroutine& row, std::size_t count) {
 static thread_local int open_calls = 0;
 static constexpr int MOST_OPEN_CALLS = 100;
 
+// Counts a call for as long as it is open, also when it ends by an exception.
 class OpenCall {
  public:
   OpenCall() { ++open_calls; }
@@ -105,6 +115,7 @@ class OpenCall {
   OpenCall& operator=(const OpenCall&) = delete;
 };
 
+// The call that asks is counted already.
 static std::string nesting_fault(const std::string& name) {
   if (open_calls <= MOST_OPEN_CALLS) return "";
   return name + ": calls stand " + std::to_string(MOST_OPEN_CALLS) +
@@ -113,7 +124,7 @@ static std::string nesting_fault(const std::string& name) {
 
 // ---- A call -------------------------------------------------------------------------------------
 
-static constexpr int BAD_ARGUMENT = 6;
+static constexpr int BAD_ARGUMENT = 6;  // the entry's code for it
 
 // How a call ended: results, or one of the three other ways.
 struct Outcome {
@@ -160,7 +171,8 @@ static std::string with_log_lines(std::string text, const std::vector<LogRecord>
   return text;
 }
 
-// Runs the entry of a row. The order of the entries is that of the rows.
+// Runs the entry of a row. The order of the entries is that of the rows. The entry sees handles of
+// arguments that live until it returns; their numbers are lent, not copied.
 static int run_entry(long row, std::vector<Matrix> arguments) {
   const Requested<FNCENT> entries(REQUEST_ENTRIES);
   std::vector<TQLARG> held;
@@ -173,7 +185,8 @@ static int run_entry(long row, std::vector<Matrix> arguments) {
   return entries->entry[row](handles.data(), &count);
 }
 
-// A refusal is also a line of the log, where a reader of reports finds it.
+// Looks the subroutine up, refuses what the entry could not refuse, and runs it. A refusal is also
+// a line of the log, where a reader of reports finds it.
 static void find_and_run(Task& task, const std::string& name, std::vector<Matrix> arguments,
                          Outcome& outcome) {
   const Requested<FNCUSR> table(REQUEST_TABLE);
@@ -214,7 +227,9 @@ static void log_early_end(Task& task, const Frame& frame, int exit_code) {
                        meaning_of_exit(exit_code) + ".");
 }
 
-// Runs a call in a frame of its own. The frame is gone when this returns.
+// Runs a call in a frame of its own. The frame is gone when this returns. What leaves the module by
+// xexit or a math error is caught here: both unwind through
+// code of the module, which owns nothing that the frame does not free.
 static Outcome run_call(Task& task, const std::string& name, std::vector<Matrix> arguments) {
   Outcome outcome;
   const embed::FrameScope scope(task);
@@ -249,6 +264,7 @@ class FlagKeeper {
   std::fexcept_t flags_;
 };
 
+// What a program reads between calls is of the last one: it lasts until the next outermost call.
 static void forget_last_call(Task& task) {
   task.log.clear();
   task.tables.clear();
@@ -261,12 +277,15 @@ static void forget_last_call(Task& task) {
 
 std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> arguments) {
   Task& task = *task_;
+  // The lock is recursive, for calls out of a module on the same thread; another thread is refused
+  // at once instead of waiting for a run of unknown length.
   const std::unique_lock lock(task.in_use, std::try_to_lock);
   if (!lock.owns_lock())
     throw std::logic_error("Session: another thread is running a call on this session");
   const embed::Activation activation(task);
   const OpenCall open;
   const FlagKeeper flags;
+  // Only the outermost call starts new reports: those of calls within modules join them.
   if (task.frames.size() == 1) forget_last_call(task);
   const embed::Charge charge(task.clock, &task.ticks_in_library);
   const std::string name = embed::language_name(std::move(subroutine));
@@ -303,7 +322,8 @@ static std::string checked_name(std::string name) {
   return kept;
 }
 
-// Puts a module in its place; returns it for its body to be set.
+// Puts a module in its place; returns it for its body to be set. One of the same name is replaced;
+// a run of it that is under way keeps the old one alive (TQLMOD is shared).
 static TQLMOD& new_module(Task& task, std::string name, int kind, bool has_body) {
   std::string kept = checked_name(std::move(name));
   if (!has_body) throw std::invalid_argument("Session: the body of module " + kept + " is empty");

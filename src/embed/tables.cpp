@@ -4,6 +4,17 @@
 // Columns keep references; adding a row reads them. What a template of a printed report would say
 // of widths and formats is left to the writers, which see the numbers.
 //
+//   xobinit                       a delivery object, in the frame of the call
+//     open (place, name, template)  a table object, its address in place
+//       title (text)
+//       column (name, reference)    either columns and rows: a row reads all references
+//       row ()
+//       pair (label, value)         or pairs: labels and values, each a row
+//       close ()                    the table is handed on, the object is gone
+//     close ()
+//
+// What is not closed is freed with the frame of its call.
+//
 // The contract with the module is strict on purpose: a method that an object does not take, or an
 // argument of the wrong kind, is a negative answer and never a guess.
 #include "host/tables.h"
@@ -28,6 +39,7 @@ static constexpr int NO_MESSAGE = -1;  // there is no such text
 static constexpr int BAD_CALL = -2;    // a method or an argument that the object does not take
 static constexpr int NOT_SERVED = -3;  // a planned failure
 
+// Every operation on reports counts as one of the kind that tests can make fail.
 static bool planned_failure(Task& task) {
   return task.faults[static_cast<int>(Fault::report)].strikes();
 }
@@ -57,6 +69,7 @@ static Cell text_cell(const char* text) {
   return text == nullptr ? Cell() : Cell(std::string(text));
 }
 
+// The cell of each kind of argument, as it is now; one overload a kind, for std::visit.
 static Cell cell_of(const char* text) { return text_cell(text); }
 static Cell cell_of(const double* value) { return number_cell(value); }
 static Cell cell_of(const long* value) { return count_cell(value); }
@@ -86,6 +99,7 @@ static int open_table(Task& task, std::span<const RvxArg> args) {
   object->kind = RvxObject::Kind::table;
   object->table.name = name;
   object->table.template_name = template_name;
+  // A call may open its history again; what comes then goes on with the rows that were given.
   object->table.continued = task.frame().history_begun && embed::is_history(object->table);
   **place = object.get();
   task.frame().reports.push_back(std::move(object));
@@ -104,6 +118,8 @@ static bool is_pairs(const RvxObject& object) {
   return object.sources.empty() && !object.table.columns.empty();
 }
 
+// A column keeps what kind of reference it was given. A value is none, since it could not change
+// from row to row. Rows that stand already get an empty cell, so that the table stays rectangular.
 static int add_column(RvxObject& object, std::span<const RvxArg> args) {
   const char* name = args.size() < 2 ? nullptr : text_of(args[0]);
   if (name == nullptr || is_pairs(object)) return BAD_CALL;
@@ -154,7 +170,8 @@ static void hand_on(Task& task, RvxObject& object) {
   task.tables.push_back(std::move(object.table));
 }
 
-// Closing a table hands it on; the object is gone then.
+// Closing a table hands it on; the object is gone then. It is looked for in all frames, the newest
+// first: a pointer that no frame holds was never an object, or is one that was closed before.
 static int close_object(Task& task, RvxObject* object) {
   for (auto frame = task.frames.rbegin(); frame != task.frames.rend(); ++frame) {
     auto& reports = frame->reports;
@@ -195,6 +212,7 @@ int wobmth(RvxObject* object, int, RvxMethod method, std::span<const RvxArg> arg
 
 // ---- Texts of cells -----------------------------------------------------------------------------
 
+// A cell of a module's text has a fixed size: what is too long is cut, and ends with a zero byte.
 static void put_cell(RvxText* cell, const char* text, std::size_t length) {
   length = std::min(length, sizeof cell->text - 1);
   std::memcpy(cell->text, text, length);

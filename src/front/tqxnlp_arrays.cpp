@@ -4,6 +4,18 @@
 //
 // With nonlinear constraints every size is that of a problem with one more parameter: the quadratic
 // subproblem carries a slack.
+//
+// Blocks (m functions, N coefficients of linear constraints, w = max(n, general constraints)):
+//
+//   det    5 | x n | work n | grad n | xold n | gold n | sdir n
+//   func   m or 1 | fold m or 1 | two more of m for a line search that keeps them
+//   hfwd   n | hcnt n                     lb     n | ub n
+//   alcn   N | blcn ncon                  naco   ncon | jalc N
+//   gpro   n | lagm n | dcds 2n | awrk n | qlcn n x n | llcn packed n
+//   iact   w | liwk w                     fcon   nnlc | jcon nnlc x n
+//
+// One piece of memory for what is always taken together means fewer refusals to handle; the price
+// is that only the first field of a block may be given back.
 #include "front/tqxnlp_arrays.h"
 
 #include <algorithm>
@@ -45,6 +57,7 @@ static bool has_technique(const Sizes& s) { return s.str->tech != 0; }
 // Without a technique: does the call ask for a Hessian by differences (NLPFDD of one function)?
 static bool wants_hessian(const Sizes& s) { return fidi_digit(s.str->fidi, DIGIT_HESSIAN) != 0; }
 
+// The techniques that work with a Hessian: TRUREG, NEWRAP, NRRIDG.
 static bool second_order(const Sizes& s) { return s.str->tech >= 2 && s.str->tech <= 4; }
 
 static constexpr int NEWRAP = 3;
@@ -59,7 +72,8 @@ static constexpr long DETERMINANT = 5;  // doubles at the head of the block det
 static constexpr long VECTORS_BEHIND_DET = 6;
 static constexpr long TERMINATION_COUNTS = 30;
 
-// Length of the second work vector without nonlinear constraints.
+// Length of the second work vector without nonlinear constraints: what the techniques say in their
+// headers. A technique whose need grows must grow here too.
 static long technique_work(const MINSTR* str, long n) {
   switch (str->tech) {
     case 2:
@@ -166,6 +180,8 @@ struct RunArray {
 
 }  // namespace
 
+// In the order of allocation and of release. A new array of the record needs a row here, and its
+// reference, if it lies in a block, a line in release_arrays.
 static constexpr RunArray ARRAYS[] = {
     {&MINSTR::toln, [](const Sizes& s) { return has_technique(s) ? TERMINATION_COUNTS : 0; },
      nullptr},

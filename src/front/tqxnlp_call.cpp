@@ -1,4 +1,15 @@
 // tqxnlp, the life of a call: beginning and end that all entries share. Clean-up stands here once.
+//
+//   entry           begin_call        steps of the entry          deliver_report    end_call
+//   record          on the frame, zero-filled; the host's running record from begin to end
+//   arrays                            allocate_arrays                               release_arrays
+//   prepared calls                    setss                                         released
+//   report object   made              tables                      closed            closed if left
+//   current call    put aside                                                       put back
+//
+// An entry may run inside of a module of another run: what belongs to the outer call (running
+// record, current prepared call) is put aside at the beginning and put back at the end, whatever
+// happened between. If xexit ends the call instead, the host frees what it lent.
 #include "front/tqxnlp_call.h"
 
 #include <algorithm>
@@ -14,7 +25,8 @@
 
 namespace tqnlp {
 
-// Makes the delivery object of the call.
+// Makes the delivery object of the call, and names the message group of its texts to it. An object
+// that does not take that is no fault of the call but of the host.
 static int make_report(MINSTR* str) {
   const int rc = xobinit(&str->rvx, 0);
   if (rc != 0) {
@@ -85,6 +97,7 @@ int make_row_result(int k, const double* values, long count) {
   return 0;
 }
 
+// A missing start value is 0, as the callers are told; an ordinary NaN counts as missing.
 void copy_start(MINSTR* str) {
   const double* x0 = str->secstr->xinp;
   for (long j = 0; j < str->nvar; ++j) str->x[j] = std::isnan(x0[j]) ? 0.0 : x0[j];

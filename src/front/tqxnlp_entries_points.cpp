@@ -1,5 +1,17 @@
 // tqxnlp, the two calls that run no optimization: NLPFEA (tqxfea), a feasible point for bounds and
 // linear constraints, and NLPFDD (tqxfdd), a function with its derivatives at a point.
+//
+//   NLPFEA   x0, blc, par           x, a row; missing without a feasible point
+//            par                    feasibility tolerance, tolerance of linear dependence
+//
+//   NLPFDD   "fun", x0, par, "grd"  f, g, h
+//            one function           value, gradient (row), Hessian n x n
+//            m functions            values (column), Jacobian m x n, J'J n x n
+//            par                    number of functions, kind of differences, accurate digits
+//
+// Both fill the record of a run, with technique 0, since what they call are services of a run:
+// feasible start, difference intervals, differences. What par leaves out, or holds as no number,
+// has its default.
 #include <algorithm>
 #include <cmath>
 
@@ -41,7 +53,7 @@ static int refuse_parameters(const ARGMTS* argm, long position, const Argument& 
   return ENTRY_BAD_ARGUMENT;
 }
 
-// Sizes of a problem with one function.
+// Sizes of a problem with one function, until par says otherwise.
 static void set_dimensions(MINSTR* str) {
   str->nvar = str->secstr->n;
   str->nnva = packed_size(str->nvar);
@@ -104,6 +116,7 @@ static int run_feasible(MINSTR* str, long narg) {
   set_dimensions(str);
   set_feasible_tolerances(str);
   if (getncon(str, CONS_LINEAR, &nonzeros) != 0) return ENTRY_BAD_ARGUMENT;
+  // The null-space frame is what the search for a feasible point works in.
   str->opro = str->lincon != 0 ? 1 : 0;
   str->acget = nlpaget;
   if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
@@ -149,7 +162,12 @@ static int read_difference_arguments(MINSTR* str, long narg) {
   return read_module(argm, argm->arg, narg, POSITION_GRD, CALL_GRADIENT);
 }
 
-// Number of functions, kind of differences and accuracy, from par.
+// Number of functions, kind of differences and accuracy, from par. Element 2 has two digits: tens
+// the estimate of the intervals (cfdh: 0 to 3), units 0 forward, any other central.
+//
+//   fidi   one function     1 or 2 in the units, and in the thousands 1, 2 from values or 3, 4 from
+//                           gradients
+//          several          1 or 2 in the units and in the tens (Jacobian)
 static void set_difference_parameters(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   const double functions = parameter(argm, 1);
@@ -242,6 +260,8 @@ static int make_vector_results(MINSTR* str) {
   return 0;
 }
 
+// An evaluation that fails is an argument that cannot be served: there is no run whose code could
+// tell it.
 static int run_differences(MINSTR* str, long narg) {
   int rc = read_difference_arguments(str, narg);
   if (rc != 0) return rc;

@@ -1,5 +1,11 @@
 // tqxnlp, the table: the thirteen subroutines that the module adds to the language, one row each,
 // and qorinlp, through which a host finds rows and entries.
+//
+// A row tells a host the number and kinds of the arguments; the entry of the same index is what it
+// calls. Arguments beyond the fewest may be absent, and the places of the others do not move then.
+//
+//   fargi of NLPFDD, three bits an argument:   ... 010 001 001 010
+//                                            "grd" par  x0  "fun"
 #include <initializer_list>
 
 #include "front/tqxnlp.h"
@@ -27,7 +33,8 @@ static constexpr long argument_kinds(std::initializer_list<int> kinds) {
   return word;
 }
 
-// The most arguments of a row are those whose kinds it lists.
+// A row: the fewest arguments and the kind of each. The most arguments are those whose kinds it
+// lists.
 static constexpr FNCSTR row(short fewest, std::initializer_list<int> kinds) {
   return {0, 0, fewest, static_cast<short>(kinds.size()), PRODUCT, 1, argument_kinds(kinds)};
 }
@@ -48,13 +55,14 @@ static constexpr FNCITEM TABLE[SUBROUTINES] = {
     {"NLPHQN", row(3, {N, M, M, M, M, M, N, N})},
 };
 
+// In the order of the rows of TABLE: nothing but the index ties the two together.
 static constexpr TqxEntry ENTRIES[SUBROUTINES] = {
     tqxfdd, tqxfea, tqxqas, tqxnms, tqxvmc, tqxcg,  tqxqn,
     tqxdd,  tqxtr,  tqxnra, tqxnrr, tqxlm,  tqxhqn,
 };
 
 // Makes the record that answers a request: count and table, or count and entries. Null without
-// memory.
+// memory. The rows themselves are constants of the module and are lent; the entries are copied.
 static void* xfmuent(int request, long count, const FNCITEM* table, const TqxEntry* routines) {
   if (request == REQUEST_TABLE) {
     auto* answer = static_cast<FNCUSR*>(vmalloc_handler(sizeof(FNCUSR), 0));

@@ -71,6 +71,7 @@ struct Lanes {
 };
 
 // ---- Walks along a row --------------------------------------------------------------------------
+
 // Sum of the products of r < 8 elements, always in the same order: groups of four, two and one from
 // the front, a group folded by halves as in sum(). Elements behind x[r-1] are not read.
 TQNLP_BODY double dot_tail(long r, const double* x, const double* y) {

@@ -34,7 +34,8 @@ namespace tqnlp {
 static constexpr long SMALL_ORDER = 12;
 
 // Sum of the logarithms of positive normal numbers: mantissas are multiplied, exponents added, and
-// one logarithm is taken at the end.
+// one logarithm is taken at the end. The product of mantissas, each below 2, is brought back before
+// it can overflow.
 struct LogProduct {
   double mantissa = 1.0;
   long exponent = 0;
@@ -402,6 +403,13 @@ static void swap_panel_rows(long j0, long end, long j, long p, const double* a, 
 // The finished columns of a panel, each contiguous over all rows: element (i, j0+q) of the factor
 // at t[q*STRIDE + i]. Orders that fit are factored by these, without sums across lanes. The stride
 // spreads the columns over the cache.
+//
+//   t   column j0     | . . x x x x x x |      row indices of the matrix from left to right; what
+//       column j0+1   | . . . x x x x x |      stands before a column's first row is not used
+//       column j0+2   | . . . . x x x x |
+//
+// In place, element (i,j) of the next column would be a dot product of two short rows, one sum for
+// each i. Here the next column is a sum of whole columns times the elements of row j.
 struct PanelColumns {
   static constexpr long ROWS = 1024;
   static constexpr long STRIDE = ROWS + 16;
@@ -438,8 +446,9 @@ TQNLP_BODY void reduce_column(long g, long k, double reciprocal, const double* f
   }
 }
 
-// Column j as a whole, after its pivot. Groups begin at whole multiples of eight: what stands
-// before row j+1, and behind row n-1, is filled with zeros and never used.
+// Column j as a whole, after its pivot: taken from the matrix, which lacks the panel, less the
+// panel's finished columns times their elements in row j. Groups begin at whole multiples of eight:
+// what stands before row j+1, and behind row n-1, is filled with zeros and never used.
 template <int W>
 TQNLP_BODY void panel_column_body(long n, long j0, long j, double reciprocal, const double* a,
                                   PanelColumns& panel) {
@@ -517,7 +526,7 @@ static long largest_in_place(long n, long j, const double* c) {
 }
 
 // Hands over what is left in its reduced form when step j of a panel fails, as if every step had
-// gone through it.
+// gone through it: the contract of job 4 promises callers the reduced matrix.
 static long give_up(long n, long j0, long j, double sing, double pivot, double* c) {
   eliminate_panel(n, j0, j - j0, nullptr, c);
   c[packed_size(j) + j] = failed_pivot(pivot, sing);
@@ -535,7 +544,8 @@ static void bring_to_columns(long n, long j0, long j, long p, double* c, PanelCo
 }
 
 // Orders up to PanelColumns::ROWS. In the matrix the panel's own columns are not the factor's until
-// they are written back.
+// they are written back; exchanges of rows therefore go through both, and the diagonal of the rows
+// behind the pivot is kept in the buffer until the end or a failure.
 static long factor_by_columns(long n, double sing, LogProduct& determinant, long* piv, double* c) {
   PanelColumns panel;
   for (long i = 0; i < n; ++i) panel.diagonal[i] = c[packed_size(i) + i];
@@ -562,7 +572,8 @@ static long factor_by_columns(long n, double sing, LogProduct& determinant, long
   return 0;
 }
 
-// Larger orders, in place by rows.
+// Larger orders, for which the buffer has no room: in place by rows. The sums run along panel rows,
+// at most 32 elements long.
 static long factor_by_rows(long n, double sing, LogProduct& determinant, long* piv, double* c) {
   PanelRows panel;
   for (long j0 = 0; j0 < n; j0 += PANEL) {

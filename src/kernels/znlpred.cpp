@@ -124,7 +124,8 @@ static void reduced_column(long m, long p, long j, long incq, const double* q, c
   }
 }
 
-// Rows of H, and of the result, that are worked on together.
+// Rows of H, and of the result, that are worked on together: as many sums as there are registers
+// for.
 template <int W>
 constexpr int TOGETHER = W / 2;
 
@@ -225,7 +226,8 @@ static void reduce_by_panels(long m, long p, long incq, const long* ipiv, const 
   }
 }
 
-// Fewer columns than a panel has: Q is filled up with zeros.
+// Fewer columns than a panel has: Q is filled up with zeros, whose columns of the result are
+// dropped.
 static void reduce_narrow(long m, long p, long incq, const long* ipiv, const double* sym,
                           const double* q, double* res) {
   alignas(64) double h[PANEL_ROWS * LANES];

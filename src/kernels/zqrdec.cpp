@@ -203,6 +203,7 @@ TQNLP_DISPATCH(void, gather,
                (f, l, matrix, inc, from, to, products))
 
 // ---- Reflections --------------------------------------------------------------------------------
+
 // Applies reflection l at once to columns from..to-1 of a matrix with rows of stride inc: the rest
 // of u, or the right sides b, which have no pending form. By pieces of CHUNK columns, as many as
 // the products have room for.

@@ -12,8 +12,8 @@
 //   L y      first row    sums over the columns before it, before its small triangle
 //   L'y      last row     its rows go into the elements before it, after the small triangle
 //
-// Columns of R' and L' are rows of R and L: no walk crosses the rows. The order of a
-// sum depends on n and the row alone.
+// Columns of R' and L' are rows of R and L: no walk crosses the rows. The order of a sum depends on
+// n and the row alone.
 #include <cmath>
 
 #include "aasubs/record/constants.h"

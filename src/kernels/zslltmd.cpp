@@ -165,6 +165,7 @@ static void in_places(int job, long n, const long* perm, const long* ju, const d
 }
 
 // ---- Entries ------------------------------------------------------------------------------------
+
 static void solve_both(long n, const long* ju, const double* u, double* b) {
   sparse_forward(n, ju, u, b);
   sparse_backward(n, ju, u, b);

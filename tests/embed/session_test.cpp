@@ -1,13 +1,14 @@
 // Whole calls through the public interface: what it refuses, how a call ends, nested calls,
-// threads, and the walk through every failure of the host. Rosenbrock's function with its
-// derivatives serves as the problem: its run calls every kind of module many times.
+// threads, the sink. Rosenbrock's function with its derivatives serves as the problem: its run
+// calls every kind of module many times. (tests/techniques walks through the failures of host and
+// modules.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cfenv>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <thread>
 
 #include "embed/faults.h"
@@ -15,8 +16,6 @@
 
 namespace tqnlp {
 namespace {
-
-using embed::Fault;
 
 const Matrix START = Matrix::row({-1.2, 1.0});
 
@@ -41,11 +40,12 @@ void define(Session& session) {
   session.module("Hess", hessian);
 }
 
-// Solves with the modules as they are defined in the session. print is the second option.
-std::vector<Matrix> solve(Session& session, double print = 0, const char* test = nullptr) {
-  return session.call("NLPNRR",
-                      {"rosen", START, Matrix::row({0, print}), Matrix(), Matrix(), Matrix(),
-                       test == nullptr ? Matrix() : Matrix(test), "GRAD", "HESS"});
+// Minimizes the objective of a name with the derivatives in the session. print is the second
+// option.
+std::vector<Matrix> solve(Session& session, double print = 0, const char* objective = "rosen",
+                          const Matrix& test = {}) {
+  return session.call(
+      "NLPNRR", {objective, START, Matrix::row({0, print}), {}, {}, {}, test, "GRAD", "HESS"});
 }
 
 bool is_solution(const std::vector<Matrix>& results) {
@@ -68,20 +68,15 @@ class SessionTest : public testing::Test {
   Session session;
 };
 
-TEST_F(SessionTest, SolvesAndKeepsTheArgumentsOfItsCaller) {
-  const Matrix start = START;
-  EXPECT_TRUE(is_solution(solve(session)));
-  EXPECT_EQ(start, START);
-  EXPECT_TRUE(session.tables().empty());
+TEST_F(SessionTest, LogAndTablesAreThoseOfTheLastCall) {
   EXPECT_TRUE(is_solution(solve(session, 5)));
-  EXPECT_FALSE(session.tables().empty());
-  EXPECT_FALSE(session.log().empty());
+  EXPECT_FALSE(session.tables().empty() || session.log().empty());
   for (const LogRecord& line : session.log())
     EXPECT_FALSE(line.text.starts_with("message ")) << line.text << " has no text";
   for (const Table& table : session.tables())
     for (const auto& row : table.rows) EXPECT_EQ(row.size(), table.columns.size()) << table.name;
   solve(session);
-  EXPECT_TRUE(session.tables().empty()) << "tables are those of the last call";
+  EXPECT_TRUE(session.tables().empty());
   EXPECT_EQ(session.variable("_iter_").size(), 1);
   EXPECT_TRUE(session.variable("OTHER").empty());
 }
@@ -98,12 +93,8 @@ TEST_F(SessionTest, RefusalsNameTheArgument) {
       {"NLPXX", {"ROSEN", START}, 6, "NLPQN"},
       {"NLPNRR", {"ROSEN"}, 6, "at least 2 arguments"},
       {"NLPNRR", std::vector<Matrix>(10), 6, "at most 9 arguments"},
-      {"NLPNRR", {START, START}, 6, "argument 1 must be the name of the module of the objective"},
       {"NLPNRR", {"ROSEN", "START"}, 6, "argument 2 (x0, the start point) must be a numeric"},
-      {"NLPNRR",
-       {"ROSEN", START, {}, {}, {}, {}, {}, START},
-       6,
-       "a numeric 1 by 2 matrix is given"},
+      {"NLPNRR", {"ROSEN", START, {}, {}, {}, {}, {}, START}, 6, "a numeric 1 by 2 matrix is"},
       {"NLPNRR", {"NOWHERE", START}, 3, "there is no module \"NOWHERE\""},
       {"NLPNRR", {"ROSEN", START, {}, {}, {}, {}, "GRAD"}, 3, "\"GRAD\" is no termination module"},
       {"NLPNRR", {Matrix(long_name), START}, 6, "a text of 33 characters"},
@@ -132,77 +123,55 @@ TEST_F(SessionTest, RefusalsNameTheArgument) {
   EXPECT_THROW(solve(session), CallError);
 }
 
+TEST_F(SessionTest, ACallThatCannotGoOnIsAFatalError) {
+  embed::plan_fault(session.task(), embed::Fault::allocation, 0);
+  try {
+    solve(session);
+    ADD_FAILURE() << "no error";
+  } catch (const FatalError& error) {
+    EXPECT_EQ(error.code(), 1016) << error.what();
+    EXPECT_EQ(error.log().size(), 1U);
+  }
+  expect_usable(session);
+}
+
 // An exception of a module that no library knows.
 struct Private {
   int value;
 };
 
 TEST_F(SessionTest, AnExceptionReachesTheCallerFromEveryRole) {
-  int later = 0;  // evaluations after the exception
-  const auto thrower = [&later](int good_calls) {
-    return [&later, good_calls, calls = 0](const Matrix& x) mutable -> Matrix {
-      if (calls > good_calls) ++later;
+  for (const int good_calls : {0, 5, 20}) {
+    int calls = 0;
+    session.module("ROSEN", [&](const Matrix& x) {
       if (calls++ == good_calls) throw Private{good_calls};
       return Matrix::scalar(rosenbrock(x));
-    };
-  };
-  for (const int good_calls : {0, 1, 5, 20}) {
-    session.module("ROSEN", thrower(good_calls));
-    try {
-      solve(session, 5);
-      ADD_FAILURE() << "no exception";
-    } catch (const Private& caught) {
-      EXPECT_EQ(caught.value, good_calls);
-    }
-    EXPECT_EQ(later, 0) << "a module ran after the exception";
+    });
+    EXPECT_THROW(solve(session, 5), Private);
+    EXPECT_EQ(calls, good_calls + 1) << "a module ran after the exception";
     expect_usable(session);
   }
   // The object is the same one, not a copy.
   const std::exception_ptr thrown = std::make_exception_ptr(std::runtime_error("mine"));
-  const auto role = [&thrown](const Matrix&) -> Matrix { std::rethrow_exception(thrown); };
-  session.termination_module(
-      "STOP", [&thrown](const Matrix&, double) -> double { std::rethrow_exception(thrown); });
-  const void* original = nullptr;
-  try {
-    std::rethrow_exception(thrown);
-  } catch (const std::runtime_error& error) {
-    original = &error;
-  }
-  for (const char* name : {"ROSEN", "GRAD", "HESS", "STOP"}) {
-    SCOPED_TRACE(name);
-    define(session);
-    const bool is_test = std::string(name) == "STOP";
-    if (!is_test) session.module(name, role);
+  const auto address = [](const auto& thrower) -> const void* {
     try {
-      solve(session, 0, is_test ? "STOP" : nullptr);
-      ADD_FAILURE() << "no exception";
+      thrower();
     } catch (const std::runtime_error& error) {
-      EXPECT_EQ(&error, original);
+      return &error;
     }
+    return nullptr;
+  };
+  const auto rethrow = [&thrown] { std::rethrow_exception(thrown); };
+  for (const std::string name : {"ROSEN", "GRAD", "HESS", "STOP"}) {
+    define(session);
+    session.module(name, [&](const Matrix&) { return rethrow(), Matrix(); });
+    if (name == "STOP")
+      session.termination_module(name, [&](const Matrix&, double) { return rethrow(), 0.0; });
+    const Matrix test = name == "STOP" ? Matrix(name) : Matrix();
+    EXPECT_EQ(address([&] { solve(session, 0, "ROSEN", test); }), address(rethrow)) << name;
+    EXPECT_TRUE(session.log().back().text.ends_with(": mine"));
     expect_usable(session);
   }
-}
-
-TEST_F(SessionTest, PointsThatCannotBeEvaluatedAreBackedAwayFrom) {
-  for (const int way : {0, 1, 2}) {
-    int failed = 0;
-    session.module("ROSEN", [&failed, way](const Matrix& x) {
-      // The first full step from the start leads near here.
-      if (x(0, 0) > -1.19 && x(0, 0) < -1.0 && ++failed > 0) {
-        if (way == 0) throw EvaluationFailed("no value");
-        return Matrix::scalar(way == 1 ? missing : std::nan(""));
-      }
-      return Matrix::scalar(rosenbrock(x));
-    });
-    EXPECT_NO_THROW(solve(session)) << way;
-    EXPECT_GT(failed, 0) << "the region was not met";
-    expect_usable(session);
-  }
-  // A point that can never be evaluated ends the run with a code, not with an exception.
-  session.module("ROSEN", [](const Matrix&) -> Matrix { throw EvaluationFailed(); });
-  const auto results = solve(session);
-  EXPECT_LT(results.at(0)(0, 0), 0);
-  expect_usable(session);
 }
 
 TEST_F(SessionTest, ModulesMayCallSubroutines) {
@@ -220,24 +189,18 @@ TEST_F(SessionTest, ModulesMayCallSubroutines) {
     ++nested;
     EXPECT_TRUE(nested % 4 != 1 || is_solution(solve(other)));
     EXPECT_TRUE(nested % 4 != 3 || is_solution(solve(session)));
-    try {
-      if (nested % 4 == 0) session.call("NLPNRR", {"NOWHERE", START});
-    } catch (const CallError&) {  // the nested call's own error
+    if (nested % 4 == 0) {
+      EXPECT_THROW(solve(session, 0, "NOWHERE"), CallError);
     }
     return Matrix::scalar(rosenbrock(x));
   });
-  const auto results = session.call("NLPNRR", {"OUTER", START, {}, {}, {}, {}, {}, "GRAD", "HESS"});
-  EXPECT_TRUE(is_solution(results));
-  EXPECT_EQ(results[1], plain[1]) << "nested calls disturb the outer run";
+  EXPECT_EQ(solve(session, 0, "OUTER"), plain) << "nested calls disturb the outer run";
   EXPECT_GT(nested, 4);
   EXPECT_GT(largest_iteration, 1);
-  EXPECT_EQ(embed::counters(session.task()).blocks_left, 0);
   // A module that calls itself through a subroutine is stopped before the stack is used up.
-  session.module("SELF", [this](const Matrix& x) {
-    return session.call("NLPNRR", {"SELF", x, {}, {}, {}, {}, {}, "GRAD", "HESS"})[1];
-  });
+  session.module("SELF", [this](const Matrix&) { return solve(session, 0, "SELF")[1]; });
   try {
-    session.call("NLPNRR", {"SELF", START, {}, {}, {}, {}, {}, "GRAD", "HESS"});
+    solve(session, 0, "SELF");
     ADD_FAILURE() << "no error";
   } catch (const CallError& error) {
     EXPECT_NE(std::string(error.what()).find("deep"), std::string::npos);
@@ -245,34 +208,17 @@ TEST_F(SessionTest, ModulesMayCallSubroutines) {
   expect_usable(session);
   // An exception passes through both calls.
   session.module("INNER", [](const Matrix&) -> Matrix { throw Private{7}; });
-  session.module("OUTER", [this](const Matrix&) {
-    return session.call("NLPNRR", {"INNER", START, {}, {}, {}, {}, {}, "GRAD", "HESS"})[0];
-  });
-  EXPECT_THROW(session.call("NLPNRR", {"OUTER", START, {}, {}, {}, {}, {}, "GRAD", "HESS"}),
-               Private);
+  session.module("OUTER", [this](const Matrix&) { return solve(session, 0, "INNER")[0]; });
+  EXPECT_THROW(solve(session, 0, "OUTER"), Private);
   expect_usable(session);
 }
 
-TEST_F(SessionTest, ThreadsRunSideBySide) {
-  const auto alone = solve(session, 5);
-  const std::string report = text_report(session);
-  std::atomic<int> same{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] {
-      Session own;
-      define(own);
-      for (int i = 0; i < 20; ++i)
-        if (solve(own, 5) == alone && own.log().size() == session.log().size()) ++same;
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(same, 80);
-  // One session serves one thread at a time.
+TEST_F(SessionTest, ServesOneThreadAtATime) {
   bool refused = false;
   session.module("ROSEN", [this, &refused](const Matrix& x) {
     std::thread([this, &refused] {
       try {
-        session.call("NLPNRR", {"ROSEN", START});
+        solve(session);
       } catch (const std::logic_error&) {
         refused = true;
       }
@@ -285,60 +231,46 @@ TEST_F(SessionTest, ThreadsRunSideBySide) {
 
 TEST_F(SessionTest, MathErrorsAreTrappedOnDemand) {
   volatile double zero = 0.0;
-  const auto with_error = [&](int kind) {
-    session.module("ROSEN", [&zero, kind](const Matrix& x) {
-      volatile double sink = 1.0;
-      if (kind == 13) sink = sink / zero;
-      if (kind == 1) sink = zero / zero;
-      if (kind == 3) sink = std::exp(1000.0 + zero);
-      return Matrix::scalar(rosenbrock(x));
-    });
-  };
-  const auto has_line = [this](const char* text) {
-    for (const LogRecord& line : session.log())
-      if (line.text.find(text) != std::string::npos) return true;
-    return false;
-  };
-  struct Row {
-    int kind;
+  const struct {
+    std::function<double()> error;
     const char* text;
-  };
-  for (const Row row : {Row{13, "Division by 0"}, Row{1, "Domain"}, Row{3, "Overflow"}}) {
+  } rows[] = {{[&] { return 1.0 / zero; }, "Division by 0"},
+              {[&] { return zero / zero; }, "Domain"},
+              {[&] { return std::exp(1000.0 + zero); }, "Overflow"}};
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.text);
-    with_error(row.kind);
+    session.module("ROSEN", [&row](const Matrix& x) {
+      const volatile double sink = row.error();
+      return Matrix::scalar(sink == 1.5 ? sink : rosenbrock(x));
+    });
     session.trap_math_errors(false);
     EXPECT_TRUE(is_solution(solve(session)));
     session.trap_math_errors(true);
-    const auto results = solve(session);
-    EXPECT_LT(results.at(0)(0, 0), 0);
-    EXPECT_TRUE(has_line(row.text)) << text_report(session);
+    EXPECT_LT(solve(session)[0][0], 0);
+    EXPECT_NE(text_report(session).find(row.text), std::string::npos) << text_report(session);
     expect_usable(session);
   }
   // A nested call's own arithmetic is no error of the module, and flags of the caller stay.
-  session.module("ROSEN", [this](const Matrix& x) {
-    session.module("EASY", [](const Matrix& y) { return Matrix::scalar(rosenbrock(y)); });
-    session.call("NLPNRR", {"EASY", START, {}, {}, {}, {}, {}, "GRAD", "HESS"});
+  session.module("EASY", [](const Matrix& x) { return Matrix::scalar(rosenbrock(x)); });
+  session.module("OUTER", [this](const Matrix& x) {
+    solve(session, 0, "EASY");
     return Matrix::scalar(rosenbrock(x));
   });
   std::feclearexcept(FE_ALL_EXCEPT);
   std::feraiseexcept(FE_UNDERFLOW);
-  EXPECT_TRUE(is_solution(solve(session)));
+  EXPECT_TRUE(is_solution(solve(session, 0, "OUTER")));
   EXPECT_EQ(std::fetestexcept(FE_UNDERFLOW | FE_INVALID | FE_DIVBYZERO | FE_OVERFLOW),
             FE_UNDERFLOW);
 }
 
 TEST_F(SessionTest, TerminationModuleTakesThePlaceOfTheTest) {
-  std::vector<double> values;
-  session.termination_module("Stop", [&values](const Matrix& x, double crit) {
+  int runs = 0;
+  session.termination_module("Stop", [&runs](const Matrix& x, double crit) {
     EXPECT_EQ(crit, rosenbrock(x));
-    values.push_back(crit);
-    return values.size() < 4 ? 0.0 : 7.9;
+    return ++runs < 4 ? 0.0 : 7.9;
   });
-  const auto results = solve(session, 5, "stop");
-  EXPECT_EQ(results.at(0)(0, 0), 7) << "the answer is cut to a whole number";
-  ASSERT_GE(values.size(), 4u);
-  EXPECT_LT(values[3], values[0]);
-  EXPECT_THROW(session.call("NLPNRR", {"STOP", START}), CallError) << "not an objective";
+  EXPECT_EQ(solve(session, 5, "rosen", "stop")[0][0], 7) << "not cut to a whole number";
+  EXPECT_THROW(solve(session, 0, "STOP"), CallError) << "not an objective";
 }
 
 // A nested call writes to the sink of its session among the rows of the outer history; the headings
@@ -354,12 +286,9 @@ TEST_F(SessionTest, TheSinkFollowsNestedCalls) {
     if (++evaluations == 20) solve(session, 1);
     return Matrix::scalar(rosenbrock(x));
   });
-  session.call("NLPNRR", {"OUTER", START, Matrix::row({0, 1}), {}, {}, {}, {}, "GRAD", "HESS"});
-  const auto count = [&lines](const std::string& wanted) {
-    return std::count(lines.begin(), lines.end(), wanted);
-  };
-  EXPECT_EQ(count("Iteration history"), 2);
-  EXPECT_EQ(count("End of the optimization"), 2);
+  solve(session, 1, "OUTER");
+  for (const char* title : {"Iteration history", "End of the optimization"})
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), title), 2) << title;
   std::size_t rule = 0;
   long headings = 0;
   for (std::size_t i = 1; i < lines.size(); ++i) {
@@ -377,7 +306,7 @@ TEST_F(SessionTest, TheSinkFollowsNestedCalls) {
 
 // The sink throws at each of its lines in turn, from an outer and from a nested call.
 TEST_F(SessionTest, AnExceptionOfTheSinkEndsTheRunInOrder) {
-  const auto nested = [this](const Matrix& x) {
+  const auto nest = [this](const Matrix& x) {
     session.remove_module("NEST");  // a prepared call goes on with it
     solve(session, 4);
     return Matrix::scalar(rosenbrock(x));
@@ -386,31 +315,20 @@ TEST_F(SessionTest, AnExceptionOfTheSinkEndsTheRunInOrder) {
   long k = 0;
   for (; threw && k < 2000; ++k) {
     SCOPED_TRACE(k);
-    define(session);
-    session.module("NEST", nested);
-    long left = k, after = 0;
+    session.module("NEST", nest);
+    long given = 0;
     threw = false;
     session.sink([&](std::string_view) {
-      if (threw) ++after;
-      if (left-- > 0) return;
-      threw = true;
-      throw Private{static_cast<int>(k)};
+      EXPECT_FALSE(threw) << "the sink got a line after its exception";
+      threw = given++ == k;
+      if (threw) throw Private{static_cast<int>(k)};
     });
     try {
-      session.call("NLPNRR", {k % 2 == 0 ? "NEST" : "ROSEN",
-                              START,
-                              Matrix::row({0, 4}),
-                              {},
-                              {},
-                              {},
-                              {},
-                              "GRAD",
-                              "HESS"});
+      solve(session, 4, k % 2 == 0 ? "NEST" : "ROSEN");
       EXPECT_FALSE(threw);
     } catch (const Private& caught) {
       EXPECT_EQ(caught.value, k);
     }
-    EXPECT_EQ(after, 0) << "the sink got a line after its exception";
     EXPECT_EQ(threw, text_report(session).find("The sink threw an exception") != std::string::npos);
     session.sink(nullptr);
     if (k % 10 == 0) expect_usable(session);
@@ -422,10 +340,11 @@ TEST_F(SessionTest, WorkCountsRunsAndFailures) {
   int runs = 0, failures = 0;
   session.module("ROSEN", [&](const Matrix& x) {
     ++runs;
-    if (x(0, 0) > -1.19 && x(0, 0) < -1.0) return ++failures, Matrix::scalar(missing);
-    return Matrix::scalar(rosenbrock(x));
+    const bool fails = x(0, 0) > -1.19 && x(0, 0) < -1.0;  // on the way
+    failures += fails;
+    return Matrix::scalar(fails ? missing : rosenbrock(x));
   });
-  solve(session, 1);
+  EXPECT_GT(solve(session, 1)[0][0], 0) << "a point that cannot be evaluated is backed away from";
   const Work work = session.work();
   ASSERT_EQ(work.modules.size(), 3U);
   EXPECT_EQ(work.modules[0].name, "ROSEN");
@@ -439,57 +358,15 @@ TEST_F(SessionTest, WorkCountsRunsAndFailures) {
   // Time belongs to who spends it, also when a module makes a call.
   session.module("SLOW", [](const Matrix& x) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return Matrix::scalar(x(0, 0));
+    return x;
   });
   session.module("AROUND", [this](const Matrix& x) {
     return session.call("NLPFDD", {"SLOW", x})[0];
   });
   session.call("NLPFDD", {"AROUND", Matrix::scalar(1)});
-  for (const ModuleWork& module : session.work().modules) {
+  for (const ModuleWork& module : session.work().modules)
     EXPECT_EQ(module.seconds > 0.02, module.name == "SLOW") << module.name << module.seconds;
-  }
 }
-
-// Plans the failure of operation k of a kind (or of all from the k-th on), for k = 0, 1, 2 ...
-// until a run does not meet it. Every run ends in one of the ways that are promised and leaves
-// nothing behind.
-class FaultWalk : public testing::TestWithParam<std::tuple<Fault, bool>> {};
-
-TEST_P(FaultWalk, EveryFailureLeavesAUsableSession) {
-  const auto [kind, onwards] = GetParam();
-  Session session;
-  define(session);
-  const auto reference = solve(session, 5);
-  long k = 0;
-  for (bool met = true; met && k < 5000 && !HasFailure(); ++k) {
-    SCOPED_TRACE("operation " + std::to_string(k));
-    const long before = embed::operations(session.task(), kind);
-    embed::plan_fault(session.task(), kind, k, onwards);
-    try {
-      EXPECT_EQ(solve(session, 5).size(), 2u);
-    } catch (const CallError& error) {
-      const int expected = kind == Fault::allocation ? 1 : 100;
-      EXPECT_EQ(error.code(), expected) << error.what();
-      EXPECT_NE(kind, Fault::module_call);
-    } catch (const FatalError& error) {
-      const int expected = kind == Fault::allocation ? 1016 : 9999;
-      EXPECT_EQ(error.code(), expected) << error.what();
-      EXPECT_FALSE(session.log().empty());
-      EXPECT_NE(kind, Fault::module_call);
-    }
-    met = embed::operations(session.task(), kind) - before > k;
-    embed::clear_faults(session.task());
-    EXPECT_EQ(embed::counters(session.task()).blocks_left, 0);
-    EXPECT_EQ(solve(session, 5), reference);
-  }
-  EXPECT_GT(k, 10);
-  EXPECT_LT(k, 5000);
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, FaultWalk,
-                         testing::Combine(testing::Values(Fault::allocation, Fault::module_call,
-                                                          Fault::report),
-                                          testing::Bool()));
 
 }  // namespace
 }  // namespace tqnlp

@@ -44,6 +44,7 @@ struct Problem {
 // Gives a record the objective, gradient and Hessian of a problem, which must outlive it, and its
 // standard start.
 void install(TestRecord& record, const Problem& problem);
+void install(TestRecord& record, Problem&& problem) = delete;
 
 // A problem whose objective is a generic callable f(x), x an array of numbers or jets.
 template <typename F>

@@ -16,6 +16,7 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/control/znlppre.h"
+#include "aasubs/control/znlptrm.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/newton/znlpnrr.h"
@@ -36,8 +37,6 @@ struct Technique {
   Callback run;      // null: no such technique runs here
 };
 
-static constexpr int START_OVER =
-    100;  // answer of the termination test to a stop that was overruled
 static constexpr int TECHNIQUE_NONE = 1;
 static constexpr int TECHNIQUE_DUAL_QUANEW = 11;
 static constexpr int TECHNIQUE_OLDRAP = 6;  // has a name and no code: ends with code 0
@@ -90,7 +89,7 @@ static int run_technique(MINSTR* str) {
   const int code = technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
   // A technique that was told to start over hands that request back when the derivatives cannot be
   // loaded there. A run must not report it as success.
-  return code == START_OVER ? -4 : code;
+  return code == STOP_OVERRULED ? -4 : code;
 }
 
 // ---- What both jobs share -----------------------------------------------------------------------

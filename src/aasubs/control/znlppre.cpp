@@ -9,9 +9,10 @@
 //   row.x = ...;  add_row(table)         it reads all addresses now
 //   close_table(table)                   from here on the row may go
 //
-// A column that does not apply to the problem is left out as a whole; a value that is missing leaves
-// its cell empty. A title text stands in the first row only (HeadText). Siblings: znlppre_problem (pritech), znlppre_constraints (pricon and
-// its family, prinlc), znlppre_stop (znlpptm), znlppre_matrix (znlppmt).
+// A column that does not apply to the problem is left out as a whole; a value that is missing
+// leaves its cell empty. A title text stands in the first row only (HeadText). Siblings:
+// znlppre_problem (pritech), znlppre_constraints (pricon and its family, prinlc), znlppre_stop
+// (znlpptm), znlppre_matrix (znlppmt).
 #include "aasubs/control/znlppre.h"
 
 #include <algorithm>
@@ -66,8 +67,8 @@ static double incomplete_beta(double a, double b, double x) {
   return 1.0 - front * beta_fraction(b, a, 1.0 - x) / b;
 }
 
-// P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known. Both tails
-// at once: 1 minus a distribution function would lose the small probabilities that matter.
+// P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known. Both
+// tails at once: 1 minus a distribution function would lose the small probabilities that matter.
 static double probability_beyond(double t, double df) {
   if (wzmis(t) || std::isnan(t)) return MISSING;
   if (wzmis(df) || !(df > 0.0)) return std::erfc(std::fabs(t) / std::sqrt(2.0));
@@ -131,7 +132,7 @@ static void add_estimate_columns(RvxObject** table, const EstimateColumns& c, Es
   if (c.dependent) add_column(table, "LinDep", &row.dependent);
 }
 
-// Is x[j] outside of its bounds by more than the feasibility tolerance?
+// Is x[j] outside of its bounds by more than the feasibility tolerance, by the rule of the run?
 static bool violates_bound(const MINSTR* str, long j) {
   const double eps = feasibility_tolerance(str, str->ipre);
   const double lb = str->lb[j];
@@ -148,7 +149,8 @@ static bool bound_is_deferred(const MINSTR* str, long j) {
   return std::find(first, end, j) != end;
 }
 
-// Standard error, t value and its probability; the last two are missing unless the error is positive.
+// Standard error, t value and its probability; the last two are missing unless the error is
+// positive.
 static void fill_errors(const MINSTR* str, long j, EstimateRow& row) {
   row.error = str->ster[j];
   const bool usable = !wzmis(row.error) && row.error > 0.0;
@@ -217,6 +219,8 @@ static void write_functions(MINSTR* str, int job) {
 
 // ---- Difference intervals -----------------------------------------------------------------------
 
+// Forward and central interval side by side; a column for parameters that look constant is there
+// only if there are any.
 void prifdh(MINSTR* str) {
   if (str->dbug == 0.0 || str->hfwd == nullptr) return;
   const long n = str->nvar;

@@ -11,8 +11,8 @@
 // an inequality with more negative than positive coefficients is turned round for reading: the run
 // does not remember which way it was given, and this is how people write them.
 //
-// Residuals are a'x - b of a linear constraint, and the value c(x) of a nonlinear one with c(x) >= 0
-// or = 0. State of a constraint: VIO beyond the feasibility tolerance, ACT within it, blank inside.
+// The residual of a linear constraint is a'x - b, that of a nonlinear one its value, which is to be
+// 0 or not below 0. State: VIO beyond the feasibility tolerance, ACT within it, blank inside.
 // Linear constraints are judged against the tolerance times |b| + 1, as in the run.
 //
 // A linear constraint is fetched into awrk, dense, by the callback acget: its compact form is the
@@ -108,7 +108,7 @@ static const char* state_of(double residual, bool equality, double tolerance) {
 static double take_linear(MINSTR* str, long i) {
   str->acget(str, i, str->awrk);
   double residual = -str->blcn[i];
-  // Zero coefficients are skipped: their parameter may be missing or infinite.
+  // 0 times a missing or infinite parameter would spoil the sum.
   for (long j = 0; j < str->nvar; ++j) {
     if (str->awrk[j] != 0.0) residual += str->awrk[j] * str->x[j];
   }
@@ -136,7 +136,7 @@ static void write_linear(const MINSTR* str, RvxObject** table, TermRow& row, lon
   write_terms(str, table, row, str->awrk, turned ? -1.0 : 1.0);
 }
 
-// All of constraint i. at_a_point false: x is not yet where the run starts, and is not judged.
+// All of constraint i. at_a_point false: without residual and state, which belong to a point.
 static void write_linear_with_residual(MINSTR* str, RvxObject** table, TermRow& row, long i,
                                        bool at_a_point = true) {
   const double residual = take_linear(str, i);
@@ -321,7 +321,7 @@ void prinlc(MINSTR* str, int job) {
     number = k + 1;
     name = constraint_name(str, c);
     residual = str->fcon[k];
-    // vnlc are the values that the user's module gave, before limits were taken off.
+    // A caller that keeps values apart from residuals says so by vnlc; else both are the same.
     value = str->vnlc != nullptr ? str->vnlc[k] : residual;
     multiplier = wzmis(str->crit) ? MISSING : multiplier_of(str, c);
     restriction = literal_text(state_of(residual, k < str->nlec, eps));

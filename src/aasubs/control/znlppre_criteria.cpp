@@ -15,8 +15,6 @@
 
 namespace tqnlp {
 
-static bool is_simplex(const MINSTR* str) { return str->tech == 14 || str->tech == 15; }
-
 bool criterion_applies(const MINSTR* str, int code) {
   const bool nonlinear = str->nlicon != 0;
   switch (code) {

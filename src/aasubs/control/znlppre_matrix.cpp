@@ -6,11 +6,10 @@
 //
 //   nr >= 0            nr -3             nr -2
 //   Parms  X1  X2      Parms  Estimate   Parms  Estimate  Grad
-//   X1     a   b       X1     a          X1     a         d         pd = a b c | d e f
+//   X1     a   b       X1     a          X1     a         d         pd = a b | d e
 //   X2     c   d       X2     b          X2     b         e
 //
-// This report has no field in the record: callers without one (post-analysis) pass the delivery
-// object alone, so that the table is a local of write_matrix.
+// Callers pass the delivery object alone, without a record: the table is a local of write_matrix.
 #include <algorithm>
 #include <cstring>
 

@@ -6,9 +6,9 @@
 //   "InputOpts"            limits, tolerances that are not the default ones, typical sizes
 //   "ProblemDescription"   method | differences | sizes | form of the Hessian
 //
-// Words are messages. Where a number of the record selects one, the messages of a choice lie in a row
-// behind a base (report_messages.h): base + number. A number outside of the choice must be caught
-// before that, as it would name another message.
+// Words are messages. Where a number of the record selects one, the messages of a choice lie in a
+// row behind a base (report_messages.h): base + number. A number outside of the choice must be
+// caught before that, as it would name another message.
 #include <algorithm>
 #include <cmath>
 #include <iterator>
@@ -20,7 +20,6 @@
 
 namespace tqnlp {
 
-static bool is_simplex(const MINSTR* str) { return str->tech == 14 || str->tech == 15; }
 static bool is_sequential_quadratic(const MINSTR* str) {
   return str->tech == 11 && str->nlicon != 0;
 }
@@ -62,8 +61,8 @@ static bool is_default(const MINSTR* str, const Criterion& c) {
   return std::fabs(str->*c.tolerance - usual) <= ROUNDING * std::fabs(usual);
 }
 
-// Limits always, tolerances only where the user has changed one: the table then shows his choices at
-// a glance, and the summary at the end has all criteria with their tolerances.
+// Limits always, tolerances only where the user has changed one: the table then shows the user's
+// choices at a glance, and the summary at the end has all criteria with their tolerances.
 static void write_options(MINSTR* str) {
   RvxObject** table = &str->out;
   open_table(str->rvx, table, "InputOpts", TITLE_OPTIONS);
@@ -97,8 +96,8 @@ static int technique_word(const MINSTR* str) {
   return WORD_TECHNIQUE + (known ? str->tech : 1);
 }
 
-// Message of the update in words; 0 when the technique has none. Technique 10 updates the inverse, for
-// which the words differ; for conjugate gradients tupd chooses the formula of the direction.
+// Message of the update in words; 0 when the technique has none. Technique 10 updates the inverse,
+// for which the words differ; for conjugate gradients tupd chooses the formula of the direction.
 static int update_word(const MINSTR* str) {
   static constexpr int CONJUGATE_RULES = 4;
   switch (str->tech) {
@@ -121,8 +120,8 @@ static bool version_matters(const MINSTR* str) {
   return is_sequential_quadratic(str) || str->tech == 12;
 }
 
-// The sequential quadratic method has a line search of its own on the merit function, which tlin does
-// not choose.
+// The sequential quadratic method has a line search of its own on the merit function, which tlin
+// does not choose.
 static bool uses_line_search(const MINSTR* str) {
   static constexpr int WITH_LINE_SEARCH[] = {3, 10, 11, 12, 13};
   return !is_sequential_quadratic(str) &&
@@ -155,7 +154,7 @@ static void write_difference_form(MINSTR* str, RvxObject** table, int label, int
 }
 
 // Which derivatives are formed by differences, digit by digit of fidi; nothing where all are the
-// user's. ider tells which of the second-order digits the technique uses.
+// user's. ider tells which digit beyond the gradient's the technique uses.
 static void write_differences(MINSTR* str, RvxObject** table) {
   static constexpr int LARGEST_HESSIAN_DIGIT = 4;
   static constexpr int LARGEST_INTERVAL_CHOICE = 3;

@@ -44,6 +44,8 @@ enum StopLayout : int {
   STOP_RANGE_SPACE = 259,    // CONGRA and QUADAS in the range-space frame
 };
 
+// Techniques with the same state share a layout; a technique that has two forms (with nonlinear
+// constraints, on least squares, in the range-space frame) shows what its form steers by.
 static StopLayout stop_layout(const MINSTR* str) {
   static constexpr int RANGE_SPACE = 2;
   const bool squares = str->lsqu != 0;
@@ -106,8 +108,8 @@ static void write_work(MINSTR* str, RvxObject** table, StopLayout layout) {
   }
 }
 
-// Value, size of the working set, gradient. Where nonlinear constraints are handled by the technique
-// itself the working set says little, and the largest violation takes its place.
+// Value, size of the working set, gradient. Where nonlinear constraints are handled by the
+// technique itself the working set says little, and the largest violation takes its place.
 static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
   const double objective = users_value(str, str->crit);
   if (layout == STOP_SEQUENTIAL || layout == STOP_COBYLA) {
@@ -123,8 +125,8 @@ static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
 
 // What steered the steps of the technique: the last value of each quantity, by which a reader sees
 // whether it was still moving (a tiny radius, a huge ridge, a slope of rounding size). The record
-// has no field for every technique's own: pred is the slope, but the merit value or the deviation of
-// a simplex; alfa and gmax are sizes of the simplex; rhor is the radius of COBYLA.
+// has no field for every technique's own: pred is the slope, but the merit value or the deviation
+// of a simplex; alfa and gmax are sizes of the simplex; rhor is the radius of COBYLA.
 static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
   switch (layout) {
     case STOP_LEVMAR:
@@ -217,8 +219,8 @@ static long severity_of(const MINSTR* str, int fail) {
   return fail == NO_PROGRESS && stopped_early(str) ? AS_NOTE : AS_ERROR;
 }
 
-// The message of the code in the log; its reason for the status table. Codes with a criterion's name
-// or with limits as arguments come first, the table of the others last.
+// The message of the code in the log; its reason for the status table. Codes with a criterion's
+// name or with limits as arguments come first, the table of the others last.
 static RvxText tell_reason(const MINSTR* str, int fail) {
   const bool in_full = str->zmsg == IN_FULL;
   if (fail == 0) {
@@ -251,8 +253,8 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   return RvxText{};  // a termination module of the user may answer any code
 }
 
-// What a reader of the result should know besides: a feasibility tolerance that had to be widened, a
-// gradient that is large for a converged run, an active constraint with a multiplier of the wrong
+// What a reader of the result should know besides: a feasibility tolerance that had to be widened,
+// a gradient that is large for a converged run, an active constraint with a multiplier of the wrong
 // sign.
 static void tell_doubts(const MINSTR* str, int fail, int job) {
   static constexpr int WIDEST = 10;  // ipre when no tolerance fits
@@ -266,6 +268,7 @@ static void tell_doubts(const MINSTR* str, int fail, int job) {
   if (str->idac != 0) xpmlog(OPTIMIZATION, 138);
 }
 
+// The code for programs, its reason for people.
 static void write_status(MINSTR* str, int fail, const RvxText& reason) {
   RvxObject** table = &str->out;
   const long status = fail;

@@ -84,7 +84,6 @@ struct Measures {
   double feasibility;  // widened feasibility tolerance
 };
 
-static bool is_simplex(const MINSTR* str) { return str->tech == 14 || str->tech == 15; }
 static constexpr int CONJUGATE_GRADIENT = 13;
 static constexpr int QUADRATIC_ACTIVE_SET = 16;
 static constexpr int LEVENBERG_MARQUARDT = 8;

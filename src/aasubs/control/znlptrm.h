@@ -47,6 +47,9 @@ inline constexpr int COUNTED = 10;              // place of a count behind the w
 
 constexpr const Criterion& criterion(int code) { return CRITERIA[code - FIRST_CRITERION]; }
 
+// The techniques that move a simplex of points; they have no gradient.
+inline bool is_simplex(const MINSTR* str) { return str->tech == 14 || str->tech == 15; }
+
 // Tests whether a technique goes on, and writes the iteration history.
 //   job     10 start or restart (no step yet), 1 or any positive odd number an iteration has ended,
 //           positive even the same without a history line, 0 look at the limits alone, negative the

@@ -3,6 +3,13 @@
 //
 // The relative difference of an entry is |c| / (|h| + |c|) with c from the comparison matrix and h
 // from the Hessian: 0 where they agree, 1 where nothing agrees.
+//
+// c is 0 for a gradient of the objective: truncation and rounding leave small relative differences
+// of many sizes, a wrong derivative large ones. So the histogram counts their decimal logarithms,
+// in bins of a quarter of a decade, and the two kinds stand apart as two heaps.
+//
+//   hess   h, packed         rval  a list to be sorted: logarithms, then the differences
+//   hwrk   c, packed         freq  counts of the bins
 #include <algorithm>
 #include <cmath>
 
@@ -19,6 +26,7 @@ static constexpr long MOST_LISTED = 20;
 
 void rsort(long n, double* values) { std::sort(values, values + std::max(n, 0L)); }
 
+// An entry that is no number agrees with nothing; two entries next to zero agree.
 static double relative_difference(double h, double c) {
   const double sum = std::fabs(h) + std::fabs(c);
   if (!std::isfinite(sum)) return 1.0;
@@ -27,6 +35,7 @@ static double relative_difference(double h, double c) {
 
 // ---- Test vector -------------------------------------------------------------------------------
 
+// work holds the gradient, gold its test value. Both are shown in the user's sense.
 void ptstvec(MINSTR* str) {
   RvxObject** table = &str->gtst;
   long number = 0;
@@ -62,6 +71,8 @@ struct Bins {
   long count;
 };
 
+// Quarters of a decade as long as 50 of them do; beyond that as many wider bins, or few when there
+// are few values. One bin more may arise, as the first edge lies before the first value.
 static Bins choose_bins(long count, const double* values) {
   const double span = values[count - 1] - values[0];
   double width = BIN_WIDTH;
@@ -81,6 +92,7 @@ void dishdif(MINSTR* str, HDOUT* out) {
     const double r = relative_difference(out->hess[k], out->hwrk[k]);
     if (r > 0.0) out->rval[count++] = std::log10(r);
   }
+  // Entries that agree to the last bit have no logarithm; if all do, there is nothing to show.
   if (count == 0) return;
   rsort(count, out->rval);
   const Bins bins = choose_bins(count, out->rval);
@@ -107,7 +119,8 @@ void dishdif(MINSTR* str, HDOUT* out) {
 
 // ---- Largest differences -----------------------------------------------------------------------
 
-// A number, or blank where it is next to nothing, alone or beside its partner.
+// A number, or blank where it is next to nothing, alone or beside its partner: the digits of such a
+// number are rounding errors, and would catch the eye.
 static double shown(const MINSTR* str, double value, double other) {
   const double size = std::fabs(value);
   if (size <= ROOT_EPS || size <= ROOT_EPS * std::fabs(other)) return MISSING;
@@ -119,6 +132,8 @@ void maxhdif(MINSTR* str, HDOUT* out) {
     out->rval[k] = relative_difference(out->hess[k], out->hwrk[k]);
   }
   rsort(str->nnva, out->rval);
+  // The threshold is the smallest of the MOST_LISTED largest; of equals the first places are
+  // listed.
   out->tres = out->rval[std::max(str->nnva - MOST_LISTED, 0L)];
   RvxObject* table = nullptr;
   double hessian = 0.0, difference = 0.0, relative = 0.0;

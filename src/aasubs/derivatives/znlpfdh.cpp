@@ -6,6 +6,21 @@
 // Reference  Gill, Murray, Saunders and Wright (1983), SIAM J. Sci. Stat. Comput. 4, 310-321
 // Reads      fdig, cdig, lb, ub
 // Writes     hfwd, hcnt, ofco, grad, jcon; wrk2 keeps fcon at the base point, xold keeps x
+//
+// With noise e in the values, second derivative phi and trial interval h the relative cancellation
+// errors are
+//
+//   first difference    cf = 2 e / (h min |phif|, |phib|)      good up to 0.1
+//   second difference   c  = 4 e / (h^2 |phi|)                 wanted between 0.001 and 0.1
+//
+// c falls with h: above the range h grows, below it h shrinks, by a factor that is set once. An
+// acceptable h gives phi, and with it the forward interval 2 sqrt(e/|phi|), which balances
+// truncation and cancellation; the accepted h itself is the central interval. If c never comes into
+// its range the function looks constant (no good first difference), linear (c always too large: no
+// curvature to be seen) or odd (c always too small: the curvature grows as h shrinks).
+//
+// Several functions share the interval of a parameter: their curvatures and noises are summed up
+// (Pool). The interval lies on the side of x that has more room between the bounds.
 #include "aasubs/derivatives/znlpfdh.h"
 
 #include <algorithm>
@@ -44,6 +59,8 @@ static bool ddiv(double a, double b, double* quotient) {
   return false;
 }
 
+// The same where the limited value will do: a zero difference in a denominator makes a cancellation
+// error as large as a double can be, and the trial is judged by that.
 static double quotient(double a, double b) {
   double result = 0.0;
   ddiv(a, b, &result);
@@ -52,6 +69,7 @@ static double quotient(double a, double b) {
 
 // ---- Evaluations -------------------------------------------------------------------------------
 
+// One evaluation with its purpose in indf; false when it failed.
 static bool call(MINSTR* str, Callback callback, double indf) {
   const double saved = str->indf;
   str->indf = indf;
@@ -110,6 +128,7 @@ struct Estimate {
   double phi = 0.0;
 };
 
+// The error c against its range, not the interval: too small an error means too large an interval.
 enum class Cancellation { acceptable, too_small, too_large };
 
 // What the trials of one estimate share.
@@ -130,6 +149,9 @@ static Cancellation judge(double c) {
   return c <= CANCELLATION_HIGH ? Cancellation::acceptable : Cancellation::too_large;
 }
 
+// The estimate from the differences of the accepted interval. It is good when neither
+// the distance to the derivative of second order nor the truncation error of the forward interval
+// is above half of the forward difference.
 static Estimate accept(const Trials& t, const Differences& taken, double phif) {
   Estimate e;
   e.central = std::fabs(taken.h);
@@ -141,7 +163,8 @@ static Estimate accept(const Trials& t, const Differences& taken, double phif) {
   return e;
 }
 
-// The trials ended without an acceptable interval.
+// The trials ended without an acceptable interval. A function that looks constant gets the simple
+// interval; others the last interval at which the first difference was still good.
 static Estimate give_up(const Trials& t) {
   Estimate e;
   if (t.first_difference_bad) {
@@ -160,6 +183,7 @@ static Estimate give_up(const Trials& t) {
   return e;
 }
 
+// Keeps what the trials will fall back on, once cf is good at all.
 static void save_if_first_difference_good(Trials& t, const Differences& d, double cf, bool first) {
   if (cf <= CANCELLATION_HIGH) t.saved = d;
   if (first) {
@@ -170,7 +194,9 @@ static void save_if_first_difference_good(Trials& t, const Differences& d, doubl
 }
 
 // Judges a trial: true with *accepted filled when the estimate is done, else *h is the next
-// interval.
+// interval. The direction of the search is that of the first trial. A search for a larger c that
+// jumps over the range takes the trial before; one for a smaller c takes whatever comes below its
+// upper end.
 static bool judge_trial(Trials& t, int trial, const Differences& d, double cf, double c, double* h,
                         Estimate* accepted) {
   const Cancellation now = judge(c);
@@ -214,7 +240,9 @@ static double noise_level(double digits) {
   return digits > 0.0 ? std::exp(-LN_10 * digits) : MACHINE_PRECISION;
 }
 
-// Interval of function k in parameter j. Returns 0, or the status of a failed evaluation.
+// Interval of function k in parameter j, on the side of sign; f0 is the value at x. Returns 0, or
+// the status of a failed evaluation. Two evaluations a trial. The first trial is ten times the
+// interval that would be right if the curvature were |f| + 1 over (|x| + 1)^2.
 static int estimate_interval(MINSTR* str, long k, long j, double sign, double f0,
                              Estimate* result) {
   const double digits = k == OBJECTIVE ? str->fdig : str->cdig;
@@ -279,6 +307,7 @@ static double side_with_room(const MINSTR* str, long j) {
   return 0.5 * hi + 0.5 * lo < 0.0 ? -1.0 : 1.0;
 }
 
+// The differences give the first derivatives as by-products.
 static void store_derivative(MINSTR* str, long k, long j, const Estimate& e, long* constant) {
   if (k != OBJECTIVE) {
     str->jcon[k * str->nvar + j] = e.phic;
@@ -291,7 +320,8 @@ static void store_derivative(MINSTR* str, long k, long j, const Estimate& e, lon
   }
 }
 
-// Intervals of parameter j from all functions asked for.
+// Intervals of parameter j from all functions asked for. The objective alone has its own estimate,
+// or the simple intervals where that is doubtful; with constraints the pool decides.
 static int intervals_of_parameter(MINSTR* str, int job, long j, double crit, long* constant) {
   const long first = job == 2 ? 0 : OBJECTIVE;
   const long last = job == 1 || str->nlicon == 0 ? 0 : str->nnlc;
@@ -339,7 +369,8 @@ static void move_every_parameter(MINSTR* str) {
   }
 }
 
-// Takes back the flag of parameters whose derivative differs at the moved point. 0, -1 or -2.
+// Takes back the flag of parameters whose derivative differs at the moved point: a function may
+// look constant at x only, for instance where another factor is zero. 0, -1 or -2; x is put back.
 static int chconst(MINSTR* str, long* constant) {
   std::copy_n(str->x, str->nvar, str->xold);
   move_every_parameter(str);

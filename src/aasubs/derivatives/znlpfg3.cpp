@@ -5,6 +5,20 @@
 //            Comput. 4
 // Reads      crit, x, grad (previous gradient; missing counts as zero)
 // Writes     grad, ngrd; wfid keeps func (m)
+//
+// With slope s, curvature a and noise e (all as moduli), a forward difference over h has a relative
+// truncation error of a h/(2 s), and a relative cancellation error of 2 e over the change of the
+// function, s h + a h^2/2. Where the two are equal,
+//
+//   (a^2/2) h^3 + a s h^2 - 4 s e = 0                                      (balanced_step)
+//
+// Is the truncation error at this h above 1/1000, a central difference is taken, whose truncation
+// error is of second order; its h makes the change of the function a thousand times the noise:
+//
+//   (a/2) h^2 + s h - 1000 e = 0                                           (choose_step)
+//
+// A curvature estimate may be wrong by orders of magnitude: steps out of proportion to the
+// parameter are given up for the usual root or cube root of the rounding unit.
 #include <algorithm>
 #include <cmath>
 
@@ -18,7 +32,7 @@ static constexpr double ROOT_EPS = 1.053671212772351e-08;     // square root of 
 static constexpr double LEAST_STEP = 5.551115123125785e-15;   // against the parameter's size
 static constexpr double LARGE_STEP = 0.02;                    // against the parameter's size
 static constexpr double FORWARD_IS_ACCURATE = 0.002;          // curvature term against the slope
-static constexpr double CENTRAL_ERROR = 2000.0;
+static constexpr double CENTRAL_ERROR = 2000.0;               // twice the change over the noise
 
 namespace {
 
@@ -36,7 +50,8 @@ struct Step {
 
 }  // namespace
 
-// Forward step that balances truncation and cancellation.
+// Forward step that balances truncation and cancellation: the root of the cubic equation in the
+// case that either of its first two terms is the larger, and one Newton step from there.
 static double balanced_step(const Component& c) {
   const double a = std::fabs(c.curvature);
   const double slope = std::fabs(c.slope);
@@ -48,6 +63,9 @@ static double balanced_step(const Component& c) {
   return t * (1.0 - a * t / (3.0 * a * t + 4.0 * slope));
 }
 
+// Without curvature a step has no truncation error and is as long as the parameter's size; without
+// a slope or a value there is nothing to balance. A forward step goes to the side where slope and
+// curvature pull alike, since on the other one the change of the function may cancel.
 static Step choose_step(const Component& c, double afx) {
   if (c.curvature == 0.0) return {c.size, false};
   if (c.slope == 0.0 || afx <= EPS) return {ROOT_EPS * c.size, false};
@@ -105,6 +123,9 @@ static int two_sided(MINSTR* str, long i, double xi, double h, double base, doub
   }
 }
 
+// What is known of parameter i before its difference. The noise is that of the function, or what
+// the rounding of the parameter itself makes of it if that is more; without alfa the curvature
+// is 1.
 static Component describe(const MINSTR* str, long i, double eta, const double* alfa,
                           const double* dscl, double afx) {
   const double xi = str->x[i];

@@ -6,6 +6,16 @@
 //            section 5.6
 // Work       wfid = func at the base point (m) |
 //            gradient at the base point, or at the plus side (n)
+//
+//   znlpfih   diagonal  (f(+) - 2 f0 + f(-)) / h^2             + o +       points of a pair
+//             mixed     (f(j,k) - f(j) - f(k) + f0) / hj hk
+//   znlpfh2   diagonal  (-f(2) + 16 f(1) - 30 f0 + 16 f(-1) - f(-2)) / 12 h^2
+//             mixed     (f(+,+) - f(+,-) - f(-,+) + f(-,-)) / 4 hj hk
+//   znlpfh3   column j  (g(xj + h) - g) / h                    the mean of entries (i,j) and (j,i)
+//   znlpfh4   column j  (g(xj + h) - g(xj - h)) / 2h           makes the matrix symmetric
+//
+// Differences of values are always formed before anything is added up: f0 is large beside them, and
+// a sum of values would lose their digits.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -28,6 +38,7 @@ static bool is_diagonal(const MINSTR* str) {
 
 static long hessian_length(const MINSTR* str) { return is_diagonal(str) ? str->nvar : str->nnva; }
 
+// Where H(j,j) stands in either form.
 static double& diagonal_entry(MINSTR* str, long j) {
   return str->hess[is_diagonal(str) ? j : zisub(j, j)];
 }
@@ -65,7 +76,10 @@ static bool value_at(MINSTR* str, Stencil& stencil, long j, double hj, long k, d
   return good;
 }
 
-// One pass of the forward stencil: H(j,k) = (f(j,k) - f(j) - f(k) + f0)/(hj hk).
+// One pass of the forward stencil: H(j,k) = (f(j,k) - f(j) - f(k) + f0)/(hj hk). A value f(j)
+// serves all entries of its row and column. It is not kept: when it comes, -(f(j) - f0) goes into
+// the part of column j below the diagonal, and the entries of row j are closed at once. hess must
+// start at zero.
 static int forward_pass(MINSTR* str, Stencil& stencil) {
   const bool packed = !is_diagonal(str);
   double f = 0.0;
@@ -79,6 +93,7 @@ static int forward_pass(MINSTR* str, Stencil& stencil) {
       str->hess[zisub(l, j)] -= plus - stencil.base;
     }
     if (!value_at(str, stencil, j, -hj, -1, 0.0, &f)) return -3;
+    // Divided twice, as the square of a small step may underflow.
     diagonal += f - stencil.base;
     diagonal = diagonal / hj / hj;
     for (long k = 0; packed && k < j; ++k) {
@@ -92,7 +107,7 @@ static int forward_pass(MINSTR* str, Stencil& stencil) {
   return 0;
 }
 
-// Mixed derivative of parameters j and k from the four corners.
+// Mixed derivative of parameters j and k from the four corners. 0, or -4, -5 for the side of j.
 static int central_pair(MINSTR* str, Stencil& stencil, long j, double hj, long k) {
   const double hk = stencil_step(str, stencil, k);
   double pp = 0.0, pm = 0.0, mp = 0.0, mm = 0.0;
@@ -104,7 +119,7 @@ static int central_pair(MINSTR* str, Stencil& stencil, long j, double hj, long k
   return 0;
 }
 
-// One pass of the central stencil, of fourth order on the diagonal.
+// One pass of the central stencil, of fourth order on the diagonal, second order beside it.
 static int central_pass(MINSTR* str, Stencil& stencil) {
   const bool packed = !is_diagonal(str);
   for (long j = 0; j < str->nvar; ++j) {
@@ -137,6 +152,8 @@ static int hessian_passes(MINSTR* str, Stencil& stencil, int (*pass)(MINSTR*, St
   }
 }
 
+// State noted, base moved away from the bounds, passes, gradient in the form that fidi asks for,
+// and everything put back.
 static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&)) {
   ++str->nhes;
   const int indf = static_cast<int>(str->indf);
@@ -195,8 +212,8 @@ static void add_hessian_column(MINSTR* str, long j, const double* above, const d
   }
 }
 
-// Column j with the step from interval r, which retreats by halving. saved: gradient at the base
-// (forward) or, filled here, at the plus side (central). 0, -2 or -3.
+// Column j with the step from interval r, which retreats by halving of both sides. saved: gradient
+// at the base (forward) or, filled here, at the plus side (central). 0, -2 or -3.
 static int gradient_column(MINSTR* str, long j, Side forc, double r, double* saved) {
   const double xj = str->x[j];
   const double floor = step_floor(xj);
@@ -226,6 +243,8 @@ static int gradient_column(MINSTR* str, long j, Side forc, double r, double* sav
   return 0;
 }
 
+// grad must end as that of x: the forward form has saved it before the first column; the central
+// form, and any moved base, evaluate once more at x.
 static int hessian_from_gradients(MINSTR* str, Side forc) {
   ++str->nhes;
   const int indf = static_cast<int>(str->indf);
@@ -267,6 +286,7 @@ static int hessian_from_gradients(MINSTR* str, Side forc) {
   return code;
 }
 
+// A run whose derivatives are all the user's has no wfid: it is taken here for the call.
 int znlpfh3(MINSTR* str) {
   double* own = nullptr;
   if (str->wfid == nullptr) {
@@ -286,6 +306,14 @@ int znlpfh3(MINSTR* str) {
 int znlpfh4(MINSTR* str) { return hessian_from_gradients(str, Side::central); }
 
 // ---- Curvature of the constraints --------------------------------------------------------------
+
+// Curvature of the Lagrangian that stems from the constraints: sum over the active ones of lambda_i
+// times the Hessian of c_i, by forward differences of their gradients and made symmetric.
+//
+//   utpmat from lmax on:   jcon (nnlc rows of n) | grad (n)       at the base point
+//
+// The callbacks overwrite jcon and grad, so that both rest there; grad is the buffer for a row that
+// is read back.
 
 static constexpr double LAGRANGIAN_STEP = 10;  // indf while the constraints' curvature is formed
 

@@ -3,6 +3,18 @@
 // Jacobian go to the utility file as they are formed; grad is accumulated in the same pass.
 //
 // Work       wfid = func at the base point (m) | func at the plus side (m); func = the column
+//
+// The summands' Jacobian (m x n) may be too large for memory: column j is formed in func, summed up
+// with its weights in grad[j], written to the file, and joined with the columns before it, which
+// are read back, to row j of J'J.
+//
+//   func = J(:,j)  ->  grad[j]  ->  utjacm  ->  hess row j = J(:,j)' [ J(:,0) .. J(:,j) ]
+//
+// The constraints' Jacobian stands by rows in jcon, a row for each constraint, and is kept whole:
+// parameter j changes column j of every row.
+//
+// A point that cannot be evaluated halves the step of its column, down to step_floor. A perturbed
+// parameter is put back before anything else is done with x.
 #include <algorithm>
 #include <cmath>
 
@@ -40,6 +52,7 @@ static int difference_column(MINSTR* str, long j, const JacobianKind& kind, doub
   const double floor = step_floor(xj);
   const bool central = kind.side == Side::central;
   double* plus = str->wfid + str->mequ;
+  // Both sides with one step: when either fails, both are taken anew.
   for (;;) {
     int failed = 0;
     str->x[j] = xj + h;
@@ -65,7 +78,9 @@ static int difference_column(MINSTR* str, long j, const JacobianKind& kind, doub
   return 0;
 }
 
-// Row j of the crossproduct matrix from the columns on file and func. 0 or -9.
+// Row j of the crossproduct matrix from the columns on file and func. 0 or -9. In diagonal form
+// only the column's own square is needed, and no file is read. The form is that of post-analysis
+// where the crossproduct is asked for without least squares.
 static int add_crossproduct_row(MINSTR* str, long j) {
   const int form = str->lsqu == 0 && str->covstr != nullptr ? str->covstr->cfrm : str->hfrm;
   if (form != 2) {
@@ -78,6 +93,8 @@ static int add_crossproduct_row(MINSTR* str, long j) {
   return 0;
 }
 
+// All columns in order: column j of the crossproduct needs those before it on file. Ends at
+// the first column that cannot be had.
 static ColumnsEnd jacobian_columns(MINSTR* str, const JacobianKind& kind, double eps) {
   vzfdl(0.0, str->grad, str->nvar);
   const bool own = objective_has_intervals(str);
@@ -92,6 +109,9 @@ static ColumnsEnd jacobian_columns(MINSTR* str, const JacobianKind& kind, double
   return {0, false};
 }
 
+// The shape of all four: note the state, move away from the bounds, form the columns, put back. At
+// a moved base func and grad are those of the moved point, so that the user's state is evaluated
+// anew at x; else func is copied back.
 static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
   if (str->nfuv != 0) xexit(EXIT_INCONSISTENT, 0);  // the summands are not available
   ++str->nhes;
@@ -116,6 +136,7 @@ static int jacobian_by_differences(MINSTR* str, const JacobianKind& kind) {
   return code;
 }
 
+// side, crossproduct, scaled_interval, plus_failed
 int znlpfij(MINSTR* str) { return jacobian_by_differences(str, {Side::forward, false, true, -2}); }
 
 int znlpfj2(MINSTR* str) { return jacobian_by_differences(str, {Side::central, false, false, -2}); }
@@ -126,6 +147,7 @@ int znlpfc2(MINSTR* str) { return jacobian_by_differences(str, {Side::central, t
 
 // ---- Jacobian of the nonlinear constraints -----------------------------------------------------
 
+// The constraints' own callback, or the objective's, which then leaves fcon behind.
 static bool call_constraints(MINSTR* str) {
   str->ifdr = ORDER_FUNCTION;
   return (str->usnlc != nullptr ? str->usnlc : str->usfct)(str) == 0;
@@ -162,6 +184,9 @@ static bool constraint_column(MINSTR* str, long j, Side forc, double r) {
   return true;
 }
 
+// Forward: the values at the base point are laid into every column first, which saves a vector for
+// them. The user's x is kept in work here, because movx does so only where there
+// are bounds.
 static int constraint_jacobian(MINSTR* str, Side forc) {
   ++str->njnc;
   const int indf = static_cast<int>(str->indf);

@@ -340,7 +340,7 @@ static Next bisect_ridge(MINSTR* str, RidgeRun& run, double share) {
 }
 
 // The slope at the trial says that the step is too long: a larger ridge.
-static Next lengthen_ridge(MINSTR* str, RidgeRun& run) {
+static Next raise_by_slope(MINSTR* str, RidgeRun& run) {
   run.low = str->ridg;
   if (!wzmis(run.high)) return bisect_ridge(str, run, 0.5);
   str->ridg = run.low == 0.0 ? getnewr(free_dimension(str), str->wrk2, run.rmin) : RAISE * run.low;
@@ -361,7 +361,7 @@ static Next judge_by_slope(MINSTR* str, RidgeRun& run) {
     run.high = str->ridg;
     return bisect_ridge(str, run, run.low == 0.0 ? 0.1 : 0.5);
   }
-  if (slope > 0.5 * str->pred) return lengthen_ridge(str, run);
+  if (slope > 0.5 * str->pred) return raise_by_slope(str, run);
   // What the user's code saved must belong to x again.
   if (!evaluate(str, &run.ij)) {
     run.ij = -3;

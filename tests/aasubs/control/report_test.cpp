@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -55,30 +56,23 @@ class Reports : public testing::Test {
     ADD_FAILURE() << "no table " << name;
     return none;
   }
-  // The cell of a row in the column of a name, as text; "" when it is empty.
-  std::string cell(const std::string& name, std::size_t row, const std::string& column) const {
-    const Table& t = table(name);
-    const auto place = std::find(t.columns.begin(), t.columns.end(), column);
-    if (place == t.columns.end() || row >= t.rows.size()) return "no such cell";
-    return text_of(t.rows[row][static_cast<std::size_t>(place - t.columns.begin())]);
-  }
   static std::string text_of(const Cell& held) {
     if (const auto* text = std::get_if<std::string>(&held)) return *text;
     if (const auto* number = std::get_if<double>(&held)) return embed::readable(*number);
     if (const auto* count = std::get_if<long>(&held)) return std::to_string(*count);
     return "";
   }
-  // All cells of a row, and the names of all columns, with bars between them.
+  static std::string joined(const std::vector<Cell>& cells) {
+    std::string text;
+    for (const Cell& held : cells) text += text_of(held) + "|";
+    return text;
+  }
+  // All cells of a row, and the names of all columns, with bars behind them.
   std::string line(const std::string& name, std::size_t row) const {
-    if (row >= table(name).rows.size()) return "no such row";
-    std::string cells;
-    for (const Cell& held : table(name).rows[row]) cells += text_of(held) + "|";
-    return cells;
+    return row < table(name).rows.size() ? joined(table(name).rows[row]) : "no such row";
   }
   std::string header(const std::string& name) const {
-    std::string names;
-    for (const std::string& column : table(name).columns) names += column + "|";
-    return names;
+    return joined({table(name).columns.begin(), table(name).columns.end()});
   }
   // Labels and values of a table of pairs.
   Names pairs(const std::string& name) const {
@@ -86,11 +80,6 @@ class Reports : public testing::Test {
     for (const auto& row : table(name).rows)
       list.push_back(text_of(row[0]) + "=" + text_of(row[1]));
     return list;
-  }
-  std::vector<int> logged() const {
-    std::vector<int> numbers;
-    for (const LogRecord& line : task.log) numbers.push_back(line.number);
-    return numbers;
   }
 };
 
@@ -104,13 +93,9 @@ struct Solved : TestRecord {
     f = [](const double*) { return 1.0; };
     g = [](const double*, double*) {};
     with_callbacks();
-    crit = 1.0;
-    grad[0] = 0.5;
-    iabc[0] = 1;
-    ifxr[0] = 1, ifxr[1] = 0, ifxr[2] = 2;
-    nabc = 2;
-    nalc = 1;
-    iact[0] = 0;
+    crit = 1.0, grad[0] = 0.5;
+    iabc[0] = 1, ifxr[0] = 1, ifxr[1] = 0, ifxr[2] = 2, nabc = 2;
+    iact[0] = 0, nalc = 1;
     lagm[0] = 0.5, lagm[1] = 0.25, lagm[2] = -3.0;
     dbug = 4;
   }
@@ -119,31 +104,33 @@ struct Solved : TestRecord {
 // ---- Iteration history --------------------------------------------------------------------------
 
 TEST_F(Reports, HistoryColumnsOfEveryTechnique) {
-  struct Row {
+  const struct {
     Names techniques;  // number, with "n" behind it: with nonlinear constraints
     std::string columns;
     std::size_t start_rows;
-  };
-  const Row rows[] = {{{"2"}, "DifCrit|MaxGrad|Lambda|Radius|", 4},
-                      {{"8"}, "DifCrit|MaxGrad|Lambda|Rho|", 4},
-                      {{"4", "5", "6"}, "DifCrit|MaxGrad|Ridge|Rho|", 3},
-                      {{"7", "3", "10", "11", "12", "13", "16"}, "DifCrit|MaxGrad|Alpha|Slope|", 3},
-                      {{"9"}, "DifCrit|MaxGrad|Lambda|Slope|", 4},
-                      {{"14", "15"}, "DifCrit|StdDev|Delta|Size|", 2},
-                      {{"11n", "10n"}, "ConMax|Pred|Alpha|LFGMax|", 3},
-                      {{"14n"}, "ConMax|MeritF|DifMerit|Rho|", 2}};
-  for (const Row& row : rows) {
+  } rows[] = {{{"2"}, "DifCrit|MaxGrad|Lambda|Radius|", 4},
+              {{"8"}, "DifCrit|MaxGrad|Lambda|Rho|", 4},
+              {{"4", "5", "6"}, "DifCrit|MaxGrad|Ridge|Rho|", 3},
+              {{"7", "3", "10", "11", "12", "13", "16"}, "DifCrit|MaxGrad|Alpha|Slope|", 3},
+              {{"9"}, "DifCrit|MaxGrad|Lambda|Slope|", 4},
+              {{"14", "15"}, "DifCrit|StdDev|Delta|Size|", 2},
+              {{"11n", "10n"}, "ConMax|Pred|Alpha|LFGMax|", 3},
+              {{"14n"}, "ConMax|MeritF|DifMerit|Rho|", 2}};
+  for (const auto& row : rows) {
     for (const std::string& technique : row.techniques) {
       TestRecord run(2, std::stoi(technique));
-      run.nlicon = technique.back() == 'n' ? 1 : 0;
-      run.dbug = 2;
+      run.nlicon = technique.back() == 'n';
+      run.dbug = 1;
       deliver(run);
       znlptrm(&run, 10);
+      run.nitr = 1.0;
+      znlptrm(&run, 1);  // no row at this level
       znlpptm(&run, 0, 1);
       ASSERT_EQ(tables(), (Names{"IterStart", "IterHist", "ConvergenceStatus"})) << technique;
       const std::string active = run.nlicon != 0 ? "" : "Act|Ac2|";
       EXPECT_EQ(header("IterHist"), "Iter|Ac1|Rest|NFun|" + active + "OptCrit|" + row.columns);
       EXPECT_EQ(table("IterStart").rows.size(), row.start_rows) << technique;
+      EXPECT_TRUE(table("IterHist").rows.empty());
     }
   }
 }
@@ -169,86 +156,51 @@ TEST_F(Reports, HistoryRowsShowTheMomentAndTheUsersSense) {
   EXPECT_EQ(line("IterHist", 2), "2| |0|7|1|!|5|2|4|0.5|-0.25|");
 }
 
-TEST_F(Reports, LevelOneHasAHistoryWithoutRows) {
-  TestRecord run(2, 4);
-  run.dbug = 1;
-  deliver(run);
-  znlptrm(&run, 10);
-  run.nitr = 1.0;
-  znlptrm(&run, 1);
-  znlpptm(&run, 0, 1);
-  EXPECT_TRUE(table("IterHist").rows.empty());
-}
-
 // ---- Problem and options ------------------------------------------------------------------------
 
 TEST_F(Reports, ProblemInWords) {
-  TestRecord run(4, 11);
-  run.dbug = 1;
-  run.tupd = 2;
-  run.ider = 1;
-  run.fidi = 1;
-  run.with_bounds({0.0, 0.0, -HUGE_VALUE, 1.0}, {HUGE_VALUE, 2.0, HUGE_VALUE, 1.0});
-  run.maxi = 50.0;
-  run.gtol = 1e-6;
-  deliver(run);
-  pritech(&run);
-  EXPECT_EQ(tables(), (Names{"InputOpts", "ProblemDescription"}));
-  EXPECT_EQ(pairs("InputOpts"),
-            (Names{"Largest number of iterations=50", "Largest number of function calls=500",
-                   "Time limit in seconds=none", "GCONV: relative predicted reduction=1e-06"}));
-  EXPECT_EQ(
-      pairs("ProblemDescription"),
-      (Names{"Technique=dual quasi-Newton (QUANEW)", "Update=DFP on the factor of the Hessian",
-             "Line search=cubic interpolation, slope after sufficient decrease",
-             "Gradient=forward differences", "Parameters=4", "Lower bounds=3", "Upper bounds=2"}));
-}
-
-TEST_F(Reports, ProblemOfConstrainedSearchAndDiagonalNewton) {
-  TestRecord search(2, 14);
-  search.dbug = 1;
-  search.nlicon = 1;
-  search.nnlc = 3;
-  search.nlec = 1;
-  search.axtl = 1e-4;
-  search.fidi = 20000;
-  search.ider = 1;
-  deliver(search);
-  pritech(&search);
-  EXPECT_EQ(table("InputOpts").rows.size(), 3U);  // all criteria at their defaults
-  EXPECT_EQ(pairs("ProblemDescription"),
-            (Names{"Technique=constrained search by linear models (NMSIMP, COBYLA)",
-                   "Jacobian of the nonlinear constraints=central differences", "Parameters=2",
-                   "Nonlinear constraints=3", "Nonlinear equality constraints=1"}));
-  TestRecord newton(2, 2);
-  newton.dbug = 1;
-  newton.fidi = 3000;
-  newton.hfrm = 2;
-  deliver(newton);
-  pritech(&newton);
-  EXPECT_EQ(pairs("ProblemDescription"),
-            (Names{"Technique=trust region (TRUREG)", "Hessian=forward differences of the gradient",
-                   "Parameters=2", "Form of the Hessian=diagonal"}));
+  const struct {
+    int technique;
+    std::function<void(TestRecord&)> change;
+    Names options;  // behind the limits: criteria that are not at their defaults
+    Names problem;
+  } rows[] = {
+      {11,
+       [](TestRecord& s) {
+         s.tupd = 2, s.fidi = 1, s.gtol = 1e-6;
+         s.with_bounds({0.0, 0.0, -HUGE_VALUE, 1.0}, {HUGE_VALUE, 2.0, HUGE_VALUE, 1.0});
+       },
+       {"Time limit in seconds=none", "GCONV: relative predicted reduction=1e-06"},
+       {"Technique=dual quasi-Newton (QUANEW)", "Update=DFP on the factor of the Hessian",
+        "Line search=cubic interpolation, slope after sufficient decrease",
+        "Gradient=forward differences", "Parameters=4", "Lower bounds=3", "Upper bounds=2"}},
+      {14,
+       [](TestRecord& s) { s.nlicon = 1, s.nnlc = 3, s.nlec = 1, s.axtl = 1e-4, s.fidi = 20000; },
+       {"Time limit in seconds=none"},
+       {"Technique=constrained search by linear models (NMSIMP, COBYLA)",
+        "Jacobian of the nonlinear constraints=central differences", "Parameters=4",
+        "Nonlinear constraints=3", "Nonlinear equality constraints=1"}},
+      {2,
+       [](TestRecord& s) { s.ider = 4, s.fidi = 3000, s.hfrm = 2, s.upti = 9.0; },
+       {"Time limit in seconds=9"},
+       {"Technique=trust region (TRUREG)", "Hessian=forward differences of the gradient",
+        "Parameters=4", "Form of the Hessian=diagonal"}}};
+  for (const auto& row : rows) {
+    TestRecord run(4, row.technique);
+    run.dbug = run.ider = 1;
+    run.maxi = 50.0;
+    row.change(run);
+    deliver(run);
+    pritech(&run);
+    EXPECT_EQ(tables(), (Names{"InputOpts", "ProblemDescription"}));
+    Names options{"Largest number of iterations=50", "Largest number of function calls=500"};
+    options.insert(options.end(), row.options.begin(), row.options.end());
+    EXPECT_EQ(pairs("InputOpts"), options);
+    EXPECT_EQ(pairs("ProblemDescription"), row.problem);
+  }
 }
 
 // ---- Tables of a point --------------------------------------------------------------------------
-
-TEST_F(Reports, AnUnknownObjectiveEndsThePointBeforeTheMultipliers) {
-  for (const int level : {-10, 3}) {
-    for (const double crit : {1.0, MISSING}) {
-      Solved run;
-      deliver(run);
-      run.crit = crit;
-      znlppre(&run, level, 0);
-      Names expected = {"ParameterEstimates", level < 0 ? "LinCon" : "LinConSol"};
-      if (crit == 1.0) expected.push_back("Lagrange");
-      EXPECT_EQ(tables(), expected) << level;
-      run.dbug = 0;
-      znlppre(&run, level, 1);
-      EXPECT_EQ(tables(), expected) << "written at print level 0";
-    }
-  }
-}
 
 TEST_F(Reports, Estimates) {
   const struct {
@@ -293,32 +245,30 @@ TEST_F(Reports, ProbabilityOfATValue) {
   run.ster = run.gold;
   run.at({-2.0, 1.0});
   run.ster[0] = 1.0, run.ster[1] = MISSING;
-  for (const double freedom : {10.0, MISSING}) {
+  for (const auto& [freedom, shown] :
+       {std::pair{10.0, "0.073388035"}, std::pair{MISSING, "0.045500264"}}) {
     deliver(run);
     post.df = freedom;
     znlppre(&run, 1, 0);
-    EXPECT_NEAR(std::stod(cell("ParameterEstimates", 0, "Probt")),
-                freedom > 0.0 ? 0.0733880 : 0.0455003, 1e-7);
+    EXPECT_TRUE(
+        line("ParameterEstimates", 0).ends_with("|1|X1|-2|1|-2|" + std::string(shown) + "|"));
     EXPECT_EQ(line("ParameterEstimates", 1), "|2|X2|1||||");
   }
 }
 
 TEST_F(Reports, FunctionsAndIntervals) {
   TestRecord run(2, 8);
-  run.dbug = 5;
-  run.lsqu = 1;
-  run.mequ = 2;
+  run.dbug = 5, run.lsqu = 1, run.mequ = 2, run.cfdh = 1;
   run.func[0] = 1.5, run.func[1] = -2.0;
-  run.cfdh = 1;
   run.hfwd = run.gold, run.hcnt = run.sdir;
   run.hfwd[0] = 0.25, run.hcnt[0] = 0.5;
-  short codes[] = {0, 1};
   deliver(run);
   znlppre(&run, -1, 1);
   EXPECT_EQ(tables(), (Names{"ParameterEstimates", "OptStartRes", "FiniteDiff"}));
   EXPECT_EQ(line("OptStartRes", 1), "|2|F2|-2|");
   EXPECT_EQ(header("FiniteDiff"), "TitleText2|Number|Parameter|Estimate|Forward|Central|");
   task.tables.clear();
+  short codes[] = {0, 1};
   run.ofco = codes;
   znlppre(&run, 1, 0);
   EXPECT_EQ(tables(), (Names{"ParameterEstimates", "FiniteDiff"}));
@@ -330,10 +280,11 @@ TEST_F(Reports, ViolatedAndRemovedConstraints) {
   Solved run;
   deliver(run);
   run.x[1] = 20.0;
-  znlppre(&run, -10, 0);
-  EXPECT_EQ(cell("LinCon", 0, "Restriction") + cell("LinCon", 2, "Restriction"), "VIOVIO");
   run.liwk[0] = -1;
+  znlppre(&run, -10, 0);
   pricon(&run, 2);
+  EXPECT_TRUE(line("LinCon", 0).ends_with("|1|-38|:|VIO|-2| == | + |1| * |X1|"));
+  EXPECT_EQ(line("LinCon", 2), "|2|-10|:|VIO|10| >= | + |1| * |X1|");
   EXPECT_EQ(table("LinConDel").rows.size(), 2U);
 }
 
@@ -350,10 +301,10 @@ TEST_F(Reports, NonlinearConstraintsAndDependencies) {
   znlppre(&run, 3, 0);
   EXPECT_EQ(tables(), (Names{"ParameterEstimates", "LinConSol", "DepBoundCons", "LinDepLinCon",
                              "DepNonlinCon", "LinDepGradNonLin", "NonLinCons", "Lagrange"}));
-  EXPECT_EQ(cell("ParameterEstimates", 0, "LinDep"), " LinDep ");
-  EXPECT_EQ(cell("ParameterEstimates", 2, "LinDep"), "");
+  EXPECT_TRUE(line("ParameterEstimates", 0).ends_with("| LinDep |"));
+  EXPECT_TRUE(line("ParameterEstimates", 2).ends_with("||"));
   EXPECT_EQ(line("DepBoundCons", 0), "X1| Lower BC |");
-  EXPECT_EQ(cell("LinDepLinCon", 0, "Number"), "2");
+  EXPECT_EQ(line("LinDepLinCon", 0), "Left out of the working set|2|9|:||10| >= | + |1| * |X1|");
   EXPECT_EQ(line("DepNonlinCon", 0), "C4_2|");
   EXPECT_EQ(line("LinDepGradNonLin", 0), "Left out of the working set|2|-1|:|VIO||| - |2| * |X2|");
   EXPECT_EQ(line("NonLinCons", 0), "1|C3_1|0|0|0.75|ACT||");
@@ -364,36 +315,43 @@ TEST_F(Reports, NonlinearConstraintsAndDependencies) {
 TEST_F(Reports, MultipliersAndProjectedGradient) {
   Solved run;
   deliver(run);
-  run.nabc = 1;
+  run.nabc = 1, run.ulm2 = 1;
   run.lagm[0] = 0.25, run.lagm[1] = -3.0, run.lag2[1] = -2.5;
-  run.ulm2 = 1;
   znlppre(&run, 3, 0);
-  EXPECT_EQ(cell("Lagrange", 0, "Parameter1") + cell("Lagrange", 0, "Parameter2"), " Equal BC X3");
+  EXPECT_TRUE(line("Lagrange", 0).ends_with("|1| Equal BC |X3|0.25|0|"));
   EXPECT_EQ(line("Lagrange", 1), "|2| Linear EC|C1_1|-3|-2.5|");
   task.tables.clear();
   run.nalc = 0;
   znlppre(&run, 3, 0);
   EXPECT_EQ(table("ProjGrad").rows.size(), 2U);
-  EXPECT_EQ(cell("ProjGrad", 0, "FreeDimension"), "X2");
+  EXPECT_TRUE(line("ProjGrad", 0).ends_with("|1|X2|0|"));
+  task.tables.clear();
+  run.crit = MISSING;  // no objective, nothing behind the constraints
+  znlppre(&run, 3, 0);
+  EXPECT_EQ(tables(), (Names{"ParameterEstimates", "LinConSol"}));
+  run.dbug = 0;
+  znlppre(&run, 3, 1);
+  EXPECT_EQ(tables().size(), 2U) << "written at print level 0";
 }
 
 TEST_F(Reports, MatrixOfNamedRows) {
   TestRecord run(2);
   deliver(run);
-  const double matrix[] = {1, 2, 3, 4};
+  std::vector<double> values(2345);
+  std::iota(values.begin(), values.end(), 1.0);
   const char* names[] = {"ALPHA   ", "BETA"};
-  znlppmt(run.rvx, "SymDif", 2, 2, matrix, names, 1, 741);
+  znlppmt(run.rvx, "SymDif", 2, 2, values.data(), names, 1, 741);
   EXPECT_EQ(header("SymDif"), "Parms|ALPHA|BETA|");
   EXPECT_EQ(line("SymDif", 1), "BETA|3|4|");
-  std::vector<double> many(2345);
-  for (std::size_t i = 0; i < many.size(); ++i) many[i] = static_cast<double>(i + 1);
-  znlppmt(run.rvx, "Many", 2345, 1, many.data(), nullptr, 0, 0);
+  const auto print_many = [&] { znlppmt(run.rvx, "Many", 2345, 1, values.data(), nullptr, 0, 0); };
+  print_many();
   EXPECT_EQ(header("Many"), "Parms|Many|");
   EXPECT_EQ(line("Many", 8), "X9|9|");
   EXPECT_EQ(line("Many", 2344), "X2345|2345|");
+  EXPECT_EQ(table("Many").rows.size(), 2345U);
   task.tables.clear();
   embed::plan_fault(task, embed::Fault::allocation, 1);
-  znlppmt(run.rvx, "Many", 2345, 1, many.data(), nullptr, 0, 0);
+  print_many();
   EXPECT_TRUE(task.tables.empty());
   EXPECT_NE(task.log.back().text.find("80000803"), std::string::npos);
 }
@@ -455,15 +413,17 @@ TEST_F(Reports, MessagesOfEveryEnd) {
       deliver(run);
       row.change(run);
       znlpptm(&run, row.code, row.job);
-      EXPECT_EQ(logged(), row.log) << row.told;
+      std::vector<int> log;
+      for (const LogRecord& line : task.log) log.push_back(line.number);
+      EXPECT_EQ(log, row.log) << row.told;
       expect_code_documented(row.code, row.log);
       if (level == 0.0) {
         EXPECT_TRUE(task.tables.empty());
         continue;
       }
       EXPECT_EQ(task.tables.size(), row.job == 0 ? 2U : 1U);  // a short end has no summary
-      EXPECT_EQ(cell("ConvergenceStatus", 0, "Status"), std::to_string(row.code));
-      const std::string reason = cell("ConvergenceStatus", 0, "Reason");
+      EXPECT_EQ(table("ConvergenceStatus").rows[0][0], Cell(long{row.code}));
+      const std::string reason = text_of(table("ConvergenceStatus").rows[0][1]);
       EXPECT_NE((reason + task.log.back().text).find(row.told), std::string::npos) << reason;
       EXPECT_EQ(reason.back(), '.');  // a whole sentence, not cut to the room of a cell
     }
@@ -474,46 +434,23 @@ TEST_F(Reports, MessagesOfEveryEnd) {
   EXPECT_TRUE(task.log.empty());
 }
 
-TEST_F(Reports, StopSummaryByTechnique) {
-  const std::string point = "Active c|Objectiv|Largest |";
-  const struct {
-    int technique, squares, nonlinear, frame;
-    std::string labels;
-  } rows[] = {{2, 0, 0, 0, "Hessian |" + point + "Levenber|Actual o|Trust-re|"},
-              {8, 1, 0, 0, "Jacobian|" + point + "Levenber|Actual o|Trust-re|"},
-              {4, 0, 0, 0, "Hessian |" + point + "Actual o|Ridge|"},
-              {3, 0, 0, 0, "Hessian |" + point + "Slope of|"},
-              {12, 1, 0, 0, "Jacobian|" + point + "Slope of|"},
-              {9, 0, 0, 0, "Gradient|" + point + "Slope of|Trust-re|"},
-              {10, 0, 0, 0, "Gradient|" + point + "Slope of|"},
-              {13, 0, 0, 2, "Gradient|" + point + "Slope of|"},
-              {11, 0, 1, 0, "Gradient|Objectiv|Largest |Largest |Merit fu|Largest |"},
-              {14, 0, 0, 0, "Restarts|Active c|Objectiv|Standard|Length o|Size of |"},
-              {14, 0, 1, 0, "Restarts|Objectiv|Largest |Merit fu|Trust-re|"}};
-  for (const auto& row : rows) {
-    TestRecord run(2, row.technique);
-    run.dbug = 1;
-    run.lsqu = row.squares, run.nlicon = row.nonlinear, run.opro = row.frame;
-    deliver(run);
-    znlpptm(&run, 3, 0);
-    std::string labels;
-    for (const auto& cells : table("IterStop").rows) labels += text_of(cells[0]).substr(0, 8) + "|";
-    EXPECT_EQ(labels, "Iteratio|Function|" + row.labels) << row.technique;
-  }
-}
-
-// The verdicts know which criteria a technique looks at, and show what the test compares: with the
-// tolerance just above or below the measure shown, the test answers the code or goes on.
-TEST_F(Reports, VerdictsFollowTheTestOfEveryTechnique) {
+// The summary of a technique shows what steers it, then the criteria that it looks at and what the
+// test compares: with the tolerance just above or below the measure shown, the test answers the
+// code or goes on.
+class Summary : public Reports {
+ protected:
   struct Kind {
-    int technique, squares, nonlinear;
+    int technique, squares, nonlinear, frame;
+    std::string labels;  // first eight characters of each
   };
-  const Kind kinds[] = {{2, 0, 0},  {4, 0, 0},  {8, 1, 0},  {9, 0, 0},  {11, 0, 0},
-                        {12, 1, 0}, {13, 0, 0}, {14, 0, 0}, {11, 0, 1}, {14, 0, 1}};
-  double shown = 0.0;  // measure of the one criterion that is on
-  const auto test_with = [&](const Kind& kind, const Criterion& on, double tolerance) {
+  struct End {
+    int code;
+    double measure;  // shown of the one criterion that is on, if it is met
+  };
+
+  End test_with(const Kind& kind, const Criterion& on, double tolerance) {
     TestRecord run(2, kind.technique);
-    run.dbug = 2, run.lsqu = kind.squares, run.nlicon = kind.nonlinear;
+    run.dbug = 2, run.lsqu = kind.squares, run.nlicon = kind.nonlinear, run.opro = kind.frame;
     for (const Criterion& c : CRITERIA) run.*c.tolerance = c.code == 1 ? -ROOT_HUGE : 0.0;
     run.*on.tolerance = tolerance;
     run.at({1.0, 2.0});
@@ -523,54 +460,58 @@ TEST_F(Reports, VerdictsFollowTheTestOfEveryTechnique) {
     run.nitr = 1.0, run.crit = 5.0, run.cold = 6.5, run.xold[0] = 0.2, run.xold[1] = 1.9;
     run.pred = 0.3, run.gmax = 0.4, run.gmlf = 0.5, run.gcri = 0.6, run.gihg = 0.7;
     run.alfa = 0.8, run.rhor = 0.9;
-    const int code = znlptrm(&run, 1);
+    End end{znlptrm(&run, 1), 0.0};
     run.cold = run.crit;  // as the driver leaves it
     znlpptm(&run, -8, 0);
-    std::string met;
+    std::string met, labels;
     for (const std::string& row : pairs("IterStop")) {
-      if (std::sscanf(row.c_str(), "%*[^=]=met %lf", &shown) == 1)
+      labels += row.substr(0, 8) + "|";
+      if (std::sscanf(row.c_str(), "%*[^=]=met %lf", &end.measure) == 1)
         met += row.substr(0, row.find(':'));
     }
     const std::string name = on.name;
-    EXPECT_EQ(met, code == 0 ? "" : name.substr(0, name.find(' ')));
-    return code;
-  };
+    EXPECT_EQ(met, end.code == 0 ? "" : name.substr(0, name.find(' ')));
+    EXPECT_TRUE(labels.starts_with("Iteratio|Function|" + kind.labels)) << labels;
+    return end;
+  }
+};
+
+TEST_F(Summary, FollowsTheTestOfEveryTechnique) {
+  const std::string point = "Active c|Objectiv|Largest |";
+  const Kind kinds[] = {{2, 0, 0, 0, "Hessian |" + point + "Levenber|Actual o|Trust-re|"},
+                        {8, 1, 0, 0, "Jacobian|" + point + "Levenber|Actual o|Trust-re|"},
+                        {4, 0, 0, 0, "Hessian |" + point + "Actual o|Ridge="},
+                        {3, 0, 0, 0, "Hessian |" + point + "Slope of|"},
+                        {12, 1, 0, 0, "Jacobian|" + point + "Slope of|"},
+                        {9, 0, 0, 0, "Gradient|" + point + "Slope of|Trust-re|"},
+                        {11, 0, 0, 0, "Gradient|" + point + "Slope of|"},
+                        {13, 0, 0, 2, "Gradient|" + point + "Slope of|"},
+                        {11, 0, 1, 0, "Gradient|Objectiv|Largest |Largest |Merit fu|Largest |"},
+                        {14, 0, 0, 0, "Restarts|Active c|Objectiv|Standard|Length o|Size of |"},
+                        {14, 0, 1, 0, "Restarts|Objectiv|Largest |Merit fu|Trust-re|"}};
   for (const Kind& kind : kinds) {
     for (const Criterion& on : CRITERIA) {
       SCOPED_TRACE(std::to_string(kind.technique) + " " + on.name);
-      if (test_with(kind, on, 100.0) == 0) continue;
-      const double measure = shown;
-      EXPECT_EQ(test_with(kind, on, measure * (1.0 + 1e-6)), on.code);
-      EXPECT_EQ(test_with(kind, on, measure * (1.0 - 1e-6)), 0);
+      const End end = test_with(kind, on, 100.0);
+      if (end.code == 0) continue;
+      EXPECT_EQ(test_with(kind, on, end.measure * (1.0 + 1e-6)).code, on.code);
+      EXPECT_EQ(test_with(kind, on, end.measure * (1.0 - 1e-6)).code, 0);
     }
   }
 }
 
-// Whatever service of the report fails, the run's answer stays and every table is given back.
-TEST_F(Reports, FailuresOfTheReportDoNotTouchTheRun) {
+// Whatever service of the report fails, one line of the log says so and the table is closed once.
+TEST_F(Reports, AFailedServiceCostsOneTable) {
   bool struck = true;
-  for (long k = 0; struck && k < 2000; ++k) {
+  for (long k = 0; struck && k < 1000; ++k) {
     Solved run;
     deliver(run);
-    run.agtl = run.cold = 1.0;
-    const std::size_t objects = task.frame().reports.size();
     embed::plan_fault(task, embed::Fault::report, k);
     pritech(&run);
     znlppre(&run, -3, 1);
-    run.nabc = 0, run.nalc = 0;
-    EXPECT_EQ(znlptrm(&run, 10), 3);
-    run.nitr = 1.0;
-    EXPECT_EQ(znlptrm(&run, 1), 6);
-    znlpptm(&run, 3, 0);
-    EXPECT_EQ(run.ithis, nullptr);
     struck = !embed::fault_pending(task, embed::Fault::report);
     embed::clear_faults(task);
-    EXPECT_EQ(std::count_if(task.log.begin(), task.log.end(),
-                            [](const LogRecord& line) { return line.severity == Severity::error; }),
-              struck ? 1 : 0)
-        << k;
-    // At most the one table whose close was refused is left to the end of the call.
-    EXPECT_LE(task.frame().reports.size(), objects + 1) << k;
+    EXPECT_EQ(task.log.size(), struck ? 1U : 0U) << k;
   }
   EXPECT_FALSE(struck);
 }

@@ -20,23 +20,12 @@ constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 // value of its own, so that a mixed-up measure shows.
 struct Iterated : TestRecord {
   Iterated(int technique, int squares = 0, int nonlinear = 0) : TestRecord(2, technique) {
-    lsqu = squares;
-    nlicon = nonlinear;
-    cold = 2.0;
-    crit = 1.0;
-    gmax = 1.0;
-    gmlf = 2.0;
-    pred = -1.0;
-    gihg = 3.0;
-    rhor = 4.0;
-    gcri = 5.0;
-    alfa = 7.0;
-    x[0] = xold[0] = 1.0;
-    x[1] = 2.0;
-    xold[1] = 5.0;
+    lsqu = squares, nlicon = nonlinear;
+    nitr = 1.0, nfct = 1;
+    cold = 2.0, crit = 1.0;
+    gmax = 1.0, gmlf = 2.0, pred = -1.0, gihg = 3.0, rhor = 4.0, gcri = 5.0, alfa = 7.0;
+    x[0] = xold[0] = 1.0, x[1] = 2.0, xold[1] = 5.0;
     aftl = ftol = fto2 = axtl = xtol = agtl = gtol = gto2 = 0.0;
-    nitr = 1.0;
-    nfct = 1;
     // The analysis that follows a failed evaluation finds no point that can be evaluated.
     f = [](const double*) { return MISSING; };
     with_callbacks();
@@ -46,39 +35,29 @@ struct Iterated : TestRecord {
 struct Host {
   embed::Task task;
   embed::Activation active{task};
-  bool logged(int number) const {
-    for (const LogRecord& line : task.log) {
-      if (line.group == OPTIMIZATION && line.number == number) return true;
-    }
-    return false;
-  }
 };
-
-struct Row {
-  int tech, lsqu, nlicon, job;
-  double MINSTR::*tolerance;
-  double measured;  // the least tolerance that meets the criterion
-  int code;
-};
-
-const Row CRITERION_ROWS[] = {
-    {4, 0, 0, 1, &MINSTR::atol, 1.0, 1},  {4, 0, 0, 10, &MINSTR::atol, 1.0, 1},
-    {11, 0, 1, 1, &MINSTR::atol, 1.0, 1}, {4, 0, 0, 1, &MINSTR::aftl, 1.0, 2},
-    {14, 0, 0, 2, &MINSTR::aftl, 1.0, 2}, {4, 0, 0, 1, &MINSTR::agtl, 1.0, 3},
-    {4, 0, 0, 10, &MINSTR::agtl, 1.0, 3}, {11, 0, 1, 1, &MINSTR::agtl, 2.0, 3},
-    {4, 0, 0, 1, &MINSTR::axtl, 3.0, 4},  {15, 0, 0, 1, &MINSTR::axtl, 1.0, 4},
-    {14, 0, 1, 1, &MINSTR::axtl, 4.0, 4}, {4, 0, 0, 1, &MINSTR::ftol, 0.5, 5},
-    {14, 0, 0, 1, &MINSTR::ftol, 0.5, 5}, {4, 0, 0, 1, &MINSTR::gtol, 0.5, 6},
-    {8, 1, 0, 1, &MINSTR::gtol, 1.5, 6},  {13, 0, 0, 1, &MINSTR::gtol, 2.5, 6},
-    {11, 0, 1, 1, &MINSTR::gtol, 1.0, 6}, {4, 0, 0, 1, &MINSTR::xtol, 0.6, 7},
-    {14, 0, 0, 1, &MINSTR::xtol, 0.6, 7}, {4, 1, 0, 1, &MINSTR::fto2, 0.5, 8},
-    {8, 1, 0, 1, &MINSTR::fto2, 1.5, 8},  {14, 0, 0, 1, &MINSTR::fto2, 1.0, 8},
-    {11, 0, 1, 1, &MINSTR::fto2, 1.0, 8}, {4, 1, 0, 1, &MINSTR::gto2, 5.0, 9}};
 
 // Every criterion is met at its tolerance exactly, and by nothing less.
 TEST(Termination, EveryCriterionAlone) {
+  const struct {
+    int tech, lsqu, nlicon, job;
+    double MINSTR::*tolerance;
+    double measured;  // the least tolerance that meets the criterion
+    int code;
+  } rows[] = {{4, 0, 0, 1, &MINSTR::atol, 1.0, 1},  {4, 0, 0, 10, &MINSTR::atol, 1.0, 1},
+              {11, 0, 1, 1, &MINSTR::atol, 1.0, 1}, {4, 0, 0, 1, &MINSTR::aftl, 1.0, 2},
+              {14, 0, 0, 2, &MINSTR::aftl, 1.0, 2}, {4, 0, 0, 1, &MINSTR::agtl, 1.0, 3},
+              {4, 0, 0, 10, &MINSTR::agtl, 1.0, 3}, {11, 0, 1, 1, &MINSTR::agtl, 2.0, 3},
+              {4, 0, 0, 1, &MINSTR::axtl, 3.0, 4},  {15, 0, 0, 1, &MINSTR::axtl, 1.0, 4},
+              {14, 0, 1, 1, &MINSTR::axtl, 4.0, 4}, {4, 0, 0, 1, &MINSTR::ftol, 0.5, 5},
+              {14, 0, 0, 1, &MINSTR::ftol, 0.5, 5}, {4, 0, 0, 1, &MINSTR::gtol, 0.5, 6},
+              {8, 1, 0, 1, &MINSTR::gtol, 1.5, 6},  {13, 0, 0, 1, &MINSTR::gtol, 2.5, 6},
+              {11, 0, 1, 1, &MINSTR::gtol, 1.0, 6}, {4, 0, 0, 1, &MINSTR::xtol, 0.6, 7},
+              {14, 0, 0, 1, &MINSTR::xtol, 0.6, 7}, {4, 1, 0, 1, &MINSTR::fto2, 0.5, 8},
+              {8, 1, 0, 1, &MINSTR::fto2, 1.5, 8},  {14, 0, 0, 1, &MINSTR::fto2, 1.0, 8},
+              {11, 0, 1, 1, &MINSTR::fto2, 1.0, 8}, {4, 1, 0, 1, &MINSTR::gto2, 5.0, 9}};
   Host host;
-  for (const Row& row : CRITERION_ROWS) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << "code " << row.code << " technique " << row.tech);
     Iterated run(row.tech, row.lsqu, row.nlicon);
     run.*row.tolerance = row.measured;
@@ -92,41 +71,19 @@ TEST(Termination, EveryCriterionAlone) {
   }
 }
 
-// Tolerances that do not belong to a technique or to the start cannot stop it.
-TEST(Termination, CriteriaThatDoNotApply) {
-  using S = MINSTR;
-  struct Off {
-    int tech, lsqu, nlicon, job;
-    std::vector<double S::*> tolerances;
-  };
-  const Off rows[] = {
-      {4, 0, 0, 1, {&S::fto2, &S::gto2}},  // only for least squares
-      {12, 1, 0, 1, {&S::gto2}},           // techniques 2 to 8 alone
-      {14, 0, 0, 1, {&S::agtl, &S::gtol, &S::gto2}},
-      {14, 0, 0, 10, {&S::aftl, &S::axtl, &S::xtol, &S::ftol, &S::fto2}},
-      {14, 0, 1, 1, {&S::aftl, &S::xtol, &S::ftol, &S::fto2, &S::agtl}},
-      {11, 0, 1, 1, {&S::aftl, &S::axtl, &S::xtol, &S::ftol, &S::gto2}},
-      {8, 1, 0, 10, {&S::aftl, &S::axtl, &S::xtol, &S::ftol, &S::gtol, &S::fto2, &S::gto2}}};
-  Host host;
-  for (const Off& off : rows) {
-    Iterated run(off.tech, off.lsqu, off.nlicon);
-    for (const auto tolerance : off.tolerances) run.*tolerance = 1e6;
-    EXPECT_EQ(znlptrm(&run, off.job), 0) << "technique " << off.tech << " job " << off.job;
-  }
-}
+// Criteria that are not judged at the start. (The summaries of reports show which ones belong to a
+// technique, and that the test agrees.)
+void loosen(MINSTR& s) { s.aftl = s.axtl = s.xtol = s.ftol = s.gtol = s.fto2 = s.gto2 = 1e6; }
 
-struct StopRow {
+const struct {
   const char* name;
   int tech;
   int job;
   std::function<void(MINSTR&)> change;
   int code;
-};
-
-const StopRow STOP_ROWS[] = {
+} STOP_ROWS[] = {
     {"objective rose", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.agtl = 9.0; }, -5},
     {"rose within aftl", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.aftl = 1.0; }, 5},
-    {"rose, before mini", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.mini = 9; }, -5},
     {"simplex rose", 14, 1, [](MINSTR& s) { s.crit = 3.0; }, -5},
     {"rose, below the level", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.atol = 3.0; }, 1},
     {"level before mini", 4, 1, [](MINSTR& s) { s.atol = 1.0, s.mini = 9; }, 1},
@@ -135,6 +92,9 @@ const StopRow STOP_ROWS[] = {
     {"a later criterion wins", 4, 1, [](MINSTR& s) { s.agtl = 1.0, s.xtol = 1.0; }, 7},
     {"vertex", 4, 1, [](MINSTR& s) { s.nabc = s.nalc = 1; }, 10},
     {"vertex, limits alone", 4, 0, [](MINSTR& s) { s.nabc = 2; }, 10},
+    {"step criteria at the start", 4, 10, loosen, 0},
+    {"of squares at the start", 8, 10, [](MINSTR& s) { s.lsqu = 1, loosen(s); }, 0},
+    {"of a simplex at the start", 14, 10, loosen, 0},
     {"vertex at the start", 4, 10, [](MINSTR& s) { s.nabc = 2; }, 0},
     {"vertex of a failed run", 4, -4, [](MINSTR& s) { s.nabc = 2; }, 10},
     {"vertex, evaluation failed", 4, 1, [](MINSTR& s) { s.nabc = 2, s.tbig = 1.0; }, 10},
@@ -168,12 +128,12 @@ const StopRow STOP_ROWS[] = {
 
 TEST(Termination, EveryOtherEnd) {
   Host host;
-  for (const StopRow& row : STOP_ROWS) {
+  for (const auto& row : STOP_ROWS) {
     Iterated run(row.tech);
     row.change(run);
-    const double purpose = run.indf = IN_RUN;
+    run.indf = IN_RUN;
     EXPECT_EQ(znlptrm(&run, row.job), row.code) << row.name;
-    EXPECT_EQ(run.indf, purpose) << row.name;
+    EXPECT_EQ(run.indf, IN_RUN) << row.name;
   }
 }
 
@@ -195,8 +155,9 @@ TEST(Termination, NaNNeverConverges) {
   Host host;
   for (const int technique : {4, 8, 13, 14}) {
     for (const int nonlinear : {0, 1}) {
-      Iterated run(technique, technique == 8 ? 1 : 0, nonlinear);
-      run.aftl = run.ftol = run.fto2 = run.axtl = run.xtol = run.agtl = run.gtol = run.gto2 = 1.0;
+      Iterated run(technique, technique == 8, nonlinear);
+      loosen(run);
+      run.agtl = 1.0;
       run.crit = run.gmax = run.gmlf = run.pred = run.gihg = run.gcri = run.alfa = run.rhor =
           run.x[0] = NOT_A_NUMBER;
       EXPECT_EQ(znlptrm(&run, 1), 0) << technique << " " << nonlinear;
@@ -216,8 +177,8 @@ TEST(Termination, WarnsOfAnUnboundedObjectiveAndGoesOn) {
     EXPECT_EQ(znlptrm(&run, 10), 0);
     EXPECT_TRUE(host.task.log.empty());
     EXPECT_EQ(znlptrm(&run, 1), 0);
-    EXPECT_TRUE(host.logged(40 + maximize));
-    EXPECT_FALSE(host.logged(41 - maximize));
+    ASSERT_EQ(host.task.log.size(), 1U);
+    EXPECT_EQ(host.task.log[0].number, 40 + maximize);
   }
 }
 
