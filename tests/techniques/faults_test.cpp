@@ -212,7 +212,9 @@ TEST_P(Faults, OfModules) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Walk, Faults, testing::ValuesIn(calls()));
+INSTANTIATE_TEST_SUITE_P(Walk, Faults, testing::ValuesIn(calls()), [](const auto& call) {
+  return call.param.subroutine + std::to_string(call.index);
+});
 
 // ---- Objectives of no use -----------------------------------------------------------------------
 
