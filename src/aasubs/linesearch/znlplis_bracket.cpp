@@ -41,6 +41,10 @@ static constexpr double LEAST_FRACTION = 0.2;    // between a steep step and one
 static constexpr double LARGEST_FRACTION = 0.8;  // ... and its upper end,
 static constexpr double CLOSED_FRACTION = 0.6;   // and when the two are all but the same
 
+// Steps of a fifth towards a failed evaluation leave a tenth of the way to it. A function that
+// still falls there is left to the next search: it may fall up to the edge of its domain.
+static constexpr int MOST_APPROACHES = 10;
+
 namespace {
 
 // What a method decides after a trial.
@@ -62,12 +66,13 @@ struct Bracket {
   bool has_value = false;    // at.f, and x with crit, are those of the trial
   bool has_slope = false;    // at.gs too
   Sample low;
-  Sample high;        // f missing or gs 0 where not known
-  double dalf = 0.0;  // method 1
-  double dalo = 0.0;  // method 1
-  double amin = 0.0;  // best step met, 0 none
-  double minf = 0.0;  // value there
-  int nit = 0;        // flat trials: the value did not change at all
+  Sample high;         // f missing or gs 0 where not known
+  double dalf = 0.0;   // method 1
+  double dalo = 0.0;   // method 1
+  double amin = 0.0;   // best step met, 0 none
+  double minf = 0.0;   // value there
+  int nit = 0;         // flat trials: the value did not change at all
+  int approaches = 0;  // trials towards an end that could not be evaluated
 };
 
 using Step = Verdict (*)(MINSTR* str, Bracket& b);
@@ -267,6 +272,7 @@ static Verdict extend_bracket(MINSTR* str, Bracket& b, bool always_cubic) {
   if (str->ssin <= b.at.alfa) return Verdict::accept;
   if (at_limit(b.search, b.at.alfa)) return best_or(b, Verdict::rescue);
   const double d = b.high.alfa - b.at.alfa;
+  if (d > 0.0 && wzmis(b.high.f) && ++b.approaches > MOST_APPROACHES) return Verdict::accept;
   double increment = 0.0;
   if (!(d > 0.0)) {
     increment = quadratic_extension(b.search, b.at, EXTENSION * b.at.alfa);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -219,6 +220,20 @@ TEST(LineSearch, EndsAtTheAccuracyOfTheFunction) {
 }
 
 // Method 2 calls no gradient at a trial that is too long; methods 6 and 8 need none.
+// A point that failed once is no wall: the way to it must not cost a hundred trials.
+TEST(LineSearch, GivesUpTheWayToAPointThatFailed) {
+  for (const int method : {2, 3}) {
+    const auto calls = std::make_shared<int>(0);
+    const auto fails_once = [calls](double t) {
+      return t > 0.0 && ++*calls == 1 ? NOT_A_NUMBER : -t;
+    };
+    Line line({"fails once", fails_once, minus_one});
+    EXPECT_EQ(line.search(method), 0);
+    EXPECT_EQ(line.trials.size(), 12);
+    EXPECT_GT(line.record.alfa, 0.6);
+  }
+}
+
 TEST(LineSearch, CallsFewGradients) {
   for (const int method : {2, 6, 8}) {
     Line line(parabola(method == 2 ? 0.3 : 5.0));
