@@ -57,7 +57,8 @@ enum class Next {
 
 // What the trials of one iteration, and the iterations of one run, share.
 struct RidgeRun {
-  bool user_hessian = true;        // load: false takes the identity for one restart
+  bool moved = false;        // a step was taken since the last start: a restart begins elsewhere
+  bool user_hessian = true;  // load: false takes the identity for one restart
   double rmin = FIRST_HELD_RIDGE;  // smallest ridge worth holding; only ever falls
   double low = 0.0;                // rid1: largest ridge of this iteration known too small
   double high = MISSING;           // rid2: a ridge known too large
@@ -148,21 +149,21 @@ static bool scale_is_unit(const MINSTR* str) {
 // Projects gradient and Hessian into the free subspace, scales them and brings the matrix to
 // tridiagonal form: q, e in wrk2, the right side -g in gold. Returns the number of diagonal
 // elements that are not positive, also in str->null. Only cells of the tridiagonal diagonal are
-// counted, deliberately: no eigenvalues are computed here.
-static int reduce_problem(MINSTR* str) {
+// counted, deliberately: no eigenvalues are computed here. Without rescale dsca stays as it is.
+static int reduce_problem(MINSTR* str, bool rescale = true) {
   const int form = str->hfrm == 2 ? 2 : 0;
   const bool linear = str->lincon != 0;
   double* matrix = linear ? str->hpro : str->hess;
   const long order = free_dimension(str);
 
-  if (!linear && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
+  if (!linear && rescale && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
   if (str->nabc == str->nvar) {
     str->gmax = str->gcri = 0.0;
     return 0;
   }
   znlphgp(str, 1, form, linear ? str->gpro : str->gold, str->hess, matrix);
   if (order == 0) return 0;
-  if (linear && str->hesc != 0) update_scale(str, 0, order, matrix);
+  if (linear && rescale && str->hesc != 0) update_scale(str, 0, order, matrix);
   znlphs2(str, linear ? 0 : form, str->gold);
 
   double* q = str->wrk2;
@@ -232,7 +233,7 @@ static bool raise_ridge(MINSTR* str, RidgeRun& run, double factor = RAISE) {
 // No ridge helps: back to xold, and either a restart or the end with code.
 static Next give_up_ridge(MINSTR* str, RidgeRun& run, int code) {
   return_to_xold(str);
-  if (str->itre > 0) return Next::restart;
+  if (str->itre > 0 && run.moved) return Next::restart;
   run.ij = code;
   return Next::finish;
 }
@@ -326,7 +327,7 @@ static Next judge_uphill(MINSTR* str, RidgeRun& run) {
   run.low = std::max(run.low, str->ridg);
   if (increase_ridge(str, run, RAISE)) return Next::solve_again;
   return_to_xold(str);
-  return str->itre > 0 ? Next::restart : Next::judge;
+  return str->itre > 0 && run.moved ? Next::restart : Next::judge;
 }
 
 // Ridge between the ends of the bracket; the end of the run when the bracket has closed.
@@ -405,15 +406,14 @@ static bool reload_at_xold(MINSTR* str, const RidgeRun& run) {
   return_to_xold(str);
   int code = 0;  // differences start from the function values, too
   if (!evaluate(str, &code) || call_derivatives(str, run.user_hessian) != 0) return false;
-  --str->itre;  // the scale is that of the iteration that began there
-  reduce_problem(str);
-  ++str->itre;
+  reduce_problem(str, false);  // the scale, in which the ridge is measured, still is that of xold
   return true;
 }
 
 // Derivatives at the accepted point failed: the step from xold is solved again with a larger ridge.
 static Next retreat_from_bad_derivatives(MINSTR* str, RidgeRun& run) {
   const bool usable = raise_ridge(str, run);
+  // A start from the identity keeps it here: the Hessian would be blocked again at once.
   if (usable && reload_at_xold(str, run)) return Next::solve_again;
   run.user_hessian = true;
   if (usable) {
@@ -421,7 +421,7 @@ static Next retreat_from_bad_derivatives(MINSTR* str, RidgeRun& run) {
     return Next::finish;
   }
   return_to_xold(str);
-  if (str->itre >= 2) return Next::restart;
+  if (str->itre >= 2 && run.moved) return Next::restart;
   run.ij = -4;
   return Next::finish;
 }
@@ -449,6 +449,7 @@ static Next accept_trial(MINSTR* str, RidgeRun& run) {
   }
   if (loaded < 0 || str->tbig != 0.0) return retreat_from_bad_derivatives(str, run);
 
+  run.moved = true;
   run.ij = str->uster(str, 1);
   update_ridge(str, run, str->hesc != 0 && scale_is_unit(str) != unit_before);
   run.user_hessian = true;
@@ -500,6 +501,7 @@ static bool load_start(MINSTR* str, RidgeRun& run, bool* first) {
   str->chac = 0;
   str->ridg = 0.0;
   str->itre = 0;
+  run.moved = false;
   if (str->nitr != 0.0) ++str->ires;
   const int loaded = gethes(str, 1, run.user_hessian);
   if (loaded >= 0 && str->tbig == 0.0) return true;
