@@ -190,6 +190,15 @@ static std::string history_number(double value, const HistoryForm& form) {
                                         : scientific(value, form.exponent_decimals);
 }
 
+// A cell as text; numbers by the writer of the column.
+template <class Writer>
+static std::string cell_text(const Cell& cell, Writer number_writer) {
+  if (const double* number = std::get_if<double>(&cell)) return number_writer(*number);
+  if (const long* count = std::get_if<long>(&cell)) return std::to_string(*count);
+  if (const auto* text = std::get_if<std::string>(&cell)) return one_line(*text);
+  return {};
+}
+
 static TextColumn history_column(const Table& table, std::size_t k) {
   TextColumn column;
   const std::string& name = table.columns[k];
@@ -200,10 +209,7 @@ static TextColumn history_column(const Table& table, std::size_t k) {
   column.right = !mark;
   for (const auto& row : table.rows) {
     const Cell& value = cell_at(row, k);
-    std::string cell;
-    if (const double* number = std::get_if<double>(&value)) cell = history_number(*number, form);
-    if (const long* count = std::get_if<long>(&value)) cell = std::to_string(*count);
-    if (const auto* text = std::get_if<std::string>(&value)) cell = one_line(*text);
+    std::string cell = cell_text(value, [&form](double x) { return history_number(x, form); });
     column.cells.push_back(std::move(cell));
   }
   return column;
@@ -224,10 +230,7 @@ static TextColumn text_column(const Table& table, std::size_t k) {
   column.width = width_of(column.header);
   for (const auto& row : table.rows) {
     const Cell& value = cell_at(row, k);
-    std::string cell;
-    if (const double* number = std::get_if<double>(&value)) cell = number_text(*number, form);
-    if (const long* count = std::get_if<long>(&value)) cell = std::to_string(*count);
-    if (const auto* text = std::get_if<std::string>(&value)) cell = one_line(*text);
+    std::string cell = cell_text(value, [&form](double x) { return number_text(x, form); });
     column.width = std::max(column.width, width_of(cell));
     column.cells.push_back(std::move(cell));
   }
