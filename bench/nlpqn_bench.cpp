@@ -25,7 +25,7 @@
 
 namespace tqnlp {
 
-using test::Problem;
+using problems::Problem;
 
 static constexpr long MOST_CALLS = 20000;
 static constexpr double MOST_SECONDS = 20.0;  // a run; only cubic work an iteration comes near
@@ -315,7 +315,7 @@ static void measure_overhead(benchmark::State& state, const Problem& problem,
 // ---- Registration -------------------------------------------------------------------------------
 
 static const std::vector<Problem>& small_problems() {
-  static const std::vector<Problem> all = test::more_garbow_hillstrom();
+  static const std::vector<Problem> all = problems::more_garbow_hillstrom();
   return all;
 }
 
@@ -323,7 +323,7 @@ static const std::vector<Problem>& large_problems() {
   static const std::vector<Problem> all = [] {
     std::vector<Problem> list;
     for (long n : {10, 50, 200, 1000}) {
-      for (Problem& p : test::scalable_problems(n)) {
+      for (Problem& p : problems::scalable_problems(n)) {
         p.name += " " + std::to_string(n);
         list.push_back(std::move(p));
       }

@@ -17,7 +17,7 @@
 #include <cfenv>
 #include <cstring>
 
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "embed/task.h"
 #include "front/tqxnlp.h"
 #include "host/memory.h"

@@ -60,12 +60,6 @@ static bool wants_hessian(const Sizes& s) { return fidi_digit(s.str->fidi, DIGIT
 // The techniques that work with a Hessian: TRUREG, NEWRAP, NRRIDG.
 static bool second_order(const Sizes& s) { return s.str->tech >= 2 && s.str->tech <= 4; }
 
-static constexpr int NEWRAP = 3;
-static constexpr int NRRIDG = 4;
-static constexpr int LEVMAR = 8;
-static constexpr int DBLDOG = 9;
-static constexpr int HYQUAN = 12;
-static constexpr int CONGRA = 13;
 static constexpr int QUADRATIC_SEARCH = 12;  // line search of least squares that keeps func apart
 
 static constexpr long DETERMINANT = 5;  // doubles at the head of the block det
@@ -76,7 +70,7 @@ static constexpr long TERMINATION_COUNTS = 30;
 // headers. A technique whose need grows must grow here too.
 static long technique_work(const MINSTR* str, long n) {
   switch (str->tech) {
-    case 2:
+    case TRUREG:
       return 4 * n;
     case NEWRAP:
       return 2 * n;
@@ -86,8 +80,8 @@ static long technique_work(const MINSTR* str, long n) {
       return std::max(7 * n, str->secstr->igmod != 0 ? str->mequ : 0);
     case DBLDOG:
       return 7 * n;
-    case 10:
-    case 11:
+    case QUANEW:
+    case QUANEW_DUAL:
       return n;
     case HYQUAN:
       return std::max(2 * n, str->secstr->igmod != 0 ? str->mequ : 0);
@@ -218,7 +212,7 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
     {&MINSTR::half,
      [](const Sizes& s) {
-       const bool second_copy = s.str->tech == 2 || s.str->tech == NEWRAP;
+       const bool second_copy = s.str->tech == TRUREG || s.str->tech == NEWRAP;
        return s.nonlinear || second_copy ? 3 * s.packed : 0;
      },
      mark_half},

@@ -11,7 +11,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/termination/znlptrm.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
 #include "host/log.h"

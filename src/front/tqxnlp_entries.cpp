@@ -9,7 +9,7 @@
 #include <iterator>
 #include <span>
 
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
 #include "front/tqxnlp.h"
@@ -50,9 +50,6 @@ struct SubroutineRow {
 }  // namespace
 
 static constexpr long MOST_SPARSE_ROWS = 2147483646;
-static constexpr int DBLDOG = 9;
-static constexpr int QUANEW = 10;
-static constexpr int QUANEW_DUAL = 11;  // QUANEW on the factor, also with nonlinear constraints
 
 // Place values of the digits of fidi.
 static constexpr int GRADIENT_DIGIT = 1;
@@ -163,7 +160,6 @@ static int settle_watchdog(MINSTR* str, long* nonzeros) {
 }
 
 static void set_first_order_callbacks(MINSTR* str) {
-  static constexpr int CONGRA = 13;
   str->usfct = nlpfunc;
   str->usgrd = nlpgrad;
   if (str->load != 0 && str->tech != CONGRA) str->ushes = nlphess;

@@ -9,13 +9,6 @@
 namespace tqnlp {
 
 // Techniques that have defaults of their own.
-static constexpr int LEVMAR = 8;
-static constexpr int DBLDOG = 9;
-static constexpr int HYQUAN = 12;
-static constexpr int CONGRA = 13;
-static constexpr int NMSIMP = 14;
-static constexpr int QUADAS = 16;
-static constexpr int NEWRAP = 3;
 
 static constexpr double INTEGER_LIMIT = 2147483647.0;
 

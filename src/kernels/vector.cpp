@@ -144,4 +144,40 @@ void zvz111(long n, double* z, double alpha, const double* x) {
 
 void zvscl11(long n, double* x, double alpha) { zvz111(n, x, alpha, x); }
 
+double reldx(long n, double xsiz, const double* x, const double* y) {
+  static constexpr double OVERFLOW_GUARD = 0.0001 * HUGE_VALUE;
+  double largest = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double change = std::fabs(x[i] - y[i]);
+    const double size = std::max({std::fabs(x[i]), std::fabs(y[i]), xsiz});
+    double relative = 0.0;
+    if (size > SMALLEST_TOLERANCE) {
+      const bool safe = size >= 1.0 || change <= 1.0 || change <= size * OVERFLOW_GUARD;
+      relative = safe ? change / size : HUGE_VALUE;
+    } else if (change > SMALLEST_TOLERANCE) {
+      relative = HUGE_VALUE;
+    }
+    if (std::isnan(change + relative)) return change + relative;
+    largest = std::max(largest, relative);
+  }
+  return largest;
+}
+
+double xdif(long n, const double* x, const double* y) {
+  // Scaled by the largest change, so that no square overflows or underflows.
+  double largest = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double change = std::fabs(x[i] - y[i]);
+    if (std::isnan(change)) return change;
+    largest = std::max(largest, change);
+  }
+  if (largest == 0.0 || std::isinf(largest)) return largest;
+  double sum = 0.0;
+  for (long i = 0; i < n; ++i) {
+    const double part = (x[i] - y[i]) / largest;
+    sum += part * part;
+  }
+  return largest * std::sqrt(sum);
+}
+
 }  // namespace tqnlp

@@ -35,4 +35,11 @@ void zvxayj1(long n, long inca, double* a, double alpha, const double* b);
 void zvz111(long n, double* z, double alpha, const double* x);
 void zvscl11(long n, double* x, double alpha);
 
+// Largest change between x and y (n elements) relative to max(|x|, |y|, xsiz), guarded against
+// overflow; 0 for n = 0. A NaN element makes the result NaN.
+double reldx(long n, double xsiz, const double* x, const double* y);
+
+// Euclidean norm of x - y; 0 for n = 0.
+double xdif(long n, const double* x, const double* y);
+
 }  // namespace tqnlp

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/termination/znlptrm.h"
 #include "host/log.h"
 
 namespace tqnlp::test {
@@ -185,6 +185,16 @@ TestRecord& TestRecord::with_callbacks() {
   usgrd = g ? call_gradient : nullptr;
   ushes = h ? call_hessian : nullptr;
   return *this;
+}
+
+void install(TestRecord& record, const Problem& problem) {
+  record.f = [&](const double* x) { return problem.value(x); };
+  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
+  record.h = [&](const double* x, double* h) {
+    std::vector<double> g(static_cast<std::size_t>(problem.n));
+    problem.evaluate(x, g.data(), h);
+  };
+  record.with_callbacks().at(problem.start);
 }
 
 }  // namespace tqnlp::test

@@ -7,15 +7,11 @@
 #include <vector>
 
 #include "aasubs/record/minstr.h"
+#include "problems/problem.h"
 
 namespace tqnlp::test {
 
-// One linear constraint a'x (op) b with op 0 equality, 1 at least. Equalities stand first.
-struct LinearRow {
-  std::vector<double> a;
-  int op;
-  double b;
-};
+using namespace problems;
 
 struct TestRecord : MINSTR {
   // All bounds absent, no constraints; technique 4, tolerances and limits at their defaults.
@@ -25,7 +21,8 @@ struct TestRecord : MINSTR {
 
   // Sets both bounds (and the flag bounds); counts nbec, nbic.
   TestRecord& with_bounds(std::vector<double> lower, std::vector<double> upper);
-  // Sets the linear constraints as the calling surface stores them (sparse by rows), opro 1.
+  // Sets the linear constraints (equality or at least) as the calling surface stores them, sparse
+  // by rows, opro 1.
   TestRecord& with_rows(const std::vector<LinearRow>& rows);
   TestRecord& at(const std::vector<double>& point);
 
@@ -48,5 +45,10 @@ struct TestRecord : MINSTR {
   std::vector<std::vector<long>> long_arrays_;
   std::vector<int> status_;
 };
+
+// Gives a record the objective, gradient and Hessian of a problem, which must outlive it, and its
+// standard start.
+void install(TestRecord& record, const Problem& problem);
+void install(TestRecord& record, Problem&& problem) = delete;
 
 }  // namespace tqnlp::test

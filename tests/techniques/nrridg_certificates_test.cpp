@@ -5,8 +5,8 @@
 
 #include <cmath>
 
-#include "aasubs/control/znlpdrv.h"
-#include "problems/problem.h"
+#include "aasubs/driver/znlpdrv.h"
+#include "support/record.h"
 #include "techniques/outcome.h"
 
 namespace tqnlp::test {

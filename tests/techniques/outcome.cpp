@@ -4,6 +4,8 @@
 #include <cmath>
 #include <numeric>
 
+#include "aasubs/record/packed.h"
+
 namespace tqnlp::test {
 
 static double given(const std::vector<double>& bounds, long j) {

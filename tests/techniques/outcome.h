@@ -9,6 +9,8 @@
 
 namespace tqnlp::test {
 
+using namespace problems;
+
 struct Outcome {
   double code = 0;
   std::vector<double> x;

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "problems/problem.h"
+#include "support/record.h"
 #include "techniques/outcome.h"
 
 namespace tqnlp::test {

@@ -32,7 +32,6 @@ static constexpr double LARGEST_CURVATURE = 100.0;
 static constexpr double SCALE_MEMORY = 0.6;
 
 static constexpr int FACTOR_FORM = 2;  // job of znlphpr: hess holds a Cholesky factor
-static constexpr int INVERSE_TECHNIQUE = 10;
 
 // ---- Projection ---------------------------------------------------------------------------------
 
@@ -159,7 +158,7 @@ void znlphgp(MINSTR* str, int job, int hfrm, double* gpro, double* hess, double*
   }
   znlphpr(str, job, 0, hfrm, gpro, hess, hpro);
   znlpgmx(str, 1, gpro);
-  if (str->tech == 16) return;
+  if (str->tech == QUADAS) return;
   const double* matrix = hfrm == 1 && hpro == nullptr ? hess : hpro;
   str->gcri = 0.0;
   // A missing crit, and curvature that vanishes against it, leave the measure at 0.
@@ -312,7 +311,7 @@ static int project_and_factor(MINSTR* str, int load, int hesc, int chol, double*
   if (chol == 0) return 0;
   // The form follows the technique: the update of technique 10 acts on the inverse, those of the
   // others on LDL' (without constraints) or LL'.
-  const bool inverse = str->tech == INVERSE_TECHNIQUE;
+  const bool inverse = str->tech == QUANEW;
   if (load == 0 && frame_of(str) != Frame::full) {
     return factor_diagonal(inverse, chol, order, hess);
   }

@@ -15,12 +15,13 @@
 //   2  factor with the present ridge, direction, its slope; raise the ridge where it is no descent
 //   3  limit the step, search, raise the ridge where nothing is gained
 //   4  take the best step; limits
+#include "aasubs/constraints/znlpfnc.h"
+
 #include <algorithm>
 #include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/post/stop_analysis.h"
 #include "aasubs/record/covstr.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -35,7 +36,6 @@ static constexpr int NO_START = -1;
 static constexpr int LIMIT_REACHED = -3;
 static constexpr int NO_DESCENT = -5;
 
-static constexpr int COBYLA = 14;
 static constexpr double FIRST_RIDGE = 0.0001;
 static constexpr double RAISE = 4.0;
 static constexpr double LONG_STEP = 10.0;           // longest step against max(|x|, 1)
@@ -389,7 +389,7 @@ static void collect_active(MINSTR* str) {
 
 int znlpfnc(MINSTR* str, int job) {
   if (str->bounds == 0 && str->lincon == 0 && str->nlicon == 0) return FEASIBLE;
-  const bool crowded = str->tech == COBYLA;
+  const bool crowded = str->tech == NMSIMP;
   if (!crowded && (str->hess == nullptr || (str->half == nullptr && str->hpro == nullptr))) {
     return NO_START;
   }

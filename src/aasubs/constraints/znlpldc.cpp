@@ -18,7 +18,7 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba1.h"
-#include "aasubs/control/znlppre.h"
+#include "aasubs/reports/znlppre.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "host/process.h"

@@ -14,9 +14,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
 #include "aasubs/derivatives/differences.h"
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/reports/report_tables.h"
 #include "host/log.h"
 #include "kernels/vector.h"
 

@@ -12,11 +12,11 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlppre.h"
 #include "aasubs/derivatives/differences.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/record/covstr.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
 #include "host/log.h"
 #include "host/memory.h"
 #include "kernels/vector.h"

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
 #include "aasubs/derivatives/znlpchd.h"
+#include "aasubs/reports/report_tables.h"
 
 namespace tqnlp {
 

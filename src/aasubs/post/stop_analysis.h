@@ -2,7 +2,7 @@
 // termination test calls them in this order, each only when those before it found nothing:
 //
 //   znlpfnc   (constraints/znlpfnc.cpp)  is the point clearly infeasible, and can it be repaired?
-//   znlpnoi   (derivatives/znlpnoi.cpp)  is there a better point at the distance of the noise?
+//   znlpnoi   (post/znlpnoi.cpp)  is there a better point at the distance of the noise?
 //   znlpdnc   (post/znlpdnc.cpp)         is there a direction of negative curvature?
 //
 // A technique that is told to go on (code 100) loads everything afresh at x. znlpnoi and znlpdnc
@@ -12,6 +12,7 @@
 // a frame it cannot have: they then find nothing.
 #pragma once
 
+#include "aasubs/constraints/znlpfnc.h"
 #include "aasubs/record/minstr.h"
 
 namespace tqnlp {
@@ -53,22 +54,5 @@ int znlpnoi(MINSTR* str, int job);
 // the run has them, xold, sdir, work, gold, iwk; leaves the gradient of the given x in grad, and
 // its largest general violation in cmax. damp, alfa, salf, ider stay.
 int znlpdnc(MINSTR* str, int job);
-
-// znlpfnc: Feasibility of Nonlinear Constraints. Minimizes the sum of squared violations of all
-// constraints, bounds and linear ones included, from x.
-//
-//   job    0: a quick repair, 20 evaluations and 10 iterations; nonzero: 200 and 20
-//   reads  all constraints, ceps, ipre, sing; usnlc (or usfct, when it sets fcon), usjnc
-//
-// Returns  0  x is feasible (statuses, working set and cmax follow)
-//          3  still infeasible, but the largest violation is smaller than it was (these follow too)
-//         -1  no space for the matrices, or the constraints failed at x
-//         -3  the limits are used up, or the Jacobian failed, without a gain
-//         -5  no descent, without a gain
-// With a negative result x is as given. xold holds the given x in every case. Evaluations do not
-// count in nfct beyond what usnlc and usfct count themselves. Uses hess and half (or hpro), gold,
-// sdir; technique 14, whose arrays are all in use, gets memory of its own. grad is kept with a
-// negative result, and is of no use otherwise.
-int znlpfnc(MINSTR* str, int job);
 
 }  // namespace tqnlp

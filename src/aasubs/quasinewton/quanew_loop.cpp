@@ -26,7 +26,7 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/termination/znlptrm.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {

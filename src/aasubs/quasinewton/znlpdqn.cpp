@@ -11,8 +11,8 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
-#include "aasubs/control/znlptrm.h"
 #include "aasubs/quasinewton/quanew_loop.h"
+#include "aasubs/termination/znlptrm.h"
 
 namespace tqnlp {
 

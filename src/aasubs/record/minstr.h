@@ -23,6 +23,7 @@
 #include "aasubs/record/constants.h"
 #include "aasubs/record/missing.h"
 #include "aasubs/record/packed.h"
+#include "aasubs/record/techniques.h"
 
 namespace tqnlp {
 
@@ -83,7 +84,7 @@ struct MINSTR {
   WorkFile* utquad;  // file with the quadratic's matrix when it is not in memory; or null
 
   // ---- Group 2. Technique (input; a technique may adjust nres and dhes) ------------------------
-  int tech;     // technique number, see control/znlpdrv.h
+  int tech;     // technique number, see techniques.h
   int vers;     // version switch of a technique, default 2; technique 16 runs its barrier form at 1
   int tupd;     // update method of quasi-Newton and conjugate-gradient techniques, 1..4
   int hesc;     // rule that scales the Hessian or the trust region: 0 none, 1..3
@@ -358,11 +359,5 @@ inline double feasibility_tolerance(const MINSTR* str, int jeps) {
 // A bound that exists: strictly inside the range of finite doubles.
 constexpr bool lower_exists(double lb) { return lb > -HUGE_VALUE; }
 constexpr bool upper_exists(double ub) { return ub < HUGE_VALUE; }
-
-// Does the technique work in the full orthogonal frame even when no general constraint is active?
-// DBLDOG, both forms of QUANEW, HYQUAN and QUADAS do.
-constexpr bool uses_full_frame(int tech) {
-  return tech == 9 || tech == 10 || tech == 11 || tech == 12 || tech == 16;
-}
 
 }  // namespace tqnlp

@@ -2,7 +2,7 @@
 // to blame, the user's state comes back.
 #include <gtest/gtest.h>
 
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/derivatives/difference_record.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfid.h"

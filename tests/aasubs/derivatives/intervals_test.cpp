@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstdint>
 
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/derivatives/difference_record.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/derivatives/znlpfid.h"

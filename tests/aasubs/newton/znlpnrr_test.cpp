@@ -5,8 +5,8 @@
 #include <cmath>
 #include <functional>
 
-#include "aasubs/control/znlpdrv.h"
-#include "problems/problem.h"
+#include "aasubs/driver/znlpdrv.h"
+#include "support/record.h"
 
 namespace tqnlp::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <random>
 
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
 #include "embed/faults.h"
@@ -17,7 +17,7 @@
 #include "kernels/indefinite.h"
 #include "kernels/matrices.h"
 #include "kernels/zranuni.h"
-#include "problems/problem.h"
+#include "support/record.h"
 
 namespace tqnlp::test {
 namespace {

@@ -5,10 +5,10 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/control/znlpdrv.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
-#include "problems/problem.h"
+#include "support/record.h"
 
 namespace tqnlp::test {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "problems/problem.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 using std::atan;
 using std::cos;
@@ -394,4 +394,4 @@ std::vector<Problem> more_garbow_hillstrom() {
   return all;
 }
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

@@ -21,53 +21,16 @@
 //
 // A stop is not final: it may be analysed (noise of the objective, negative curvature, lost
 // feasibility), and an analysis that finds a better point turns it into 100, go on.
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/termination/znlptrm.h"
 
 #include <algorithm>
 #include <cmath>
 
 #include "aasubs/post/stop_analysis.h"
 #include "host/log.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
-
-// ---- Measures of the step -----------------------------------------------------------------------
-
-double reldx(long n, double xsiz, const double* x, const double* y) {
-  static constexpr double OVERFLOW_GUARD = 0.0001 * HUGE_VALUE;
-  double largest = 0.0;
-  for (long i = 0; i < n; ++i) {
-    const double change = std::fabs(x[i] - y[i]);
-    const double size = std::max({std::fabs(x[i]), std::fabs(y[i]), xsiz});
-    double relative = 0.0;
-    if (size > SMALLEST_TOLERANCE) {
-      const bool safe = size >= 1.0 || change <= 1.0 || change <= size * OVERFLOW_GUARD;
-      relative = safe ? change / size : HUGE_VALUE;
-    } else if (change > SMALLEST_TOLERANCE) {
-      relative = HUGE_VALUE;
-    }
-    if (std::isnan(change + relative)) return change + relative;
-    largest = std::max(largest, relative);
-  }
-  return largest;
-}
-
-double xdif(long n, const double* x, const double* y) {
-  // Scaled by the largest change, so that no square overflows or underflows.
-  double largest = 0.0;
-  for (long i = 0; i < n; ++i) {
-    const double change = std::fabs(x[i] - y[i]);
-    if (std::isnan(change)) return change;
-    largest = std::max(largest, change);
-  }
-  if (largest == 0.0 || std::isinf(largest)) return largest;
-  double sum = 0.0;
-  for (long i = 0; i < n; ++i) {
-    const double part = (x[i] - y[i]) / largest;
-    sum += part * part;
-  }
-  return largest * std::sqrt(sum);
-}
 
 // ---- What the tests compare ---------------------------------------------------------------------
 
@@ -83,10 +46,6 @@ struct Measures {
   double marquardt;    // gi: its Levenberg-Marquardt form
   double feasibility;  // widened feasibility tolerance
 };
-
-static constexpr int CONJUGATE_GRADIENT = 13;
-static constexpr int QUADRATIC_ACTIVE_SET = 16;
-static constexpr int LEVENBERG_MARQUARDT = 8;
 
 static Measures take_measures(const MINSTR* str, int job) {
   const bool start = job == TEST_START;
@@ -146,8 +105,8 @@ static int test_cobyla(MINSTR* str) {
 
 // The measure that GCONV takes depends on the technique.
 static double gradient_measure(const MINSTR* str, const Measures& m) {
-  if (str->tech == CONJUGATE_GRADIENT) return m.newton;
-  return str->tech == LEVENBERG_MARQUARDT ? m.marquardt : m.predicted;
+  if (str->tech == CONGRA) return m.newton;
+  return str->tech == LEVMAR ? m.marquardt : m.predicted;
 }
 
 static int test_descent(MINSTR* str, int job, const Measures& m) {
@@ -163,9 +122,9 @@ static int test_descent(MINSTR* str, int job, const Measures& m) {
   test(str, 6, gradient_measure(str, m) <= m.gtest, &result);
   test(str, 7, reldx(str->nvar, str->xsiz, str->x, str->xold) <= str->xtol, &result);
   if (str->lsqu != 0) {
-    const bool levmar = str->tech == LEVENBERG_MARQUARDT;
+    const bool levmar = str->tech == LEVMAR;
     test(str, 8, (levmar ? m.marquardt : m.predicted) / 2.0 <= str->fto2, &result);
-    if (str->tech >= 2 && str->tech <= 8) test(str, 9, m.newton <= str->gto2, &result);
+    if (str->tech >= TRUREG && str->tech <= LEVMAR) test(str, 9, m.newton <= str->gto2, &result);
   }
   return result;
 }
@@ -189,9 +148,9 @@ static int test_criteria(MINSTR* str, int job, const Measures& m) {
   int result = 0;
   if (str->nlicon == 0) {
     if (m.decrease < -str->aftl) return NO_PROGRESS;
-    result = is_simplex(str) ? test_simplex(str, job, m) : test_descent(str, job, m);
+    result = is_simplex(str->tech) ? test_simplex(str, job, m) : test_descent(str, job, m);
   } else {
-    result = is_simplex(str) ? test_cobyla(str) : test_constrained(str, m);
+    result = is_simplex(str->tech) ? test_cobyla(str) : test_constrained(str, m);
   }
   return str->nitr < static_cast<double>(str->mini) ? 0 : result;
 }
@@ -210,7 +169,7 @@ static int stop_code(const MINSTR* str, int job) {
 
 // Did the working set change in a way that makes the tests of this iteration meaningless?
 static bool working_set_is_moving(const MINSTR* str, const Measures& m) {
-  if (str->tech == QUADRATIC_ACTIVE_SET) return str->chac != 0;
+  if (str->tech == QUADAS) return str->chac != 0;
   return str->chac < 0 && m.decrease > TINY;  // a constraint left, and there was progress
 }
 
@@ -268,8 +227,8 @@ static void raise_digit(MINSTR* str, int k, int forward) {
 static void switch_to_central_differences(MINSTR* str, int job, const Measures& m) {
   static constexpr double LEAST_LIMIT = 1e-6;
   if (str->fidi == 0 || !(str->swfd > 0.0) || job == TEST_START) return;
-  if (is_simplex(str) || str->tech == QUADRATIC_ACTIVE_SET) return;
-  const double gtest = str->tech == LEVENBERG_MARQUARDT ? str->gtol : m.gtest;
+  if (is_simplex(str->tech) || str->tech == QUADAS) return;
+  const double gtest = str->tech == LEVMAR ? str->gtol : m.gtest;
   const double limit = std::max(gtest * str->swfd, LEAST_LIMIT);
   if (m.gradient > str->swfd * str->agtl && m.predicted > limit) return;
   raise_digit(str, 0, 1);
@@ -292,25 +251,25 @@ struct Layout {
 static Layout history_layout(const MINSTR* str) {
   const bool nonlinear = str->nlicon != 0;
   switch (str->tech) {
-    case 2:
+    case TRUREG:
       return {11, 31};
-    case 8:
+    case LEVMAR:
       return {11, 13};
-    case 7:
+    case GAUNEW:
       return {16, 23};
-    case 4:
-    case 5:
-    case 6:
+    case NRRIDG:
+    case NRLINS:
+    case OLDRAP:
       return {16, 18};
-    case 9:
+    case DBLDOG:
       return {11, 15};
-    case 3:
-    case 12:
-    case 13:
-    case 16:
+    case NEWRAP:
+    case HYQUAN:
+    case CONGRA:
+    case QUADAS:
       return {21, 23};
-    case 14:
-    case 15:
+    case NMSIMP:
+    case NMSIM2:
       return nonlinear ? Layout{29, 39} : Layout{26, 28};
     default:  // both forms of QUANEW; VMCWD reports as they do
       return nonlinear ? Layout{37, 38} : Layout{21, 23};

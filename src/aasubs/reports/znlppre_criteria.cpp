@@ -5,13 +5,14 @@
 // driver has evaluated the result once more: the decrease of the last iteration comes from the
 // memory of the history, since cold is the objective of the result by then. The criterion that
 // ended the run is met by definition; the others are compared anew.
-#include "aasubs/control/znlppre_criteria.h"
+#include "aasubs/reports/znlppre_criteria.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/record/stop_codes.h"
+#include "kernels/vector.h"
+#include "aasubs/reports/report_tables.h"
 
 namespace tqnlp {
 
@@ -26,14 +27,14 @@ bool criterion_applies(const MINSTR* str, int code) {
       return !nonlinear;
     case 3:
     case 6:
-      return !is_simplex(str);
+      return !is_simplex(str->tech);
     case 4:
-      return !nonlinear || is_simplex(str);
+      return !nonlinear || is_simplex(str->tech);
     case 8:
-      if (is_simplex(str)) return !nonlinear;
+      if (is_simplex(str->tech)) return !nonlinear;
       return nonlinear || str->lsqu != 0;
     default:
-      return !nonlinear && str->lsqu != 0 && str->tech >= 2 && str->tech <= 8;
+      return !nonlinear && str->lsqu != 0 && str->tech >= TRUREG && str->tech <= LEVMAR;
   }
 }
 
@@ -50,17 +51,15 @@ static double relative_to_objective(const MINSTR* str, double value) {
 
 // The predicted reduction, or what stands for it in a technique.
 static double predicted(const MINSTR* str) {
-  static constexpr int LEVENBERG_MARQUARDT = 8;
-  return str->tech == LEVENBERG_MARQUARDT ? str->gihg : std::fabs(str->pred);
+  return str->tech == LEVMAR ? str->gihg : std::fabs(str->pred);
 }
 
 static double relative_prediction(const MINSTR* str) {
-  static constexpr int CONJUGATE_GRADIENT = 13;
-  return relative_to_objective(str, str->tech == CONJUGATE_GRADIENT ? str->gcri : predicted(str));
+  return relative_to_objective(str, str->tech == CONGRA ? str->gcri : predicted(str));
 }
 
 static double step_measure(const MINSTR* str) {
-  if (!is_simplex(str)) return xdif(str->nvar, str->x, str->xold);
+  if (!is_simplex(str->tech)) return xdif(str->nvar, str->x, str->xold);
   return str->nlicon != 0 ? str->rhor : std::min(str->alfa, str->gmax);
 }
 
@@ -83,7 +82,7 @@ static double measure_of(const MINSTR* str, int code) {
     case 7:
       return reldx(str->nvar, str->xsiz, str->x, str->xold);
     case 8:
-      return predicted(str) / (nonlinear || is_simplex(str) ? 1.0 : 2.0);
+      return predicted(str) / (nonlinear || is_simplex(str->tech) ? 1.0 : 2.0);
     default:
       return str->gcri;
   }

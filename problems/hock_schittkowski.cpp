@@ -8,7 +8,7 @@
 
 #include "problems/problem.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 using std::cos;
 using std::exp;
@@ -335,4 +335,4 @@ std::vector<Problem> hock_schittkowski_linear() {
   return all;
 }
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

@@ -10,8 +10,8 @@
 
 #include <initializer_list>
 
-#include "aasubs/control/report_messages.h"
 #include "aasubs/record/minstr.h"
+#include "aasubs/reports/report_messages.h"
 #include "host/tables.h"
 
 namespace tqnlp {

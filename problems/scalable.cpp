@@ -9,7 +9,7 @@
 
 #include "problems/problem.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 // Each function gives the value, and adds the gradient to g, which is zero, when it is not null.
 // A term f += r^2 adds 2 r dr/dx; these are the terms of one residual and its parts of the
@@ -149,4 +149,4 @@ std::vector<Problem> scalable_problems(long n) {
   return all;
 }
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

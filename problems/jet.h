@@ -5,19 +5,20 @@
 #include <cmath>
 #include <vector>
 
-#include "aasubs/record/packed.h"
-
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 class Jet {
  public:
+  // Length of a packed Hessian: lower triangle by rows, (i, j) with j <= i at hessian_size(i) + j.
+  static constexpr long hessian_size(long n) { return n * (n + 1) / 2; }
+
   Jet(double value = 0.0) : value_(value) {}
 
   // The variable with index i of n, at a value.
   static Jet variable(double value, long i, long n) {
     Jet jet(value);
     jet.n_ = n;
-    jet.d_.assign(static_cast<std::size_t>(n + packed_size(n)), 0.0);
+    jet.d_.assign(static_cast<std::size_t>(n + hessian_size(n)), 0.0);
     jet.d_[static_cast<std::size_t>(i)] = 1.0;
     return jet;
   }
@@ -81,7 +82,7 @@ class Jet {
     if (factor == 0.0) return;
     for (long i = 0; i < n_; ++i) {
       for (long j = 0; j <= i; ++j) {
-        d_[static_cast<std::size_t>(n_ + packed_size(i) + j)] +=
+        d_[static_cast<std::size_t>(n_ + hessian_size(i) + j)] +=
             factor * share * (a.gradient(i) * b.gradient(j) + b.gradient(i) * a.gradient(j));
       }
     }
@@ -123,4 +124,4 @@ inline Jet pow(const Jet& a, const Jet& b) { return exp(b * log(a)); }
 inline double value_of(double x) { return x; }
 inline double value_of(const Jet& x) { return x.value(); }
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

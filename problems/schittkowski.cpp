@@ -8,7 +8,7 @@
 
 #include "problems/problem.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 using std::exp;
 using std::pow;
@@ -244,4 +244,4 @@ std::vector<Problem> schittkowski_linear() {
   return all;
 }
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

@@ -6,9 +6,10 @@
 #include <limits>
 #include <vector>
 
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/termination/znlptrm.h"
 #include "embed/task.h"
 #include "host/log.h"
+#include "kernels/vector.h"
 #include "support/record.h"
 
 namespace tqnlp::test {

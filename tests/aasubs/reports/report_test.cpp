@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "aasubs/control/znlppre.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/reports/znlppre.h"
+#include "aasubs/termination/znlptrm.h"
 #include "aasubs/record/covstr.h"
 #include "embed/messages.h"
 #include "embed/task.h"

@@ -13,15 +13,15 @@
 #include <cmath>
 #include <iterator>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlppre.h"
-#include "aasubs/control/znlppre_criteria.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/record/stop_codes.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
+#include "aasubs/reports/znlppre_criteria.h"
 
 namespace tqnlp {
 
 static bool is_sequential_quadratic(const MINSTR* str) {
-  return str->tech == 11 && str->nlicon != 0;
+  return str->tech == QUANEW_DUAL && str->nlicon != 0;
 }
 
 // ---- Limits and criteria ------------------------------------------------------------------------
@@ -31,7 +31,7 @@ static bool is_sequential_quadratic(const MINSTR* str) {
 static double default_tolerance(const MINSTR* str, int code) {
   static constexpr double LN_10 = 2.302585092994046;
   static constexpr double FCONV_WITHOUT_DIGITS = 2.2204460492503141e-16;
-  const bool simplex = is_simplex(str);
+  const bool simplex = is_simplex(str->tech);
   const bool nonlinear = str->nlicon != 0;
   switch (code) {
     case 1:
@@ -89,10 +89,10 @@ static void write_options(MINSTR* str) {
 // turn the simplex into COBYLA and quasi-Newton into sequential quadratic programming.
 static int technique_word(const MINSTR* str) {
   static constexpr int MONOTONE_OR_BARRIER = 1;
-  if (str->tech == 14 && str->nlicon != 0) return WORD_TECHNIQUE_COBYLA;
+  if (str->tech == NMSIMP && str->nlicon != 0) return WORD_TECHNIQUE_COBYLA;
   if (is_sequential_quadratic(str)) return WORD_TECHNIQUE_SQP;
-  if (str->tech == 16 && str->vers == MONOTONE_OR_BARRIER) return WORD_TECHNIQUE_BARRIER;
-  const bool known = (str->tech >= 1 && str->tech <= 16) || str->tech == 21;
+  if (str->tech == QUADAS && str->vers == MONOTONE_OR_BARRIER) return WORD_TECHNIQUE_BARRIER;
+  const bool known = (str->tech >= 1 && str->tech <= 16) || str->tech == VMCWD;
   return WORD_TECHNIQUE + (known ? str->tech : 1);
 }
 
@@ -101,13 +101,13 @@ static int technique_word(const MINSTR* str) {
 static int update_word(const MINSTR* str) {
   static constexpr int CONJUGATE_RULES = 4;
   switch (str->tech) {
-    case 9:
-    case 11:
-    case 12:
+    case DBLDOG:
+    case QUANEW_DUAL:
+    case HYQUAN:
       return WORD_UPDATE + (str->tupd == 2 ? 2 : 1);
-    case 10:
+    case QUANEW:
       return WORD_UPDATE_OF_INVERSE + (str->tupd == 2 ? 2 : 1);
-    case 13:
+    case CONGRA:
       return WORD_CONJUGATE_DIRECTION + std::clamp(str->tupd, 1, CONJUGATE_RULES);
     default:
       return 0;
@@ -117,13 +117,13 @@ static int update_word(const MINSTR* str) {
 // The version switch chooses the merit rule of the sequential quadratic method and the choice of
 // the matrix in HYQUAN; elsewhere the name of the technique says all.
 static bool version_matters(const MINSTR* str) {
-  return is_sequential_quadratic(str) || str->tech == 12;
+  return is_sequential_quadratic(str) || str->tech == HYQUAN;
 }
 
 // The sequential quadratic method has a line search of its own on the merit function, which tlin
 // does not choose.
 static bool uses_line_search(const MINSTR* str) {
-  static constexpr int WITH_LINE_SEARCH[] = {3, 10, 11, 12, 13};
+  static constexpr int WITH_LINE_SEARCH[] = {NEWRAP, QUANEW, QUANEW_DUAL, HYQUAN, CONGRA};
   return !is_sequential_quadratic(str) &&
          std::find(std::begin(WITH_LINE_SEARCH), std::end(WITH_LINE_SEARCH), str->tech) !=
              std::end(WITH_LINE_SEARCH);
@@ -133,7 +133,7 @@ static int line_search_word(const MINSTR* str) {
   static constexpr int DEFAULT_METHOD = 2;  // also what any number without a method selects
   static constexpr int LAST_METHOD = 8;
   static constexpr int OF_RESIDUALS = 12;
-  if (str->tlin == OF_RESIDUALS && str->tech == 12) return WORD_LINE_SEARCH + OF_RESIDUALS;
+  if (str->tlin == OF_RESIDUALS && str->tech == HYQUAN) return WORD_LINE_SEARCH + OF_RESIDUALS;
   const bool known = str->tlin >= 1 && str->tlin <= LAST_METHOD;
   return WORD_LINE_SEARCH + (known ? str->tlin : DEFAULT_METHOD);
 }

@@ -4,7 +4,7 @@
 // keep_if, which closes the table when that failed. A text that a cell shows is made first, by the
 // host too (it knows the messages), and counts as part of the operation. Cells are records of fixed
 // size that live on the stack of who writes them: the host reads them while the row is added.
-#include "aasubs/control/report_tables.h"
+#include "aasubs/reports/report_tables.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,5 @@
-// The library of published problems that many tests share.
+// The collection of published problems that tests and benchmarks share. It depends on the standard
+// library alone.
 #pragma once
 
 #include <functional>
@@ -7,11 +8,17 @@
 #include <vector>
 
 #include "problems/jet.h"
-#include "support/record.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 inline constexpr double NONE = std::numeric_limits<double>::infinity();  // an absent bound
+
+// One linear constraint a'x (op) b: op 0 equality, 1 at least, -1 at most. Equalities stand first.
+struct LinearRow {
+  std::vector<double> a;
+  int op;
+  double b;
+};
 
 struct Problem {
   std::string name;
@@ -27,8 +34,7 @@ struct Problem {
   long m = 0;
   std::function<void(const double* x, double* r)> residuals;
   std::function<void(const Jet* x, Jet* r)> residual_jets;
-  // Bounds (empty: none; NONE and -NONE absent) and linear rows, op 0 equality, 1 at least, -1 at
-  // most.
+  // Bounds (empty: none; NONE and -NONE absent) and linear rows.
   std::vector<double> lower;
   std::vector<double> upper;
   std::vector<LinearRow> rows;
@@ -40,11 +46,6 @@ struct Problem {
     return evaluate(x, gradient, nullptr);
   }
 };
-
-// Gives a record the objective, gradient and Hessian of a problem, which must outlive it, and its
-// standard start.
-void install(TestRecord& record, const Problem& problem);
-void install(TestRecord& record, Problem&& problem) = delete;
 
 // A problem whose objective is a generic callable f(x), x an array of numbers or jets.
 template <typename F>
@@ -115,4 +116,4 @@ std::vector<Problem> problem_library();
 // rounded down to a multiple of 2, 3 or 4 where a problem asks for that.
 std::vector<Problem> scalable_problems(long n);
 
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

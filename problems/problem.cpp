@@ -1,6 +1,6 @@
 #include "problems/problem.h"
 
-namespace tqnlp::test {
+namespace tqnlp::problems {
 
 double Problem::evaluate(const double* x, double* gradient, double* hessian) const {
   if (by_hand && hessian == nullptr) return by_hand(x, gradient);
@@ -8,7 +8,7 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
   const Jet result = jet(point.data());
   for (long i = 0; gradient != nullptr && i < n; ++i) gradient[i] = result.gradient(i);
-  for (long k = 0; hessian != nullptr && k < packed_size(n); ++k) hessian[k] = result.hessian(k);
+  for (long k = 0; hessian != nullptr && k < Jet::hessian_size(n); ++k) hessian[k] = result.hessian(k);
   return result.value();
 }
 
@@ -27,14 +27,4 @@ std::vector<Problem> problem_library() {
   return all;
 }
 
-void install(TestRecord& record, const Problem& problem) {
-  record.f = [&](const double* x) { return problem.value(x); };
-  record.g = [&](const double* x, double* g) { problem.evaluate(x, g); };
-  record.h = [&](const double* x, double* h) {
-    std::vector<double> g(static_cast<std::size_t>(problem.n));
-    problem.evaluate(x, g.data(), h);
-  };
-  record.with_callbacks().at(problem.start);
-}
-
-}  // namespace tqnlp::test
+}  // namespace tqnlp::problems

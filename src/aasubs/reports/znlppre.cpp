@@ -13,14 +13,14 @@
 // leaves its cell empty. A title text stands in the first row only (HeadText). Siblings:
 // znlppre_problem (pritech), znlppre_constraints (pricon and its family, prinlc), znlppre_stop
 // (znlpptm), znlppre_matrix (znlppmt).
-#include "aasubs/control/znlppre.h"
+#include "aasubs/reports/znlppre.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
-#include "aasubs/control/report_tables.h"
 #include "aasubs/record/covstr.h"
+#include "aasubs/reports/report_tables.h"
 
 namespace tqnlp {
 

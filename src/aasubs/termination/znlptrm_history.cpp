@@ -14,10 +14,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlppre.h"
-#include "aasubs/control/znlppre_criteria.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
+#include "aasubs/reports/znlppre_criteria.h"
+#include "aasubs/termination/znlptrm.h"
 #include "host/log.h"
 #include "host/memory.h"
 
@@ -167,7 +167,7 @@ static void mark_matrix(MINSTR* str, int job1) {
     if (str->null == 3) set_mark(str->T_ac1, "'");
     return;
   }
-  if (job1 == 26 || job1 == 29 || str->tech == 13) return;  // these keep no matrix
+  if (job1 == 26 || job1 == 29 || str->tech == CONGRA) return;  // these keep no matrix
   if (str->null >= 1) set_mark(str->T_ac1, "*");
 }
 

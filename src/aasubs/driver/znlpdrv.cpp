@@ -5,8 +5,8 @@
 // solution once more and writes the final reports. The driver holds no state and allocates nothing;
 // an array that could not be computed is filled with the missing value, every failure is a code.
 //
-// Also here: the table of techniques, and znlpmer, the math-error trap.
-#include "aasubs/control/znlpdrv.h"
+// Also here: which code runs under which technique number, and znlpmer, the math-error trap.
+#include "aasubs/driver/znlpdrv.h"
 
 #include <algorithm>
 #include <cmath>
@@ -15,8 +15,6 @@
 
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/control/znlppre.h"
-#include "aasubs/control/znlptrm.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/newton/znlpnrr.h"
@@ -24,6 +22,8 @@
 #include "aasubs/quasinewton/znlpdqn.h"
 #include "aasubs/quasinewton/znlpqun.h"
 #include "aasubs/record/covstr.h"
+#include "aasubs/reports/znlppre.h"
+#include "aasubs/termination/znlptrm.h"
 #include "host/language.h"
 #include "host/log.h"
 
@@ -31,53 +31,27 @@ namespace tqnlp {
 
 // ---- Techniques ---------------------------------------------------------------------------------
 
-struct Technique {
-  int tech;
-  const char* name;  // eight characters, padded with blanks
-  Callback run;      // null: no such technique runs here
-};
-
-static constexpr int TECHNIQUE_NONE = 1;
-static constexpr int TECHNIQUE_DUAL_QUANEW = 11;
-static constexpr int TECHNIQUE_OLDRAP = 6;  // has a name and no code: ends with code 0
-
-static constexpr Technique TECHNIQUES[] = {
-    {TECHNIQUE_NONE, "NONE    ", nullptr},
-    {2, "TRUREG  ", nullptr},
-    {3, "NEWRAP  ", nullptr},
-    {4, "NRRIDG  ", znlpnrr},
-    {5, "NRLINS  ", nullptr},
-    {TECHNIQUE_OLDRAP, "OLDRAP  ", nullptr},
-    {7, "GAUNEW  ", nullptr},
-    {8, "LEVMAR  ", nullptr},
-    {9, "DBLDOG  ", nullptr},
-    {10, "QUANEW  ", znlpqun},
-    {TECHNIQUE_DUAL_QUANEW, "QUANEW  ", znlpdqn},
-    {12, "HYQUAN  ", nullptr},
-    {13, "CONGRA  ", nullptr},
-    {14, "NMSIMP  ", nullptr},
-    {15, "NMSIM2  ", nullptr},
-    {16, "QUADAS  ", nullptr},
-    {21, "VMCWD   ", nullptr},
-};
-
-static const Technique* find_technique(int tech) {
-  const auto* found = std::find_if(std::begin(TECHNIQUES), std::end(TECHNIQUES),
-                                   [tech](const Technique& t) { return t.tech == tech; });
-  return found == std::end(TECHNIQUES) ? nullptr : found;
-}
-
-const char* technique_name(int tech) {
-  const Technique* technique = find_technique(tech);
-  return technique != nullptr ? technique->name : "UNKNOWN ";
+// The code of a technique; null for those that are not built, and for the two numbers of the list
+// that stand for no code at all.
+static Callback technique_code(int tech) {
+  switch (tech) {
+    case NRRIDG:
+      return znlpnrr;
+    case QUANEW:
+      return znlpqun;
+    case QUANEW_DUAL:
+      return znlpdqn;
+    default:
+      return nullptr;
+  }
 }
 
 bool technique_is_built(const MINSTR* str) {
   // The form of QUANEW for nonlinear constraints is another technique under the same number.
-  if (str->tech == TECHNIQUE_DUAL_QUANEW && str->nlicon != 0) return false;
-  const Technique* technique = find_technique(str->tech);
-  return technique == nullptr || technique->run != nullptr || str->tech == TECHNIQUE_NONE ||
-         str->tech == TECHNIQUE_OLDRAP;
+  if (str->tech == QUANEW_DUAL && str->nlicon != 0) return false;
+  // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
+  return !is_technique(str->tech) || technique_code(str->tech) != nullptr ||
+         str->tech == NO_TECHNIQUE || str->tech == OLDRAP;
 }
 
 static int run_technique(MINSTR* str) {
@@ -85,8 +59,8 @@ static int run_technique(MINSTR* str) {
     xpslog("Technique %s is not part of this version.", technique_name(str->tech));
     xexit(EXIT_INCONSISTENT, 0);
   }
-  const Technique* technique = find_technique(str->tech);
-  const int code = technique != nullptr && technique->run != nullptr ? technique->run(str) : 0;
+  const Callback technique = technique_code(str->tech);
+  const int code = technique != nullptr ? technique(str) : 0;
   // A technique that was told to start over hands that request back when the derivatives cannot be
   // loaded there. A run must not report it as success.
   return code == STOP_OVERRULED ? -4 : code;
@@ -318,7 +292,7 @@ static int prepare(MINSTR* str, int pfun, int dtst, int ctst) {
 
 // The technique, unless a limit forbids its first iteration.
 static int run_within_limits(MINSTR* str) {
-  if (str->tech == TECHNIQUE_NONE) return 0;
+  if (str->tech == NO_TECHNIQUE) return 0;
   if (str->maxi <= 0.0 || str->maxf <= 0.0) return -8;
   if (str->upti <= 0.0) return -9;
   return run_technique(str);

@@ -21,8 +21,8 @@
 #include <cmath>
 #include <string_view>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlppre.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
 
 namespace tqnlp {
 

@@ -10,11 +10,10 @@
 // job is not 0 for a start without a feasible point: no step was made, and there is no summary.
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlpdrv.h"
-#include "aasubs/control/znlppre.h"
-#include "aasubs/control/znlppre_criteria.h"
-#include "aasubs/control/znlptrm.h"
+#include "aasubs/record/stop_codes.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
+#include "aasubs/reports/znlppre_criteria.h"
 #include "host/log.h"
 
 namespace tqnlp {
@@ -51,30 +50,30 @@ static StopLayout stop_layout(const MINSTR* str) {
   const bool squares = str->lsqu != 0;
   const bool nonlinear = str->nlicon != 0;
   switch (str->tech) {
-    case 2:
+    case TRUREG:
       return squares ? STOP_LEVMAR : STOP_TRUST_REGION;
-    case 8:
+    case LEVMAR:
       return STOP_LEVMAR;
-    case 4:
-    case 5:
-    case 6:
+    case NRRIDG:
+    case NRLINS:
+    case OLDRAP:
       return squares ? STOP_RIDGE_SQUARES : STOP_RIDGE;
-    case 3:
-    case 7:
+    case NEWRAP:
+    case GAUNEW:
       return squares ? STOP_NEWTON_SQUARES : STOP_NEWTON;
-    case 10:
-    case 11:
-    case 21:  // VMCWD reports as QUANEW
+    case QUANEW:
+    case QUANEW_DUAL:
+    case VMCWD:  // VMCWD reports as QUANEW
       return nonlinear ? STOP_SEQUENTIAL : STOP_LINE_SEARCH;
-    case 9:
+    case DBLDOG:
       return STOP_DOGLEG;
-    case 12:
+    case HYQUAN:
       return STOP_HYBRID;
-    case 13:
-    case 16:
+    case CONGRA:
+    case QUADAS:
       return str->opro == RANGE_SPACE ? STOP_RANGE_SPACE : STOP_LINE_SEARCH;
-    case 14:
-    case 15:
+    case NMSIMP:
+    case NMSIM2:
       return nonlinear ? STOP_COBYLA : STOP_SIMPLEX;
     default:
       return STOP_PLAIN;
@@ -195,7 +194,6 @@ static constexpr EndText END_TEXTS[] = {
     {MODULE_FAILED, 0, REASON_MODULE},  // the failing call has told its own message
 };
 
-static constexpr int TECHNIQUE_NONE = 1;
 static constexpr int IN_FULL = 3;  // zmsg: the status table tells limits in full
 
 // Severities of message 4.
@@ -286,7 +284,7 @@ void znlpptm(MINSTR* str, int fail, int job) {
   const bool tested = str->ithis != nullptr;
   close_table(&str->ithis);
   if (str->dbug != 0.0 && job == 0) write_summary(str, fail, tested);
-  if (fail < 0 && str->tech != TECHNIQUE_NONE) {
+  if (fail < 0 && str->tech != NO_TECHNIQUE) {
     const RvxText name = unpadded(technique_name(str->tech));
     xpmlog(OPTIMIZATION, 4, {name.text, severity_of(str, fail)});
   }

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "aasubs/control/report_tables.h"
-#include "aasubs/control/znlppre.h"
+#include "aasubs/reports/report_tables.h"
+#include "aasubs/reports/znlppre.h"
 #include "host/log.h"
 #include "host/memory.h"
 
