@@ -8,7 +8,8 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
   const Jet result = jet(point.data());
   for (long i = 0; gradient != nullptr && i < n; ++i) gradient[i] = result.gradient(i);
-  for (long k = 0; hessian != nullptr && k < Jet::hessian_size(n); ++k) hessian[k] = result.hessian(k);
+  for (long k = 0; hessian != nullptr && k < Jet::hessian_size(n); ++k)
+    hessian[k] = result.hessian(k);
   return result.value();
 }
 

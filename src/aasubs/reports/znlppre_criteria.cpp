@@ -11,8 +11,8 @@
 #include <cmath>
 
 #include "aasubs/record/stop_codes.h"
-#include "kernels/vector.h"
 #include "aasubs/reports/report_tables.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 
