@@ -14,7 +14,7 @@ set(sees_embed embed host tqnlp front/tqxnlp.h aasubs/driver/znlpdrv.h aasubs/re
 # The rooms of aasubs, one floor an element from the ground up. What must reach a higher floor goes
 # through a callback of the record.
 set(technique_rooms newton quasinewton leastsquares direct quadratic)
-set(rooms record reports constraints linesearch derivatives post termination techniques driver)
+set(rooms record reports constraints linesearch derivatives post termination loop techniques driver)
 
 set(wrong "")
 file(GLOB_RECURSE sources RELATIVE ${SOURCE_DIR}/src ${SOURCE_DIR}/src/*.cpp ${SOURCE_DIR}/src/*.h)
@@ -31,12 +31,18 @@ foreach(source ${sources})
         set(allowed TRUE)
       endif()
     endforeach()
-    # In a technique's room, only headers that share the source's own name, and the room's services.
-    if(source MATCHES "^aasubs/([a-z]+)/(z[a-z0-9]+)" AND CMAKE_MATCH_1 IN_LIST technique_rooms)
+    # A technique's source sees no other room of techniques, and in its own room the headers that
+    # share its name and the services: the updates, and what does not carry a technique's name.
+    if("${source} ${included}" MATCHES "^aasubs/([a-z]+)/([a-z]+)[^ ]* aasubs/([a-z]+)/(.*)")
+      set(room ${CMAKE_MATCH_1})
       set(own ${CMAKE_MATCH_2})
-      if(included MATCHES "^aasubs/([a-z]+)/" AND CMAKE_MATCH_1 IN_LIST technique_rooms
-         AND NOT included MATCHES "/${own}" AND NOT included MATCHES "/(znlpupd|quanew_loop)")
-        set(allowed FALSE)
+      set(other_room ${CMAKE_MATCH_3})
+      set(header ${CMAKE_MATCH_4})
+      if(room IN_LIST technique_rooms AND other_room IN_LIST technique_rooms)
+        if(NOT room STREQUAL other_room
+           OR (header MATCHES "^znlp" AND NOT header MATCHES "^(znlpupd|${own})"))
+          set(allowed FALSE)
+        endif()
       endif()
     endif()
     # Inside aasubs, nothing from a floor above the source's own.

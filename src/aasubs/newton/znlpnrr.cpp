@@ -27,7 +27,8 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
-#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/newton/newton_load.h"
 #include "host/process.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"
@@ -46,17 +47,9 @@ static constexpr double LEAST_RMIN = 2.225073858507202e-306;
 static constexpr int MOST_TRIALS = 5000;
 static constexpr long LARGEST_ORDER = 2147483646;
 
-// The stages that follow a trial.
-enum class Next {
-  solve_again,  // same iteration, another ridge
-  judge,        // the trial point stands, go on in the same iteration
-  restart,      // load derivatives afresh at x
-  finish,       // end stage with the code in hand
-  converged     // the termination test has spoken
-};
-
 // What the trials of one iteration, and the iterations of one run, share.
 struct RidgeRun {
+  bool started = false;      // the first load is over
   bool moved = false;        // a step was taken since the last start: a restart begins elsewhere
   bool user_hessian = true;  // load: false takes the identity for one restart
   double rmin = FIRST_HELD_RIDGE;  // smallest ridge worth holding; only ever falls
@@ -66,60 +59,9 @@ struct RidgeRun {
   double cdif = 0.0;               // actual reduction of the trial
 };
 
-static bool has_constraints(const MINSTR* str) { return str->bounds != 0 || str->lincon != 0; }
-
-static long free_dimension(const MINSTR* str) { return str->nvar - str->nabc - str->nalc; }
-
 static bool diagonal_route(const MINSTR* str) { return str->hfrm == 2 && str->lincon == 0; }
 
-// Calls the objective at x; false when it failed. A value that is no number counts as a failure.
-static bool evaluate(MINSTR* str, int* code) {
-  str->ifdr = ORDER_FUNCTION;
-  *code = str->usfct(str);
-  if (*code == 0 && std::isnan(str->crit)) str->tbig = 1.0;
-  return *code == 0 && str->tbig == 0.0;
-}
-
-static void return_to_xold(MINSTR* str) {
-  str->crit = str->cold;
-  std::copy_n(str->xold, str->nvar, str->x);
-}
-
 // ---- Derivatives and the reduced problem --------------------------------------------------------
-
-static void set_identity_hessian(MINSTR* str) {
-  if (str->hfrm == 2) {
-    vzfdl(1.0, str->hess, str->nvar);
-    return;
-  }
-  vzfdl(0.0, str->hess, str->nnva);
-  for (long i = 0; i < str->nvar; ++i) str->hess[zisub(i, i)] = 1.0;
-}
-
-// Gradient and Hessian at x. Returns 0, -1 (function) or -2 (derivatives).
-static int call_derivatives(MINSTR* str, bool user_hessian) {
-  int code = 0;
-  // Results that the user's code saved must belong to the point where derivatives are wanted.
-  if (str->fsav != 0 && str->ifdr > ORDER_FUNCTION && !evaluate(str, &code)) return -1;
-  if (user_hessian) {
-    str->ifdr = ORDER_HESSIAN;
-    code = str->ushes(str);
-  } else {
-    set_identity_hessian(str);
-    str->ifdr = ORDER_GRADIENT;
-    code = str->usgrd(str);
-  }
-  return code != 0 || str->tbig != 0.0 ? -2 : 0;
-}
-
-// Function value at a start or restart point.
-static int call_function_first(MINSTR* str) {
-  int code = 0;
-  if (!evaluate(str, &code)) return -1;
-  str->cold = str->crit;
-  if (str->lsqu != 0 && wzmis(str->dfes)) str->dfes = std::fabs(str->crit / 20.0);
-  return 0;
-}
 
 // The smallest ridge that is worth a first trial: 1e-8 of the smallest curvature, at least rmin.
 static double getnewr(long n, const double* q, double rmin) {
@@ -128,48 +70,23 @@ static double getnewr(long n, const double* q, double rmin) {
   return std::max(RIDGE_TO_CURVATURE * smallest, rmin);
 }
 
-// Updates dsca from a matrix of the given order; null, the count of the last reduction, forces the
-// scale to 1 while the matrix is not positive definite. At a start or restart point nothing has
-// been reduced yet, and the diagonal is counted instead: the root of a curvature of zero would make
-// a scale of 1e-8, in which no ridge is of use.
-static void update_scale(MINSTR* str, int form, long order, double* matrix) {
-  const long counted = str->null;
-  if (str->itre == 0) {
-    str->null = 0;
-    for (long i = 0; i < order; ++i) str->null += matrix[form == 2 ? i : zisub(i, i)] <= EPS;
-  }
-  znlphsc(str, form, order, matrix);
-  str->null = counted;
-}
-
 static bool scale_is_unit(const MINSTR* str) {
   return std::all_of(str->dsca, str->dsca + str->nvar, [](double scale) { return scale == 1.0; });
 }
 
-// Projects gradient and Hessian into the free subspace, scales them and brings the matrix to
-// tridiagonal form: q, e in wrk2, the right side -g in gold. Returns the number of diagonal
-// elements that are not positive, also in str->null. Only cells of the tridiagonal diagonal are
-// counted, deliberately: no eigenvalues are computed here. Without rescale dsca stays as it is.
+// Brings the projected and scaled matrix to tridiagonal form: q, e in wrk2, the right side -g in
+// gold. Returns the number of diagonal elements that are not positive, also in str->null; 0 where
+// nothing is free. Only cells of the tridiagonal diagonal are counted, deliberately: no eigenvalues
+// are computed here. Without rescale dsca stays as it is.
 static int reduce_problem(MINSTR* str, bool rescale = true) {
-  const int form = str->hfrm == 2 ? 2 : 0;
-  const bool linear = str->lincon != 0;
-  double* matrix = linear ? str->hpro : str->hess;
-  const long order = free_dimension(str);
-
-  if (!linear && rescale && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
-  if (str->nabc == str->nvar) {
-    str->gmax = str->gcri = 0.0;
-    return 0;
-  }
-  znlphgp(str, 1, form, linear ? str->gpro : str->gold, str->hess, matrix);
+  double norm = 0.0;
+  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, rescale, &norm);
   if (order == 0) return 0;
-  if (linear && rescale && str->hesc != 0) update_scale(str, 0, order, matrix);
-  znlphs2(str, linear ? 0 : form, str->gold);
-
   double* q = str->wrk2;
   if (diagonal_route(str)) {
     std::copy_n(str->hess, str->nvar, q);
   } else {
+    double* matrix = str->lincon != 0 ? str->hpro : str->hess;
     if (order > LARGEST_ORDER) xexit(EXIT_INCONSISTENT, 0);
     ztred3(order, matrix, q);
     std::copy_backward(q + order, q + 2 * order, q + str->nvar + order);
@@ -179,36 +96,11 @@ static int reduce_problem(MINSTR* str, bool rescale = true) {
   return static_cast<int>(str->null);
 }
 
-// Loads derivatives at x. job 1: function and feasibility first, the working set afresh; job 0:
-// derivatives only, the working set is revised. Returns -1 function, -2 derivatives, -6 no feasible
-// point, else the count of reduce_problem.
+// Loads derivatives at x and reduces the problem; job as for newton_load. Returns -1, -2, -6, else
+// the count of reduce_problem.
 static int gethes(MINSTR* str, int job, bool user_hessian) {
-  str->chac = 0;
-  if (job == 1) {
-    if (const int code = call_function_first(str); code != 0) return code;
-  }
-  int code = call_derivatives(str, user_hessian);
-  if (code != 0) return code;
-
-  if (job == 0) {
-    if (has_constraints(str)) {
-      znlpact(str, 1, 0, nullptr, nullptr, nullptr);
-      if (str->nabc + str->nalc != 0) {
-        znlpdac(str, 1, str->ulm2 != 0 ? 1 : 0, nullptr, nullptr, nullptr);
-      }
-    }
-  } else if (has_constraints(str)) {
-    if (znlpfch(str, 1, 0, 0) != 0) {
-      // One repair: the point it leaves is judged by the tolerance it had to widen.
-      if (znlpfea(str, 0) < 0) return -6;
-      code = call_function_first(str);
-      if (code == 0) code = call_derivatives(str, user_hessian);
-      if (code != 0) return code;
-      if (znlpfch(str, 1, 0, str->ipre) != 0) return -6;
-    }
-    znlpfta(str, 1, 0, 0, nullptr, nullptr, nullptr);
-  }
-  return reduce_problem(str);
+  const int code = newton_load(str, job, user_hessian);
+  return code != 0 ? code : reduce_problem(str);
 }
 
 // ---- Steps of one iteration ---------------------------------------------------------------------
@@ -218,7 +110,7 @@ static bool ridge_usable(const MINSTR* str) { return str->ridg < RIDGE_CEILING; 
 // Raises the ridge; false when it has left its range.
 static bool increase_ridge(MINSTR* str, const RidgeRun& run, double factor) {
   if (str->ridg == 0.0) {
-    str->ridg = getnewr(free_dimension(str), str->wrk2, run.rmin);
+    str->ridg = getnewr(reduced_dimension(str), str->wrk2, run.rmin);
   } else {
     str->ridg *= factor;
   }
@@ -241,7 +133,7 @@ static Next give_up_ridge(MINSTR* str, RidgeRun& run, int code) {
 // Step that solves (T + ridge I) s = -g, in the reduced basis, in sdir. False: not positive
 // definite.
 static bool solve_with_ridge(MINSTR* str) {
-  const long order = free_dimension(str);
+  const long order = reduced_dimension(str);
   const long n = str->nvar;
   const double* q = str->wrk2;
   const double* e = str->wrk2 + n;
@@ -264,7 +156,7 @@ static bool solve_with_ridge(MINSTR* str) {
 
 // Unscales and expands the step, with the reduction that it predicts in pred.
 static void expand_step(MINSTR* str) {
-  const long order = free_dimension(str);
+  const long order = reduced_dimension(str);
   if (str->hesc != 0) znlpscd(str, str->sdir);
   std::copy_n(str->sdir, order, str->work);
   if (order == 0) vzfdl(0.0, str->sdir, str->nvar);
@@ -281,10 +173,7 @@ static Next restart_with_identity(MINSTR* str, RidgeRun& run) {
 
 // Cuts the step at the first linear constraint or bound that blocks it.
 static Next limit_step(MINSTR* str, RidgeRun& run) {
-  const double negligible = HUNDRED_EPS * zvamx(str->nvar, str->sdir);
-  for (long j = 0; j < str->nvar; ++j) {
-    if (std::fabs(str->sdir[j]) <= negligible) str->sdir[j] = 0.0;
-  }
+  zero_negligible_components(str, str->sdir);
   long blocking = -1;
   znlpstl(str, 0, 0, 0, str->xold, str->sdir, &blocking, nullptr);
   if (run.user_hessian && str->stub <= ROOT_TINY) return restart_with_identity(str, run);
@@ -299,7 +188,7 @@ static Next limit_step(MINSTR* str, RidgeRun& run) {
   }
   // Deliberately an enlarged prediction, not one scaled by the length of the step.
   str->pred *= 2.0 - str->stub;
-  return Next::judge;
+  return Next::go_on;
 }
 
 // Solves for the step and forms the trial point x with its function value.
@@ -310,15 +199,15 @@ static Next try_ridge(MINSTR* str, RidgeRun& run) {
   }
   expand_step(str);
   if (str->lincon != 0) {
-    if (const Next next = limit_step(str, run); next != Next::judge) return next;
+    if (const Next next = limit_step(str, run); next != Next::go_on) return next;
   }
   zvaxpy(str->x, str->sdir, str->xold, str->nvar, str->stub);
-  if (!evaluate(str, &run.ij)) {
+  if (!evaluate_objective(str)) {
     if (raise_ridge(str, run)) return Next::solve_again;
     return give_up_ridge(str, run, -3);
   }
   run.cdif = str->dfes = str->cold - str->crit;
-  return Next::judge;
+  return Next::go_on;
 }
 
 // The objective rose: a larger ridge. When none is left in the first iteration after a restart, the
@@ -327,7 +216,7 @@ static Next judge_uphill(MINSTR* str, RidgeRun& run) {
   run.low = std::max(run.low, str->ridg);
   if (increase_ridge(str, run, RAISE)) return Next::solve_again;
   return_to_xold(str);
-  return str->itre > 0 && run.moved ? Next::restart : Next::judge;
+  return str->itre > 0 && run.moved ? Next::restart : Next::go_on;
 }
 
 // Ridge between the ends of the bracket; the end of the run when the bracket has closed.
@@ -344,7 +233,8 @@ static Next bisect_ridge(MINSTR* str, RidgeRun& run, double share) {
 static Next raise_by_slope(MINSTR* str, RidgeRun& run) {
   run.low = str->ridg;
   if (!wzmis(run.high)) return bisect_ridge(str, run, 0.5);
-  str->ridg = run.low == 0.0 ? getnewr(free_dimension(str), str->wrk2, run.rmin) : RAISE * run.low;
+  str->ridg =
+      run.low == 0.0 ? getnewr(reduced_dimension(str), str->wrk2, run.rmin) : RAISE * run.low;
   if (ridge_usable(str)) return Next::solve_again;
   run.ij = -5;
   return Next::finish;
@@ -352,8 +242,7 @@ static Next raise_by_slope(MINSTR* str, RidgeRun& run) {
 
 // Function values at xold and x are equal to rounding: the slope at x decides.
 static Next judge_by_slope(MINSTR* str, RidgeRun& run) {
-  str->ifdr = ORDER_GRADIENT;
-  if (str->usgrd(str) != 0 || str->tbig != 0.0) {
+  if (!evaluate_gradient(str)) {
     run.ij = -4;
     return Next::finish;
   }
@@ -364,11 +253,11 @@ static Next judge_by_slope(MINSTR* str, RidgeRun& run) {
   }
   if (slope > 0.5 * str->pred) return raise_by_slope(str, run);
   // What the user's code saved must belong to x again.
-  if (!evaluate(str, &run.ij)) {
+  if (!evaluate_objective(str)) {
     run.ij = -3;
     return Next::finish;
   }
-  return Next::judge;
+  return Next::go_on;
 }
 
 static bool values_are_equal(const MINSTR* str, const RidgeRun& run) {
@@ -404,8 +293,8 @@ static void update_ridge(MINSTR* str, RidgeRun& run, bool scale_switched) {
 // left parts of its own in gradient and matrix. The working set is still that of xold.
 static bool reload_at_xold(MINSTR* str, const RidgeRun& run) {
   return_to_xold(str);
-  int code = 0;  // differences start from the function values, too
-  if (!evaluate(str, &code) || call_derivatives(str, run.user_hessian) != 0) return false;
+  // Differences start from the function values, too.
+  if (!evaluate_objective(str) || newton_derivatives(str, run.user_hessian) != 0) return false;
   reduce_problem(str, false);  // the scale, in which the ridge is measured, still is that of xold
   return true;
 }
@@ -429,15 +318,7 @@ static Next retreat_from_bad_derivatives(MINSTR* str, RidgeRun& run) {
 // Takes the trial as the next point: feasibility, derivatives, termination test, new ridge.
 static Next accept_trial(MINSTR* str, RidgeRun& run) {
   str->rhor = run.cdif < HUNDRED_EPS || str->pred <= TINY ? 1.0 : run.cdif / str->pred;
-  if (has_constraints(str) && znlpfch(str, 0, 0, str->ipre) != 0) {
-    if (znlpfea(str, -1) < 0) {
-      run.ij = -6;
-      return Next::finish;
-    }
-    if (str->itre > 0) return Next::restart;
-    run.ij = -5;
-    return Next::finish;
-  }
+  if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   str->nitr += 1.0;
   ++str->itre;
   const bool unit_before = str->hesc != 0 && scale_is_unit(str);
@@ -453,83 +334,56 @@ static Next accept_trial(MINSTR* str, RidgeRun& run) {
   run.ij = str->uster(str, 1);
   update_ridge(str, run, str->hesc != 0 && scale_is_unit(str) != unit_before);
   run.user_hessian = true;
-  return Next::converged;
+  return run.ij == 0 ? Next::go_on : Next::stop;
 }
 
 // One trial of the present ridge, from the solve to the verdict.
 static Next one_trial(MINSTR* str, RidgeRun& run) {
   Next next = try_ridge(str, run);
-  if (next == Next::judge && run.cdif < -TINY) next = judge_uphill(str, run);
-  if (next == Next::judge && values_are_equal(str, run)) next = judge_by_slope(str, run);
-  if (next == Next::judge) next = accept_trial(str, run);
+  if (next == Next::go_on && run.cdif < -TINY) next = judge_uphill(str, run);
+  if (next == Next::go_on && values_are_equal(str, run)) next = judge_by_slope(str, run);
+  if (next == Next::go_on) next = accept_trial(str, run);
   return next;
 }
 
-// Iterations from a loaded point until a restart or an end. On Next::converged ij is the nonzero
-// answer of the termination test.
-static Next iterate(MINSTR* str, RidgeRun& run) {
-  for (;;) {
-    str->cold = str->crit;
-    std::copy_n(str->x, str->nvar, str->xold);
-    run.low = 0.0;
-    run.high = MISSING;
-    Next next = Next::solve_again;
-    for (int trial = 0; next == Next::solve_again; ++trial) {
-      if (trial == MOST_TRIALS) return give_up_ridge(str, run, -5);
-      next = one_trial(str, run);
-    }
-    if (next != Next::converged || run.ij != 0) return next;
+static Next one_iteration(MINSTR* str, RidgeRun& run) {
+  start_iteration(str);
+  run.low = 0.0;
+  run.high = MISSING;
+  Next next = Next::solve_again;
+  for (int trial = 0; next == Next::solve_again; ++trial) {
+    if (trial == MOST_TRIALS) return give_up_ridge(str, run, -5);
+    next = one_trial(str, run);
   }
+  return next;
 }
 
-// The code in hand becomes final. Quantities of a failed run are evaluated once more, so that they
-// belong to the point returned; the termination test has the last word.
-static int end_stage(MINSTR* str, RidgeRun& run) {
-  if (str->nitr != 0.0) {
-    int code = 0;
-    if (!evaluate(str, &code)) {
-      run.ij = -3;  // derivatives would need the value that has just failed
-    } else if (gethes(str, 1, true) < 0 || str->tbig != 0.0) {
-      run.ij = -4;
-    }
-  }
-  return str->uster(str, run.ij < 0 ? run.ij : 1);
-}
+// ---- The technique ------------------------------------------------------------------------------
 
-// Start or restart at x: false when derivatives cannot be loaded.
-static bool load_start(MINSTR* str, RidgeRun& run, bool* first) {
-  str->chac = 0;
+// Start or restart at x.
+static Next load_start(MINSTR* str, RidgeRun& run) {
+  const bool first = !run.started;
+  open_restart(str);
   str->ridg = 0.0;
-  str->itre = 0;
   run.moved = false;
-  if (str->nitr != 0.0) ++str->ires;
+  run.started = true;
   const int loaded = gethes(str, 1, run.user_hessian);
-  if (loaded >= 0 && str->tbig == 0.0) return true;
+  if (loaded >= 0 && str->tbig == 0.0) return Next::go_on;
   // After a restart the code in hand stands deliberately, 100 when the termination test asked for
   // it.
-  if (*first) run.ij = loaded < 0 ? loaded : -1;
-  return false;
+  if (first) run.ij = loaded < 0 ? loaded : -1;
+  return Next::leave;
+}
+
+static int end_stage(MINSTR* str, RidgeRun& run) {
+  return finish_run(str, run.ij, [](MINSTR* s) { return gethes(s, 1, true); });
 }
 
 int znlpnrr(MINSTR* str) {
-  str->null = str->ires = str->nhes = str->nfct = 0;
-  str->nitr = str->pred = 0.0;
-  std::copy_n(str->x, str->nvar, str->xold);
-
+  open_run(str);
+  str->nhes = 0;
   RidgeRun run;
-  bool first = true;
-  for (;;) {
-    if (!load_start(str, run, &first)) return run.ij;
-    if (first) {
-      first = false;
-      run.ij = str->uster(str, 10);
-      if (run.ij == 100) continue;
-      if (run.ij != 0) return run.ij;
-    }
-    const Next next = iterate(str, run);
-    if (next == Next::finish) run.ij = end_stage(str, run);
-    if (next != Next::restart && run.ij != 100) return run.ij;
-  }
+  return technique_loop<RidgeRun>(str, run, {load_start, one_iteration, end_stage});
 }
 
 }  // namespace tqnlp

@@ -25,8 +25,8 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
-#include "aasubs/constraints/znlpbas.h"
-#include "aasubs/termination/znlptrm.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/loop/search_steps.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
@@ -35,76 +35,31 @@ namespace tqnlp {
 static constexpr double FIRST_SHIFT = 0.0001;
 static constexpr double RAISE_SHIFT = 4.0;
 static constexpr double SHIFT_LIMIT = 1073741824.0;
-// Restarts in a row that did not lower the objective. The shift alone may take two dozen of them
-// from its first value to its limit; what goes on beyond this would go on for ever.
-static constexpr int MOST_IDLE_RESTARTS = 60;
-// From this iteration on the first trial of a search is no longer held back.
-static constexpr double SETTLED_ITERATIONS = 5.0;
 // Problems up to this size start well enough without scaling.
 static constexpr long LARGEST_UNSCALED = 10;
-
-enum class Next {
-  go_on,
-  restart,   // load afresh at x
-  finish,    // end stage with the code in hand
-  converged  // the termination test has spoken
-};
 
 // What the iterations of one run share.
 struct QuanewRun {
   const QuanewForm& form;
-  int load = 0;                       // nonzero: the user's Hessian starts the matrix
-  int ij = 0;                         // code in hand
-  double gs = 0.0;                    // slope of the present direction
-  double salf0 = 1.0;                 // first step length asked for, kept until the run has settled
-  double crit_at_start = HUGE_VALUE;  // objective at the last start or restart
-  int idle = 0;                       // restarts since the objective last fell between two
+  int load = 0;        // nonzero: the user's Hessian starts the matrix
+  int ij = 0;          // code in hand
+  double gs = 0.0;     // slope of the present direction
+  double salf0 = 1.0;  // first step length asked for, kept until the run has settled
+  RestartGuard guard{};
 };
-
-// Are there constraints that the working set knows? Without them frame and reduced space are those
-// of x itself.
-static bool has_constraints(const MINSTR* str) { return str->bounds != 0 || str->lincon != 0; }
-
-// One evaluation; a callback that reports success may still have left the mark of a value that is
-// no number.
-static bool failed(MINSTR* str, int order, Callback callback) {
-  str->ifdr = order;
-  return callback(str) != 0 || str->tbig != 0.0;
-}
-
-// Gives up a trial or a step. Only before the update: it turns xold into a difference.
-static void return_to_xold(MINSTR* str) {
-  str->crit = str->cold;
-  std::copy_n(str->xold, str->nvar, str->x);
-}
 
 // ---- Pieces of the loaders ----------------------------------------------------------------------
 
 int quanew_factor(const MINSTR* str) { return has_constraints(str) ? 2 : 1; }
 
-// Values at a start or restart point. A sum of squares expects to lose a twentieth at first.
-static int call_function_and_derivatives(MINSTR* str, int load) {
-  if (failed(str, ORDER_FUNCTION, str->usfct)) return -1;
-  str->cold = str->crit;
-  if (str->lsqu != 0 && wzmis(str->dfes)) str->dfes = std::fabs(str->crit / 20.0);
-  const bool hessian = load > 0;
-  return failed(str, hessian ? ORDER_HESSIAN : ORDER_GRADIENT, hessian ? str->ushes : str->usgrd)
-             ? -2
-             : 0;
+static int derivatives(MINSTR* str, int load) {
+  if (load > 0) return evaluate(str, ORDER_HESSIAN, str->ushes) ? 0 : -2;
+  return evaluate_gradient(str) ? 0 : -2;
 }
 
 int quanew_load(MINSTR* str, int load) {
-  int code = call_function_and_derivatives(str, load);
-  if (code != 0 || !has_constraints(str)) return code;
-  if (znlpfch(str, 1, 0, 0) != 0) {
-    // One repair: the point it leaves is judged by the tolerance it had to widen.
-    if (znlpfea(str, -1) < 0) return -6;
-    code = call_function_and_derivatives(str, load);
-    if (code != 0) return code;
-    if (znlpfch(str, 1, 0, str->ipre) != 0) return -6;
-  }
-  znlpfta(str, 1, 0, 0, nullptr, nullptr, nullptr);
-  return 0;
+  static constexpr int MERE_REPAIR = -1;
+  return load_feasible_point(str, MERE_REPAIR, derivatives, load);
 }
 
 static bool raise_shift(MINSTR* str) {
@@ -129,14 +84,6 @@ bool quanew_start_matrix(MINSTR* str, int* load) {
     *load = 0;  // the user's Hessian is used up
     if (!raise_shift(str)) return false;
   }
-}
-
-void quanew_revise(MINSTR* str, int job) {
-  if (!has_constraints(str)) return;
-  znlpact(str, job, 0, nullptr, nullptr, str->hess);
-  // Without a Hessian over all parameters a parameter or direction that becomes free gets a unit
-  // row: the updates teach it its curvature.
-  if (str->nabc + str->nalc != 0) znlpdac(str, job, 0, nullptr, str->hess, nullptr);
 }
 
 void quanew_measure(MINSTR* str) {
@@ -165,14 +112,10 @@ static bool make_direction(MINSTR* str, QuanewRun& run) {
 // Does the direction after an update still lead down? Far from a restart it must also promise
 // something against the present gradient.
 static bool direction_is_good(const MINSTR* str, const QuanewRun& run) {
-  static constexpr double STALLED_DECREASE = 1e-6;  // of the objective, in the last iteration
-  static constexpr double STALLED_TOLERANCE = 1e-4;
-  static constexpr double USUAL_TOLERANCE = 1e-8;
   static constexpr long TRUSTED_ITERATIONS = 51;
-  if (!(run.gs <= -TINY) || zvenorm(str->nvar, 1, str->sdir) == 0.0) return false;
-  const bool stalled = str->dfes <= STALLED_DECREASE * str->cold;
-  const double tol = stalled ? STALLED_TOLERANCE : USUAL_TOLERANCE;
-  return str->itre < TRUSTED_ITERATIONS || run.form.still_descends(str, tol, run.gs);
+  if (!leads_down(str, run.gs)) return false;
+  return str->itre < TRUSTED_ITERATIONS ||
+         run.form.still_descends(str, descent_tolerance(str), run.gs);
 }
 
 // ---- Start and restart --------------------------------------------------------------------------
@@ -183,22 +126,13 @@ static int load_failure(const QuanewRun& run, int code) {
   return keep ? code : -4;
 }
 
-// False when too many restarts in a row have not lowered the objective.
-static bool progress_between_restarts(const MINSTR* str, QuanewRun& run) {
-  run.idle = str->crit < run.crit_at_start ? 0 : run.idle + 1;
-  run.crit_at_start = str->crit;
-  return run.idle <= MOST_IDLE_RESTARTS;
-}
-
 // Start or restart at x. An uphill direction, which only the user's Hessian or rounding can make,
 // comes back here with a larger shift of the matrix.
 static Next load_start(MINSTR* str, QuanewRun& run) {
   run.salf0 = str->alfa = str->salf;
-  str->itre = 0;
-  if (str->nitr != 0.0) ++str->ires;
-  str->chac = 0;
+  open_restart(str);
   run.ij = NO_PROGRESS;
-  if (!progress_between_restarts(str, run)) return Next::finish;
+  if (!restart_makes_progress(str, run.guard)) return Next::finish;
   const int code = run.form.actcon(str, 1, &run.load);
   if (code < 0 || str->tbig != 0.0) {
     run.ij = load_failure(run, code);
@@ -213,45 +147,18 @@ static Next load_start(MINSTR* str, QuanewRun& run) {
 
 // ---- Steps of one iteration ---------------------------------------------------------------------
 
-// Longest step that the constraints allow. A constraint that blocks at once, though it is not in
-// the working set, is worth a restart, where the working set is made afresh; the user's Hessian,
-// which led there, is not used again.
+// A constraint that blocks at once, though it is not in the working set, is worth a restart, where
+// the working set is made afresh; the user's Hessian, which led there, is not used again.
 static Next limit_step(MINSTR* str, QuanewRun& run) {
-  static constexpr double BLOCKED = DIAGONAL_PIVOT_FLOOR;
-  str->stub = HUGE_VALUE;
-  if (!has_constraints(str)) return Next::go_on;
-  long blocking = -1;
-  znlpstl(str, 0, 1, 0, str->xold, str->sdir, &blocking, nullptr);
-  if (blocking == -1) {
-    str->stub = HUGE_VALUE;
-  } else if (str->stub <= BLOCKED && str->itre > 0) {
-    run.load = 0;
-    return Next::restart;
-  }
-  return Next::go_on;
+  if (limit_search(str) || str->itre == 0) return Next::go_on;
+  run.load = 0;
+  return Next::restart;
 }
 
 // A search that fails at the first step from a fresh matrix ends the run: that matrix will not do
 // better the next time.
 static Next search(MINSTR* str, QuanewRun& run) {
-  const int code = str->linse(str);
-  str->dfes = str->cold - str->crit;
-  if (code == 0 && str->alfa > TINY) return Next::go_on;
-  return_to_xold(str);
-  if (str->itre > 0) return Next::restart;
-  run.ij = NO_PROGRESS;
-  return Next::finish;
-}
-
-// Rounding may carry a long step past a constraint. The repaired point is no longer that of the
-// search, so that the matrix learns nothing from it.
-static Next keep_feasible(MINSTR* str, QuanewRun& run) {
-  str->chac = 0;
-  if (!has_constraints(str) || znlpfch(str, 0, 0, str->ipre) == 0) return Next::go_on;
-  if (znlpfea(str, -1) < 0) {
-    run.ij = -6;
-    return Next::finish;
-  }
+  if (search_along(str, str->linse)) return Next::go_on;
   if (str->itre > 0) return Next::restart;
   run.ij = NO_PROGRESS;
   return Next::finish;
@@ -269,8 +176,7 @@ static Next accept_step(MINSTR* str, QuanewRun& run) {
     return Next::finish;
   }
   run.ij = str->uster(str, TEST_ITERATION);
-  if (run.ij == STOP_OVERRULED) return Next::restart;
-  return run.ij == 0 ? Next::go_on : Next::converged;
+  return run.ij == 0 ? Next::go_on : Next::stop;
 }
 
 // xold and gold become the differences of x and g, in the reduced space.
@@ -319,12 +225,14 @@ static Next next_direction(MINSTR* str, QuanewRun& run) {
 }
 
 static Next one_iteration(MINSTR* str, QuanewRun& run) {
-  str->cold = str->crit;
-  std::copy_n(str->x, str->nvar, str->xold);
+  start_iteration(str);
   std::copy_n(str->grad, str->nvar, str->gold);
   Next next = limit_step(str, run);
   if (next == Next::go_on) next = search(str, run);
-  if (next == Next::go_on) next = keep_feasible(str, run);
+  if (next == Next::go_on) {
+    str->chac = 0;
+    next = keep_feasible(str, &run.ij);
+  }
   if (next == Next::go_on) next = accept_step(str, run);
   if (next == Next::go_on) next = update_matrix(str, run);
   if (next == Next::go_on) next = next_direction(str, run);
@@ -334,50 +242,33 @@ static Next one_iteration(MINSTR* str, QuanewRun& run) {
 // ---- The technique ------------------------------------------------------------------------------
 
 // Counters, and settings that were not given or make no sense.
-static void open_run(MINSTR* str) {
-  str->ires = str->nlis = str->nhup = str->ngrd = str->nfct = str->null = 0;
-  str->nitr = str->pred = str->ridg = 0.0;
+static void open_quanew(MINSTR* str) {
+  open_run(str);
+  str->nlis = str->nhup = str->ngrd = 0;
+  str->ridg = 0.0;
   str->spro = str->wrk2;
   if (wzmis(str->sigm)) str->sigm = str->tupd == 2 ? 0.06 : 0.4;
   if (!(str->salf > 0.0 && str->salf <= 1.0)) str->salf = 1.0;
   if (!(str->nres > 0.0)) str->nres = NEVER;
-  std::copy_n(str->x, str->nvar, str->xold);
 }
 
-// The code in hand becomes final. Function and gradient of a failed run are evaluated once more, so
-// that they belong to the point returned; the termination test has the last word.
+static int load_final(MINSTR* str) {
+  if (!evaluate_gradient(str)) return -2;
+  quanew_measure(str);
+  return 0;
+}
+
 static int end_stage(MINSTR* str, QuanewRun& run) {
-  if (str->nitr != 0.0) {
-    if (failed(str, ORDER_FUNCTION, str->usfct)) {
-      run.ij = FUNCTION_FAILED;
-    } else if (failed(str, ORDER_GRADIENT, str->usgrd)) {
-      run.ij = -4;
-    } else {
-      quanew_measure(str);
-    }
-  }
-  const int code = str->uster(str, run.ij);
+  const int code = finish_run(str, run.ij, load_final);
   // A stop that is overruled again and again without progress stands.
-  return code == STOP_OVERRULED && run.idle > MOST_IDLE_RESTARTS ? NO_PROGRESS : code;
+  return code == STOP_OVERRULED && run.guard.exhausted() ? NO_PROGRESS : code;
 }
 
 int quanew_loop(MINSTR* str, const QuanewForm& form) {
-  open_run(str);
+  open_quanew(str);
   QuanewRun run{form};
   run.load = str->load != 0 ? 1 : 0;
-  bool first = true;
-  for (;;) {
-    Next next = load_start(str, run);
-    if (next == Next::go_on && first) {
-      first = false;
-      run.ij = str->uster(str, TEST_START);
-      if (run.ij == STOP_OVERRULED) continue;
-      if (run.ij != 0) return run.ij;
-    }
-    while (next == Next::go_on) next = one_iteration(str, run);
-    if (next == Next::finish) run.ij = end_stage(str, run);
-    if (next != Next::restart && run.ij != STOP_OVERRULED) return run.ij;
-  }
+  return technique_loop<QuanewRun>(str, run, {load_start, one_iteration, end_stage});
 }
 
 }  // namespace tqnlp

@@ -46,9 +46,6 @@ int quanew_load(MINSTR* str, int load);
 // raised while the matrix cannot be factored. False when ridg reaches its limit.
 bool quanew_start_matrix(MINSTR* str, int* load);
 
-// Job 0: the working set at the new point; hess is revised with it, job as for znlpact.
-void quanew_revise(MINSTR* str, int job);
-
 // gmax and gpro at x.
 void quanew_measure(MINSTR* str);
 

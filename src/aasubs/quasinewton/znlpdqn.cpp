@@ -11,8 +11,8 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
+#include "aasubs/loop/loads.h"
 #include "aasubs/quasinewton/quanew_loop.h"
-#include "aasubs/termination/znlptrm.h"
 
 namespace tqnlp {
 
@@ -23,7 +23,7 @@ static int actcon(MINSTR* str, int job, int* load) {
     if (const int code = quanew_load(str, *load); code != 0) return code;
     if (!quanew_start_matrix(str, load)) return NO_PROGRESS;
   } else {
-    quanew_revise(str, REVISE_FACTOR);
+    revise_working_set(str, REVISE_FACTOR, false, str->hess);
   }
   quanew_measure(str);
   return 0;

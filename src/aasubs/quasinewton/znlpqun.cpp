@@ -8,6 +8,7 @@
 #include "aasubs/quasinewton/znlpqun.h"
 
 #include "aasubs/constraints/znlpba0.h"
+#include "aasubs/loop/loads.h"
 #include "aasubs/quasinewton/quanew_loop.h"
 
 namespace tqnlp {
@@ -22,7 +23,7 @@ static int actcon(MINSTR* str, int job, int* load) {
     quanew_measure(str);
     return 0;
   }
-  quanew_revise(str, REVISE_SYMMETRIC);
+  revise_working_set(str, REVISE_SYMMETRIC, false, str->hess);
   if (str->nabc != str->nvar && str->lincon != 0 && str->chac != 0) {
     *load = 0;
     if (!quanew_start_matrix(str, load)) return -2;

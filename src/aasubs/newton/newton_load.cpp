@@ -1,0 +1,71 @@
+// Load of the Newton techniques. Contracts in newton_load.h.
+#include "aasubs/newton/newton_load.h"
+
+#include <algorithm>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/loop/loads.h"
+
+namespace tqnlp {
+
+static void set_identity_hessian(MINSTR* str) {
+  if (str->hfrm != 0) {  // the diagonal, or a sparse matrix, whose diagonal stands first
+    if (str->hfrm == 1) vzfdl(0.0, str->hess, str->shes.mxja);
+    vzfdl(1.0, str->hess, str->nvar);
+    return;
+  }
+  vzfdl(0.0, str->hess, str->nnva);
+  for (long i = 0; i < str->nvar; ++i) str->hess[zisub(i, i)] = 1.0;
+}
+
+int newton_derivatives(MINSTR* str, int user_hessian) {
+  if (!refresh_saved_results(str)) return -1;
+  if (user_hessian != 0) return evaluate(str, ORDER_HESSIAN, str->ushes) ? 0 : -2;
+  set_identity_hessian(str);
+  return evaluate_gradient(str) ? 0 : -2;
+}
+
+int newton_load(MINSTR* str, int job, bool user_hessian) {
+  static constexpr int REPAIR = 0;
+  static constexpr int REVISE_NOTHING = 1;
+  str->chac = 0;
+  if (job == 1) return load_feasible_point(str, REPAIR, newton_derivatives, user_hessian ? 1 : 0);
+  const int code = newton_derivatives(str, user_hessian ? 1 : 0);
+  if (code != 0) return code;
+  revise_working_set(str, REVISE_NOTHING, str->ulm2 != 0, nullptr);
+  return 0;
+}
+
+// Updates dsca from a matrix of the given order; null, the count of the last reduction, forces the
+// scale to 1 while the matrix is not positive definite. At a start or restart point nothing has
+// been reduced yet, and the diagonal is counted instead: the root of a curvature of zero would make
+// a scale of 1e-8, in which no ridge and no radius is of use.
+static void update_scale(MINSTR* str, int form, long order, double* matrix) {
+  const long counted = str->null;
+  if (str->itre == 0) {
+    str->null = 0;
+    for (long i = 0; i < order; ++i) str->null += matrix[form != 0 ? i : zisub(i, i)] <= EPS;
+  }
+  znlphsc(str, form, order, matrix);
+  str->null = counted;
+}
+
+long newton_project(MINSTR* str, int form, bool rescale, double* norm) {
+  const bool linear = str->lincon != 0;
+  double* matrix = linear ? str->hpro : str->hess;
+  const long order = reduced_dimension(str);
+  *norm = 0.0;
+
+  if (!linear && rescale && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
+  if (str->nabc == str->nvar) {
+    str->gmax = str->gcri = 0.0;
+    return 0;
+  }
+  znlphgp(str, 1, form, linear ? str->gpro : str->gold, str->hess, matrix);
+  if (order == 0) return 0;
+  if (linear && rescale && str->hesc != 0) update_scale(str, 0, order, matrix);
+  *norm = znlphs2(str, linear ? 0 : form, str->gold);
+  return order;
+}
+
+}  // namespace tqnlp

@@ -1,0 +1,25 @@
+// Load of the Newton techniques: gradient and Hessian at a point, the working set, and their
+// projection into the free subspace, scaled.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+
+namespace tqnlp {
+
+// Gradient and Hessian at x: the user's, or the gradient and the identity in the Hessian's form.
+// Returns 0, -1 (function, where it is asked for again) or -2 (derivatives).
+int newton_derivatives(MINSTR* str, int user_hessian);
+
+// Loads derivatives at x. job 1: function and feasibility first, the working set afresh; job 0:
+// derivatives only, the working set is revised. Returns 0, -1 function, -2 derivatives, -6 no
+// feasible point.
+int newton_load(MINSTR* str, int job, bool user_hessian);
+
+// Projects gradient and Hessian into the free subspace (into hpro and gpro with linear constraints,
+// in hess otherwise) and scales them with dsca. gold receives the negative scaled reduced gradient,
+// *norm its length. form 0 packed, 1 sparse, 2 diagonal (with linear constraints the reduced matrix
+// is packed whatever form says). Without rescale dsca stays as it is. Returns the order of the
+// reduced problem; with 0 nothing but gmax and gcri is set, and *norm is 0.
+long newton_project(MINSTR* str, int form, bool rescale, double* norm);
+
+}  // namespace tqnlp
