@@ -29,7 +29,7 @@ std::vector<Entry> entries() {
   return {{"NLPQUA", tqxqas, {Matrix(2, 2, {2, 0, 0, 2}), X, NONE, NONE, NONE, NONE, NONE, X}, 199},
           {"NLPNMS", tqxnms, with({"N"}), 199},
           {"NLPVMC", tqxvmc, with({"G", "N", "J"}), 199},
-          {"NLPCG", tqxcg, with({"G"}), 199},
+          {"NLPCG", tqxcg, with({"G"}), 0},
           {"NLPQN", tqxqn, with({"G", "N", "J"}), 0},
           {"NLPDD", tqxdd, with({"G"}), 199},
           {"NLPTR", tqxtr, with({"G", "H"}), 199},
@@ -168,7 +168,7 @@ TEST(Arguments, MessagesOfACallInOrder) {
     int code;
     Numbers messages;
   } cases[] = {
-      {tqxcg, with({"G"}, sparse), 6, {163, 199}},
+      {tqxcg, with({"G"}, sparse), 0, {163}},
       {tqxqn, with({"G"}, constraints), 0, {174}},
       {tqxqn, with({"G", "N"}), 0, {190}},
       {tqxtr, with({NONE, "H"}, sparse), 6, {145, 163, 199}},

@@ -3,34 +3,10 @@
 // module.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-
-#include "techniques/outcome.h"
+#include "techniques/library.h"
 
 namespace tqnlp::test {
 namespace {
-
-// ---- What does not end at a minimum to 1e-6 with a code of convergence --------------------------
-
-// How a run ends where no single code is sure.
-constexpr int SOME_CODE = 200;   // not solved
-constexpr int CLOSE_CALL = 201;  // rounding decides: solved, or not within the limits or by GCONV
-constexpr int NEAR = 202;        // near the minimum; a code of convergence, -5 or -8
-
-constexpr int ANY = 0;  // digit of a variant: every update, every line search
-
-// Variants are tupd * 10 + tlin. The reasons were found in iteration histories and by runs with
-// other limits and tolerances; the first row that fits a run counts.
-struct Exception {
-  std::vector<const char*> problems;
-  std::vector<int> variants;
-  int code;
-  std::string reason;
-  double within = 0.0;  // NEAR: of the minimum
-};
-
-using Exceptions = std::vector<Exception>;
 
 const std::string DIGITS =
     "the terms of f are of size 1e4 and cancel: near the minimum no decrease can be seen while the "
@@ -109,51 +85,6 @@ const Exceptions FORWARD = {
 const Exceptions CENTRAL = {{{"Osborne 1"}, {ANY}, NEAR, INEXACT, 1e-8},
                             {{"S268"}, {ANY}, NEAR, DIGITS, 1e-8}};
 
-const Exception* find(const Exceptions& rows, const std::string& problem, int variant) {
-  const auto fits = [&](int v) {
-    return (v / 10 == ANY || v / 10 == variant / 10) && (v % 10 == ANY || v % 10 == variant % 10);
-  };
-  for (const Exception& row : rows) {
-    const bool named = std::count(row.problems.begin(), row.problems.end(), problem) > 0;
-    if (named && std::any_of(row.variants.begin(), row.variants.end(), fits)) return &row;
-  }
-  return nullptr;
-}
-
-// ---- What every run must keep -------------------------------------------------------------------
-
-void judge(const Problem& p, const Outcome& run, const Exception* exception) {
-  SCOPED_TRACE(p.name + ": code " + std::to_string(run.code) + ", f " + std::to_string(run.f) +
-               ", iterations " + std::to_string(run.iterations));
-  EXPECT_LE(run.infeasible, 1e-7);
-  EXPECT_EQ(run.reported.at("Objective"), run.f);
-  EXPECT_EQ(run.reported.at("Iterations"), run.iterations);
-  const bool solved = run.solved && run.code > 0;
-  if (exception == nullptr) {
-    EXPECT_TRUE(solved);
-  } else if (exception->code == NEAR) {
-    EXPECT_TRUE(run.code > 0 || run.code == -5 || run.code == -8);
-    EXPECT_NEAR(run.f, p.minima[0], exception->within);
-  } else if (exception->code == CLOSE_CALL) {
-    EXPECT_TRUE(solved || run.code == -8 || run.code == 6);
-  } else {
-    EXPECT_FALSE(solved);
-    EXPECT_TRUE(run.code == exception->code || exception->code == SOME_CODE);
-  }
-}
-
-// First-order optimality, with multipliers of the right signs. ABSGCONV bounds the elements of a
-// reduced gradient by 1e-5; what GCONV bounds is relative.
-void expect_optimal(const Problem& p, const Outcome& run) {
-  // The rows are so nearly dependent that multipliers are not found to more digits.
-  const bool dependent = p.name == "S277" || p.name == "S278";
-  if (run.code == 3 && !dependent) {
-    EXPECT_LE(run.unexplained, 1e-5 * std::sqrt(double(p.n))) << p.name;
-  } else {
-    EXPECT_LE(run.unexplained_relative, 1e-3) << p.name << " code " << run.code;
-  }
-}
-
 // ---- With a gradient module ---------------------------------------------------------------------
 
 // Calls of objective and gradient over all problems, a tenth above what it takes: by line search
@@ -167,25 +98,8 @@ class QuanewLibrary : public testing::TestWithParam<int> {};
 
 TEST_P(QuanewLibrary, EndsAsExpected) {
   const int update = GetParam() / 10, search = GetParam() % 10;
-  Matrix opt(1, 5, std::vector<double>(5, missing));
-  opt(0, 3) = update;
-  opt(0, 4) = search;
-  Matrix with_report = opt;
-  with_report(0, 1) = 1;
-  long calls = 0;
-  for (const Problem& p : problem_library()) {
-    const Outcome run = solve(p, "NLPQN", 1e-6, with_report);
-    judge(p, run, find(WITH_GRADIENT, p.name, GetParam()));
-    if (run.solved && run.code > 0) expect_optimal(p, run);
-    // The evaluation that the driver makes before the technique starts is not counted.
-    EXPECT_EQ(run.reported.at("Function calls") + 1, double(run.functions)) << p.name;
-    EXPECT_EQ(run.reported.at("Gradient calls") + 1, double(run.gradients)) << p.name;
-    calls += run.functions + run.gradients;
-    if (search != 2) continue;
-    const Outcome again = solve(p, "NLPQN", 1e-6, opt);  // the report must not change the run
-    EXPECT_EQ(again.x, run.x) << p.name;
-    EXPECT_EQ(again.functions, run.functions) << p.name;
-  }
+  const Matrix opt = options_of({{4, update}, {5, search}});
+  const long calls = run_library("NLPQN", opt, WITH_GRADIENT, GetParam(), search == 2);
   EXPECT_LE(calls, MOST_CALLS[update % 2 == 0][search - 1]);
 }
 

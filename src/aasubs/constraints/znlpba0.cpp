@@ -90,13 +90,20 @@ void znlpgcs(MINSTR* str, double* gpro) {
 }
 
 double largest_or_nan(long n, const double* v) {
-  double largest = 0.0;
-  for (long k = 0; k < n; ++k) {
-    const double size = std::fabs(v[k]);
-    if (std::isnan(size)) return size;
-    largest = std::max(largest, size);
+  // Eight candidates side by side; a NaN is taken, and stays because nothing is larger than it.
+  static constexpr long WIDTH = 8;
+  double largest[WIDTH] = {};
+  const auto look = [&largest](double value, long k) {
+    const double size = std::fabs(value);
+    largest[k] = (size > largest[k]) | (size != size) ? size : largest[k];
+  };
+  long i = 0;
+  for (; i + WIDTH <= n; i += WIDTH) {
+    for (long k = 0; k < WIDTH; ++k) look(v[i + k], k);
   }
-  return largest;
+  for (; i < n; ++i) look(v[i], 0);
+  for (long k = 1; k < WIDTH; ++k) look(largest[k], 0);
+  return largest[0];
 }
 
 void znlpgmx(MINSTR* str, int job, double* gpro) {

@@ -19,6 +19,7 @@
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/post/stop_analysis.h"
+#include "aasubs/quasinewton/znlpcog.h"
 #include "aasubs/quasinewton/znlpdqn.h"
 #include "aasubs/quasinewton/znlpqun.h"
 #include "aasubs/record/covstr.h"
@@ -41,6 +42,8 @@ static Callback technique_code(int tech) {
       return znlpqun;
     case QUANEW_DUAL:
       return znlpdqn;
+    case CONGRA:
+      return znlpcog;
     default:
       return nullptr;
   }

@@ -1,0 +1,86 @@
+// Every subroutine with derivatives but NLPQN, which has a table of its own, over the whole problem
+// library from the standard starts, with the defaults of the call and derivative modules.
+#include "techniques/library.h"
+
+#include <gtest/gtest.h>
+
+namespace tqnlp::test {
+namespace {
+
+const std::string FLAT = "the start is flat: its gradient already meets ABSGCONV";
+const std::string SADDLE =
+    "the feasible point next to the start is a saddle: its projected gradient is 0";
+const std::string LARGE_SCALE =
+    "parameters of size 1e7 make small gradients far from the minimum: ABSGCONV is met early";
+const std::string STEEP =
+    "a steep start: the curvature seen along the first steps is so large that GCONV is met; 0 goes "
+    "on";
+const std::string SLOW = "first-order steps in a long valley: the limit of calls or iterations";
+
+const Exceptions NEWTON_RIDGE = {
+    {{"Meyer"},
+     {ANY},
+     -8,
+     "a long curved valley where every step gains one or two per cent: 223 iterations are needed, "
+     "the default limit is 200"},
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"HS54"}, {ANY}, 3, LARGE_SCALE},
+    {{"S265"}, {ANY}, 3, SADDLE}};
+
+const Exceptions CONJUGATE = {
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"HS54"}, {ANY}, SOME_CODE, LARGE_SCALE},
+    {{"S265"}, {ANY}, 3, SADDLE},
+    {{"Powell badly scaled", "Brown badly scaled", "Meyer"}, {ANY}, 6, STEEP},
+    {{"Penalty I 10"}, {2, 4}, 6, STEEP},
+    {{"Broyden banded"}, {1, 3}, 6, "another local minimum"},
+    {{"HS62", "S268"},
+     {ANY},
+     NEAR,
+     "no decrease can be seen any more, the gradient is above ABSGCONV",
+     1e-5},
+    {{"Gulf research"}, {3}, 3, "a flat valley: ABSGCONV is met with f 3e-6 above"},
+    {{"Osborne 1"}, {2}, 6, "slow, so that a step that hardly gains anything meets GCONV"},
+    {{"Watson 9", "S282"}, {ANY}, -8, SLOW},
+    {{"Osborne 2", "Watson 12", "S209", "S295"}, {2}, -8, SLOW},
+    {{"Osborne 1", "Watson 6", "Watson 12", "S295"}, {3}, -8, SLOW},
+    {{"Osborne 1", "Osborne 2", "Watson 6", "Watson 12", "Biggs EXP6", "Extended Rosenbrock 10",
+      "Trigonometric", "Broyden banded", "Chebyquad 9", "Chebyquad 10", "HS112", "S209", "S283",
+      "S295", "S300"},
+     {4},
+     -8,
+     SLOW}};
+
+struct Row {
+  const char* subroutine;
+  Matrix opt;
+  const Exceptions& exceptions;
+  int variant;
+  long most_calls;  // of objective and gradient over all problems, a tenth above what it takes
+  // After a stop by GCONV; conjugate gradients know the curvature along the last step alone.
+  double by_gconv = 1e-3;
+};
+
+const Row ROWS[] = {
+    {"NLPNRR", options_of({}), NEWTON_RIDGE, 0, 4900},
+    {"NLPCG", options_of({{4, 1}}), CONJUGATE, 1, 17800, 0.05},
+    {"NLPCG", options_of({{4, 2}}), CONJUGATE, 2, 30700, 0.05},
+    {"NLPCG", options_of({{4, 3}}), CONJUGATE, 3, 26800, 0.05},
+    {"NLPCG", options_of({{4, 4}}), CONJUGATE, 4, 48300, 0.05},
+};
+
+class Library : public testing::TestWithParam<Row> {};
+
+TEST_P(Library, EndsAsExpected) {
+  const Row& row = GetParam();
+  EXPECT_LE(run_library(row.subroutine, row.opt, row.exceptions, row.variant, row.variant < 2,
+                        row.by_gconv),
+            row.most_calls);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Library, testing::ValuesIn(ROWS), [](const auto& row) {
+  return row.param.subroutine + std::to_string(row.param.variant);
+});
+
+}  // namespace
+}  // namespace tqnlp::test
