@@ -464,7 +464,7 @@ static bool stands_still(const MINSTR* str) {
 // The user's module takes the place of the whole termination test, limits included, and with it of
 // the history. So that a module that never gives a code cannot keep a run going that has come to
 // rest, the run then ends for lack of progress.
-static int ask_termination_module(MINSTR* str) {
+static int ask_termination_module(MINSTR* str, int job) {
   ARGMTS* argm = str->secstr;
   if (!ensure_size(argm, &argm->arg8, 1, 1)) return EVALUATION_FAILED;
   if (stands_still(str)) {
@@ -486,14 +486,16 @@ static int ask_termination_module(MINSTR* str) {
   str->tbig = tbig;
   if (code != EVALUATED) return EVALUATION_FAILED;
   argm->trmer = FLAG_GOOD;
-  return to_int(argm->arg6.data[0]);
+  // A technique that has ended by itself cannot go on: 0 leaves it the code that it came with.
+  const int answer = to_int(argm->arg6.data[0]);
+  return answer == 0 && job < 0 ? job : answer;
 }
 
 // "_ITER_" is set before the test, so that it is right when the test's history line is written and
 // for every module that runs in the next iteration.
 int nlpterm(MINSTR* str, int job) {
   ARGMTS* argm = str->secstr;
-  if (argm->iptit != 0) return ask_termination_module(str);
+  if (argm->iptit != 0) return ask_termination_module(str, job);
   argm->_iter_ = str->nitr;
   Export_iter_(argm->_iter_, argm->_iterptr_);
   return znlptrm(str, job);

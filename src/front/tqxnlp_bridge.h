@@ -54,7 +54,8 @@ int nlpcrpj(MINSTR* str);
 int nlpnlco(MINSTR* str);
 int nlpjcon(MINSTR* str);
 // Termination test: the value of the user's module for (x, crit), truncated, or -11; -5 when the
-// module has been asked about one and the same point too often. Without a module the variable
+// module has been asked about one and the same point too often. 0 (go on) does not hide the
+// negative job of a technique that has ended. Without a module the variable
 // "_ITER_" is set and znlptrm asked.
 int nlpterm(MINSTR* str, int job);
 

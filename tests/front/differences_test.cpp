@@ -108,17 +108,40 @@ TEST(Differences, IntervalsInARun) {
   EXPECT_GE(tables, 1);
 }
 
-// A box narrower than the interval, and nothing below it: the difference cannot be formed, and the
-// run says so instead of taking old numbers for it.
-TEST(Differences, WhatCannotBeComputedEndsTheRun) {
-  Session session;
-  session.module("LOG", [](const Matrix& x) {
-    return Matrix::scalar(x(0, 0) > 0 ? x(0, 1) * x(0, 1) - std::log(x(0, 0)) : missing);
-  });
-  const Matrix opt = Matrix::row({0, 0, missing, missing, missing, missing, missing, 1});
-  const Matrix box(2, 2, {1e-7, -9, 5e-6, 9});
-  const auto results = session.call("NLPQN", {"LOG", Matrix::row({4e-6, 3}), opt, box});
-  EXPECT_EQ(results[0](0, 0), -2);
+// Objectives that do not exist beyond a bound, or beside a point on the edge of their domain.
+TEST(Differences, AtTheEdgeOfTheDomain) {
+  const auto power = [](double x, double p) { return x < 0 ? missing : std::pow(x, p); };
+  const auto run = [](const char* subroutine, double differences, const Matrix& start,
+                      const Matrix& bounds, auto f, const Matrix& gradient) {
+    Session session;
+    session.module("F", [&](const Matrix& x) { return Matrix::scalar(f(x)); });
+    session.module("G", [&](const Matrix& x) {
+      return Matrix::row({2 * (x[0] - 3), x[1] < 0 ? missing : 1.5 * std::sqrt(x[1])});
+    });
+    const double M = missing;
+    const auto results =
+        session.call(subroutine, {"F", start, Matrix::row({0, 0, M, M, M, M, M, differences}),
+                                  bounds, NONE, NONE, NONE, gradient});
+    EXPECT_GT(results[0][0], 0) << text_report(session);
+    return results[1];
+  };
+  // Estimated intervals from the bound.
+  const Matrix root = run(
+      "NLPNRR", 10, Matrix::scalar(0), Matrix::col({0, missing}),
+      [&](const Matrix& x) { return power(x[0], 1.5) - x[0]; }, NONE);
+  EXPECT_NEAR(root[0], 4.0 / 9, 1e-6);
+  // A box narrower than the interval, and nothing below it.
+  const Matrix corner = run(
+      "NLPQN", 1, Matrix::row({4e-6, 3}), Matrix(2, 2, {1e-7, -9, 5e-6, 9}),
+      [](const Matrix& x) { return x[0] > 0 ? x[1] * x[1] - std::log(x[0]) : missing; }, NONE);
+  EXPECT_EQ(corner[0], 5e-6);
+  EXPECT_NEAR(corner[1], 0, 1e-5);
+  // No gradient on one side: the column of the Hessian is left out.
+  const Matrix kink = run(
+      "NLPNRR", 2, Matrix::row({1, 0}), NONE,
+      [&](const Matrix& x) { return (x[0] - 3) * (x[0] - 3) + power(x[1], 1.5); }, Matrix("G"));
+  EXPECT_NEAR(kink[0], 3, 1e-6);
+  EXPECT_EQ(kink[1], 0);
 }
 
 }  // namespace

@@ -28,10 +28,28 @@ double step_made(double xj, double increment);
 bool call_function(MINSTR* str);
 bool call_gradient_there(MINSTR* str);
 
-// Moves x away from the bounds, so that the perturbed points stay inside; work keeps the caller's
-// x. cfdh nonzero: per-parameter intervals. job nonzero: evaluates the moved point. Returns 0 not
-// moved, 1 moved, -1 the moved point could not be evaluated.
-int movx(MINSTR* str, int job, int cfdh, Side forc, double eps);
+// ---- Inside the bounds -------------------------------------------------------------------------
+//
+// No difference evaluates a point outside the bounds: movx moves the base away from them,
+// step_inside shortens a step for which the box is too narrow, and perturb takes care of the last
+// rounding. A parameter without an inside (fixed, or between bounds that are neighbouring numbers)
+// stays where it is and is perturbed across its bounds, since it could not be differenced at all.
+
+// Must parameter j stay between its bounds?
+bool is_confined(const MINSTR* str, long j);
+// May parameter j take this value?
+bool is_inside(const MINSTR* str, long j, double value);
+
+// Moves x away from the bounds, so that points reach steps away stay inside; work keeps the
+// caller's x. cfdh nonzero: per-parameter intervals. job nonzero: evaluates the moved point.
+// Returns 0 not moved, 1 moved, -1 the moved point could not be evaluated.
+int movx(MINSTR* str, int job, int cfdh, Side forc, double eps, int reach = 1);
+
+// The step h > 0 from the base x[j], or as much of it as lets reach of them stay inside.
+double step_inside(const MINSTR* str, long j, double h, Side forc, int reach = 1);
+
+// x[j] := value, which rounding may have carried past a bound.
+void perturb(MINSTR* str, long j, double value);
 
 // grad by differences from base value crit, residuals in wfid. 0, -2 retreat ran out, -3 overflow.
 int dograd(MINSTR* str, Side forc, double eps, double crit);
@@ -73,6 +91,10 @@ int hupd(const MINSTR* str, double* sum, double f, double a, double b);
 // func to the first m of wfid and back; without a vector func (nfuv) nothing.
 void save_functions(MINSTR* str);
 void restore_functions(MINSTR* str);
+
+// Tells the log, once in a run, that a matrix ends before column j because no point near x could be
+// evaluated for it.
+void tell_incomplete(MINSTR* str, const char* matrix, long j);
 
 // Moves work back to x and restores the user's state there: 0, or -10.
 int return_from_shift(MINSTR* str);

@@ -26,7 +26,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "host/process.h"
+#include "aasubs/derivatives/differences.h"
 
 namespace tqnlp {
 
@@ -101,9 +101,10 @@ static bool value_here(MINSTR* str, long k, double* value) {
 
 // Values at xj + h and xj + 2h; x[j] is put back by the caller. 0, -3 or -4.
 static int evaluate_ahead(MINSTR* str, long k, long j, double h, double* f1, double* f2) {
-  str->x[j] += h;
+  const double xj = str->x[j];
+  perturb(str, j, xj + h);
   if (!value_here(str, k, f1)) return -3;
-  str->x[j] += h;
+  perturb(str, j, xj + 2.0 * h);
   return value_here(str, k, f2) ? 0 : -4;
 }
 
@@ -240,6 +241,12 @@ static double noise_level(double digits) {
   return digits > 0.0 ? std::exp(-LN_10 * digits) : MACHINE_PRECISION;
 }
 
+// How far parameter j may go on the side of sign.
+static double room_on_side(const MINSTR* str, long j, double sign) {
+  if (!is_confined(str, j)) return HUGE_VALUE;
+  return sign > 0.0 ? str->ub[j] - str->x[j] : str->x[j] - str->lb[j];
+}
+
 // Interval of function k in parameter j, on the side of sign; f0 is the value at x. Returns 0, or
 // the status of a failed evaluation. Two evaluations a trial. The first trial is ten times the
 // interval that would be right if the curvature were |f| + 1 over (|x| + 1)^2.
@@ -251,8 +258,13 @@ static int estimate_interval(MINSTR* str, long k, long j, double sign, double f0
   t.epsa = (std::fabs(f0) + 1.0) * t.eps;
   const double xj = str->x[j];
   t.size = std::fabs(xj) + 1.0;
+  const double most = 0.5 * room_on_side(str, j, sign);
+  double tried = 0.0;
   double h = sign * FIRST_TRIAL * 2.0 * t.size * std::sqrt(t.eps);
   for (int trial = 0; trial < MOST_TRIALS; ++trial) {
+    h = std::clamp(h, -most, most);
+    if (h == tried) break;  // the bound allows no longer one
+    tried = h;
     double f1 = 0.0, f2 = 0.0;
     const int code = evaluate_ahead(str, k, j, h, &f1, &f2);
     str->x[j] = xj;
@@ -364,7 +376,7 @@ static void move_every_parameter(MINSTR* str) {
       const double hi = room ? std::min(1.0, str->ub[j] - str->x[j]) : 1.0;
       u = 0.5 * (lo + hi) >= 0.0 ? hi : lo;
     }
-    str->x[j] += u * t;
+    perturb(str, j, str->x[j] + u * t);
     t *= 0.97;
   }
 }
@@ -407,6 +419,7 @@ int znlpfdh(MINSTR* str, int job) {
   const bool constraints = job > 1 && str->nlicon != 0;
   const double crit = str->crit;
   if (constraints) std::copy_n(str->fcon, str->nnlc, str->wrk2);
+  if (str->wfid != nullptr) save_functions(str);
 
   long constant = 0;
   int code = 0;
@@ -417,9 +430,13 @@ int znlpfdh(MINSTR* str, int job) {
     std::fill_n(str->ofco, str->nvar, short{0});
     constant = 0;
   }
-  // The base point was good before: that it fails now is impossible.
-  if (evaluate_base(str, constraints) != 0) xexit(EXIT_INCONSISTENT, 0);
-  return code;
+  const int base = evaluate_base(str, constraints);
+  if (base != 0) {  // a module may fail even where it was good before
+    str->crit = crit;
+    if (constraints) std::copy_n(str->wrk2, str->nnlc, str->fcon);
+    if (str->wfid != nullptr) restore_functions(str);
+  }
+  return code != 0 ? code : base;
 }
 
 }  // namespace tqnlp

@@ -83,9 +83,10 @@ static Step choose_step(const Component& c, double afx) {
   return {h, true};
 }
 
+// A point outside the bounds counts as one that has no value.
 static bool evaluate_at(MINSTR* str, long i, double value) {
   str->x[i] = value;
-  return call_function(str) && str->tbig == 0.0;
+  return is_inside(str, i, value) && call_function(str) && str->tbig == 0.0;
 }
 
 // One-sided derivative, on either side; false when both fail at the rounding unit. A negative step
@@ -155,7 +156,7 @@ int znlpfg3(MINSTR* str, double eta, const double* alfa, const double* dscl) {
     const double xi = str->x[i];
     const Step step = choose_step(describe(str, i, eta, alfa, dscl, afx), afx);
     double derivative = 0.0;
-    if (step.central) {
+    if (step.central && is_inside(str, i, xi - step.h) && is_inside(str, i, xi + step.h)) {
       code = two_sided(str, i, xi, step.h, crit, &derivative);
     } else if (!one_sided(str, i, xi, step.h, crit, &derivative)) {
       code = -1;

@@ -12,12 +12,15 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/control/report_tables.h"
 #include "aasubs/derivatives/differences.h"
+#include "host/log.h"
 
 namespace tqnlp {
 
 static constexpr double HALF_LOG_10 = 1.151292546497023;            // ln(10)/2
 static constexpr double DEFAULT_INTERVAL = 2.1073424255447021e-08;  // square root of 2^-51
+static constexpr int MESSAGE_INCOMPLETE = 140;
 static constexpr double TEN_ROUNDING_UNITS = 1.110223024625157e-15;
 
 // ---- Intervals ---------------------------------------------------------------------------------
@@ -56,6 +59,11 @@ bool call_gradient_there(MINSTR* str) {
   return code == 0;
 }
 
+void tell_incomplete(MINSTR* str, const char* matrix, long j) {
+  if (++str->nret > 1) return;
+  xpmlog(OPTIMIZATION, MESSAGE_INCOMPLETE, {matrix, parameter_name(str, j).text});
+}
+
 int return_from_shift(MINSTR* str) {
   std::copy_n(str->work, str->nvar, str->x);
   return call_function(str) ? 0 : -10;
@@ -66,47 +74,88 @@ int return_from_moved_base(MINSTR* str, bool failed) {
   return return_from_shift(str);
 }
 
-// ---- Shift away from the bounds ----------------------------------------------------------------
+// ---- Inside the bounds -------------------------------------------------------------------------
 
-// Moves x[j] for a forward step h, which keeps its sign; true if it moved.
-static bool make_room_forward(MINSTR* str, long j, double h) {
+bool is_confined(const MINSTR* str, long j) {
+  static constexpr double NEIGHBOURS = 16.0 * EPS;  // against the size of the bounds
+  if (str->bounds == 0 || str->iabc[j] == 2) return false;
+  const double size = std::max(std::fabs(str->lb[j]), std::fabs(str->ub[j]));
+  return str->ub[j] - str->lb[j] > NEIGHBOURS * size;
+}
+
+bool is_inside(const MINSTR* str, long j, double value) {
+  return !is_confined(str, j) || (value >= str->lb[j] && value <= str->ub[j]);
+}
+
+void perturb(MINSTR* str, long j, double value) {
+  str->x[j] = is_confined(str, j) ? std::clamp(value, str->lb[j], str->ub[j]) : value;
+}
+
+double step_inside(const MINSTR* str, long j, double h, Side forc, int reach) {
+  if (!is_confined(str, j)) return h;
+  double room = str->ub[j] - str->x[j];
+  if (forc == Side::central) room = std::min(room, str->x[j] - str->lb[j]);
+  return h * reach > room ? room / reach : h;
+}
+
+// Distance from a bound at which the base comes to stand: that of the farthest point of the
+// difference, span. The step is taken anew at the base, and is longer there when the base is
+// farther from zero, by the share r of the distance; the distance makes up for it (the sum of the
+// geometric series), so that the farthest point ends at the bound and not beyond.
+static double distance_from_bound(double bound, double inwards, double span, double r) {
+  const double base = bound + inwards * span;
+  const bool ends_inside = r * (std::fabs(base) + 1.0) <= span;
+  return ends_inside || r >= 1.0 ? span : span / (1.0 - r);
+}
+
+// Moves x[j] for a forward step, which keeps its sign; true if it moved. In a box narrower than the
+// step the base is the bound on the other side.
+static bool make_room_forward(MINSTR* str, long j, double r) {
   double& xj = str->x[j];
-  if (h > 0.0 && xj + h > str->ub[j]) {
-    xj = str->ub[j] - h;
+  const double lb = str->lb[j];
+  const double ub = str->ub[j];
+  const double h = (std::fabs(xj) + 1.0) * r;
+  if (h > 0.0 && xj + h > ub) {
+    xj = std::max(ub - distance_from_bound(ub, -1.0, h, r), lb);
     return true;
   }
-  if (h < 0.0 && xj + h < str->lb[j]) {
-    xj = str->lb[j] - h;
+  if (h < 0.0 && xj + h < lb) {
+    xj = std::min(lb + distance_from_bound(lb, 1.0, -h, -r), ub);
     return true;
   }
   return false;
 }
 
-// Moves x[j] for a central step h > 0; the upper bound has priority, an interval wider than the box
-// is not detected.
-static bool make_room_central(MINSTR* str, long j, double h) {
+// Moves x[j] for central steps, r of them together; the upper bound has priority. In a box narrower
+// than the steps the base is its middle.
+static bool make_room_central(MINSTR* str, long j, double r) {
   double& xj = str->x[j];
-  if (xj + h > str->ub[j]) {
-    xj = str->ub[j] - h;
-    return true;
+  const double lb = str->lb[j];
+  const double ub = str->ub[j];
+  const double span = (std::fabs(xj) + 1.0) * r;
+  double distance = 0.0;
+  if (xj + span > ub) {
+    distance = distance_from_bound(ub, -1.0, span, r);
+    xj = ub - distance;
+  } else if (xj - span < lb) {
+    distance = distance_from_bound(lb, 1.0, span, r);
+    xj = lb + distance;
   }
-  if (xj - h < str->lb[j]) {
-    xj = str->lb[j] + h;
-    return true;
-  }
-  return false;
+  if (2.0 * distance > ub - lb) xj = 0.5 * lb + 0.5 * ub;
+  return distance > 0.0;
 }
 
-int movx(MINSTR* str, int job, int cfdh, Side forc, double eps) {
+int movx(MINSTR* str, int job, int cfdh, Side forc, double eps, int reach) {
   if (str->bounds == 0) return 0;
   std::copy_n(str->x, str->nvar, str->work);
   const double* intervals = forc == Side::forward ? str->hfwd : str->hcnt;
   bool moved = false;
   for (long j = 0; j < str->nvar; ++j) {
-    if (str->iabc[j] == 2) continue;
-    const double h = (std::fabs(str->x[j]) + 1.0) * (cfdh != 0 ? intervals[j] : eps);
-    moved |= forc == Side::forward ? make_room_forward(str, j, h)
-                                   : make_room_central(str, j, std::fabs(h));
+    if (!is_confined(str, j)) continue;
+    double r = cfdh != 0 ? intervals[j] : eps;
+    if (r >= 0.0) r = std::max(r, TEN_ROUNDING_UNITS);  // the least step that is taken
+    moved |= forc == Side::forward ? make_room_forward(str, j, reach * r)
+                                   : make_room_central(str, j, reach * std::fabs(r));
   }
   if (!moved) return 0;
   if (job != 0 && !call_function(str)) return -1;
@@ -131,15 +180,15 @@ bool add_to_gradient(MINSTR* str, long j, const double* column) {
 }
 
 // Evaluates at xj + h. After a failure the other side is tried; when that fails too, the step that
-// is now held is compared with the floor. A positive step always ends there, deliberately: only a
-// negative starting interval comes to be halved.
+// is now held is compared with the floor. A positive step always ends there, deliberately: it comes
+// to be halved only where a bound forbids the other side.
 static bool evaluate_forward(MINSTR* str, long j, double xj, double* h) {
   const double floor = step_floor(xj);
   bool other_side = false;
   for (;;) {
-    str->x[j] = xj + *h;
+    perturb(str, j, xj + *h);
     if (call_function(str)) return true;
-    if (!other_side) {
+    if (!other_side && is_inside(str, j, xj - *h)) {
       *h = -*h;
       other_side = true;
     } else {
@@ -155,12 +204,12 @@ static bool evaluate_forward(MINSTR* str, long j, double xj, double* h) {
 static bool evaluate_both_sides(MINSTR* str, long j, double xj, double* h, double* plus) {
   const double floor = step_floor(xj);
   for (;;) {
-    str->x[j] = xj + *h;
+    perturb(str, j, xj + *h);
     bool good = call_function(str);
     if (good) {
       *plus = str->crit;
       if (str->nfuv == 0) std::copy_n(str->func, str->mequ, str->wfid + str->mequ);
-      str->x[j] = xj - *h;
+      perturb(str, j, xj - *h);
       good = call_function(str);
     }
     if (good) return true;
@@ -181,7 +230,7 @@ static bool add_differences(MINSTR* str, long j, const double* above, const doub
 
 static int gradient_component(MINSTR* str, long j, Side forc, double r, double crit) {
   const double xj = str->x[j];
-  double h = step_made(xj, (std::fabs(xj) + 1.0) * r);
+  double h = step_inside(str, j, step_made(xj, (std::fabs(xj) + 1.0) * r), forc);
   double plus = 0.0;
   const bool good = forc == Side::forward ? evaluate_forward(str, j, xj, &h)
                                           : evaluate_both_sides(str, j, xj, &h, &plus);

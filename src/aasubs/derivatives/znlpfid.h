@@ -4,8 +4,8 @@
 // x, crit, func and indf back. Common results: 0 good; -1 the base point could not be evaluated;
 // -2, -3, -4, -5 a retreat ran out (see the routine); -3 also overflow of a gradient sum; -9
 // overflow of a crossproduct; -10, -11 the call that restores the user's state failed (function,
-// gradient). Where a routine answers 0 although a retreat ran out (from a base shifted away from a
-// bound, and as told below), what it could not compute is left missing.
+// gradient). Where a gradient or Jacobian routine answers 0 although a retreat ran out (from a base
+// shifted away from a bound), grad is left missing.
 #pragma once
 
 #include "aasubs/record/minstr.h"
@@ -36,12 +36,14 @@ int znlpfih(MINSTR* str);
 int znlpfh2(MINSTR* str);
 
 // Hessian from gradients: forward n+1 pairs of function and gradient, central 2n+1 pairs. grad
-// stays that of x. Count one in nhes. The central form answers 0 even when a retreat ran out.
+// stays that of x. Count one in nhes. The central form, and the forward one from a moved base,
+// answer 0 even when a retreat ran out, with hess partly done: from the column on that failed it is
+// zero, and the log names the parameter.
 int znlpfh3(MINSTR* str);
 int znlpfh4(MINSTR* str);
 
 // Jacobian of the nonlinear constraints into jcon: forward, central. Count one in njnc. Both answer
-// 0 even when a retreat ran out, with jcon partly done.
+// 0 even when a retreat ran out, with jcon partly done in the same sense.
 int znlpfcj(MINSTR* str);
 int znlpfcc(MINSTR* str);
 

@@ -51,6 +51,7 @@ namespace {
 struct Stencil {
   double eps;         // common interval, halved when a point fails
   const double* own;  // per-parameter intervals, or null
+  int reach;          // steps to the farthest point
   double base;        // f at the base point
   double failed_at;   // value of the parameter whose perturbation failed
 };
@@ -58,7 +59,8 @@ struct Stencil {
 }  // namespace
 
 static double stencil_step(const MINSTR* str, const Stencil& stencil, long j) {
-  return (std::fabs(str->x[j]) + 1.0) * (stencil.own != nullptr ? stencil.own[j] : stencil.eps);
+  const double r = stencil.own != nullptr ? stencil.own[j] : stencil.eps;
+  return step_inside(str, j, (std::fabs(str->x[j]) + 1.0) * r, Side::central, stencil.reach);
 }
 
 // f with x[j] moved by hj, and x[k] by hk when k is not negative; x is put back.
@@ -66,8 +68,8 @@ static bool value_at(MINSTR* str, Stencil& stencil, long j, double hj, long k, d
                      double* f) {
   const double xj = str->x[j];
   const double xk = k >= 0 ? str->x[k] : 0.0;
-  str->x[j] = xj + hj;
-  if (k >= 0) str->x[k] = xk + hk;
+  perturb(str, j, xj + hj);
+  if (k >= 0) perturb(str, k, xk + hk);
   const bool good = call_function(str);
   str->x[j] = xj;
   if (k >= 0) str->x[k] = xk;
@@ -154,16 +156,17 @@ static int hessian_passes(MINSTR* str, Stencil& stencil, int (*pass)(MINSTR*, St
 
 // State noted, base moved away from the bounds, passes, gradient in the form that fidi asks for,
 // and everything put back.
-static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&)) {
+static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&), int reach) {
   ++str->nhes;
   const int indf = static_cast<int>(str->indf);
   const double crit = str->crit;
   str->indf = HESSIAN_STEP_FROM_FUNCTION;
   const bool own = objective_has_intervals(str);
-  Stencil stencil{own ? 1.0 : central_interval(str->fdig), own ? str->hcnt : nullptr, crit, 0.0};
+  Stencil stencil{own ? 1.0 : central_interval(str->fdig), own ? str->hcnt : nullptr, reach, crit,
+                  0.0};
 
   // The shift is the central one in both forms.
-  const int moved = movx(str, 1, own ? 1 : 0, Side::central, stencil.eps);
+  const int moved = movx(str, 1, own ? 1 : 0, Side::central, stencil.eps, reach);
   int code = -1;
   if (moved >= 0) {
     stencil.base = str->crit;
@@ -185,9 +188,9 @@ static int hessian_from_functions(MINSTR* str, int (*pass)(MINSTR*, Stencil&)) {
   return code;
 }
 
-int znlpfih(MINSTR* str) { return hessian_from_functions(str, forward_pass); }
+int znlpfih(MINSTR* str) { return hessian_from_functions(str, forward_pass, 1); }
 
-int znlpfh2(MINSTR* str) { return hessian_from_functions(str, central_pass); }
+int znlpfh2(MINSTR* str) { return hessian_from_functions(str, central_pass, 2); }
 
 // ---- From gradients ----------------------------------------------------------------------------
 
@@ -218,13 +221,13 @@ static int gradient_column(MINSTR* str, long j, Side forc, double r, double* sav
   const double xj = str->x[j];
   const double floor = step_floor(xj);
   const bool central = forc == Side::central;
-  double h = step_made(xj, (std::fabs(xj) + 1.0) * r);
+  double h = step_inside(str, j, step_made(xj, (std::fabs(xj) + 1.0) * r), forc);
   for (;;) {
-    str->x[j] = xj + h;
+    perturb(str, j, xj + h);
     int code = call_pair(str);
     if (code == 0 && central) {
       std::copy_n(str->grad, str->nvar, saved);
-      str->x[j] = xj - h;
+      perturb(str, j, xj - h);
       code = call_pair(str);
     }
     if (code == 0) break;
@@ -266,13 +269,15 @@ static int hessian_from_gradients(MINSTR* str, Side forc) {
     std::copy_n(str->func, str->mequ, func);
     std::copy_n(str->grad, str->nvar, saved);
   }
-  for (long j = 0; code == 0 && j < str->nvar; ++j) {
-    code = gradient_column(str, j, forc, own ? intervals[j] : eps, saved);
+  long done = 0;
+  while (code == 0 && done < str->nvar) {
+    code = gradient_column(str, done, forc, own ? intervals[done] : eps, saved);
+    if (code == 0) ++done;
   }
   if (moved || central) {
-    // A retreat that ran out is not reported here (deliberate): what counts is the state at x. It
-    // shows by the matrix, which is left missing.
-    if (code != 0) vzfdl(MISSING, str->hess, hessian_length(str));
+    // A retreat that ran out is not reported here (deliberate): what counts is the state at x. The
+    // columns formed before it stand, those behind it are zero, and the log tells of it.
+    if (code != -1 && done < str->nvar) tell_incomplete(str, "Hessian", done);
     if (code != -1) code = 0;
     std::copy_n(str->work, str->nvar, str->x);
     const int back = call_pair(str);
@@ -342,13 +347,15 @@ static bool call_jacobian_there(MINSTR* str) {
   return code == 0;
 }
 
-// Function and constraint Jacobian at xj + h, with retreat; false at the floor.
+// Function and constraint Jacobian at xj + h, with retreat; false at the floor. The base is x
+// itself: where the box ends before the step does, the step goes down.
 static bool jacobian_nearby(MINSTR* str, long j, double xj, double* h) {
   const double floor = step_floor(xj);
+  if (!is_inside(str, j, xj + *h)) *h = std::max(-*h, str->lb[j] - xj);
   for (;;) {
-    str->x[j] = xj + *h;
+    perturb(str, j, xj + *h);
     if (call_function(str) && call_jacobian_there(str)) return true;
-    if (!(*h > floor)) return false;
+    if (!(std::fabs(*h) > floor)) return false;
     *h *= 0.5;
   }
 }

@@ -48,19 +48,20 @@ struct ColumnsEnd {
 // func := column j of the Jacobian. 0, or a code when the retreat ran out.
 static int difference_column(MINSTR* str, long j, const JacobianKind& kind, double r) {
   const double xj = str->x[j];
-  double h = step_made(xj, kind.scaled_interval ? (std::fabs(xj) + 1.0) * r : r);
+  const double wanted = step_made(xj, kind.scaled_interval ? (std::fabs(xj) + 1.0) * r : r);
+  double h = step_inside(str, j, wanted, kind.side);
   const double floor = step_floor(xj);
   const bool central = kind.side == Side::central;
   double* plus = str->wfid + str->mequ;
   // Both sides with one step: when either fails, both are taken anew.
   for (;;) {
     int failed = 0;
-    str->x[j] = xj + h;
+    perturb(str, j, xj + h);
     if (!call_function(str)) {
       failed = kind.plus_failed;
     } else if (central) {
       std::copy_n(str->func, str->mequ, plus);
-      str->x[j] = xj - h;
+      perturb(str, j, xj - h);
       if (!call_function(str)) failed = -2;
     }
     if (failed == 0) break;
@@ -158,15 +159,15 @@ static bool call_constraints(MINSTR* str) {
 static bool constraint_column(MINSTR* str, long j, Side forc, double r) {
   const double xj = str->x[j];
   const long n = str->nvar;
-  double h = step_made(xj, (std::fabs(xj) + 1.0) * r);
+  double h = step_inside(str, j, step_made(xj, (std::fabs(xj) + 1.0) * r), forc);
   const double floor = step_floor(xj);
   const bool central = forc == Side::central;
   for (;;) {
-    str->x[j] = xj + h;
+    perturb(str, j, xj + h);
     bool good = call_constraints(str);
     if (good && central) {
       for (long i = 0; i < str->nnlc; ++i) str->jcon[i * n + j] = str->fcon[i];
-      str->x[j] = xj - h;
+      perturb(str, j, xj - h);
       good = call_constraints(str);
     }
     if (good) break;
@@ -207,11 +208,13 @@ static int constraint_jacobian(MINSTR* str, Side forc) {
   while (done < str->nvar && constraint_column(str, done, forc, own ? intervals[done] : eps)) {
     ++done;
   }
-  // A retreat that ran out ends the columns and is not reported (deliberate): it shows by the
-  // columns that are left missing.
+  // A retreat that ran out ends the columns and is not reported (deliberate): those formed before
+  // it stand, those behind it, which hold values of constraints by now, become zero, and the log
+  // tells of it.
   for (long i = 0; i < str->nnlc; ++i) {
-    vzfdl(MISSING, str->jcon + i * str->nvar + done, str->nvar - done);
+    vzfdl(0.0, str->jcon + i * str->nvar + done, str->nvar - done);
   }
+  if (done < str->nvar) tell_incomplete(str, "Jacobian of the nonlinear constraints", done);
   std::copy_n(str->work, str->nvar, str->x);
   const bool restored = call_constraints(str);
   str->crit = crit;

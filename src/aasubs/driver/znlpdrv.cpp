@@ -322,22 +322,24 @@ static int evaluate_solution(MINSTR* str, int code) {
   mark_gradient_missing(str);
   mark_constraints_missing(str);
   str->indf = AT_SOLUTION;
-  if (!evaluate_objective(str)) {
-    code = -3;
-    str->crit = MISSING;
-  }
+  bool values = evaluate_objective(str);
+  if (!values) str->crit = MISSING;
   if (!evaluate_constraints(str)) {
     mark_constraints_missing(str);
-    code = -3;
+    values = false;
   }
-  const bool intervals = estimate_intervals(str);
+  if (!values) code = -3;
+  // Without values there is no noise to estimate, and their failure remains the reason of the end.
+  const int failure = values ? -4 : -3;
+  const bool intervals = str->cfdh == 0 || (values && estimate_intervals(str));
+  if (values && !intervals) xpmlog(OPTIMIZATION, 139);
   if (!intervals || !evaluate_gradient(str)) {
     mark_gradient_missing(str);
-    code = -4;
+    code = failure;
   }
   if (!intervals || !evaluate_constraint_jacobian(str)) {
     mark_constraint_jacobian_missing(str);
-    code = -4;
+    code = failure;
   }
   if (has_general_constraints(str) || str->bounds != 0) {
     widen_tolerance_to_fit(str);

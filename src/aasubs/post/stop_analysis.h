@@ -19,10 +19,9 @@ namespace tqnlp {
 
 // znlpnoi: NOIse probe. Looks for a clearly better point around x: along each parameter, along each
 // null-space column of the working set, then at random (the same points at every call). A point
-// counts when it can be evaluated, is lower, and violates no constraint by more than x or the
-// feasibility tolerance does; after a failed evaluation (tbig) the derivatives, too, must exist
-// there. A decrease that is small against the slope must be confirmed by a
-// line search without derivatives.
+// counts when it can be evaluated, is lower, and violates no constraint by more than x does, but
+// for the rounding of a row. A decrease that is small against the slope must be confirmed by a line
+// search without derivatives.
 //
 //   job    0: radius rtop, 20 random passes; nonzero: a tenth of it, 10 passes
 //   rtop   radius, relative to parameters above 1; missing or not above TINY: 0.1

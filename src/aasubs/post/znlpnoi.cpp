@@ -15,7 +15,7 @@
 //   2  parameters one by one, both ways
 //   3  null-space columns, both ways          (only while nothing better is known)
 //   4  random points                          (only while nothing better is known)
-//   5  a small decrease is left to a line search; after a failure, derivatives must exist there
+//   5  a small decrease is left to a line search
 #include <algorithm>
 #include <cmath>
 
@@ -129,16 +129,27 @@ static bool make_base_feasible(MINSTR* str, bool* moved) {
   return true;
 }
 
+// What rounding makes of the residual of a row: on an equality, two points never have the same.
+static double residual_rounding(MINSTR* str) {
+  double largest = 0.0;
+  for (long i = 0; str->lincon != 0 && i < str->ncon; ++i) {
+    str->acget(str, i, str->awrk);
+    double sum = std::fabs(str->blcn[i]);
+    for (long j = 0; j < str->nvar; ++j) sum += std::fabs(str->awrk[j] * str->x[j]);
+    largest = std::max(largest, sum);
+  }
+  return static_cast<double>(str->nvar + 1) * EPS * largest;
+}
+
 // Value and violation at the base, and the copy of it in xold. A technique may stop at a good point
-// while tbig still tells of a failed trial: the value is then asked for again, because a base
-// without a value would make any point a better one.
+// while tbig still tells of a failed trial: the value is then asked for again. To take the base for
+// the largest double would be simpler, and would make any point in reach a better one: a run that
+// failed near its solution would be led away uphill.
 static void measure_base(MINSTR* str, Probe& probe, bool moved) {
   const bool stale = moved || str->tbig != 0.0 || std::isnan(str->crit) || str->nlicon != 0;
   const bool known = !stale || evaluate(str);
   probe.base = known ? str->crit : HUGE_VALUE;
-  const double violation = std::max(known ? gtcmx(str) : 0.0, bound_violation(str));
-  // Rounding alone makes a difference between the residuals of neighbouring points.
-  probe.limit = std::max(violation, feasibility_tolerance(str, str->ipre));
+  probe.limit = std::max(known ? gtcmx(str) : 0.0, bound_violation(str)) + residual_rounding(str);
   probe.best = probe.base;
   std::copy_n(str->x, str->nvar, str->xold);
 }
@@ -330,21 +341,6 @@ static bool search_confirms(MINSTR* str, const Probe& probe) {
   return good;
 }
 
-// After a failed evaluation: can the run go on from x? Where the failure is that of a derivative
-// module, better values are of no use; the stop then stands with its own code.
-static bool derivatives_exist(MINSTR* str) {
-  Callback derivatives = str->usgrd;
-  if (str->ider == 2 && str->usjac != nullptr) derivatives = str->usjac;
-  if (str->ider > 2 && str->ushes != nullptr) derivatives = str->ushes;
-  if (str->ider == 0 || derivatives == nullptr) return true;
-  if (!evaluate(str)) return false;
-  std::copy_n(str->grad, str->nvar, str->gold);
-  str->ifdr = str->ider > 2 ? ORDER_HESSIAN : ORDER_GRADIENT;
-  if (derivatives(str) == 0 && str->tbig == 0.0) return true;
-  std::copy_n(str->gold, str->nvar, str->grad);
-  return false;
-}
-
 int znlpnoi(MINSTR* str, int job) {
   Entry entry{str->crit, str->tbig, str->cmax, str->chac, str->idac};
   Probe probe;
@@ -376,7 +372,6 @@ int znlpnoi(MINSTR* str, int job) {
   } else {
     str->crit = probe.best;
   }
-  if (entry.tbig != 0.0 && !derivatives_exist(str)) return nothing_found(str, probe, entry);
   return better_point(str, probe);
 }
 

@@ -258,6 +258,7 @@ struct MINSTR {
   long nhes;   // Hessian or Jacobian calls
   long nfnc;   // nonlinear-constraint calls with indf below 7
   long njnc;   // constraint-Jacobian calls
+  long nret;   // Hessians and constraint Jacobians whose differences were left partly done
   long nhup;   // quasi-Newton updates
   long nlis;   // line searches
   long itre;   // iterations since the restart

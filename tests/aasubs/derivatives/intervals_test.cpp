@@ -103,7 +103,7 @@ TEST(Intervals, OfConstraints) {
   EXPECT_TRUE(wzmis(r.hfwd[0]));
 }
 
-// A failing evaluation ends the estimate; the base point must work, since it worked before. To the
+// A failing evaluation ends the estimate, be it the last one, at a base that worked before. To the
 // driver it is a failed derivative.
 TEST(Intervals, FailureLeavesLaterParametersMissing) {
   DifferenceRecord r(2, 1);
@@ -118,6 +118,13 @@ TEST(Intervals, FailureLeavesLaterParametersMissing) {
   r.cfdh = 1;
   EXPECT_EQ(znlpdrv(&r, 1, 0, 0, 0), -2);
   EXPECT_TRUE(wzmis(r.grad[0]));
+  r.functions = [](const double* x) -> Vec { return {x[0] * x[0]}; };
+  r.start({1, 1});
+  EXPECT_EQ(znlpfdh(&r, 1), 0);
+  const long last = r.calls;
+  r.fail(last, last);
+  EXPECT_EQ(znlpfdh(&r, 1), -1);
+  EXPECT_TRUE(r.calls == last && r.crit == 1 && r.func[0] == 1);
 }
 
 }  // namespace
