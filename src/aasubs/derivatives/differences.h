@@ -48,6 +48,10 @@ int movx(MINSTR* str, int job, int cfdh, Side forc, double eps, int reach = 1);
 // The step h > 0 from the base x[j], or as much of it as lets reach of them stay inside.
 double step_inside(const MINSTR* str, long j, double h, Side forc, int reach = 1);
 
+// The same for a forward step from a base that is not moved: h, or a step to the side with more
+// room.
+double one_sided_step(const MINSTR* str, long j, double h);
+
 // x[j] := value, which rounding may have carried past a bound.
 void perturb(MINSTR* str, long j, double value);
 

@@ -77,11 +77,6 @@ static void take_column(const MINSTR* str, long j, double h, const double* befor
   }
 }
 
-// A step up, or down where the upper bound leaves no room.
-static double step_with_room(const MINSTR* str, long j, double h) {
-  return str->bounds != 0 && str->x[j] + h > str->ub[j] ? -h : h;
-}
-
 static bool step_in_each_parameter(MINSTR* str, long* iwk, double* hess, double* compare,
                                    double* work) {
   const double base = str->crit;
@@ -89,8 +84,8 @@ static bool step_in_each_parameter(MINSTR* str, long* iwk, double* hess, double*
   std::copy_n(str->grad, str->nvar, work);
   for (long j = 0; j < str->nvar; ++j) {
     const double xj = str->x[j];
-    const double h = step_with_room(str, j, step);
-    str->x[j] = xj + h;
+    const double h = one_sided_step(str, j, step);
+    perturb(str, j, xj + h);
     const int code = evaluate_pair(str);
     str->x[j] = xj;
     if (code != 0) return false;

@@ -12,8 +12,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/control/report_tables.h"
 #include "aasubs/derivatives/differences.h"
+#include "aasubs/reports/report_tables.h"
 #include "host/log.h"
 
 namespace tqnlp {
@@ -96,6 +96,13 @@ double step_inside(const MINSTR* str, long j, double h, Side forc, int reach) {
   double room = str->ub[j] - str->x[j];
   if (forc == Side::central) room = std::min(room, str->x[j] - str->lb[j]);
   return h * reach > room ? room / reach : h;
+}
+
+double one_sided_step(const MINSTR* str, long j, double h) {
+  if (is_inside(str, j, str->x[j] + h)) return h;
+  const double above = str->ub[j] - str->x[j];
+  const double below = str->x[j] - str->lb[j];
+  return above >= below ? above : -std::min(h, below);
 }
 
 // Distance from a bound at which the base comes to stand: that of the farthest point of the

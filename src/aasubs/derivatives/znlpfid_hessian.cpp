@@ -347,11 +347,9 @@ static bool call_jacobian_there(MINSTR* str) {
   return code == 0;
 }
 
-// Function and constraint Jacobian at xj + h, with retreat; false at the floor. The base is x
-// itself: where the box ends before the step does, the step goes down.
+// Function and constraint Jacobian at xj + h, with retreat; false at the floor.
 static bool jacobian_nearby(MINSTR* str, long j, double xj, double* h) {
   const double floor = step_floor(xj);
-  if (!is_inside(str, j, xj + *h)) *h = std::max(-*h, str->lb[j] - xj);
   for (;;) {
     perturb(str, j, xj + *h);
     if (call_function(str) && call_jacobian_there(str)) return true;
@@ -381,7 +379,8 @@ int znlphlf(MINSTR* str, double* hess, long lmax) {
   bool good = true;
   for (long j = 0; good && j < n; ++j) {
     const double xj = str->x[j];
-    double h = step_made(xj, (std::fabs(xj) + 1.0) * (own ? str->hfwd[j] : eps));
+    const double wanted = step_made(xj, (std::fabs(xj) + 1.0) * (own ? str->hfwd[j] : eps));
+    double h = one_sided_step(str, j, wanted);
     good = jacobian_nearby(str, j, xj, &h);
     for (long p = 0; good && p < str->nalc; ++p) {
       const long i = str->iact[p] - str->ncon;

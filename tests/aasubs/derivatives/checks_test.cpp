@@ -2,10 +2,10 @@
 // to blame, the user's state comes back.
 #include <gtest/gtest.h>
 
-#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/derivatives/difference_record.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/driver/znlpdrv.h"
 #include "embed/task.h"
 #include "tqnlp/tqnlp.hpp"
 

@@ -4,10 +4,10 @@
 #include <bit>
 #include <cstdint>
 
-#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/derivatives/difference_record.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/driver/znlpdrv.h"
 
 namespace tqnlp::test {
 namespace {

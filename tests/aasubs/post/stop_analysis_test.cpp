@@ -183,6 +183,12 @@ TEST(NoiseProbe, AcceptsOnlyWhatIsBetterInsideTheConstraints) {
   EXPECT_EQ(r.cold, 0.05 - 1.0);
   EXPECT_TRUE(r.iabc[0] == 1 && r.nabc == 2);
   EXPECT_EQ(r.alfa, 0.25);
+  // x <= 1 in a tiny scale: beyond it the violation is below the tolerance, but above that of x.
+  TestRecord beyond(2);
+  install_flat(beyond, [](auto x) { return -x[0]; }, {1, 0});
+  beyond.with_rows({{{-1e-9, 0}, 1, -1e-9}});
+  arrive(beyond);
+  EXPECT_EQ(znlpnoi(&beyond, 0), 0);
 }
 
 // Slope -2 at x = 1, but the first trial falls by less than the threshold: a line search goes on to
@@ -207,6 +213,7 @@ TEST(NoiseProbe, AFailedBaseCountsAsTheLargestValue) {
     install_flat(r, std::move(f), {left, 0});
     r.tbig = 1.0;
     r.crit = MISSING;
+    r.usgrd = [](MINSTR*) { return -11; };  // a better point stands without derivatives, too
     const int found = znlpnoi(&r, 0);
     EXPECT_EQ(r.tbig, found != 0 ? 0.0 : 1.0);
     EXPECT_TRUE(wzmis(r.f(r.x)) || r.crit == r.f(r.x));
