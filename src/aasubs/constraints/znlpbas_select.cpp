@@ -218,15 +218,19 @@ static bool in_working_set(const MINSTR* str, long code) {
   return std::find(static_cast<const long*>(str->iact), end, code - 2 * n) != end;
 }
 
+// Adds the constraint with this blocking code. Returns false when it is dependent, and deferred.
+static bool add_by_code(MINSTR* str, const Selection& run, long code) {
+  const long n = str->nvar;
+  const int koc = code < n ? 1 : (code < 2 * n ? -1 : 0);
+  return znlpupd(str, 0, run.job, 0, koc, code < 2 * n ? code % n : code - 2 * n, run.nhlf,
+                 str->gpro, run.ches) == 0;
+}
+
 // Adds the first of the listed blocking constraints that is not in the working set.
 static bool add_blocking(MINSTR* str, const Selection& run, long listed) {
-  const long n = str->nvar;
   for (long k = 0; k < listed; ++k) {
-    const long code = str->liwk[k];
-    if (in_working_set(str, code)) continue;
-    const int koc = code < n ? 1 : (code < 2 * n ? -1 : 0);
-    znlpupd(str, 0, run.job, 0, koc, code < 2 * n ? code % n : code - 2 * n, run.nhlf, str->gpro,
-            run.ches);
+    if (in_working_set(str, str->liwk[k])) continue;
+    add_by_code(str, run, str->liwk[k]);
     return true;
   }
   return false;
@@ -271,7 +275,8 @@ static Search drop_block(MINSTR* str, Selection& run, double tres) {
 // block, and what came back is not weighed again. Such a point is settled by the nonnegative
 // least-squares problem min |g - A'lambda| over all constraints active at x, whose residual is the
 // steepest feasible descent direction (Lawson and Hanson, 1974, chapter 23). Its passive set is the
-// working set. liwk and lagm hold its inequalities and their multipliers, work the trial ones.
+// working set. iwk and lagm hold its inequalities and their multipliers, work the trial ones; liwk
+// lists what blocks.
 
 // Inequalities no longer wait: what is active at x but not in the factors is found when it blocks.
 // Equalities and fixed parameters stay, for they never block.
@@ -308,7 +313,7 @@ static bool drop_first_at_zero(MINSTR* str, Selection& run, double tres, long* c
   long first = -1;
   znlpglm(str, 0, str->grad, str->work);
   for (long k = 0; k < *count; ++k) {
-    const double trial = str->work[multiplier_place(str, str->liwk[k])];
+    const double trial = str->work[multiplier_place(str, str->iwk[k])];
     if (!(trial < -tres)) continue;
     const double old = std::max(str->lagm[k], 0.0);
     if (first >= 0 && !(old < share * (old - trial))) continue;
@@ -316,13 +321,13 @@ static bool drop_first_at_zero(MINSTR* str, Selection& run, double tres, long* c
     first = k;
   }
   for (long k = 0; k < *count; ++k) {
-    const double trial = str->work[multiplier_place(str, str->liwk[k])];
+    const double trial = str->work[multiplier_place(str, str->iwk[k])];
     str->lagm[k] += share * (trial - str->lagm[k]);
   }
   if (first < 0) return false;
-  if (drop_candidate(str, run, str->liwk[first]) != 0) run.flag = UNIT_ROW_BLOCK;
+  if (drop_candidate(str, run, str->iwk[first]) != 0) run.flag = UNIT_ROW_BLOCK;
   --*count;
-  std::copy(str->liwk + first + 1, str->liwk + *count + 1, str->liwk + first);
+  std::copy(str->iwk + first + 1, str->iwk + *count + 1, str->iwk + first);
   std::copy(str->lagm + first + 1, str->lagm + *count + 1, str->lagm + first);
   return true;
 }
@@ -333,7 +338,7 @@ static long list_members(MINSTR* str) {
   znlpglm(str, 0, str->grad, str->work);
   auto take = [&](long code, double value) {
     str->lagm[count] = value;
-    str->liwk[count++] = code;
+    str->iwk[count++] = code;
   };
   for (long k = 0; k < str->nabc; ++k) {
     const long j = str->ifxr[free_count(str) + k];
@@ -345,16 +350,20 @@ static long list_members(MINSTR* str) {
   return count;
 }
 
-// Adds the constraint with this blocking code, and to the list. Returns false when it is dependent.
-static bool add_member(MINSTR* str, const Selection& run, long blocking, long* count) {
+// Adds the first of the listed blocking constraints that is independent of the working set, and to
+// the members. Returns false when there is none. Only the list tells what blocks at x: the single
+// code of znlptcs may name a constraint met further on, when the one on which x stands has a slope
+// so small that a full step would still leave it within tolerance.
+static bool add_member(MINSTR* str, const Selection& run, long listed, long* count) {
   const long n = str->nvar;
-  const bool is_row = blocking >= 2 * n;
-  const int koc = is_row ? 0 : (blocking < n ? 1 : -1);
-  const long ic = is_row ? blocking - 2 * n : blocking % n;
-  if (znlpupd(str, 0, run.job, 0, koc, ic, run.nhlf, str->gpro, run.ches) != 0) return false;
-  str->lagm[*count] = 0.0;
-  str->liwk[(*count)++] = is_row ? n + ic : ic;
-  return true;
+  for (long k = 0; k < listed; ++k) {
+    const long code = str->liwk[k];
+    if (in_working_set(str, code) || !add_by_code(str, run, code)) continue;
+    str->lagm[*count] = 0.0;
+    str->iwk[(*count)++] = code < 2 * n ? code % n : code - n;
+    return true;
+  }
+  return false;
 }
 
 // Below this share of the worst multiplier a projected gradient counts as zero.
@@ -390,9 +399,9 @@ static bool settle_degenerate_point(MINSTR* str, Selection& run) {
   const long most = 10 * (str->nvar + str->ncon + str->nnlc);
   for (long pass = 0; pass < most; ++pass) {
     if (is_stationary(str)) return false;
-    long blocking = -1;
-    if (direction_is_feasible(str, &blocking, nullptr)) return true;
-    if (blocking < 0 || !add_member(str, run, blocking, &count)) break;
+    long listed = -1;
+    if (direction_is_feasible(str, &listed, str->liwk)) return true;
+    if (!add_member(str, run, listed, &count)) break;
     while (drop_first_at_zero(str, run, tres, &count)) {
     }
   }

@@ -303,6 +303,24 @@ static Member blocking_member(const MINSTR* str, long code) {
   return {0, code - 2 * n};
 }
 
+// Enters the constraint that limits the step along sdir to stub: the one with this code, or at a
+// step of zero the first one listed that is independent of the members. There the single code may
+// name a constraint met further on, when the one on which x stands has a slope so small that a full
+// step would still leave it within tolerance. False: what limits the step depends on the members.
+static bool enter_blocking(Quadratic& q, long code) {
+  MINSTR* str = q.str;
+  // Bounds alone have no list: of them the first that blocks is named.
+  if (str->stub > 0.0 || (str->lincon == 0 && str->nlicon == 0)) {
+    return enter(q, blocking_member(str, code));
+  }
+  long listed = 0;
+  znlpstl(str, 0, 0, 0, str->x, str->sdir, &listed, str->liwk);
+  for (long k = 0; k < listed; ++k) {
+    if (enter(q, blocking_member(str, str->liwk[k]))) return true;
+  }
+  return false;
+}
+
 static int primal_method(Quadratic& q) {
   MINSTR* str = q.str;
   long idle = 0;  // steps of length zero in a row
@@ -316,7 +334,7 @@ static int primal_method(Quadratic& q) {
       idle = t > 0.0 ? 0 : idle + 1;
       q.bland = idle > str->nvar;
       if (t > 0.0) move(q, t);
-      if (blocking >= 0 && enter(q, blocking_member(str, blocking))) continue;
+      if (blocking >= 0 && enter_blocking(q, blocking)) continue;
       minimizer = blocking < 0 && t >= 1.0;
       // What depends on the members can only block the correction of their rounding: do without.
       if (!minimizer && !q.keep_residuals) {
