@@ -518,7 +518,16 @@ int znlplcq(MINSTR* str, int nolm, int load, double lamb, double* grad, double* 
   zvxay11(n, str->grad, 1.0, str->work);
 
   const bool feasible = prepare_set(str, load);
-  const int code = feasible ? primal_method(q) : dual_method(q);
+  int code = feasible ? primal_method(q) : dual_method(q);
+  const bool lost = feasible && code == 0 && znlpfch(str, 0, 0, str->ipre) != 0;
+  if (lost || (feasible && code == NO_STEP)) {
+    // Between constraints that are dependent but for the tolerance the primal method may find
+    // neither one that may enter nor one that should leave, or drift off one that it took for
+    // dependent. The dual method settles both.
+    q.passes = 0;
+    q.keep_residuals = false;
+    code = dual_method(q);
+  }
 
   if (grad != str->grad) std::copy_n(str->grad, n, grad);
   if (nolm == 0 && code == 0) multipliers(str, str->grad, str->lagm);

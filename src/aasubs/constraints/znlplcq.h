@@ -21,8 +21,8 @@ namespace tqnlp {
 //   hpro  packed work for the reduced matrix, nnva doubles; may be null when hess is null
 //
 // The point may violate anything, equalities too. A point that satisfies all constraints is led to
-// the solution through feasible points; from any other the solution is approached from outside, and
-// is the same.
+// the solution through feasible points; from any other, and where nearly dependent constraints
+// leave no such way, the solution is approached from outside, and is the same.
 //
 // Uses x, grad, sdir, gpro, lagm, dcds, work, awrk, liwk, qlcn, llcn, ipiv (ipiv with hess only)
 // and changes iabc, ifxr, iact, nabc, nalc, nldc, nlbc, gmax, stub; sets ridg to 0; load 0 rebuilds

@@ -79,8 +79,9 @@ Callback select_line_search(int tlin);
 int bisect(MINSTR* str, double c0, double gs0, double gmx0, double salf);
 
 // Largest violation at x of the linear constraints (through acget and blcn) and the nonlinear ones
-// (calling usnlc, which leaves them in fcon): equalities by modulus, inequalities by their negative
-// part, at least 0. HUGE_VALUE when the constraints could not be evaluated. Uses awrk.
+// (calling usnlc, which leaves them in fcon; without usnlc the last usfct has left them there):
+// equalities by modulus, inequalities by their negative part, at least 0. HUGE_VALUE when the
+// constraints could not be evaluated. Uses awrk.
 double gtcmx(MINSTR* str);
 
 // Abscissa of the minimum of the parabola through (x1, f1), (x2, f2), (x3, f3); the mean of the

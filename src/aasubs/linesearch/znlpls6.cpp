@@ -219,8 +219,9 @@ double gtcmx(MINSTR* str) {
       largest = std::max(largest, row_violation(residual, i < str->neqc));
     }
   }
-  if (str->nlicon != 0 && str->usnlc != nullptr) {
-    if (str->usnlc(str) != 0 || str->tbig != 0.0) return HUGE_VALUE;
+  if (str->nlicon != 0) {
+    // Without a call of their own the last evaluation of the objective has left the values in fcon.
+    if (str->usnlc != nullptr && (str->usnlc(str) != 0 || str->tbig != 0.0)) return HUGE_VALUE;
     for (long i = 0; i < str->nnlc; ++i) {
       largest = std::max(largest, row_violation(str->fcon[i], i < str->nlec));
     }

@@ -111,7 +111,8 @@ static void return_arrays(MINSTR* str, const Workspace& own) {
 // ---- Hessian ------------------------------------------------------------------------------------
 
 // Hessian by differences in the form that the run uses. Without a choice gradients are differenced,
-// but never gradients that are differences themselves: their error is as large as the difference.
+// but never gradients that are differences themselves: the steps of both are equally long, so that
+// the errors of such a Hessian are as large as its elements, and say nothing of their signs.
 static int difference_hessian(MINSTR* str) {
   const bool gradient = str->ider >= 1 && str->usgrd != nullptr;
   const int choice = fidi_digit(str->fidi, 3);
@@ -169,9 +170,11 @@ static void eliminate(long n, long k, double* c) {
 }
 
 // A vector u on the places k..n-1 with u'Su < 0, in z; false when S is zero. The most negative
-// diagonal element decides. A zero diagonal with an element s beside it is indefinite as well:
-// (1, -sign s) has curvature -2|s| there.
-static bool negative_in_remainder(long n, long k, const double* c, double* z) {
+// diagonal element decides. The plain test would take all others for semidefinite; beyond it, a
+// zero diagonal with an element s beside it is indefinite as well: (1, -sign s) has curvature -2|s|
+// there. Elements up to rounding are zero like the diagonal they stand beside: a singular matrix
+// leaves such elements, and they say nothing.
+static bool negative_in_remainder(long n, long k, double rounding, const double* c, double* z) {
   long least = k;
   for (long i = k + 1; i < n; ++i) {
     if (c[zisub(i, i)] < c[zisub(least, least)]) least = i;
@@ -183,7 +186,7 @@ static bool negative_in_remainder(long n, long k, const double* c, double* z) {
   }
   long row = -1;
   long column = -1;
-  double largest = TINY;
+  double largest = std::max(rounding, TINY);
   for (long i = k + 1; i < n; ++i) {
     for (long j = k; j < i; ++j) {
       if (!(std::fabs(c[zisub(i, j)]) > largest)) continue;
@@ -210,6 +213,7 @@ static void baksub(long n, long r, const double* c, double* z) {
 // Returns 0 positive definite; -1-r positive semidefinite, zero from step r on; k+1 > 0 negative
 // curvature at step k, with a direction in z (in the order of the matrix).
 static long chodec1(long n, long* piv, double* c, double* z) {
+  const double rounding = static_cast<double>(n) * EPS * zvamx(packed_size(n), c);
   for (long i = 0; i < n; ++i) piv[i] = i;
   for (long k = 0; k < n; ++k) {
     long largest = k;
@@ -222,7 +226,7 @@ static long chodec1(long n, long* piv, double* c, double* z) {
       eliminate(n, k, c);
       continue;
     }
-    if (!negative_in_remainder(n, k, c, z)) return -1 - k;
+    if (!negative_in_remainder(n, k, rounding, c, z)) return -1 - k;
     baksub(n, k, c, z);
     znlpprm(1, n, piv, z);
     return k + 1;

@@ -67,6 +67,35 @@ TEST(QuadraticSubproblem, SolutionsSatisfyTheOptimalityConditions) {
   }
 }
 
+// Rows through one vertex that differ by 1e-5 to 1e-8: some are within tolerance of blocking, and
+// of being dependent.
+TEST(QuadraticSubproblem, NearlyParallelRowsThroughAVertexAreToldApart) {
+  for (unsigned seed = 0; seed < 4000; ++seed) {
+    Random random(seed);
+    const long n = 2 + seed % 4;
+    const Vec vertex = random.vector(n);
+    const Vec inside = random.vector(n);
+    std::vector<LinearRow> rows;
+    for (long i = 0; i < 2 * n; ++i) {
+      Vec a = i < n - 1 ? random.vector(n) : rows[random.below(i)].a;
+      const double change = i < n - 1 ? 0.0 : std::pow(10.0, random.within(-8, -5));
+      for (double& v : a) v += change * random.uniform();
+      if (dot(a, inside) < 0.0) std::ranges::transform(a, a.begin(), std::negate());
+      rows.push_back({a, 1, dot(a, vertex)});
+    }
+    TestRecord r(n, seed % 8 < 4 ? 4 : 16);
+    r.with_rows(rows).at(vertex);
+    for (long j = 0; j < n && seed % 3 != 0; ++j) r.x[j] += seed % 3 == 1 ? inside[j] : 2.0;
+    const Vec c = random.vector(n, 4.0);
+    const Vec hess = random_hessian(random, n, 0.3);
+    Vec work(hess), matrix(hess);
+    std::ranges::copy(c, r.grad);
+    ASSERT_EQ(0, znlplcq(&r, 0, 0, 0.0, r.grad, matrix.data(), work.data())) << "seed " << seed;
+    certify(r, c, 0.0, hess, ("seed " + std::to_string(seed)).c_str());
+    if (HasFailure()) break;
+  }
+}
+
 // The caller's working set stands, also where it holds what must leave, and where x violates it.
 TEST(QuadraticSubproblem, StartsFromTheWorkingSetOfTheCaller) {
   TestRecord r(3);

@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "aasubs/constraints/znlpba0.h"
@@ -392,6 +393,9 @@ TEST(ViolationSearch, ReducesTheLargestViolation) {
   EXPECT_EQ(gtcmx(&r.at({101, 0})), HUGE_VALUE);
   EXPECT_EQ(gtcmx(&r.at({1.5, -1})), 2.0);
   EXPECT_EQ(gtcmx(&r.at({0.5, 1.5})), 1.5) << "the equality counts on both sides";
+  const auto constraints = std::exchange(r.usnlc, nullptr);
+  EXPECT_EQ(gtcmx(&r), 1.5) << "the values that usfct has left in fcon";
+  r.usnlc = constraints;
   // From the origin the violation vanishes at 14.1 times the direction; from a point without
   // violation only a lower one without violation will do.
   r.ider = 0;
