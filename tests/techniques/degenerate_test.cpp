@@ -67,6 +67,32 @@ TEST(DegenerateVertex, TheRunLeavesItForTheSolution) {
   }
 }
 
+// Five rows that differ in the sixth digit: of those that block at the vertex one has a slope so
+// small that it stays within tolerance over a full step, beyond which other rows are met. A run
+// that cannot settle such a point must not claim convergence there.
+TEST(DegenerateVertex, ARowThatIsOnlyMetFurtherOnStaysOut) {
+  Problem p = scalar_problem(
+      "pencil", {0.037547008806357418, -1.811911557292436, 1.2993207851280184}, {}, [](auto x) {
+        const auto a = x[0] + 1.3140921751284975, b = x[1] + 1.3316777165557836,
+                   c = x[2] + 1.4108730022735356;
+        return 0.94831823765276455 * a * a + 0.68990517233774260 * b * b +
+               0.64764627632342255 * c * c + 0.87755640161126269 * a * b -
+               0.80640510096832129 * a * c - 0.70760732120757275 * b * c +
+               0.1 * (a * a * a * a + b * b * b * b + c * c * c * c);
+      });
+  p.rows = {{{-0.84798008116639001, 0.99904812664139586, 0.47767518330761494}, 1, 0},
+            {{-0.84797935654924417, 0.99904776008923191, 0.47767488324890028}, 1, 0},
+            {{-0.84798024147424533, 0.99904872772822872, 0.47767405625863513}, 1, 0},
+            {{-0.84797934770990169, 0.99904777553058577, 0.47767486639021972}, 1, 0},
+            {{-0.84797937323986206, 0.99904777034578118, 0.47767490249466277}, 1, 0}};
+  p.lower = {-3, -NONE, -NONE};
+  p.upper = {3, NONE, NONE};
+  for (const char* technique : {"NLPNRR", "NLPQN"}) {
+    const Outcome o = solve(p, technique, 1e-6);
+    EXPECT_TRUE(o.code < 0 || o.unexplained < 1e-6) << technique << ' ' << o.code;
+  }
+}
+
 TEST(Equalities, DependentOnesAreHarmlessAndContradictoryOnesAreToldApart) {
   Problem p =
       scalar_problem("equalities", {5, 5}, {0.5}, [](auto x) { return x[0] * x[0] + x[1] * x[1]; });
