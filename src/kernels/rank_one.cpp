@@ -1,106 +1,198 @@
-// Rows of L under a rank-one correction.
+// Rows of L under rank-one corrections.
 //
-// Along a row y is a running difference: y behind column k is y before the panel less the sum of
-// l v up to k. The sums of four columns are formed side by side, as (l0), (l0 + l1), (l2) + ...,
-// so that only one subtraction a group waits for the group before it. The grouping is the same at
-// every vector width.
+// Along a row y is a running difference, so that an element waits for all the elements before it.
+// Eight rows are therefore taken side by side, a lane each, and a tile of columns is turned on its
+// way from memory and back (tile.h). Every element sees the columns in their order, and the second
+// correction behind the first, exactly as in the plain loop over one row.
 //
-//   lane                    0      1        2              3
-//   l v                     p0     p1       p2             p3
-//   first step, neighbours  p0     p0+p1    p2             p2+p3
-//   second step, halves     p0     p0+p1    (p0+p1)+p2     (p0+p1)+(p2+p3)
-//   y behind the column     y less the sum of its lane; the last lane goes to the next group
+//   rows i .. i+7   | tile | tile | tile |      y of the eight rows waits in registers
+//                   | ---> | ---> | ---> |      and is carried from column to column
 //
-// Column by column the same row would be a chain of one product and one difference a column, each
-// waiting for the one before. Which pivots and multipliers the changes hold is the caller's matter:
-// a panel of columns is decided on its own rows first and then carried through the rows below in
-// one walk along each of them.
+// The rows are walked along their memory: eight streams that a processor prefetches, where columns
+// one by one would touch another line, and mostly another page, with each element. Which pivots and
+// multipliers the changes hold is the caller's matter.
 #include "kernels/rank_one.h"
 
 #include "aasubs/record/packed.h"
-#include "kernels/lanes.h"
+#include "kernels/tile.h"
 
 namespace tqnlp {
 
-typedef double Group __attribute__((vector_size(32), aligned(8), may_alias));
+// One element l and the y of its row under change k.
+TQNLP_BODY void change_element(const ColumnChanges& changes, long k, double& l, double& y) {
+  const double before = y;
+  y -= l * changes.v[k];
+  l = changes.by_ratio[k] ? before * changes.w[k] + l * changes.u[k] : l + changes.w[k] * y;
+}
 
-// The changes of columns begin..end-1 in their plain order. It serves what does not fill a group
-// and groups with a column of the second form, which needs y before it.
-TQNLP_BODY void change_one_by_one(const ColumnChanges& changes, long begin, long end, double* row,
-                                  double& y) {
+template <int COUNT>
+static void change_elements(const RowCorrections& corrections, long begin, long end, long i,
+                            double* row) {
+  double y[COUNT];
+  for (int m = 0; m < COUNT; ++m) y[m] = corrections.y[m][i];
   for (long k = begin; k < end; ++k) {
-    const double l = row[k];
-    const double before = y;
-    y -= l * changes.v[k];
-    row[k] = changes.by_ratio[k] ? before * changes.w[k] + l * changes.u[k] : l + changes.w[k] * y;
+    double l = row[k];
+    for (int m = 0; m < COUNT; ++m) change_element(corrections.changes[m], k, l, y[m]);
+    row[k] = l;
+  }
+  for (int m = 0; m < COUNT; ++m) corrections.y[m][i] = y[m];
+}
+
+void change_row(const RowCorrections& corrections, long begin, long end, long i, double* row) {
+  if (corrections.count == 1) {
+    change_elements<1>(corrections, begin, end, i, row);
+  } else {
+    change_elements<2>(corrections, begin, end, i, row);
   }
 }
 
-// Four changes of the first form; y is that of the row in all lanes, before and after. The shuffles
-// move sums to higher lanes: 0 to 3 name the lanes of the zero vector, 4 to 7 those of sum.
-TQNLP_BODY void change_group(const double* v, const double* w, double* row, Group& y) {
-  const Group none = {};
-  const Group l = *reinterpret_cast<const Group*>(row);
-  Group sum = l * *reinterpret_cast<const Group*>(v);
-  sum += __builtin_shufflevector(none, sum, 0, 4, 0, 6);
-  sum += __builtin_shufflevector(none, sum, 0, 0, 5, 5);
-  *reinterpret_cast<Group*>(row) = l + *reinterpret_cast<const Group*>(w) * (y - sum);
-  y -= __builtin_shufflevector(sum, sum, 3, 3, 3, 3);
+// Column k of a tile.
+template <int W, bool MIXED>
+TQNLP_BODY void change_column(const ColumnChanges& changes, long k, Lanes<W>& l, Lanes<W>& y) {
+  Lanes<W> v, w;
+  v.fill(changes.v[k]);
+  w.fill(changes.w[k]);
+  if (MIXED && changes.by_ratio[k]) {
+    Lanes<W> u, before = y;
+    u.fill(changes.u[k]);
+    y.subtract_product(l, v);
+    before.multiply(w);
+    before.add_product(l, u);
+    l = before;
+  } else {
+    y.subtract_product(l, v);
+    l.add_product(w, y);
+  }
 }
 
-// The first count changes of one row: whole groups, then the rest. A row that meets both kinds of
-// groups hands y over between them.
-TQNLP_BODY void change_one_row(const ColumnChanges& changes, long count, double* row, double& y) {
-  static constexpr long GROUP = ColumnChanges::GROUP;
-  const long grouped = count - count % GROUP;
-  Group all = {y, y, y, y};
-  for (long k = 0; k < grouped; k += GROUP) {
-    if (changes.mixed[k / GROUP]) {
-      double one = all[0];
-      change_one_by_one(changes, k, k + GROUP, row, one);
-      all = Group{one, one, one, one};
-    } else {
-      change_group(changes.v + k, changes.w + k, row + k, all);
+// Changes begin..begin+W-1 of eight rows.
+template <int W, int COUNT, bool MIXED>
+TQNLP_BODY void change_tile(const RowCorrections& corrections, long begin, double* const* rows,
+                            Lanes<W>* y) {
+  Tile<W> tile;
+  tile.load(rows, begin);
+#pragma GCC unroll 8
+  for (int k = 0; k < W; ++k) {
+#pragma GCC unroll 2
+    for (int m = 0; m < COUNT; ++m) {
+      change_column<W, MIXED>(corrections.changes[m], begin + k, tile.column[k], y[m]);
     }
   }
-  y = all[0];
-  change_one_by_one(changes, grouped, count, row, y);
+  tile.store(rows, begin);
 }
 
-template <int W>
-TQNLP_BODY void row_by_groups_body(const ColumnChanges& changes, long count, double* row,
-                                   double* y) {
-  change_one_row(changes, count, row, *y);
-}
-TQNLP_DISPATCH(void, row_by_groups,
-               (const ColumnChanges& changes, long count, double* row, double* y),
-               (changes, count, row, y))
-
-template <int W>
-TQNLP_BODY void rows_by_groups_body(const ColumnChanges& changes, long count, long from, long n,
-                                    double* row, double* y) {
-  for (long i = from; i < n; ++i) {
-    change_one_row(changes, count, row, y[i]);
-    row += i + 1;
+// Rows from..to-1. In the last block the last row stands in for those that are missing: it is
+// changed and stored several times alike.
+template <int W, int COUNT>
+TQNLP_BODY void change_blocks(const RowCorrections& corrections, long count, long from, long to,
+                              long first, double* c) {
+  static constexpr long GROUP = ColumnChanges::GROUP;
+  static_assert(GROUP % W == 0);
+  const long grouped = count - count % GROUP;
+  for (long i = from; i < to; i += LANES) {
+    const long present = to - i < LANES ? to - i : LANES;
+    double* rows[LANES];
+    double y_of_rows[COUNT][LANES];
+    for (long r = 0; r < LANES; ++r) {
+      const long row = i + (r < present ? r : present - 1);
+      rows[r] = c + packed_size(row) + first;
+      for (int m = 0; m < COUNT; ++m) y_of_rows[m][r] = corrections.y[m][row];
+    }
+    Lanes<W> y[COUNT];
+#pragma GCC unroll 2
+    for (int m = 0; m < COUNT; ++m) y[m].load(y_of_rows[m]);
+    for (long k = 0; k < grouped; k += GROUP) {
+      bool mixed = corrections.changes[0].mixed[k / GROUP];
+      if (COUNT == 2) mixed = mixed || corrections.changes[1].mixed[k / GROUP];
+      for (long at = k; at < k + GROUP; at += W) {
+        if (mixed) {
+          change_tile<W, COUNT, true>(corrections, at, rows, y);
+        } else {
+          change_tile<W, COUNT, false>(corrections, at, rows, y);
+        }
+      }
+    }
+#pragma GCC unroll 2
+    for (int m = 0; m < COUNT; ++m) {
+      y[m].store(y_of_rows[m]);
+      for (long r = 0; r < present; ++r) corrections.y[m][i + r] = y_of_rows[m][r];
+    }
+    for (long r = 0; r < present && grouped < count; ++r) {
+      change_elements<COUNT>(corrections, grouped, count, i + r, rows[r]);
+    }
   }
 }
-TQNLP_DISPATCH(void, rows_by_groups,
-               (const ColumnChanges& changes, long count, long from, long n, double* row,
-                double* y),
-               (changes, count, from, n, row, y))
 
-void change_row(const ColumnChanges& changes, long count, double* row, double* y) {
-  if (count < ColumnChanges::GROUP) {
-    // Too short for a group: the call through the dispatch is spared.
-    change_one_by_one(changes, 0, count, row, *y);
+template <int W>
+TQNLP_BODY void blocks_body(const RowCorrections& corrections, long count, long from, long to,
+                            long first, double* c) {
+  if (corrections.count == 1) {
+    change_blocks<W, 1>(corrections, count, from, to, first, c);
   } else {
-    row_by_groups(changes, count, row, y);
+    change_blocks<W, 2>(corrections, count, from, to, first, c);
+  }
+}
+TQNLP_DISPATCH(void, blocks,
+               (const RowCorrections& corrections, long count, long from, long to, long first,
+                double* c),
+               (corrections, count, from, to, first, c))
+
+void change_rows(const RowCorrections& corrections, long count, long from, long to, long first,
+                 double* c) {
+  if (count > 0 && from < to) blocks(corrections, count, from, to, first, c);
+}
+
+// ---- A symmetric matrix -------------------------------------------------------------------------
+
+static constexpr long TOGETHER = 4;  // rows that share the loads of s and p
+
+// Rows i .. i+R-1, each up to its diagonal.
+template <int W, int R>
+TQNLP_BODY void add_to_rows(long i, const double* a, const double* s, const double* b,
+                            const double* p, double* h) {
+  const long common = (i + 1) / LANES * LANES;
+  double* rows[R];
+  Lanes<W> of_a[R], of_b[R], of_s, of_p, element, change;
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+    rows[r] = h + packed_size(i + r);
+    of_a[r].fill(a[i + r]);
+    of_b[r].fill(b[i + r]);
+  }
+  for (long k = 0; k < common; k += LANES) {
+    of_s.load(s + k);
+    of_p.load(p + k);
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      change = of_s;
+      change.multiply(of_a[r]);
+      change.subtract_product(of_b[r], of_p);
+      element.load(rows[r] + k);
+      element.add(change);
+      element.store(rows[r] + k);
+    }
+  }
+  for (int r = 0; r < R; ++r) {
+#pragma GCC unroll 1
+    for (long k = common; k <= i + r; ++k) rows[r][k] += a[i + r] * s[k] - b[i + r] * p[k];
   }
 }
 
-void change_rows(const ColumnChanges& changes, long count, long from, long n, long first, double* c,
-                 double* y) {
-  if (count > 0) rows_by_groups(changes, count, from, n, c + packed_size(from) + first, y);
+template <int W>
+TQNLP_BODY void products_body(long n, const double* a, const double* s, const double* b,
+                              const double* p, double* h) {
+  long i = 0;
+  for (; i + TOGETHER <= n; i += TOGETHER) add_to_rows<W, TOGETHER>(i, a, s, b, p, h);
+  for (; i < n; ++i) add_to_rows<W, 1>(i, a, s, b, p, h);
+}
+TQNLP_DISPATCH(void, products,
+               (long n, const double* a, const double* s, const double* b, const double* p,
+                double* h),
+               (n, a, s, b, p, h))
+
+void add_products(long n, const double* a, const double* s, const double* b, const double* p,
+                  double* h) {
+  products(n, a, s, b, p, h);
 }
 
 }  // namespace tqnlp

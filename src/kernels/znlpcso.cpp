@@ -24,27 +24,19 @@
 #include "kernels/dense.h"
 #include "kernels/factor.h"
 #include "kernels/sparse.h"
-#include "kernels/vector.h"
 
 namespace tqnlp {
+
+// Jobs of zqrsol and of unit_triangular.
+static constexpr int SOLVE_UPPER = 7;
+static constexpr int SOLVE_LOWER = 8;
+static constexpr int TIMES_UPPER = 17;
+static constexpr int TIMES_LOWER = 18;
 
 // ---- The LDL' form -----------------------------------------------------------------------------
 
 // Root of a pivot; a pivot that is not positive counts as zero.
 static double half_pivot(double d) { return d > 0.0 ? std::sqrt(d) : 0.0; }
-
-// By rows of L: sums. L' has the rows of L as its columns and takes them away from what is above.
-static void solve_unit_lower(long n, const double* c, double* b) {
-  for (long i = 0; i < n; c += ++i) b[i] -= zvdot11(i, c, b);
-}
-
-static void solve_unit_upper(long n, const double* c, double* b) {
-  const double* row = c + packed_size(n);
-  for (long i = n - 1; i >= 0; --i) {
-    row -= i + 1;
-    zvxay11(i, b, -b[i], row);
-  }
-}
 
 // b := D^-1 b, or D^(-1/2) b for the half. c steps along the packed diagonal. Returns 1 on a zero
 // pivot; a negative one has the half pivot 0 and stops a half solve too.
@@ -58,20 +50,20 @@ static int divide_by_pivots(long n, const double* c, double* b, bool half) {
 }
 
 static int ldusol(long n, const double* c, double* b) {
-  solve_unit_lower(n, c, b);
+  unit_triangular(SOLVE_LOWER, n, c, b);
   if (divide_by_pivots(n, c, b, false) != 0) return 1;
-  solve_unit_upper(n, c, b);
+  unit_triangular(SOLVE_UPPER, n, c, b);
   return 0;
 }
 
 static int lduilm(long n, const double* c, double* b) {
-  solve_unit_lower(n, c, b);
+  unit_triangular(SOLVE_LOWER, n, c, b);
   return divide_by_pivots(n, c, b, true);
 }
 
 static int lduium(long n, const double* c, double* b) {
   if (divide_by_pivots(n, c, b, true) != 0) return 1;
-  solve_unit_upper(n, c, b);
+  unit_triangular(SOLVE_UPPER, n, c, b);
   return 0;
 }
 
@@ -79,22 +71,14 @@ static void multiply_by_half_pivots(long n, const double* c, double* b) {
   for (long i = 0; i < n; ++i, c += i + 1) b[i] *= half_pivot(*c);
 }
 
-// b := D^(1/2) L' b, rows of L in ascending order: element i is complete once the later rows
-// follow.
 static void lduumu(long n, const double* c, double* b) {
-  const double* row = c;
-  for (long i = 0; i < n; row += ++i) zvxay11(i, b, b[i], row);
+  unit_triangular(TIMES_UPPER, n, c, b);
   multiply_by_half_pivots(n, c, b);
 }
 
-// b := L D^(1/2) b, from the last row.
 static void ldulmu(long n, const double* c, double* b) {
   multiply_by_half_pivots(n, c, b);
-  const double* row = c + packed_size(n);
-  for (long i = n - 1; i >= 0; --i) {
-    row -= i + 1;
-    b[i] += zvdot11(i, row, b);
-  }
+  unit_triangular(TIMES_LOWER, n, c, b);
 }
 
 // ---- The diagonal form -------------------------------------------------------------------------
@@ -119,11 +103,6 @@ static void lltlm2(long n, const double* c, double* b, int times) {
 }
 
 // ---- The LL' form ------------------------------------------------------------------------------
-
-static constexpr int SOLVE_UPPER = 7;
-static constexpr int SOLVE_LOWER = 8;
-static constexpr int TIMES_UPPER = 17;
-static constexpr int TIMES_LOWER = 18;
 
 // One packed triangular solve or product of zqrsol in place.
 static int triangular(int job, long n, const double* c, double* b) {

@@ -39,7 +39,12 @@ struct Triangle {
   long incu;
   const double* u;
   const double* alfa;  // the diagonal, or null: it stands in the matrix
+  bool unit;           // the diagonal is 1, whatever stands in its place
 };
+
+static inline double diagonal(const Triangle& t, const double* row, long i) {
+  return t.unit ? 1.0 : t.alfa != nullptr ? t.alfa[i] : row[i];
+}
 
 static TriangularJob decode(int job) {
   const int form = job > 10 ? job - 10 : job;
@@ -61,13 +66,14 @@ static TriangularJob decode(int job) {
 static constexpr int BLOCK = 4;
 
 // The reciprocal of a diagonal element; 0 for a zero diagonal, which gives zero in the result.
-static inline double reciprocal(double diagonal, long& zeros) {
-  if (std::fabs(diagonal) < TINY) {
+static inline double reciprocal(double element, long& zeros) {
+  if (std::fabs(element) < TINY) {
     ++zeros;
     return 0.0;
   }
-  return 1.0 / diagonal;
+  return 1.0 / element;
 }
+
 // The rows of a block, shifted so that element (i,j) is rows[i - first][j], and their diagonal.
 template <int R>
 struct RowBlock {
@@ -82,7 +88,7 @@ TQNLP_BODY void open_block(const TriangularJob& form, const Triangle& t, long fi
   for (int r = 0; r < R; ++r) {
     const long i = first + r;
     block.rows[r] = t.u + (form.packed ? packed_size(i) : i * t.incu);
-    block.reciprocals[r] = reciprocal(t.alfa != nullptr ? t.alfa[i] : block.rows[r][i], zeros);
+    block.reciprocals[r] = reciprocal(diagonal(t, block.rows[r], i), zeros);
   }
 }
 
@@ -219,34 +225,65 @@ TQNLP_DISPATCH(long, solve, (TriangularJob form, const Triangle& t, double* y), 
 
 // In place: each product is formed in the order in which no element that is still to be read has
 // been overwritten, which is the reverse of the order of the solve.
+
+// Rows first..first+R-1 of L y, of which the rows before are still the right side.
+template <int W, int R>
+TQNLP_BODY void multiply_lower(const Triangle& t, long first, double* y) {
+  RowBlock<R> block;
+  double sums[R];
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) block.rows[r] = t.u + packed_size(first + r);
+  block_products<W, R>(block, 0, first, y, sums);
+#pragma GCC unroll 4
+  for (int r = R - 1; r >= 0; --r) {
+    double sum = diagonal(t, block.rows[r], first + r) * y[first + r] + sums[r];
+#pragma GCC unroll 4
+    for (int q = 0; q < r; ++q) sum += block.rows[r][first + q] * y[first + q];
+    y[first + r] = sum;
+  }
+}
+
+// What rows first..first+R-1 of L give to L'y.
+template <int W, int R>
+TQNLP_BODY void multiply_upper(const Triangle& t, long first, double* y) {
+  RowBlock<R> block;
+  double factors[R];
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+    block.rows[r] = t.u + packed_size(first + r);
+    factors[r] = -y[first + r];
+  }
+  subtract_block<W, R>(block, 0, first, factors, y);
+#pragma GCC unroll 4
+  for (int r = 0; r < R; ++r) {
+#pragma GCC unroll 4
+    for (int q = 0; q < r; ++q) y[first + q] -= factors[r] * block.rows[r][first + q];
+    y[first + r] *= diagonal(t, block.rows[r], first + r);
+  }
+}
+
 template <int W>
 TQNLP_BODY void multiply_body(TriangularJob form, const Triangle& t, double* y) {
   const long n = t.n;
   if (form.packed && form.transposed) {  // L y, from the last row
-    const double* row = t.u + packed_size(n);
-    for (long i = n - 1; i >= 0; --i) {
-      row -= i + 1;
-      const double diagonal = t.alfa != nullptr ? t.alfa[i] : row[i];
-      y[i] = diagonal * y[i] + dot_lanes<W>(i, row, y);
-    }
+    long i = n;
+    for (; i >= BLOCK; i -= BLOCK) multiply_lower<W, BLOCK>(t, i - BLOCK, y);
+    for (; i >= 1; --i) multiply_lower<W, 1>(t, i - 1, y);
   } else if (form.packed) {  // L' y, from the first row
-    const double* row = t.u;
-    for (long i = 0; i < n; row += ++i) {
-      axpy_lanes<W>(i, y, y, y[i], row);
-      y[i] *= t.alfa != nullptr ? t.alfa[i] : row[i];
-    }
+    long i = 0;
+    for (; i + BLOCK <= n; i += BLOCK) multiply_upper<W, BLOCK>(t, i, y);
+    for (; i < n; ++i) multiply_upper<W, 1>(t, i, y);
   } else if (form.transposed) {  // R' y, from the last row
     const double* row = t.u + n * t.incu;
     for (long i = n - 1; i >= 0; --i) {
       row -= t.incu;
       axpy_lanes<W>(n - i - 1, y + i + 1, y + i + 1, y[i], row + i + 1);
-      y[i] *= t.alfa != nullptr ? t.alfa[i] : row[i];
+      y[i] *= diagonal(t, row, i);
     }
   } else {  // R y, from the first row
     const double* row = t.u;
     for (long i = 0; i < n; ++i, row += t.incu) {
-      const double diagonal = t.alfa != nullptr ? t.alfa[i] : row[i];
-      y[i] = diagonal * y[i] + dot_lanes<W>(n - i - 1, row + i + 1, y + i + 1);
+      y[i] = diagonal(t, row, i) * y[i] + dot_lanes<W>(n - i - 1, row + i + 1, y + i + 1);
     }
   }
 }
@@ -258,7 +295,7 @@ long zqrsol(int job, long n, long p, long incu, long incb, long incx, const long
             const double* u, const double* b, double* x, const double* alfa, double* h) {
   const TriangularJob form = decode(job);
   if (n < 1 || p < 1) return 0;
-  const Triangle triangle{n, incu, u, alfa};
+  const Triangle triangle{n, incu, u, alfa, false};
   // A solve undoes its product: what one gathers through the pivot order the other scatters.
   const bool gather = ipiv != nullptr && form.solve == form.transposed;
   const bool scatter = ipiv != nullptr && form.solve != form.transposed;
@@ -283,6 +320,16 @@ long zqrsol(int job, long n, long p, long incu, long incb, long incx, const long
     }
   }
   return zeros / p;
+}
+
+void unit_triangular(int job, long n, const double* c, double* b) {
+  const TriangularJob form = decode(job);
+  const Triangle triangle{n, n, c, nullptr, true};
+  if (form.solve) {
+    solve(form, triangle, b);
+  } else {
+    multiply(form, triangle, b);
+  }
 }
 
 // Job 1: forward substitution with packed L. Unlike zqrsol it divides, and a pivot that is too

@@ -1,13 +1,13 @@
-// Rows of a packed factor under a rank-one correction: groups of columns against a plain loop.
+// Rows of a packed factor under rank-one corrections, and rotations along them: eight rows side by
+// side against a plain loop along each, to the last bit; the symmetric update against its formula.
 #include "kernels/rank_one.h"
 
 #include <gtest/gtest.h>
 
 #include "kernels/matrices.h"
+#include "kernels/rotation_sweeps.h"
 
 namespace tqnlp::test {
-
-static constexpr long MOST = ColumnChanges::MOST;
 
 // Which columns take the second form: none, all, one in seven, every other run of eight.
 static bool second_form(int kind, long k) {
@@ -15,51 +15,77 @@ static bool second_form(int kind, long k) {
 }
 
 static void set_changes(ColumnChanges& changes, int kind, long count, unsigned seed) {
-  const Vec v = random_vector(3 * MOST, seed);
+  const Vec v = random_vector(3 * count, seed, 0.1);
   for (long k = 0; k < count; ++k)
-    changes.set(k, v[k], v[MOST + k], v[2 * MOST + k], second_form(kind, k));
+    changes.set(k, v[k], v[count + k], v[2 * count + k], second_form(kind, k));
 }
 
-TEST(RankOne, RowsOfEveryLengthFollowThePlainLoopInPanels) {
-  ColumnChanges changes;
-  for (int kind = 0; kind < 4; ++kind)
-    for (long length = 0; length <= 70; ++length) {
-      SCOPED_TRACE(testing::Message() << "kind " << kind << ", length " << length);
-      Vec row = random_vector(length + 4, 1), wanted = row;
-      double y = 0.7, plain = y;
-      for (long first = 0; first < length; first += MOST) {
-        const long count = std::min(MOST, length - first);
-        set_changes(changes, kind, count, static_cast<unsigned>(length + first));
-        for (long k = 0; k < count; ++k) {
-          const double l = wanted[first + k], before = plain;
-          plain -= l * changes.v[k];
-          wanted[first + k] = second_form(kind, k) ? changes.w[k] * before + changes.u[k] * l
-                                                   : l + changes.w[k] * plain;
-        }
-        change_row(changes, count, row.data() + first, &y);
-      }
-      EXPECT_NEAR(y, plain, 1e-13);
-      EXPECT_LT(distance(row, wanted), 1e-13);
-      EXPECT_TRUE(std::equal(row.begin() + length, row.end(), wanted.begin() + length));
-    }
-}
-
-TEST(RankOne, AllRowsBelowAPanelChangeToTheSameBitsAsEachAlone) {
+TEST(RankOne, RowsSideBySideFollowThePlainLoop) {
   const long n = 75;
-  ColumnChanges changes;
-  for (int kind = 0; kind < 4; ++kind)
+  RowCorrections corrections;
+  for (int kind = 0; kind < 16; ++kind)
     for (const long first : {0L, 5L})
-      for (const long count : {0L, 1L, 3L, 4L, 18L, MOST}) {
-        SCOPED_TRACE(testing::Message() << kind << ' ' << first << ' ' << count);
-        set_changes(changes, kind, count, 9);
-        const long from = first + count + 1;
-        Vec c = random_vector(packed_size(n), 2), alone = c, y = random_vector(n, 3), y_alone = y;
-        for (long i = from; i < n; ++i)
-          change_row(changes, count, &alone[zisub(i, first)], &y_alone[i]);
-        run(change_rows, changes, count, from, n, first, c, y);
-        EXPECT_EQ(c, alone);
-        EXPECT_EQ(y, y_alone);
-      }
+      for (const long count : {0L, 1L, 7L, 8L, 18L, 60L})
+        for (const long rows : {1L, 8L, 15L}) {
+          SCOPED_TRACE(testing::Message() << kind << ' ' << first << ' ' << count << ' ' << rows);
+          const long from = first + count, to = std::min(from + rows, n);
+          Vec c = random_vector(packed_size(n), 2), plain = c;
+          Vec y[] = {random_vector(n, 3), random_vector(n, 4)}, y_plain[] = {y[0], y[1]};
+          corrections.count = 1 + kind / 4 % 2;
+          for (int m = 0; m < 2; ++m) {
+            set_changes(corrections.changes[m], m == 0 ? kind % 4 : (kind + 1) % 4, count, 9 + m);
+            corrections.y[m] = y[m].data();
+          }
+          for (long i = from; i < to; ++i)
+            for (long k = 0; k < count; ++k)
+              for (int m = 0; m < corrections.count; ++m) {
+                const ColumnChanges& change = corrections.changes[m];
+                double& l = plain[zisub(i, first + k)];
+                const double before = y_plain[m][i];
+                y_plain[m][i] -= l * change.v[k];
+                l = change.by_ratio[k] ? before * change.w[k] + l * change.u[k]
+                                       : l + change.w[k] * y_plain[m][i];
+              }
+          change_rows(corrections, count, from, to, first, c.data());
+          EXPECT_EQ(c, plain);
+          EXPECT_EQ(y[0], y_plain[0]);
+          EXPECT_EQ(y[1], y_plain[1]);
+        }
+}
+
+TEST(RankOne, RotationsOfEightRowsFollowThePlainLoop) {
+  for (long i = 0; i <= 33; ++i) {
+    Vec up_c = random_vector(i + 8, 1), up_s = random_vector(i + 8, 2), v = random_vector(i + 8, 3);
+    Vec down_c = random_vector(i + 8, 4), down_s = random_vector(i + 8, 5);
+    Vec c = random_vector(packed_size(i + 8), 6), plain = c;
+    const RotationSweeps sweeps{
+        {up_c.data(), up_s.data()}, 0.7, v.data(), {down_c.data(), down_s.data()}};
+    for (long j = i; j < i + 8; ++j) {
+      double* row = &plain[packed_size(j)];
+      const auto rotate = [row](const RotationSweeps::Rotations& by, long k) {
+        const double upper = row[k];
+        row[k] = by.c[k] * upper + by.s[k] * row[k + 1];
+        row[k + 1] = by.c[k] * row[k + 1] - by.s[k] * upper;
+      };
+      for (long k = i - 1; k >= 0; --k) rotate(sweeps.up, k);
+      row[0] += 0.7 * v[j];
+      for (long k = 0; k < i; ++k) rotate(sweeps.down, k);
+    }
+    sweep_rows(sweeps, i, c.data());
+    EXPECT_EQ(c, plain) << i;
+  }
+}
+
+TEST(RankOne, SymmetricUpdateAddsTwoProducts) {
+  for (long n = 0; n <= 37; ++n) {
+    const Vec a = random_vector(n, 1), s = random_vector(n, 2), b = random_vector(n, 3);
+    const Vec p = random_vector(n, 4);
+    Vec h = random_vector(packed_size(n), 5), plain = h;
+    for (long i = 0; i < n; ++i)
+      for (long j = 0; j <= i; ++j) plain[zisub(i, j)] += a[i] * s[j] - b[i] * p[j];
+    run(add_products, n, a, s, b, p, h);
+    EXPECT_EQ(h, plain) << n;
+  }
 }
 
 }  // namespace tqnlp::test

@@ -23,6 +23,7 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "kernels/dense.h"
+#include "kernels/rank_one.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
@@ -55,7 +56,8 @@ static void scale_diagonal(long n, double* c, double factor) {
 
 // H := H + s s' / s'y - Hy y'H / y'Hy. The scaling follows the last step length: a long step says
 // that H was too small.
-static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
+static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph,
+                  double* a, double* b) {
   const long n = order_of(str);
   if (iscl == 1 && str->alfa > HUNDRED_EPS) zvscl11(packed_size(n), h, clip_scale(str->alfa));
   znlpsmv(n, nullptr, h, y, ph);
@@ -63,18 +65,18 @@ static int dfpupd(MINSTR* str, int iscl, const double* s, const double* y, doubl
   const double dxg = dotprd(n, s, y);
   if (const int refused = refuse_pair(n, dxg, ghg, s, y); refused != 0) return refused;
   ++str->nhup;
-  double* row = h;
-  for (long i = 0; i < n; row += ++i) {
-    const double a = s[i] / dxg;
-    const double b = ph[i] / ghg;
-    for (long j = 0; j <= i; ++j) row[j] += a * s[j] - b * ph[j];
+  for (long i = 0; i < n; ++i) {
+    a[i] = s[i] / dxg;
+    b[i] = ph[i] / ghg;
   }
+  add_products(n, a, s, b, ph, h);
   return 0;
 }
 
 // H := H + (1 + y'Hy / s'y) s s' / s'y - (s y'H + Hy s') / s'y. The scaling makes the curvature of
 // H along y that of the pair.
-static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph) {
+static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, double* h, double* ph,
+                   double* a, double* b) {
   const long n = order_of(str);
   znlpsmv(n, nullptr, h, y, ph);
   double ghg = dotprd(n, y, ph);
@@ -87,16 +89,29 @@ static int bfgsupd(MINSTR* str, int iscl, const double* s, const double* y, doub
   if (const int refused = refuse_pair(n, dxg, ghg, s, y); refused != 0) return refused;
   ++str->nhup;
   const double growth = 1.0 + ghg / dxg;
-  double* row = h;
-  for (long i = 0; i < n; row += ++i) {
-    const double a = s[i] * growth / dxg - ph[i] / dxg;
-    const double b = s[i] / dxg;
-    for (long j = 0; j <= i; ++j) row[j] += a * s[j] - b * ph[j];
+  for (long i = 0; i < n; ++i) {
+    a[i] = s[i] * growth / dxg - ph[i] / dxg;
+    b[i] = s[i] / dxg;
   }
+  add_products(n, a, s, b, ph, h);
   return 0;
 }
 
 // ---- Job 2: L D L' ----------------------------------------------------------------------------
+
+// bs := B s = L D L's and p := D L's. The latter is the solution of L p = Bs that the subtraction
+// of Bs s'B / s'Bs asks for, at hand between the two halves of the product: ldlupd would come to it
+// by a substitution, one more walk over the factor, and with its rounding.
+static void multiply_factor(MINSTR* str, long n, double* c, const double* s, double* bs,
+                            double* p) {
+  std::copy_n(s, n, bs);
+  znlpumu(str, 1, n, c, bs);
+  for (long i = 0; i < n; ++i) {
+    const double d = c[zisub(i, i)];
+    p[i] = d > 0.0 ? std::sqrt(d) * bs[i] : 0.0;
+  }
+  znlplmu(str, 1, n, c, bs);
+}
 
 // Three corrections. The first takes the curvature along s away, which leaves a singular matrix of
 // rank n-1; the second restores the rank with the curvature of the pair.
@@ -123,20 +138,17 @@ static int dudfpup(MINSTR* str, int iscl, double* s, double* y, double* c, doubl
 static int dubfgsup(MINSTR* str, int iscl, double* s, double* y, double* c, double* bs,
                     double* work) {
   const long n = order_of(str);
-  std::copy_n(s, n, bs);
-  znlpmmu(str, 1, n, c, bs);
+  multiply_factor(str, n, c, s, bs, work);
   const double dxg = dotprd(n, s, y);
   double dbd = dotprd(n, s, bs);
   if (iscl == 1 && dxg > ROOT_EPS * dbd && dbd > HUNDRED_EPS) {
     scale_diagonal(n, c, clip_scale(dxg / dbd));
-    std::copy_n(s, n, bs);
-    znlpmmu(str, 1, n, c, bs);
+    multiply_factor(str, n, c, s, bs, work);
     dbd = dotprd(n, s, bs);
   }
   if (const int refused = refuse_pair(n, dxg, dbd, s, y); refused != 0) return refused;
   ++str->nhup;
-  long rank = ldlupd(n, 0, -n, 0.0, -1.0 / dbd, c, bs, work);
-  rank = ldlupd(n, 0, -rank, 0.0, 1.0 / dxg, c, y, work);
+  const long rank = ldlup2(n, -1.0 / dbd, 1.0 / dxg, c, bs, y, work);
   return rank < n ? -1 : 0;
 }
 
@@ -201,49 +213,16 @@ static int uvdfp(MINSTR* str, int iscl, const double* s, const double* y, double
   return 0;
 }
 
-// Rotates rows a1 and a2 of R in columns k to n-1: column j stands at packed_size(j).
-static void rotate_rows(long k, long n, double cosine, double sine, long a1, long a2, double* r) {
-  for (long j = k; j < n; ++j) {
-    double* column = r + packed_size(j);
-    const double upper = column[a1];
-    column[a1] = cosine * upper + sine * column[a2];
-    column[a2] = cosine * column[a2] - sine * upper;
-  }
-}
-
-void llupdat(long n, double* half, double* uvec, const double* vvec, double* wvec) {
-  long k = n - 1;
-  while (k >= 0 && uvec[k] == 0.0) --k;
-  if (k < 0) return;
-  double c = 0.0, s = 0.0;
-  vzfdl(0.0, wvec, n);
-  // Upward: u becomes a multiple of the first unit vector, R an upper Hessenberg matrix with its
-  // sub-diagonal in wvec.
-  for (long i = k - 1; i >= 0; --i) {
-    zgivcon(&uvec[i], &uvec[i + 1], &c, &s);
-    double& corner = half[zisub(i, i)];
-    wvec[i + 1] = -s * corner;
-    corner *= c;
-    rotate_rows(i + 1, n, c, s, i, i + 1, half);
-  }
-  for (long j = 0; j < n; ++j) half[packed_size(j)] += uvec[0] * vvec[j];
-  // Downward: the sub-diagonal is rotated away.
-  for (long i = 0; i < k; ++i) {
-    zgivcon(&half[zisub(i, i)], &wvec[i + 1], &c, &s);
-    rotate_rows(i + 1, n, c, s, i, i + 1, half);
-  }
-}
-
 // ---- Entries ----------------------------------------------------------------------------------
 
 int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,
             double* vvec, double* wvec) {
   const long n = order_of(str);
   if (n == 0) return 0;
-  if (job == 1) return dfpupd(str, iscl, xdif, gdif, half, uvec);
+  if (job == 1) return dfpupd(str, iscl, xdif, gdif, half, uvec, vvec, wvec);
   if (job == 2) return dudfpup(str, iscl, xdif, gdif, half, uvec, wvec);
   const int code = uvdfp(str, iscl, xdif, gdif, half, uvec, vvec);
-  if (code == 0) llupdat(n, half, uvec, vvec, wvec);
+  if (code == 0) llupdat(n, gdif, half, uvec, vvec, wvec);
   return code;
 }
 
@@ -251,10 +230,10 @@ int znlpbfg(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* 
             double* vvec, double* wvec) {
   const long n = order_of(str);
   if (n == 0) return 0;
-  if (job == 1) return bfgsupd(str, iscl, xdif, gdif, half, uvec);
+  if (job == 1) return bfgsupd(str, iscl, xdif, gdif, half, uvec, vvec, wvec);
   if (job == 2) return dubfgsup(str, iscl, xdif, gdif, half, uvec, wvec);
   const int code = uvbfgs(str, iscl, xdif, gdif, half, uvec, vvec);
-  if (code == 0) llupdat(n, half, uvec, vvec, wvec);
+  if (code == 0) llupdat(n, gdif, half, uvec, vvec, wvec);
   return code;
 }
 

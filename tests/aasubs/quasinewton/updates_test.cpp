@@ -198,7 +198,7 @@ TEST(Updates, RefusalsLeaveTheMatrixButForItsScale) {
 // ---- Rank-one corrections -----------------------------------------------------------------------
 
 TEST(Ldlupd, CorrectsAndChangesRank) {
-  for (long n : {1L, 2L, 6L, 17L}) {
+  for (long n : {1L, 2L, 6L, 17L, 521L}) {
     Stored m = stored_matrix(n, 2, 21);
     Dense matrix = read_back(n, m);
     Vec p(static_cast<std::size_t>(n) + 1);
@@ -234,15 +234,15 @@ TEST(Ldlupd, CorrectsAndChangesRank) {
 }
 
 TEST(Llupdat, BringsTheProductFormBackToATriangle) {
-  for (long n : {1L, 2L, 9L}) {
+  for (long n : {1L, 2L, 9L, 26L}) {
     for (long zeros = 0; zeros <= n; ++zeros) {
       Stored m = stored_matrix(n, 3, 41);
       Dense u = column(random_vector(n, 42), n);
       for (long i = n - zeros; i < n; ++i) u(i, 0) = 0.0;
-      const Dense v = column(random_vector(n, 43), n);
+      Dense v = column(random_vector(n, 43), n);
       const Dense r = combine(1.0, transpose(unpack(n, m.c, true)), 1.0, u * transpose(v));
-      Vec w(static_cast<std::size_t>(n) + 1, 1.0);
-      llupdat(n, m.c.data(), u.a.data(), v.a.data(), w.data());
+      Vec w(static_cast<std::size_t>(n) + 1, 1.0), work = w;
+      llupdat(n, work.data(), m.c.data(), u.a.data(), v.a.data(), w.data());
       EXPECT_LE(distance(read_back(n, m), transpose(r) * r), 1e-13 * (1.0 + size(r))) << n;
     }
   }
