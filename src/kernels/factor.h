@@ -16,8 +16,8 @@ inline long second_order(const SPAR& pattern, long n) { return n > 0 ? pattern.j
 // column j are exchanged too: they may hold the rows of a factor.
 void swap_packed(long n, long j, long p, double* a);
 
-// b := L^-1 b, L'^-1 b, L b or L'b in place with the jobs of zqrsol for packed L (8, 7, 18, 17); the
-// diagonal of L counts as 1, whatever stands there.
+// b := L^-1 b, L'^-1 b, L b or L'b in place with the jobs of zqrsol for packed L (8, 7, 18, 17);
+// the diagonal of L counts as 1, whatever stands there.
 void unit_triangular(int job, long n, const double* c, double* b);
 
 // x := S b for packed S of order n, one pass over S; x must not overlap b.

@@ -24,6 +24,7 @@ inline constexpr long LANES = 8;
 template <int W>
 struct Lanes {
   typedef double Vector __attribute__((vector_size(W * 8)));
+  typedef long Bits __attribute__((vector_size(W * 8)));
   // A vector as it stands in an array of doubles, at the address of any of them.
   typedef double Unaligned __attribute__((vector_size(W * 8), aligned(8), may_alias));
   static constexpr int PARTS = 8 / W;
@@ -33,9 +34,12 @@ struct Lanes {
 #pragma GCC unroll 4
     for (int k = 0; k < PARTS; ++k) part[k] = Vector{};
   }
+  // The number is spread as bits: a sum with 0.0 would be an addition with a broadcast behind it,
+  // since it turns -0 into 0, while one with an integer 0 is a broadcast alone.
   [[gnu::always_inline]] inline void fill(double value) {
+    const long bits = __builtin_bit_cast(long, value);
 #pragma GCC unroll 4
-    for (int k = 0; k < PARTS; ++k) part[k] = Vector{} + value;
+    for (int k = 0; k < PARTS; ++k) part[k] = (Vector)(Bits{} + bits);
   }
   [[gnu::always_inline]] inline void load(const double* from) {
 #pragma GCC unroll 4

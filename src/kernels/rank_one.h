@@ -1,6 +1,6 @@
 // Inner loops of quasi-Newton updates in packed form: rows of L under rank-one corrections of
-// L D L', by what the pivots of a panel of columns decide for them, and a symmetric matrix under two
-// products of vectors.
+// L D L', by what the pivots of a panel of columns decide for them, and a symmetric matrix under
+// two products of vectors.
 #pragma once
 
 namespace tqnlp {

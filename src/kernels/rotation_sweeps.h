@@ -1,5 +1,5 @@
-// Inner loop of the product form of a quasi-Newton update: rotations of neighbours along the rows of
-// a packed triangle, from the end of a row to its front and back again.
+// Inner loop of the product form of a quasi-Newton update: rotations of neighbours along the rows
+// of a packed triangle, from the end of a row to its front and back again.
 #pragma once
 
 namespace tqnlp {
@@ -11,8 +11,8 @@ struct RotationSweeps {
     double* c;
     double* s;
   };
-  Rotations up;    // the first sweep, k descending
-  double factor;   // between the sweeps element 0 of row j grows by factor * v[j]
+  Rotations up;   // the first sweep, k descending
+  double factor;  // between the sweeps element 0 of row j grows by factor * v[j]
   const double* v;
   Rotations down;  // the second sweep, k ascending
 };

@@ -34,9 +34,10 @@ const Exceptions WITH_GRADIENT = {
      {6, 8},
      -8,
      "a dozen calls an iteration: the limit of 500 is met on the way"},
-    {{"Biggs EXP6", "Box three-dimensional", "Extended Rosenbrock 10", "Gulf research", "Osborne 1",
-      "Osborne 2", "Penalty I 4", "Powell badly scaled", "S209", "S213", "S282", "S283", "S291",
-      "S303", "Watson 6", "Watson 9", "Watson 12"},
+    {{"Biggs EXP6", "Box three-dimensional", "Extended Powell singular 12",
+      "Extended Rosenbrock 10", "Gulf research", "Osborne 1", "Osborne 2", "Penalty I 4",
+      "Powell badly scaled", "S209", "S213", "S282", "S283", "S291", "S303", "Watson 6", "Watson 9",
+      "Watson 12"},
      {27, 47},
      CLOSE_CALL,
      "Goldstein's test asks nothing of the slope, and DFP does not mend a matrix that such steps "
