@@ -48,61 +48,67 @@ TQNLP_BODY void scatter(const Lanes<W>& from, double* const* rows, long k) {
   for (long r = 0; r < LANES; ++r) rows[r][k] = lane[r];
 }
 
-// The first sweep from element i down to element head, which is left in carry.
-template <int W>
+// The first sweep of B blocks of eight rows, from element i down to element head, which is left in
+// carry.
+template <int W, int B>
 TQNLP_BODY void sweep_up(const RotationSweeps::Rotations& up, long head, long i,
-                         double* const* rows, Lanes<W>& carry) {
-  Tile<W> tile;
+                         double* const* rows, Lanes<W>* carry) {
+  Tile<W> tile[B];
   for (long at = i - W; at >= head; at -= W) {
-    tile.load(rows, at);
+#pragma GCC unroll 2
+    for (int b = 0; b < B; ++b) tile[b].load(rows + b * LANES, at);
 #pragma GCC unroll 8
     for (int k = W - 1; k >= 0; --k) {
-      // carry becomes the element behind column k, whose last change this is.
-      rotate_lanes(up, at + k, tile.column[k], carry);
-      if (k < W - 1) {
-        tile.store_turned(carry, k + 1, rows, at);
-      } else if (at + W < i) {
-        tile.store_turned(carry, 0, rows, at + W);
-      } else {
-        scatter(carry, rows, i);
+#pragma GCC unroll 2
+      for (int b = 0; b < B; ++b) {
+        // carry becomes the element behind column k, whose last change this is.
+        rotate_lanes(up, at + k, tile[b].column[k], carry[b]);
+        if (k < W - 1) {
+          tile[b].store_turned(carry[b], k + 1, rows + b * LANES, at);
+        } else if (at + W < i) {
+          tile[b].store_turned(carry[b], 0, rows + b * LANES, at + W);
+        } else {
+          scatter(carry[b], rows + b * LANES, i);
+        }
+        carry[b] = tile[b].column[k];
       }
-      carry = tile.column[k];
     }
   }
 }
 
 // The second sweep from element head, in carry, up to element i.
-template <int W>
+template <int W, int B>
 TQNLP_BODY void sweep_down(const RotationSweeps::Rotations& down, long head, long i,
-                           double* const* rows, Lanes<W>& carry) {
-  Tile<W> tile;
+                           double* const* rows, Lanes<W>* carry) {
+  Tile<W> tile[B];
   Lanes<W> next;
   for (long at = head; at < i; at += W) {
 #pragma GCC unroll 8
     for (int k = 0; k < W; ++k) {
-      if (k < W - 1) {
-        tile.load_turned(next, k + 1, rows, at);
-      } else if (at + W < i) {
-        tile.load_turned(next, 0, rows, at + W);
-      } else {
-        gather(rows, i, next);
+#pragma GCC unroll 2
+      for (int b = 0; b < B; ++b) {
+        if (k < W - 1) {
+          tile[b].load_turned(next, k + 1, rows + b * LANES, at);
+        } else if (at + W < i) {
+          tile[b].load_turned(next, 0, rows + b * LANES, at + W);
+        } else {
+          gather(rows + b * LANES, i, next);
+        }
+        rotate_lanes(down, at + k, carry[b], next);
+        tile[b].column[k] = carry[b];
+        carry[b] = next;
       }
-      rotate_lanes(down, at + k, carry, next);
-      tile.column[k] = carry;
-      carry = next;
     }
-    tile.store(rows, at);
+#pragma GCC unroll 2
+    for (int b = 0; b < B; ++b) tile[b].store(rows + b * LANES, at);
   }
 }
 
+// The elements before the first tile, there and back, with the change of element 0 between.
 template <int W>
-TQNLP_BODY void sweep_body(const RotationSweeps& sweeps, long i, double* c) {
-  const long head = i % LANES;
-  double* rows[LANES];
-  for (long r = 0; r < LANES; ++r) rows[r] = c + packed_size(i + r);
-  Lanes<W> carry, factor, v, front[LANES];
-  gather(rows, i, carry);
-  sweep_up(sweeps.up, head, i, rows, carry);
+TQNLP_BODY void turn_at_front(const RotationSweeps& sweeps, long head, long row,
+                              double* const* rows, Lanes<W>& carry) {
+  Lanes<W> factor, v, front[LANES];
   for (long k = head - 1; k >= 0; --k) {
     gather(rows, k, front[k]);
     rotate_lanes(sweeps.up, k, front[k], carry);
@@ -110,18 +116,50 @@ TQNLP_BODY void sweep_body(const RotationSweeps& sweeps, long i, double* c) {
     carry = front[k];
   }
   factor.fill(sweeps.factor);
-  v.load(sweeps.v + i);
+  v.load(sweeps.v + row);
   carry.add_product(factor, v);
   for (long k = 0; k < head; ++k) {
     rotate_lanes(sweeps.down, k, carry, front[k + 1]);
     scatter(carry, rows, k);
     carry = front[k + 1];
   }
-  sweep_down(sweeps.down, head, i, rows, carry);
-  scatter(carry, rows, i);
 }
-TQNLP_DISPATCH(void, sweep, (const RotationSweeps& sweeps, long i, double* c), (sweeps, i, c))
 
-void sweep_rows(const RotationSweeps& sweeps, long i, double* c) { sweep(sweeps, i, c); }
+// B blocks of eight rows from first on.
+template <int W, int B>
+TQNLP_BODY void sweep_blocks(const RotationSweeps& sweeps, long i, long first, double* c) {
+  const long head = i % LANES;
+  double* rows[B * LANES];
+  for (long r = 0; r < B * LANES; ++r) rows[r] = c + packed_size(first + r);
+  Lanes<W> carry[B];
+#pragma GCC unroll 2
+  for (int b = 0; b < B; ++b) gather(rows + b * LANES, i, carry[b]);
+  sweep_up<W, B>(sweeps.up, head, i, rows, carry);
+#pragma GCC unroll 2
+  for (int b = 0; b < B; ++b) {
+    turn_at_front(sweeps, head, first + b * LANES, rows + b * LANES, carry[b]);
+  }
+  sweep_down<W, B>(sweeps.down, head, i, rows, carry);
+#pragma GCC unroll 2
+  for (int b = 0; b < B; ++b) scatter(carry[b], rows + b * LANES, i);
+}
+
+// Two blocks at once hide the time that a rotation waits for the one before, where there are
+// registers for them.
+template <int W>
+TQNLP_BODY void sweep_body(const RotationSweeps& sweeps, long i, long count, double* c) {
+  static constexpr int B = W == 8 ? 2 : 1;
+  long first = i;
+  for (; first + B * LANES <= i + count; first += B * LANES) {
+    sweep_blocks<W, B>(sweeps, i, first, c);
+  }
+  if (B == 2 && first < i + count) sweep_blocks<W, 1>(sweeps, i, first, c);
+}
+TQNLP_DISPATCH(void, sweep, (const RotationSweeps& sweeps, long i, long count, double* c),
+               (sweeps, i, count, c))
+
+void sweep_rows(const RotationSweeps& sweeps, long i, long count, double* c) {
+  sweep(sweeps, i, count, c);
+}
 
 }  // namespace tqnlp

@@ -17,9 +17,9 @@ struct RotationSweeps {
   Rotations down;  // the second sweep, k ascending
 };
 
-// Rows i .. i+7 of the packed lower triangle c through the rotations i-1 .. 0, the change of
-// element 0, and the rotations 0 .. i-1: what the rows have in common before their own small
-// triangle.
-void sweep_rows(const RotationSweeps& sweeps, long i, double* c);
+// Rows i .. i+count-1 of the packed lower triangle c, count a multiple of eight, through the
+// rotations i-1 .. 0, the change of element 0, and the rotations 0 .. i-1: what the rows have in
+// common before their own small triangle.
+void sweep_rows(const RotationSweeps& sweeps, long i, long count, double* c);
 
 }  // namespace tqnlp

@@ -53,14 +53,16 @@ TEST(RankOne, RowsSideBySideFollowThePlainLoop) {
         }
 }
 
-TEST(RankOne, RotationsOfEightRowsFollowThePlainLoop) {
-  for (long i = 0; i <= 33; ++i) {
-    Vec up_c = random_vector(i + 8, 1), up_s = random_vector(i + 8, 2), v = random_vector(i + 8, 3);
-    Vec down_c = random_vector(i + 8, 4), down_s = random_vector(i + 8, 5);
-    Vec c = random_vector(packed_size(i + 8), 6), plain = c;
+TEST(RankOne, RotationsOfRowsSideBySideFollowThePlainLoop) {
+  for (long run = 0; run <= 99; ++run) {
+    const long i = run / 3, count = 8 * (run % 3 + 1);
+    Vec up_c = random_vector(i + count, 1), up_s = random_vector(i + count, 2),
+        v = random_vector(i + count, 3);
+    Vec down_c = random_vector(i + count, 4), down_s = random_vector(i + count, 5);
+    Vec c = random_vector(packed_size(i + count), 6), plain = c;
     const RotationSweeps sweeps{
         {up_c.data(), up_s.data()}, 0.7, v.data(), {down_c.data(), down_s.data()}};
-    for (long j = i; j < i + 8; ++j) {
+    for (long j = i; j < i + count; ++j) {
       double* row = &plain[packed_size(j)];
       const auto rotate = [row](const RotationSweeps::Rotations& by, long k) {
         const double upper = row[k];
@@ -71,7 +73,7 @@ TEST(RankOne, RotationsOfEightRowsFollowThePlainLoop) {
       row[0] += 0.7 * v[j];
       for (long k = 0; k < i; ++k) rotate(sweeps.down, k);
     }
-    sweep_rows(sweeps, i, c.data());
+    sweep_rows(sweeps, i, count, c.data());
     EXPECT_EQ(c, plain) << i;
   }
 }

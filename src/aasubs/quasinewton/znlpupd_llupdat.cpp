@@ -20,7 +20,11 @@
 
 namespace tqnlp {
 
+// Rows that are worked on side by side. Long rows gain by sixteen; the small triangle of each
+// block, which is left to scalars, grows with it.
 static constexpr long BLOCK = 8;
+static constexpr long LARGE_BLOCK = 16;
+static constexpr long LARGE_ORDER = 200;
 
 // Elements k and k+1 of a packed row.
 static void rotate_neighbours(const RotationSweeps::Rotations& rotations, long k, double* row) {
@@ -59,15 +63,16 @@ void llupdat(long n, double* gdif, double* half, double* uvec, double* vvec, dou
     sweeps.up.c[k] = c;
   }
   sweeps.factor = uvec[0];
+  const long block = n < LARGE_ORDER ? BLOCK : LARGE_BLOCK;
   // Of n rows those that fill no block come first.
   for (long first = 0, end = 0; first < n; first = end) {
-    end = first + (first == 0 && n % BLOCK != 0 ? n % BLOCK : BLOCK);
-    double below[BLOCK];
+    end = first + (first == 0 && n % block != 0 ? n % block : block);
+    double below[LARGE_BLOCK];
     for (long j = first; j < end; ++j) {
       below[j - first] = turn_upward(sweeps, n, first, j, half + packed_size(j));
     }
     if (first > 0) {
-      sweep_rows(sweeps, first, half);
+      sweep_rows(sweeps, first, block, half);
     } else {
       for (long j = 0; j < end; ++j) half[packed_size(j)] += sweeps.factor * vvec[j];
     }
