@@ -192,7 +192,14 @@ TQNLP_DISPATCH(void, products,
 
 void add_products(long n, const double* a, const double* s, const double* b, const double* p,
                   double* h) {
-  products(n, a, s, b, p, h);
+  if (n >= 2 * LANES) {
+    products(n, a, s, b, p, h);
+    return;
+  }
+  double* row = h;
+  for (long i = 0; i < n; row += ++i) {
+    for (long j = 0; j <= i; ++j) row[j] += a[i] * s[j] - b[i] * p[j];
+  }
 }
 
 }  // namespace tqnlp

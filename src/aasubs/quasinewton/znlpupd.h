@@ -11,8 +11,7 @@ namespace tqnlp {
 //   job 2  Hessian as L D L', packed, D on the diagonal
 //   job 3  (and any other) Hessian as R'R, R upper triangular packed by columns
 //   iscl 1 rescales the matrix first; the scaling stays also when the update is then refused
-//   uvec, vvec, wvec  work, nzmm doubles each; job 2 destroys xdif and gdif,
-//        job 3 gdif
+//   uvec, vvec, wvec  work, nzmm doubles each; job 2 destroys xdif and gdif, job 3 gdif
 // Returns 0 updated; 1, 2, 3 skipped (angle of s and y too wide, curvature negligible, curvature
 // not positive); -1 the factor lost rank and must be restarted.
 int znlpdfp(MINSTR* str, int job, int iscl, double* xdif, double* gdif, double* half, double* uvec,

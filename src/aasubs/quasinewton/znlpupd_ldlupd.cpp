@@ -74,8 +74,8 @@ static bool prepare_subtraction(long n, int mk, long* ir, double eps, double sig
 // What the sweep of a correction carries from column to column.
 struct Sweep {
   double sig;
-  long ir;   // rank as the text of ldlupd has it; of the result when the sweep is over
-  double t;  // recurrence: 1/sig and a sum over the columns so far
+  long ir;                    // as ldlupd has it; its modulus is the rank when the sweep is over
+  double t;                   // recurrence: 1/sig and a sum over the columns so far
   const double* p = nullptr;  // the recurrence behind each column, prepared, or null
   bool ended = false;         // no column changes any more
 };

@@ -63,7 +63,8 @@ void llupdat(long n, double* gdif, double* half, double* uvec, double* vvec, dou
     sweeps.up.c[k] = c;
   }
   sweeps.factor = uvec[0];
-  const long block = n < LARGE_ORDER ? BLOCK : LARGE_BLOCK;
+  // A matrix that one large block holds is left to scalars whole.
+  const long block = n <= LARGE_BLOCK || n >= LARGE_ORDER ? LARGE_BLOCK : BLOCK;
   // Of n rows those that fill no block come first.
   for (long first = 0, end = 0; first < n; first = end) {
     end = first + (first == 0 && n % block != 0 ? n % block : block);
