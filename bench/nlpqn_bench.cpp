@@ -20,6 +20,8 @@
 // products, which would give up the order in which the method corrects its elements, or the same
 // bits on every machine.
 //
+// In the first kind every peer goes on until it gives up, so that none is charged for its stopping
+// rule. NLPQN runs twice: with the defaults, and to the end as the peers do.
 #include <benchmark/benchmark.h>
 #include <dlib/optimization.h>
 #include <gsl/gsl_errno.h>
