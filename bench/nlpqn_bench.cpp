@@ -14,11 +14,11 @@
 // ride in one pass, and a direction takes two solves. That is 1.5 times the traffic, and from
 // n = 1000 on, where the memory decides, about the time too. With bounds the pass carries two
 // sweeps of rotations, six operations an element each (1.6 to 1.8). At n = 500 the matrix stays in
-// the second-level cache and the arithmetic of the pass shows: 1.8, with bounds 2.0. An element
-// waits there for its neighbour in the row, so that rows are turned to work on eight of them side
-// by side; fewer operations would need blocks of columns multiplied as small matrices or fused
-// products, which would give up the order in which the method corrects its elements, or the same
-// bits on every machine.
+// the second-level cache and the arithmetic of the pass shows: 1.6 to 1.8, with bounds up to 2. An
+// element waits there for its neighbour in the row, so that rows are turned to work on eight of
+// them side by side; fewer operations would need blocks of columns multiplied as small matrices or
+// fused products, which would give up the order in which the method corrects its elements, or the
+// same bits on every machine.
 //
 // In the first kind every peer goes on until it gives up, so that none is charged for its stopping
 // rule. NLPQN runs twice: with the defaults, and to the end as the peers do.
