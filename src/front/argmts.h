@@ -10,6 +10,8 @@
 
 namespace tqnlp {
 
+struct ModuleKind;  // tqxnlp_modules.h
+
 inline constexpr long NAME_FIELD = 32;      // bytes of a module name, padded with blanks
 inline constexpr long CALL_NAME_FIELD = 8;  // bytes of a subroutine's name, padded with blanks
 
@@ -62,6 +64,9 @@ struct ARGMTS {
   int jncer;  // their Jacobian
   int trmer;  // termination
   long ntrm;  // times in succession that the termination module was asked about the same point
+
+  // Module that could not be evaluated last; null: none so far.
+  const ModuleKind* failed;
 
   // Host's handles of the modules; null: not given.
   TQLMOD* funptr;

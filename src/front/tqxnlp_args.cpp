@@ -9,6 +9,7 @@
 #include "front/tqxnlp.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "front/tqxnlp_remarks.h"
 #include "host/log.h"
 #include "host/strings.h"
 #include "host/tables.h"
@@ -245,6 +246,7 @@ int read_constraint_matrix(ARGMTS* argm, TQLARG** arg, long narg, int position) 
   argm->cons = static_cast<double*>(blc.data);
   argm->ncon = static_cast<int>(blc.rows);
   argm->ccol = static_cast<int>(blc.cols);
+  remark_forgotten_bound_rows(argm);
   return 0;
 }
 
@@ -299,6 +301,10 @@ int getargm(ARGMTS* argm, TQLARG** arg, long narg, int ider, int job) {
            {call_name(argm).text, module_name(argm, *module_kind(CALL_HESSIAN)).text});
     argm->ihmod = 0;
     argm->hesptr = nullptr;
+  }
+  if (rc == 0 && argm->jcmod != 0 && argm->icmod == 0) {
+    const ModuleKind& kind = *module_kind(CALL_CONSTRAINT_JACOBIAN);
+    xpmlog(CALLING_SURFACE, 179, {call_name(argm).text, module_name(argm, kind).text});
   }
   return rc;
 }

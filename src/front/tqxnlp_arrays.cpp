@@ -25,6 +25,7 @@
 
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
+#include "front/tqxnlp_modules.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -249,12 +250,32 @@ static void open_jacobian_file(MINSTR* str) {
   xexit(EXIT_WORK_FILE, 0);
 }
 
+// Memory that is felt is told of before it is taken.
+static void announce_memory(const Sizes& sizes) {
+  static constexpr double FELT = 1073741824.0;
+  static constexpr double MEGABYTE = 1e6;
+  double bytes = 0.0;
+  for (const RunArray& array : ARRAYS) {
+    const double count = static_cast<double>(std::max(array.count(sizes), 0L));
+    bytes += std::visit(
+        [count](auto field) {
+          using Element = std::remove_pointer_t<std::remove_reference_t<decltype(MINSTR{}.*field)>>;
+          return count * static_cast<double>(sizeof(Element));
+        },
+        array.field);
+  }
+  if (bytes < FELT) return;
+  xpmlog(CALLING_SURFACE, 178,
+         {call_name(sizes.str->secstr).text, static_cast<long>(bytes / MEGABYTE), sizes.str->nvar});
+}
+
 // The first refusal ends it; what stands until then is given back by the entry's clean-up.
 int allocate_arrays(MINSTR* str, long nonzeros) {
   if (str->lsqu != 0) open_jacobian_file(str);
   const long n = str->nvar + (str->nlicon != 0 ? 1 : 0);
   const Sizes sizes{
       str, n, packed_size(n), nonzeros, str->bounds != 0, str->lincon != 0, str->nlicon != 0};
+  announce_memory(sizes);
   for (const RunArray& array : ARRAYS) {
     const long count = array.count(sizes);
     if (count <= 0) continue;

@@ -169,14 +169,18 @@ static bool shape_fits(const TQLSYM& result, const ResultShape& shape) {
 }
 
 // The module is told from its prepared call, so that callers need not name it.
-static void log_wrong_shape(const ARGMTS* argm, const TQLSS* ss, const ResultShape& shape,
-                            int message) {
-  const ModuleKind* kind = std::find_if(
+static const ModuleKind* kind_of(const ARGMTS* argm, const TQLSS* ss) {
+  return std::find_if(
       std::begin(MODULE_KINDS), std::end(MODULE_KINDS),
       [argm, ss](const ModuleKind& candidate) { return argm->*candidate.prepared == ss; });
+}
+
+static void log_wrong_shape(const ARGMTS* argm, const TQLSS* ss, const ResultShape& shape,
+                            int message) {
   xpmlog(CALLING_SURFACE, message,
-         {call_name(argm).text, module_name(argm, *kind).text, ss->result->rows, ss->result->cols,
-          ss->result->kind == NUMERIC ? "numeric" : "character", shape.rows, shape.cols});
+         {call_name(argm).text, module_name(argm, *kind_of(argm, ss)).text, ss->result->rows,
+          ss->result->cols, ss->result->kind == NUMERIC ? "numeric" : "character", shape.rows,
+          shape.cols});
 }
 
 int end_evaluation(MINSTR* str, int* flag, int code) {
@@ -200,6 +204,12 @@ static bool copy_point(const MINSTR* str, double* point) {
   return (sums[0] + sums[1]) + (sums[2] + sums[3]) == 0.0;
 }
 
+// Remembers which module could not be evaluated, for the message at the end of the run.
+static int module_failed(MINSTR* str, const TQLSS* ss, int* flag) {
+  str->secstr->failed = kind_of(str->secstr, ss);
+  return end_evaluation(str, flag, EVALUATION_FAILED);
+}
+
 static bool elements_fit(const TQLSYM& result, Elements wanted) {
   if (wanted == Elements::any) return true;
   if (tqlmiss(&result) != 0) return false;
@@ -214,15 +224,16 @@ int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elemen
   TQLSYM* point = ss->argument[0];
   if (!ensure_size(str->secstr, point, 1, str->nvar)) return EVALUATION_NO_MEMORY;
   if (!copy_point(str, point->data) || !run_prepared(str, ss)) {
-    return end_evaluation(str, flag, EVALUATION_FAILED);
+    return module_failed(str, ss, flag);
   }
   if (!shape_fits(*ss->result, shape)) {
     // A module that keeps giving the wrong shape does so at every trial point: once is enough.
     if (*flag != FLAG_WRONG_SHAPE) log_wrong_shape(str->secstr, ss, shape, message);
+    str->secstr->failed = kind_of(str->secstr, ss);
     *flag = FLAG_WRONG_SHAPE;
     return EVALUATION_FAILED;
   }
-  if (!elements_fit(*ss->result, elements)) return end_evaluation(str, flag, EVALUATION_FAILED);
+  if (!elements_fit(*ss->result, elements)) return module_failed(str, ss, flag);
   return EVALUATED;
 }
 
@@ -307,6 +318,7 @@ int nlpfunc(MINSTR* str) {
   const int message = m > 1 ? MESSAGE_FUNCTIONS : MESSAGE_SCALAR;
   int code = run_module(str, argm->ssfun, {m, 1, true}, Elements::present, message, &argm->funer);
   if (code == EVALUATED) code = take_objective(str, m, argm->arg0.data);
+  if (code != EVALUATED) argm->failed = module_kind(CALL_OBJECTIVE);  // also a value too large
   if (counts) show_evaluation(str, code);
   if (str->imax != 0 && !wzmis(str->crit)) str->crit = -str->crit;
   return code;
@@ -466,6 +478,8 @@ static bool stands_still(const MINSTR* str) {
 // rest, the run then ends for lack of progress.
 static int ask_termination_module(MINSTR* str, int job) {
   ARGMTS* argm = str->secstr;
+  ++str->nter;
+  str->tcod = 0;
   if (!ensure_size(argm, &argm->arg8, 1, 1)) return EVALUATION_FAILED;
   if (stands_still(str)) {
     xpmlog(CALLING_SURFACE, MESSAGE_STANDSTILL,
@@ -486,9 +500,9 @@ static int ask_termination_module(MINSTR* str, int job) {
   str->tbig = tbig;
   if (code != EVALUATED) return EVALUATION_FAILED;
   argm->trmer = FLAG_GOOD;
+  str->tcod = to_int(argm->arg6.data[0]);
   // A technique that has ended by itself cannot go on: 0 leaves it the code that it came with.
-  const int answer = to_int(argm->arg6.data[0]);
-  return answer == 0 && job < 0 ? job : answer;
+  return str->tcod == 0 && job < 0 ? job : str->tcod;
 }
 
 // "_ITER_" is set before the test, so that it is right when the test's history line is written and

@@ -73,6 +73,11 @@ static int refuse_infinite(const ARGMTS* argm, long row, long column) {
   return -1;
 }
 
+// The distance goes with the two bounds, which may look alike in print.
+static void log_crossing(const ARGMTS* argm, int message, long j, double lower, double upper) {
+  xpmlog(CALLING_SURFACE, message, {call_name(argm).text, j + 1, lower, upper, lower - upper});
+}
+
 // An infinite lower bound below and upper bound above mean none; the other two cannot be met.
 static int count_bounds(ARGMTS* argm, BoundCount* count) {
   double* lower = argm->cons;
@@ -83,6 +88,7 @@ static int count_bounds(ARGMTS* argm, BoundCount* count) {
     const bool below = bound_there(lower[j]);
     const bool above = upper != nullptr && bound_there(upper[j]);
     if (below && above && lower[j] * CROSSING_FACTOR > upper[j]) {
+      if (upper[j] < lower[j]) log_crossing(argm, 180, j, lower[j], upper[j]);
       upper[j] = lower[j];
       ++count->equal;
     } else {
@@ -173,12 +179,56 @@ static void copy_bound_rows(MINSTR* str) {
   }
 }
 
+// Does row k set a bound of the parameter of row i before row i does? Equalities are taken first.
+static bool is_taken_before(const Row& one, long k, const Row& other, long i) {
+  if (one.count != 1 || one.last != other.last || k == i) return false;
+  const bool equality = one.op == EQUAL;
+  return equality == (other.op == EQUAL) ? k < i : equality;
+}
+
+// The row of blc that set a bound before row i does: a row with one coefficient, else row 1 or 2.
+static long row_that_set(const ARGMTS* argm, const Row& row, long i, bool lower) {
+  long setter = lower ? 0 : 1;
+  bool by_inequality = false;
+  for (long k = BOUND_ROWS; k < argm->ncon; ++k) {
+    const Row other = read_row(argm, k);
+    if (!is_taken_before(other, k, row, i) || other.op == (lower ? AT_MOST : AT_LEAST)) continue;
+    if (by_inequality && other.op == EQUAL) continue;
+    by_inequality = other.op != EQUAL;
+    setter = k;
+  }
+  return setter;
+}
+
+// Sets one side. A bound that another row with one coefficient has set, or that was tighter, goes
+// lost without a trace in the run: the log tells. Row 1 or 2 may be tightened freely.
+static void replace_bound(MINSTR* str, const Row& row, long i, bool lower, double bound) {
+  const ARGMTS* argm = str->secstr;
+  double& place = (lower ? str->lb : str->ub)[row.last];
+  if (bound_there(place) && place != bound) {
+    const long setter = row_that_set(argm, row, i, lower);
+    const bool looser = lower ? bound < place : bound > place;
+    if (setter >= BOUND_ROWS || looser) {
+      xpmlog(CALLING_SURFACE, 182,
+             {call_name(argm).text, static_cast<long>(argm->iargc), i + 1,
+              lower ? "lower" : "upper", row.last + 1, bound, place, setter + 1});
+    }
+  }
+  place = bound;
+}
+
 // A row with one coefficient. The sign of the coefficient is not looked at, on purpose: a negative
-// one does not swap the roles of the two bounds, so that -x >= 3 sets the lower bound -3.
-static void set_bound(MINSTR* str, const Row& row) {
+// one does not swap the roles of the two bounds, so that -x >= 3 sets the lower bound -3. Who
+// writes such a row expects the opposite, and is told.
+static void set_bound(MINSTR* str, const Row& row, long i) {
+  const ARGMTS* argm = str->secstr;
   const double bound = row.b / row.a[row.last];
-  if (row.op != AT_MOST) str->lb[row.last] = bound;
-  if (row.op != AT_LEAST) str->ub[row.last] = bound;
+  if (row.op != AT_MOST) replace_bound(str, row, i, true, bound);
+  if (row.op != AT_LEAST) replace_bound(str, row, i, false, bound);
+  if (row.op == EQUAL || row.a[row.last] > 0.0) return;
+  xpmlog(CALLING_SURFACE, 183,
+         {call_name(argm).text, static_cast<long>(argm->iargc), i + 1,
+          row.op == AT_LEAST ? "lower" : "upper", row.last + 1, bound});
 }
 
 // Rows are appended behind `stored` coefficients.
@@ -201,7 +251,7 @@ static long take_rows(MINSTR* str, bool equalities, long place, long* stored) {
     const Row row = read_row(argm, i);
     if (row.count == 0 || (row.op == EQUAL) != equalities) continue;
     if (row.count == 1) {
-      set_bound(str, row);
+      set_bound(str, row, i);
     } else {
       append_row(str, row, place++, stored);
     }
@@ -212,9 +262,12 @@ static long take_rows(MINSTR* str, bool equalities, long place, long* stored) {
 // Bounds that cross fix the parameter at the upper one.
 static void fix_crossing(MINSTR* str, long j) {
   const FieldText name = call_name(str->secstr);
-  const MsgArgs args{name.text, j + 1, str->lb[j], str->ub[j]};
-  xpmlog(CALLING_SURFACE, 156, args);
-  if (str->dbug != 0.0) xpmout(CALLING_SURFACE, 156, args);
+  const double lower = str->lb[j];
+  const double upper = str->ub[j];
+  log_crossing(str->secstr, 156, j, lower, upper);
+  if (str->dbug != 0.0) {
+    xpmout(CALLING_SURFACE, 156, {name.text, j + 1, lower, upper, lower - upper});
+  }
 }
 
 // Status and count of one parameter's bounds. Bounds that differ by no more than the feasibility

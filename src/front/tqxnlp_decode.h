@@ -51,7 +51,7 @@ bool is_vector(const Argument& argument);
 // ---- Vectors of settings ------------------------------------------------------------------------
 
 // Each reads one vector of the decoded call into the record, over defaults that depend on job and
-// technique. They report nothing: values out of range are limited or ignored.
+// technique. They report nothing: values out of range are limited or ignored (tqxnlp_remarks.h).
 //
 // setoptn(opt)  job 0 NLPNMS, 1 general, 2 least squares. Reads tech, igmod. Writes hesc, imax,
 //               dbug, load, vers, tupd, tlin, mequ (job 2), nnlc, nlec, cfdh, hrow of the call, and
@@ -82,9 +82,11 @@ inline constexpr int CONS_SIMPLEX = 1;    // NLPNMS: an equality counts as two i
 inline constexpr int CONS_NONLINEAR = 2;  // nonlinear constraints
 
 // First pass over blc: counts what it holds into nlicon, lincon, bounds, ncon, neqc, ntec, ntco, so
-// that arrays can be sized. *mzac receives the number of coefficients that alcn will hold. A pair
-// of crossing positive bounds is made equal in the caller's matrix. Returns 0, or -1 with a message
-// when a row cannot be taken.
+// that arrays can be sized. *mzac receives the number of coefficients that alcn will hold. Where
+// 1.00000001 times the lower bound of a pair exceeds the upper one, the upper is set to the lower
+// in the caller's matrix: bounds that cross, and positive ones that all but meet. Negative bounds
+// that cross by less than that pass here; setcons fixes the parameter at the upper one. Returns 0,
+// or -1 with a message when a row cannot be taken.
 int getncon(MINSTR* str, int job, long* mzac);
 
 // Second pass: fills lb, ub, iabc, alcn, blcn, naco, jalc and the final counts (also nbec, nbic),

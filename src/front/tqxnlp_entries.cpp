@@ -12,12 +12,14 @@
 #include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
+#include "aasubs/reports/znlppre.h"
 #include "front/tqxnlp.h"
 #include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "front/tqxnlp_remarks.h"
 #include "host/log.h"
 
 namespace tqnlp {
@@ -252,9 +254,12 @@ static int decode_call(MINSTR* str, long narg, const SubroutineRow& sub, long* n
   if (rc != 0) return rc;
   set_start_values(str, sub);
   setoptn(str, sub.job.setoptn);
+  remark_options(str, sub.job.setoptn);
   rc = sub.settle(str, nonzeros);
   if (rc != 0) return rc;
   setparm(str, sub.job.setparm);
+  remark_parameters(str, sub.job.setparm);
+  remark_feasibility_tolerance(str, 3);
   setterm(str, sub.job.setterm);
   return 0;
 }
@@ -270,16 +275,27 @@ static int prepare_modules(MINSTR* str, const SubroutineRow& sub) {
   return 0;
 }
 
+// Does the subroutine run without its nonlinear constraints?
+static bool built_without_constraints(const MINSTR* str) {
+  MINSTR without = *str;
+  without.nlicon = 0;
+  return str->nlicon != 0 && technique_is_built(&without);
+}
+
 // What this version cannot do is refused before anything runs.
 static int refuse_what_is_not_built(MINSTR* str) {
+  static constexpr long WORDS = 80;
   const ARGMTS* argm = str->secstr;
   if (!technique_is_built(str)) {
-    const FieldText technique = field_text(technique_name(str->tech), CALL_NAME_FIELD);
-    xpmlog(CALLING_SURFACE, 199, {call_name(argm).text, technique.text});
+    char technique[WORDS];
+    xpmstr(technique, WORDS, OPTIMIZATION, technique_word(str));
+    const bool constraints = built_without_constraints(str);
+    xpmlog(CALLING_SURFACE, constraints ? CONSTRAINTS_NOT_BUILT : TECHNIQUE_NOT_BUILT,
+           {call_name(argm).text, technique});
     return ENTRY_BAD_ARGUMENT;
   }
   if (argm->hrow != 0 && argm->qmat == nullptr) {
-    xpmlog(CALLING_SURFACE, 197, {call_name(argm).text, argm->hrow});
+    xpmlog(CALLING_SURFACE, SPARSE_NOT_BUILT, {call_name(argm).text, argm->hrow});
     return ENTRY_BAD_ARGUMENT;
   }
   return 0;
@@ -318,6 +334,7 @@ static bool a_module_failed(const ARGMTS* argm) {
 
 // Derivatives failed at the start: the first ones in job 1, the Hessian in a technique.
 static constexpr int DERIVATIVE_FAILED = -2;
+static constexpr int DERIVATIVE_FAILED_IN_RUN = -4;
 
 // A run that ends at its start has no report that says why: the log names the module. A wrong shape
 // is in the log already; functions of least squares that are too large set no flag, and an estimate
@@ -343,6 +360,15 @@ static void log_failed_start(const MINSTR* str, int code) {
   xpmlog(CALLING_SURFACE, 192, {call_name(argm).text, module_name(argm, *kind).text, kind->role});
 }
 
+// The end of a run for want of a value: which module it was. The codes are those of the objective
+// and of derivatives.
+static void log_failed_run(const MINSTR* str, int code) {
+  const ARGMTS* argm = str->secstr;
+  if (code < DERIVATIVE_FAILED_IN_RUN || code > -1 || argm->failed == nullptr) return;
+  xpmlog(CALLING_SURFACE, 194,
+         {call_name(argm).text, module_name(argm, *argm->failed).text, argm->failed->role});
+}
+
 // The two jobs of the driver. A start point that failed ends the run.
 static int run_driver(MINSTR* str) {
   static constexpr int START_REPORT = 1;
@@ -360,7 +386,11 @@ static int run_driver(MINSTR* str) {
     return code;
   }
   const int end = znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
-  if (end == DERIVATIVE_FAILED) log_failed_start(str, end);
+  if (end == DERIVATIVE_FAILED) {
+    log_failed_start(str, end);
+  } else if (end != str->tcod) {
+    log_failed_run(str, end);
+  }
   return end;
 }
 
@@ -374,6 +404,7 @@ static int make_results(MINSTR* str, int code) {
 // Arrays, start point, constraints, run, results, report.
 static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
   if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
+  announce_run(str);
   copy_start(str);
   if (str->tech == DBLDOG) vzfdl(1.0, str->dsca, str->nvar);
   const bool simplex = sub.args.layout == ARGS_SIMPLEX;

@@ -24,6 +24,7 @@
 #include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "front/tqxnlp_remarks.h"
 #include "host/language.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -116,6 +117,7 @@ static int run_feasible(MINSTR* str, long narg) {
   set_dimensions(str);
   set_feasible_tolerances(str);
   if (getncon(str, CONS_LINEAR, &nonzeros) != 0) return ENTRY_BAD_ARGUMENT;
+  remark_feasibility_tolerance(str, 1);
   // The null-space frame is what the search for a feasible point works in.
   str->opro = str->lincon != 0 ? 1 : 0;
   str->acget = nlpaget;

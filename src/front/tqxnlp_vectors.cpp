@@ -8,8 +8,6 @@
 
 namespace tqnlp {
 
-// Techniques that have defaults of their own.
-
 static constexpr double INTEGER_LIMIT = 2147483647.0;
 
 // Digits of a double: -log10(2.2204460492503141e-16).
@@ -67,11 +65,11 @@ static void clamp_in_place(double* values, int reach) {
   }
 }
 
-// Element 2. A fraction is kept: levels are only compared.
+// Element 2. A fraction is dropped: between two levels some tests would see one, some the other.
 static void set_print_level(MINSTR* str, const Settings& opt) {
   static constexpr double MOST_DETAIL = 9.0;
   // Level 1 is left out on purpose: the lowest request already prints the history.
-  str->dbug = opt.has(2) && opt.at(2) > 0.0 ? opt.at(2) + 1.0 : 0.0;
+  str->dbug = opt.has(2) && opt.at(2) > 0.0 ? std::floor(opt.at(2) + 1.0) : 0.0;
   if (str->dbug > MOST_DETAIL) str->dbug = MOST_DETAIL;
 }
 

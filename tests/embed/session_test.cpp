@@ -293,7 +293,7 @@ TEST_F(SessionTest, TheSinkFollowsNestedCalls) {
   long headings = 0;
   for (std::size_t i = 1; i < lines.size(); ++i) {
     if (lines[i].starts_with("  -----  ---  ----")) rule = lines[i].size(), ++headings;
-    if (rule != 0 && lines[i].empty()) rule = 0;
+    if (lines[i].empty() || lines[i].starts_with("NLPNRR minimizes")) rule = 0;
     EXPECT_TRUE(rule == 0 || lines[i].size() == rule) << lines[i];
   }
   EXPECT_EQ(headings, 3);

@@ -65,7 +65,8 @@ TEST(Bounds, CrossingOnesAreMadeEqual) {
   const struct {
     double lower, upper, fixed;
     int message;
-  } cases[] = {{100, 100.0000001, 100, 0}, {-1.0, -1.0000000001, -1.0000000001, 156}};
+  } cases[] = {
+      {100, 100.0000001, 100, 0}, {5, 3, 5, 180}, {-1.0, -1.0000000001, -1.0000000001, 156}};
   for (const auto& c : cases) {
     DecodedMatrix d(1, 1, {c.lower, c.upper});
     EXPECT_EQ(d.blc[1], c.fixed);

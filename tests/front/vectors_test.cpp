@@ -36,6 +36,7 @@ TEST(Options, DecodeByJobAndTechnique) {
       {"negative also maximizes", 0, 14, {-3}, &MINSTR::imax, 1},
       {"a plain NaN is missing", 1, 4, {NOT_A_NUMBER}, &MINSTR::imax, 0},
       {"print level 1 is 2", 1, 4, {0, 1}, &MINSTR::dbug, 2},
+      {"print level 1.5 is 2", 1, 4, {0, 1.5}, &MINSTR::dbug, 2},
       {"print level limit", 1, 4, {0, 50}, &MINSTR::dbug, 9},
       {"hesc is 1 for LEVMAR", 2, 8, {3}, &MINSTR::hesc, 1},
       {"update 5 is 1", 1, 10, {M, M, M, 5}, &MINSTR::tupd, 1},

@@ -370,12 +370,8 @@ static int run(MINSTR* str, int pfun) {
   const bool evaluated = !((code >= -4 && code <= -1) || code == -11);
   if (evaluated) code = evaluate_solution(str, code);
   str->rcod = code;
-  if (!wzmis(str->crit)) {
-    znlpptm(str, code, 0);
-  } else {
-    // There is no end report without a value; that the solution has none must not go unsaid.
-    xpmlog(OPTIMIZATION, code == -4 ? 134 : 133);
-  }
+  // Without a value there is no summary; that the solution has none must not go unsaid.
+  znlpptm(str, code, wzmis(str->crit) ? 1 : 0);
   COVSTR* post = str->covstr;
   if (evaluated && post != nullptr && post->uscmat != nullptr) post->uscmat(str, 1);
 

@@ -251,6 +251,8 @@ struct MINSTR {
   int job;      // private switch of the running technique
   int opro;     // frame of general constraints: 0 none, 1 null space, 2 range space
   int ulm2;     // 1: multipliers come from the second form
+  int tcod;     // last code that a termination module of the user answered; 0: go on, or no module
+  int unbd;     // 1: the warning of an unbounded objective has been given
 
   // ---- Group 13. Counters (result) --------------------------------------------------------------
   long nfct;   // function calls with indf below 7
@@ -271,6 +273,7 @@ struct MINSTR {
   long nlbc;   // active bounds deferred as linearly dependent
   long chac;   // change of the working set in this iteration; negative after a drop
   long idac;   // constraint dropped: 0 none, +k one, -K a block, BLOCK_DROPPED
+  long nter;   // calls of the termination test; 0: the technique has not measured a point yet
   long npev;   // positive eigenvalues of a quadratic matrix
   long nzev;   // zero eigenvalues
   long nnev;   // negative eigenvalues
@@ -339,6 +342,8 @@ struct MINSTR {
   double pcdif;   // history: decrease of the objective
   double pgmax;   // history: largest projected gradient element
   double ppred;   // history: predicted reduction or slope
+  // What the last test of a step measured, by the code of the criterion; missing without a step.
+  double tval[10];
 };
 
 // Digit k of fidi (k = 0 gradient, 1 Jacobian, 2 crossproduct, 3 Hessian, 4 constraint Jacobian):

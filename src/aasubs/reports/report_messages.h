@@ -19,6 +19,7 @@ enum ReportMessage : int {
   REASON_VERTEX = 610,
   REASON_NEAR_CRITERION = 612,
   REASON_MODULE = 615,
+  REASON_TERMINATION_MODULE = 616,
   // Iteration history, start and stop.
   TITLE_HISTORY = 550,
   TITLE_START = 551,
@@ -86,6 +87,9 @@ enum ReportMessage : int {
   WORD_OPEN = 672,
   WORD_NOT_JUDGED = 673,
   LABEL_CRITERIA_OFF = 674,
+  WORD_ROSE = 675,
+  WORD_CRITERION_OFF = 676,
+  WORD_CRITERION_STANDS = 677,
   // Result tables.
   TEXT_START_ESTIMATES = 147,
   TEXT_FINAL_ESTIMATES = 148,

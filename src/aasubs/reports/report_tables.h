@@ -16,6 +16,8 @@
 
 namespace tqnlp {
 
+inline constexpr int INFEASIBLE_START = -10;  // job of znlppre at a start that failed
+
 // Opens the table name with the template "Base.NLP.<name>" and a message as its title (0: none).
 void open_table(RvxObject* rvx, RvxObject** table, const char* name, int title);
 

@@ -24,7 +24,6 @@
 
 namespace tqnlp {
 
-static constexpr int INFEASIBLE_START = -10;
 static constexpr int WITH_CONSTRAINTS = 2;
 static constexpr int WITH_MULTIPLIERS = 3;
 
@@ -96,15 +95,16 @@ static bool any_status(const MINSTR* str, bool fixed_only) {
 }
 
 // Bounds and fixed parameters are told at the start; errors, active bounds and those left out as
-// dependent at the end. Where no feasible point was found the functions were not evaluated, and x
-// alone can be shown.
+// dependent at the end. At a start that failed there are no derivatives to show, but the bounds,
+// which x may violate.
 static EstimateColumns choose_columns(const MINSTR* str, int job) {
   EstimateColumns c{};
   const bool start = job < 0;
   c.errors = !start && str->ster != nullptr;
-  if (job == INFEASIBLE_START) return c;
-  c.gradient = str->usgrd != nullptr;
-  c.lagrangian = str->nlicon != 0 && str->opro != 0;
+  if (job != INFEASIBLE_START) {
+    c.gradient = str->usgrd != nullptr;
+    c.lagrangian = str->nlicon != 0 && str->opro != 0;
+  }
   if (str->bounds == 0) return c;
   c.bounds = start;
   c.active = any_status(str, start);
@@ -346,8 +346,8 @@ void znlppre(MINSTR* str, int job, int pfun) {
   if (str->lsqu != 0 && pfun != 0) write_functions(str, job);
   if (job != INFEASIBLE_START && str->cfdh != 0) prifdh(str);
   if (level >= WITH_CONSTRAINTS) write_constraints(str, job);
-  // Without an objective there are no multipliers and no gradient to show.
-  if (level < WITH_MULTIPLIERS || wzmis(str->crit)) return;
+  // Without an objective and its gradient there are no multipliers and no projection to show.
+  if (level < WITH_MULTIPLIERS || job == INFEASIBLE_START || wzmis(str->crit)) return;
   if (str->opro == 0 || str->nabc + str->nalc == 0) return;
   write_multipliers(str);
   write_projected_gradient(str);

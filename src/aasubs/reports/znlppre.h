@@ -13,6 +13,9 @@ namespace tqnlp {
 // Tables "InputOpts" and "ProblemDescription", at the start of a run.
 void pritech(MINSTR* str);
 
+// Message of group 549 that names the method which the record asks for, in words.
+int technique_word(const MINSTR* str);
+
 // The tables of a point. job: -1, -2, -3 at the start, -10 at a start where nothing could be made
 // feasible, 1, 2, 3 at the end; |job| >= 2 adds the constraints, |job| >= 3 multipliers and the
 // projected gradient. pfun nonzero: the function values of least squares as well. Needs the working
@@ -41,7 +44,8 @@ void pricon3(MINSTR* str);
 // Table "NonLinCons"; job below 0 start, above 0 end.
 void prinlc(MINSTR* str, int job);
 
-// End of a run with code fail: closes the history, writes the tables "IterStop" (job 0 alone) and
+// End of a run with code fail: closes the history, writes the tables "IterStop" (job 0 alone, for
+// which the objective must have a value) and
 // "ConvergenceStatus", and logs the messages of the code. The messages are logged at every print
 // level.
 void znlpptm(MINSTR* str, int fail, int job);

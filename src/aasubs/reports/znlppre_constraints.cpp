@@ -323,7 +323,7 @@ void prinlc(MINSTR* str, int job) {
     residual = str->fcon[k];
     // A caller that keeps values apart from residuals says so by vnlc; else both are the same.
     value = str->vnlc != nullptr ? str->vnlc[k] : residual;
-    multiplier = wzmis(str->crit) ? MISSING : multiplier_of(str, c);
+    multiplier = wzmis(str->crit) || job == INFEASIBLE_START ? MISSING : multiplier_of(str, c);
     restriction = literal_text(state_of(residual, k < str->nlec, eps));
     dependent = literal_text(is_deferred(str, c) ? " LinDep " : "");
     add_row(table);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "aasubs/record/minstr.h"
+#include "host/tables.h"
 
 namespace tqnlp {
 
@@ -10,8 +11,10 @@ bool criterion_applies(const MINSTR* str, int code);
 
 // Rows of an open table of labels and values: each criterion beside its tolerance with a verdict,
 // as it stood at the last termination test; one row for those that are switched off. fail is the
-// code of the run, 0 while it goes on. The test must have run with a history, whose values of the
-// last line are read (pcdif); x and xold must be those of the end.
+// code of the run, 0 while it goes on. Reads what the termination test has kept (tval).
 void write_criteria(MINSTR* str, RvxObject** table, int fail);
+
+// How ABSGCONV and GCONV stand, in one text: off, or measure against tolerance.
+RvxText gradient_criteria(const MINSTR* str);
 
 }  // namespace tqnlp

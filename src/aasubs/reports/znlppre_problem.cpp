@@ -85,9 +85,9 @@ static void write_options(MINSTR* str) {
 
 // ---- Method -------------------------------------------------------------------------------------
 
-// The name of the method. A technique number may stand for several methods: nonlinear constraints
-// turn the simplex into COBYLA and quasi-Newton into sequential quadratic programming.
-static int technique_word(const MINSTR* str) {
+// A technique number may stand for several methods: nonlinear constraints turn the simplex into
+// COBYLA and quasi-Newton into sequential quadratic programming.
+int technique_word(const MINSTR* str) {
   static constexpr int MONOTONE_OR_BARRIER = 1;
   if (str->tech == NMSIMP && str->nlicon != 0) return WORD_TECHNIQUE_COBYLA;
   if (is_sequential_quadratic(str)) return WORD_TECHNIQUE_SQP;

@@ -7,7 +7,8 @@
 //   above 0          table "IterStop" (job 0): work | point | what steered the steps | criteria
 //                    table "ConvergenceStatus": code and reason
 //
-// job is not 0 for a start without a feasible point: no step was made, and there is no summary.
+// job is not 0 where there is no objective to tell of: no summary then.
+#include <algorithm>
 #include <cmath>
 
 #include "aasubs/record/stop_codes.h"
@@ -119,7 +120,7 @@ static void write_point(MINSTR* str, RvxObject** table, StopLayout layout) {
   add_pair(table, str->idac >= 1 ? LABEL_ACTIVE_AFTER_DROP : LABEL_ACTIVE, str->nabc + str->nalc);
   add_pair(table, LABEL_OBJECTIVE, objective);
   // The simplex keeps its size where other techniques keep the gradient.
-  if (layout != STOP_SIMPLEX) add_pair(table, LABEL_LARGEST_GRADIENT, str->gmax);
+  if (layout != STOP_SIMPLEX && str->nter > 0) add_pair(table, LABEL_LARGEST_GRADIENT, str->gmax);
 }
 
 // What steered the steps of the technique: the last value of each quantity, by which a reader sees
@@ -162,13 +163,15 @@ static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
   }
 }
 
+// A technique that was kept from running, or failed before its first test, has measured nothing:
+// what is not known is left out.
 static void write_summary(MINSTR* str, int fail, bool tested) {
   const StopLayout layout = stop_layout(str);
   RvxObject** table = &str->out;
   open_table(str->rvx, table, "IterStop", TITLE_STOP);
   write_work(str, table, layout);
   write_point(str, table, layout);
-  write_steering(str, table, layout);
+  if (str->nter > 0) write_steering(str, table, layout);
   if (tested) write_criteria(str, table, fail);
   close_table(table);
 }
@@ -218,9 +221,13 @@ static long severity_of(const MINSTR* str, int fail) {
 }
 
 // The message of the code in the log; its reason for the status table. Codes with a criterion's
-// name or with limits as arguments come first, the table of the others last.
+// name or with limits as arguments come first, the table of the others last. A code of the user's
+// own termination test means what the user says, not what the library's codes do.
 static RvxText tell_reason(const MINSTR* str, int fail) {
   const bool in_full = str->zmsg == IN_FULL;
+  if (fail != 0 && fail == str->tcod) {
+    return tell(str, REASON_TERMINATION_MODULE, REASON_TERMINATION_MODULE, {long{fail}});
+  }
   if (fail == 0) {
     return str->nitr == 0.0 ? tell(str, 613, REASON_NOT_RUN) : tell(str, 614, 614);
   }
@@ -248,12 +255,37 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   for (const EndText& end : END_TEXTS) {
     if (end.code == fail) return tell(str, end.log, end.reason);
   }
-  return RvxText{};  // a termination module of the user may answer any code
+  return RvxText{};
+}
+
+// Does the objective, by its own rounding, hide the decrease that the gradient still promises? The
+// relative gradient of Dennis and Schnabel (1983), section 7.2, against the root of the relative
+// accuracy of the objective: a step that changes the parameters by that root changes the objective
+// by its rounding error. The magnitude of an objective near zero is taken as 1, as the default of
+// ABSGCONV does.
+static bool gradient_is_rounding(const MINSTR* str) {
+  static constexpr double MARGIN = 10.0;
+  static constexpr double TYPICAL_OBJECTIVE = 1.0;
+  if (str->nlicon != 0 || is_simplex(str->tech) || str->nter == 0) return false;
+  double largest = 1.0;
+  for (long j = 0; j < str->nvar; ++j) largest = std::max(largest, std::fabs(str->x[j]));
+  const double accuracy = str->fdig > 0.0 ? std::pow(10.0, -str->fdig) : EPS;
+  const double size = std::max(std::fabs(str->crit), TYPICAL_OBJECTIVE);
+  return str->gmax * largest <= MARGIN * std::sqrt(accuracy) * size;
+}
+
+// Was the last step that of the ridge rather than of the Hessian? The prediction is s'Hs/2 + r s's.
+// The ridge in hand is the one for the next iteration, after good steps an eighth of the last.
+static bool ridge_kept_steps_short(const MINSTR* str) {
+  static constexpr double SHARE = 0.1;
+  const bool ridging = str->tech == NRRIDG || str->tech == NRLINS;
+  if (!ridging || str->hesc != 0 || str->nter == 0 || wzmis(str->tval[4])) return false;
+  return str->gmax > str->agtl && str->ridg * str->tval[4] * str->tval[4] > SHARE * str->pred;
 }
 
 // What a reader of the result should know besides: a feasibility tolerance that had to be widened,
 // a gradient that is large for a converged run, an active constraint with a multiplier of the wrong
-// sign.
+// sign, a failure that may be none, a success that may be none.
 static void tell_doubts(const MINSTR* str, int fail, int job) {
   static constexpr int WIDEST = 10;  // ipre when no tolerance fits
   static constexpr double LARGE_GRADIENT = 0.001;
@@ -264,6 +296,13 @@ static void tell_doubts(const MINSTR* str, int fail, int job) {
   }
   if (job == 0 && fail >= 0 && str->gmax > LARGE_GRADIENT) xpmlog(OPTIMIZATION, 136);
   if (str->idac != 0) xpmlog(OPTIMIZATION, 138);
+  if (fail == str->tcod) return;  // the module that ended the run knows why
+  if (fail == NO_PROGRESS && gradient_is_rounding(str)) {
+    xpmlog(OPTIMIZATION, 142, {str->gmax, gradient_criteria(str).text});
+  }
+  if (fail == 6 && ridge_kept_steps_short(str)) {
+    xpmlog(OPTIMIZATION, 143, {str->ridg, str->gmax});
+  }
 }
 
 // The code for programs, its reason for people.

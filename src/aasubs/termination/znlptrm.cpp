@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "aasubs/post/stop_analysis.h"
 #include "host/log.h"
@@ -38,12 +39,15 @@ namespace tqnlp {
 struct Measures {
   double objective;    // as the user knows it
   double decrease;     // cold - crit; the largest double where no step can be judged
+  double scale;        // of the objective in relative tests
   double ftest;        // tolerance of FCONV, on the scale of the objective
   double gtest;        // tolerance of GCONV, on the scale of the objective
   double gradient;     // gm: largest projected gradient element (of the Lagrangian)
   double predicted;    // pm: |predicted reduction|
   double newton;       // gc: gradient criterion g'H^-1 g
   double marquardt;    // gi: its Levenberg-Marquardt form
+  double step;         // |x - xold|
+  double reldx;        // largest relative change of a parameter
   double feasibility;  // widened feasibility tolerance
 };
 
@@ -59,15 +63,51 @@ static Measures take_measures(const MINSTR* str, int job) {
     m.decrease = str->cold - str->crit;
   }
   if (str->imax != 0) m.objective = -m.objective;
-  const double scale = std::max(std::fabs(before), str->fsiz);
-  m.ftest = scale * str->ftol;
-  m.gtest = scale * str->gtol;
+  m.scale = std::max(std::fabs(before), str->fsiz);
+  m.ftest = m.scale * str->ftol;
+  m.gtest = m.scale * str->gtol;
   m.gradient = nonlinear ? str->gmlf : str->gmax;
   m.predicted = start ? HUGE_VALUE : std::fabs(str->pred);
   m.newton = start ? HUGE_VALUE : str->gcri;
   m.marquardt = start ? HUGE_VALUE : str->gihg;
+  m.step = start ? HUGE_VALUE : xdif(str->nvar, str->x, str->xold);
+  m.reldx = start ? HUGE_VALUE : reldx(str->nvar, str->xsiz, str->x, str->xold);
   m.feasibility = feasibility_tolerance(str, str->ipre);
   return m;
+}
+
+// The measure that GCONV takes depends on the technique.
+static double gradient_measure(const MINSTR* str, const Measures& m) {
+  if (str->tech == CONGRA) return m.newton;
+  return str->tech == LEVMAR ? m.marquardt : m.predicted;
+}
+
+// What FCONV2 takes: of least squares half the prediction, which is on the scale of the objective.
+static double second_measure(const MINSTR* str, const Measures& m) {
+  if (str->nlicon != 0 || is_simplex(str->tech)) return m.predicted;
+  return (str->tech == LEVMAR ? m.marquardt : m.predicted) / 2.0;
+}
+
+// The size of the last step: a simplex has one of its own, COBYLA a radius.
+static double step_measure(const MINSTR* str, const Measures& m) {
+  if (!is_simplex(str->tech)) return m.step;
+  return str->nlicon != 0 ? str->rhor : std::min(str->alfa, m.gradient);
+}
+
+// Keeps what the step that led to x measures, for the reports. They cannot find it out later: a
+// search that failed goes back to xold, and the final evaluation overwrites cold and xold. A step
+// that has no value, and a technique that stops by itself, leave the measures as they are.
+static void keep_measures(MINSTR* str, int job, const Measures& m) {
+  if (job == TEST_START) std::fill(std::begin(str->tval), std::end(str->tval), MISSING);
+  if (job == TEST_START || job <= TEST_LIMITS_ONLY || str->tbig != 0.0) return;
+  const auto relative = [&m](double value) { return m.scale > 0.0 ? value / m.scale : value; };
+  str->tval[2] = m.decrease;
+  str->tval[4] = step_measure(str, m);
+  str->tval[5] = relative(m.decrease);
+  str->tval[6] = relative(gradient_measure(str, m));
+  str->tval[7] = m.reldx;
+  str->tval[8] = second_measure(str, m);
+  str->tval[9] = m.newton;
 }
 
 // ---- The criteria -------------------------------------------------------------------------------
@@ -90,7 +130,7 @@ static int test_simplex(MINSTR* str, int job, const Measures& m) {
   test(str, 2, m.decrease <= str->aftl, &result);
   if (job != TEST_START) {
     test(str, 4, str->alfa <= str->axtl || m.gradient <= str->axtl, &result);
-    test(str, 7, reldx(str->nvar, str->xsiz, str->x, str->xold) <= str->xtol, &result);
+    test(str, 7, m.reldx <= str->xtol, &result);
   }
   test(str, 5, m.decrease <= m.ftest, &result);
   test(str, 8, m.predicted <= str->fto2, &result);
@@ -103,12 +143,6 @@ static int test_cobyla(MINSTR* str) {
   return result;
 }
 
-// The measure that GCONV takes depends on the technique.
-static double gradient_measure(const MINSTR* str, const Measures& m) {
-  if (str->tech == CONGRA) return m.newton;
-  return str->tech == LEVMAR ? m.marquardt : m.predicted;
-}
-
 static int test_descent(MINSTR* str, int job, const Measures& m) {
   int result = 0;
   test(str, 2, m.decrease <= str->aftl, &result);
@@ -117,13 +151,12 @@ static int test_descent(MINSTR* str, int job, const Measures& m) {
     test(str, 5, m.decrease <= m.ftest, &result);
     return result;
   }
-  test(str, 4, xdif(str->nvar, str->x, str->xold) <= str->axtl, &result);
+  test(str, 4, m.step <= str->axtl, &result);
   test(str, 5, m.decrease <= m.ftest, &result);
   test(str, 6, gradient_measure(str, m) <= m.gtest, &result);
-  test(str, 7, reldx(str->nvar, str->xsiz, str->x, str->xold) <= str->xtol, &result);
+  test(str, 7, m.reldx <= str->xtol, &result);
   if (str->lsqu != 0) {
-    const bool levmar = str->tech == LEVMAR;
-    test(str, 8, (levmar ? m.marquardt : m.predicted) / 2.0 <= str->fto2, &result);
+    test(str, 8, second_measure(str, m) <= str->fto2, &result);
     if (str->tech >= TRUREG && str->tech <= LEVMAR) test(str, 9, m.newton <= str->gto2, &result);
   }
   return result;
@@ -173,10 +206,12 @@ static bool working_set_is_moving(const MINSTR* str, const Measures& m) {
   return str->chac < 0 && m.decrease > TINY;  // a constraint left, and there was progress
 }
 
-static void warn_if_unbounded(const MINSTR* str, int job) {
-  if (job > 0 && job != TEST_START && str->alfa >= str->ssin) {
-    xpmlog(OPTIMIZATION, str->imax != 0 ? 41 : 40);
-  }
+// Said once in a run: the steps stay long.
+static void warn_if_unbounded(MINSTR* str, int job) {
+  if (str->unbd != 0 || job <= 0 || job == TEST_START) return;
+  if (!(str->alfa >= str->ssin)) return;
+  xpmlog(OPTIMIZATION, str->imax != 0 ? 41 : 40);
+  str->unbd = 1;
 }
 
 static int verdict(MINSTR* str, int job, const Measures& m) {
@@ -278,11 +313,13 @@ static Layout history_layout(const MINSTR* str) {
 
 int znlptrm(MINSTR* str, int job) {
   if (str->usfout != nullptr) str->usfout(str);
+  ++str->nter;
+  const Measures measures = take_measures(str, job);
+  keep_measures(str, job, measures);
   if (str->dbug != 0.0) {
     const Layout layout = history_layout(str);
     prihist(str, job, layout.start, layout.columns);
   }
-  const Measures measures = take_measures(str, job);
   int result = verdict(str, job, measures);
   if (result != 0 && stop_is_overruled(str, job, measures)) result = STOP_OVERRULED;
   result = apply_limits(str, result);

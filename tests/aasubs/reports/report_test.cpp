@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "aasubs/record/covstr.h"
 #include "aasubs/reports/znlppre.h"
 #include "aasubs/termination/znlptrm.h"
-#include "aasubs/record/covstr.h"
 #include "embed/messages.h"
 #include "embed/task.h"
 #include "host/log.h"
@@ -210,7 +210,7 @@ TEST_F(Reports, Estimates) {
   } rows[] = {
       {-1, [](Solved&) {}, "GradObj|LowerBC|UpperBC|ActiveBC|"},
       {-1, [](Solved& s) { s.iabc[2] = 0; }, "GradObj|LowerBC|UpperBC|"},
-      {-10, [](Solved&) {}, ""},
+      {-10, [](Solved&) {}, "LowerBC|UpperBC|ActiveBC|"},
       {1, [](Solved& s) { s.nlbc = 1; }, "GradObj|ActiveBC|LinDep|"},
       {1, [](Solved& s) { s.iabc[0] = s.iabc[2] = 0; }, "GradObj|"},
       {1, [](Solved& s) { s.usgrd = nullptr; }, "ActiveBC|"},
@@ -368,7 +368,8 @@ void expect_code_documented(int code, const std::vector<int>& log) {
   const std::string row = page.substr(at + 1, page.find('\n', at + 1) - at);
   for (const int number : log) {
     const std::string message = "549/" + std::to_string(number);
-    const bool beside = number == 4 || (number >= 136 && number <= 138) || number == 253;
+    const bool beside =
+        number == 4 || (number >= 136 && number <= 143) || number == 253 || number == 616;
     EXPECT_NE((beside ? page : row).find(message), std::string::npos) << code << ": " << message;
   }
 }
@@ -391,9 +392,17 @@ TEST_F(Reports, MessagesOfEveryEnd) {
       {109, 0, as_is, {611}, "Convergence criterion GCONV2 held"},
       {-1, 0, as_is, {4, 131}, "The objective or a nonlinear"},
       {-3, 0, [](MINSTR& s) { s.gmax = 0.002; }, {4, 133}, "The objective could not"},
-      {-4, 0, as_is, {4, 134}, "A derivative"},
+      {-4, 0, as_is, {4, 134}, "At a point of the run"},
       {-5, 0, as_is, {4, 1}, "No step lowers"},
       {-5, 0, [](MINSTR& s) { s.mini = 4; }, {4, 3}, "required minimum"},
+      {-5, 0, [](MINSTR& s) { s.nter = 1, s.gmax = 1e-8; }, {4, 1, 142}, "ABSGCONV measured 1e-08"},
+      {6,
+       0,
+       [](MINSTR& s) { s.nter = 1, s.gmax = s.ridg = s.tval[4] = 1; },
+       {607, 136, 143},
+       "near 1"},
+      {6, 0, [](MINSTR& s) { s.tcod = 6; }, {616}, "its code 6"},
+      {-5, 0, [](MINSTR& s) { s.tcod = -5; }, {4, 616}, "its code -5"},
       {-6, 0, as_is, {4, 8}, "A step left"},
       {-8, 0, as_is, {4, 605}, "NRRIDG needs more than 200 iterations or 500"},
       {-8, 0, [](MINSTR& s) { s.tech = 1; }, {605}, "NONE"},  // no technique to blame
@@ -461,7 +470,8 @@ class Summary : public Reports {
     run.pred = 0.3, run.gmax = 0.4, run.gmlf = 0.5, run.gcri = 0.6, run.gihg = 0.7;
     run.alfa = 0.8, run.rhor = 0.9;
     End end{znlptrm(&run, 1), 0.0};
-    run.cold = run.crit;  // as the driver leaves it
+    run.cold = run.crit, run.xold[0] = 1.0, run.xold[1] = 2.0;  // as a failed search leaves it
+    znlptrm(&run, -5);
     znlpptm(&run, -8, 0);
     std::string met, labels;
     for (const std::string& row : pairs("IterStop")) {

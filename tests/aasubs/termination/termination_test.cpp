@@ -177,8 +177,8 @@ TEST(Termination, WarnsOfAnUnboundedObjectiveAndGoesOn) {
     run.alfa = run.ssin;
     EXPECT_EQ(znlptrm(&run, 10), 0);
     EXPECT_TRUE(host.task.log.empty());
-    EXPECT_EQ(znlptrm(&run, 1), 0);
-    ASSERT_EQ(host.task.log.size(), 1U);
+    EXPECT_EQ(znlptrm(&run, 1) + znlptrm(&run, 1), 0);
+    ASSERT_EQ(host.task.log.size(), 1U);  // said once
     EXPECT_EQ(host.task.log[0].number, 40 + maximize);
   }
 }
