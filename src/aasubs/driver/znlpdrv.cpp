@@ -17,6 +17,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/newton/znlpnra.h"
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/post/stop_analysis.h"
 #include "aasubs/quasinewton/znlpcog.h"
@@ -36,6 +37,8 @@ namespace tqnlp {
 // that stand for no code at all.
 static Callback technique_code(int tech) {
   switch (tech) {
+    case NEWRAP:
+      return znlpnra;
     case NRRIDG:
       return znlpnrr;
     case QUANEW:

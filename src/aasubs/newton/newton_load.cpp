@@ -2,6 +2,7 @@
 #include "aasubs/newton/newton_load.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/loop/loads.h"
@@ -35,6 +36,39 @@ int newton_load(MINSTR* str, int job, bool user_hessian) {
   revise_working_set(str, REVISE_NOTHING, str->ulm2 != 0, nullptr);
   return 0;
 }
+
+// ---- Noise of differences -----------------------------------------------------------------------
+
+// Size of the noise: the rounding of the objective over the square of the difference step.
+static double difference_noise(const MINSTR* str) {
+  static constexpr double MARGIN = 100.0;
+  const double step = str->fdig > 0.0 ? std::cbrt(std::pow(10.0, -str->fdig)) : std::cbrt(EPS);
+  return MARGIN * (std::max(1.0, std::fabs(str->crit)) / step) * (EPS / step);
+}
+
+void clean_difference_hessian(MINSTR* str) {
+  static constexpr int FROM_VALUES = 1000;  // thousands digit of fidi: 1, 2 from function values,
+  static constexpr int FROM_GRADIENTS_CENTRAL = 4000;  // 3, 4 from gradients
+  static constexpr double LARGEST_REST = 1e-6;
+  if (str->hesc == 0 || str->fidi < FROM_VALUES || str->fidi > FROM_GRADIENTS_CENTRAL) return;
+  const double noise = difference_noise(str);
+  const auto clean = [&](long k, bool diagonal) {
+    if (std::fabs(str->hess[k]) < noise) {
+      str->hess[k] = diagonal ? std::min(noise, LARGEST_REST) : 0.0;
+    }
+  };
+  const long n = str->nvar;
+  if (str->hfrm == 0) {
+    for (long i = 0, k = 0; i < n; ++i) {
+      for (long j = 0; j <= i; ++j, ++k) clean(k, i == j);
+    }
+    return;
+  }
+  for (long i = 0; i < n; ++i) clean(i, true);
+  for (long k = n + 1; str->hfrm == 1 && k < str->shes.mxja; ++k) clean(k, false);
+}
+
+// ---- Projection ---------------------------------------------------------------------------------
 
 // Updates dsca from a matrix of the given order; null, the count of the last reduction, forces the
 // scale to 1 while the matrix is not positive definite. At a start or restart point nothing has

@@ -15,6 +15,12 @@ int newton_derivatives(MINSTR* str, int user_hessian);
 // feasible point.
 int newton_load(MINSTR* str, int job, bool user_hessian);
 
+// Differences leave noise in a Hessian where its elements are zero, which the scaling (hesc) would
+// blow up: elements below the noise of second differences become 0, on the diagonal at most 1e-6.
+// Nothing happens without scaling or when the Hessian is the user's. Between newton_load and
+// newton_project.
+void clean_difference_hessian(MINSTR* str);
+
 // Projects gradient and Hessian into the free subspace (into hpro and gpro with linear constraints,
 // in hess otherwise) and scales them with dsca. gold receives the negative scaled reduced gradient,
 // *norm its length. form 0 packed, 1 sparse, 2 diagonal (with linear constraints the reduced matrix
