@@ -120,6 +120,8 @@ std::vector<Call> calls() {
       {"NLPNRR", {"F", START, options(0, 1, 0, 0), bounds}},
       {"NLPNRR", {"F", far, options(0, 1, 0, 2), rows, NONE, NONE, NONE, "G"}},
       {"NLPNRR", {"F", START, options(5, 1, 0, 0), NONE, NONE, NONE, NONE, "G", "H"}},
+      {"NLPNRA", {"F", START, options(0, 1, 0, 0), bounds}},
+      {"NLPNRA", {"F", START, options(5, 1, 0, 0), rows, NONE, NONE, NONE, "G", "H"}},
       {"NLPCG", {"F", START, options(0, 1, 0, 0), rows, NONE, NONE, NONE, "G"}},
       {"NLPCG", {"F", START, options(5, 3, 0, 2), bounds}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},

@@ -295,7 +295,14 @@ static Next search(MINSTR* str, NewtonRun& run) {
     method = znlpls8;
   }
   std::copy_n(str->grad, str->nvar, str->gold);
-  if (search_along(str, method)) return Next::go_on;
+  // A Newton step has a natural length: the first trial is the full step, unless the user damps it.
+  // The estimate from the last decrease, which serves directions without a length, would begin at
+  // up to ten Newton steps near a solution and cost the quadratic convergence.
+  const double damp = str->damp;
+  if (wzmis(damp) && run.newton_direction) str->damp = HUGE_VALUE;
+  const bool found = search_along(str, method);
+  str->damp = damp;
+  if (found) return Next::go_on;
   run.ij = NO_PROGRESS;
   return Next::finish;
 }
