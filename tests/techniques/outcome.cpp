@@ -4,7 +4,10 @@
 #include <cmath>
 #include <numeric>
 
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/record/packed.h"
+#include "aasubs/termination/znlptrm.h"
+#include "support/record.h"
 
 namespace tqnlp::test {
 
@@ -121,6 +124,17 @@ static std::map<std::string, double> summary(const Session& tql) {
   return numbers;
 }
 
+// Certificates of x, and whether it is a known minimum.
+static void judge(const Problem& p, double tolerance, Outcome& outcome) {
+  outcome.infeasible = worst_violation(p, outcome.x);
+  certify(p, outcome);
+  for (double minimum : p.minima) {
+    const bool close =
+        std::fabs(outcome.f - minimum) <= tolerance * std::max(1.0, std::fabs(minimum));
+    outcome.solved |= close && outcome.infeasible <= 1e-7;
+  }
+}
+
 Outcome solve(const Problem& p, const std::string& subroutine, double tolerance, const Matrix& opt,
               const Matrix& tc, Modules modules) {
   Outcome outcome;
@@ -156,15 +170,49 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
   outcome.code = results[0](0, 0);
   outcome.x.assign(results[1].data(), results[1].data() + p.n);
   outcome.f = p.value(outcome.x.data());
-  outcome.infeasible = worst_violation(p, outcome.x);
-  certify(p, outcome);
   outcome.reported = summary(tql);
   outcome.iterations = tql.variable("_ITER_")(0, 0);
-  for (double minimum : p.minima) {
-    const bool close =
-        std::fabs(outcome.f - minimum) <= tolerance * std::max(1.0, std::fabs(minimum));
-    outcome.solved |= close && outcome.infeasible <= 1e-7;
+  judge(p, tolerance, outcome);
+  return outcome;
+}
+
+static Observer observer;  // of the run by number
+
+static int observed_test(MINSTR* str, int job) {
+  const int answer = znlptrm(str, job);
+  if (observer) observer(*str, job, answer);
+  return answer;
+}
+
+Outcome solve_by_number(const Problem& p, int technique, double tolerance,
+                        const Observer& observe) {
+  TestRecord record(p.n, technique);
+  install(record, p);
+  if (!p.lower.empty()) {
+    const auto finite = [](std::vector<double> bounds) {
+      for (double& bound : bounds) bound = std::clamp(bound, -HUGE_VALUE, HUGE_VALUE);
+      return bounds;
+    };
+    record.with_bounds(finite(p.lower), finite(p.upper));
   }
+  std::vector<LinearRow> rows = p.rows;
+  for (LinearRow& row : rows) {
+    if (row.op != -1) continue;
+    for (double& a : row.a) a = -a;
+    row = {row.a, 1, -row.b};
+  }
+  if (!rows.empty()) record.with_rows(rows);
+  observer = observe;
+  record.uster = observed_test;
+  Outcome outcome;
+  outcome.code = znlpdrv(&record, 1, 0, 0, 0);
+  if (outcome.code == 0) outcome.code = znlpdrv(&record, 2, 0, 0, 0);
+  outcome.x = record.point();
+  outcome.f = p.value(record.x);
+  outcome.iterations = record.nitr;
+  outcome.functions = record.nfct;
+  outcome.hessians = record.nhes;
+  judge(p, tolerance, outcome);
   return outcome;
 }
 

@@ -1,9 +1,11 @@
 // Runs a problem of the library through a subroutine and judges the outcome by certificates.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 
+#include "aasubs/record/minstr.h"
 #include "problems/problem.h"
 #include "tqnlp/tqnlp.hpp"
 
@@ -33,6 +35,13 @@ enum class Modules { all, gradient, none };
 Outcome solve(const Problem& problem, const std::string& subroutine, double tolerance,
               const Matrix& opt = Matrix(), const Matrix& tc = Matrix(),
               Modules modules = Modules::all);
+
+// Runs a technique that no subroutine selects, by its number, on a record with all derivatives and
+// the default tolerances. observe (may be empty) sees the record after each call of the termination
+// test, with its job and its answer.
+using Observer = std::function<void(const MINSTR& record, int job, int answer)>;
+Outcome solve_by_number(const Problem& problem, int technique, double tolerance,
+                        const Observer& observe = nullptr);
 
 // The matrix of bounds and linear constraints of a problem; empty when it has none.
 Matrix constraint_matrix(const Problem& problem);

@@ -18,6 +18,7 @@
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/newton/znlpnra.h"
+#include "aasubs/newton/znlpnrl.h"
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/post/stop_analysis.h"
 #include "aasubs/quasinewton/znlpcog.h"
@@ -41,6 +42,8 @@ static Callback technique_code(int tech) {
       return znlpnra;
     case NRRIDG:
       return znlpnrr;
+    case NRLINS:
+      return znlpnrl;
     case QUANEW:
       return znlpqun;
     case QUANEW_DUAL:
