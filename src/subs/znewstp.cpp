@@ -148,15 +148,17 @@ static double getalf(const Ray& ray) {
   // A decrease below rounding cannot be seen in values.
   if (!(c >= 1000.0 * EPS * std::fabs(f0))) return no_step(ray);
   const double a = std::min(ray.alfhi, LONGEST);
-  if (ray.jadd < 0) return halve(ray, c, a, nullptr);
-  if (ray.alfhi <= AT_ONCE) return enter_at_once(ray) ? 0.0 : halve(ray, c, a, nullptr);
+  // A constraint beyond the longest trial has no part in the search.
+  if (ray.jadd < 0 || a < ray.alfhi) return halve(ray, c, a, nullptr);
+  if (a <= AT_ONCE) return enter_at_once(ray) ? 0.0 : halve(ray, c, a, nullptr);
 
   const double whole = value_at(ray, a);
   const double half = value_at(ray, a / 2.0);
-  if (a < ray.alfhi || !(whole < half) || !(f0 - whole > c * a)) return halve(ray, c, a, &half);
+  if (!(whole < half) || !(f0 - whole > c * a)) return halve(ray, c, a, &half);
   // All the way to the constraint is best. Evaluated again, as x and all that belongs to it must be
-  // those of the last evaluation.
+  // those of the last evaluation; which may fail where the first did not.
   const double f = value_at(ray, a);
+  if (!(f0 - f > c * a)) return halve(ray, c, a, nullptr);
   zconadd(ray.s, ray.p, ray.jadd);
   return take_step(ray, a, f);
 }
