@@ -7,7 +7,7 @@
 
 namespace tqnlp {
 
-// A row holds with equality, or is violated, by more than this share of its value at x.
+// A residual of a row beyond this share of its terms at x, or of 1, is more than rounding.
 static constexpr double ROW_TOLERANCE = 1e-12;
 
 int zbinit(SIZE_S* s, NRPTRS* p) {
@@ -30,9 +30,11 @@ int zcinit(SIZE_S* s, NRPTRS* p) {
   s->nact = 0;
   reset_projector(s, p);
   for (long i = 0; i < rows; ++i) {
-    const double value = zinner(s->nvar, p->constr + i * s->nvar, p->xnew);
-    const double residual = value - p->values[i];
-    const double tolerance = ROW_TOLERANCE * std::max(1.0, std::fabs(value));
+    const double* row = p->constr + i * s->nvar;
+    const double residual = zinner(s->nvar, row, p->xnew) - p->values[i];
+    double terms = 0.0;
+    for (long j = 0; j < s->nvar; ++j) terms += std::fabs(row[j] * p->xnew[j]);
+    const double tolerance = ROW_TOLERANCE * std::max(1.0, terms);
     const bool holds = std::fabs(residual) <= tolerance;
     if (!holds && (i < s->neq || !(residual > 0.0))) return START_INFEASIBLE;
     if (holds) zconadd(s, p, i);

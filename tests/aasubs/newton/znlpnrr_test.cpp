@@ -69,9 +69,10 @@ TEST(Nrridg, SolvesAConvexQuadraticInOneIterationInEveryFrame) {
         r.with_bounds({1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6});
       }};
   const Problem problem = quadratic(n);
-  for (std::size_t k = 0; k < std::size(frames); ++k) {
-    SCOPED_TRACE(k);
-    TestRecord record(n);
+  for (std::size_t i = 0; i < 2 * std::size(frames); ++i) {
+    SCOPED_TRACE(i);
+    const std::size_t k = i / 2;
+    TestRecord record(n, i % 2 == 0 ? NRRIDG : NRLINS);
     install(record, problem);
     frames[k](record);
     EXPECT_GT(solve(record), 0);
@@ -87,8 +88,9 @@ TEST(Nrridg, RaisesTheRidgeWhereTheHessianIsIndefinite) {
   const Problem problem = scalar_problem("saddle", {0.1, 1}, {}, [](auto x) {
     return 0.25 * x[0] * x[0] * x[0] * x[0] - 0.5 * x[0] * x[0] + x[1] * x[1];
   });
-  for (int hfrm : {0, 2}) {
-    TestRecord record(2);
+  for (const auto& [technique, hfrm] :
+       {std::pair(NRRIDG, 0), {NRRIDG, 2}, {NRLINS, 0}, {NRLINS, 2}}) {
+    TestRecord record(2, technique);
     install(record, problem);
     record.hfrm = hfrm;
     if (hfrm == 2) {
@@ -106,21 +108,21 @@ TEST(Nrridg, EndsWithACodeWhenTheKthEvaluationFails) {
   const Problem problem = rosenbrock();
   enum { function, gradient, hessian };
   for (int which : {function, gradient, hessian}) {
-    for (long k = 1; k < 60; ++k) {
-      TestRecord record(2);
+    for (long k = 1; k < 120; ++k) {
+      TestRecord record(2, k < 60 ? NRRIDG : NRLINS);
       install(record, problem);
       long calls[3] = {0, 0, 0};
       record.f = [&](const double* x) {
-        return which == function && ++calls[0] >= k ? MISSING : problem.value(x);
+        return which == function && ++calls[0] >= k % 60 ? MISSING : problem.value(x);
       };
       record.g = [&](const double* x, double* g) {
         problem.evaluate(x, g);
-        if (which == gradient && ++calls[1] >= k) g[1] = std::nan("");
+        if (which == gradient && ++calls[1] >= k % 60) g[1] = std::nan("");
       };
       record.h = [&](const double* x, double* h) {
         std::vector<double> g(2);
         problem.evaluate(x, g.data(), h);
-        if (which == hessian && ++calls[2] >= k) h[0] = std::nan("");
+        if (which == hessian && ++calls[2] >= k % 60) h[0] = std::nan("");
       };
       const int start = znlpdrv(&record, 1, 0, 0, 0);
       if (start != 0) {
