@@ -10,8 +10,7 @@
 //            iteration, by the multipliers of the record's working set (znlpdac): the solver's set
 //            follows it, so that a stop is a stop with multipliers of the right signs.
 // Reads      hfrm (2 diagonal, else packed), sing, fsav, lsqu, ipre, maxi, bounds, lincon
-// Writes     x, crit, grad, gmax, gcri, pred, rhor, ridg, chac, counters; hpro and half point into
-//            the solver's work during the run; thdstr to the run
+// Writes     x, crit, grad, gmax, gcri, pred, rhor, ridg, chac, counters; thdstr during the run
 // Work       sdir projected gradient of the test, gold that of the solver
 // Ends       codes of uster; -3, -4 evaluations failed, -5 no ridge up to 1024 makes the Hessian
 //            positive definite or no step is found, -6 feasibility lost, -7 the solver refuses the
@@ -46,6 +45,8 @@ static constexpr long LARGEST_ORDER = 2147483646;
 static constexpr double LARGEST_COUNT = 2147483647.0;
 static constexpr double CLEAR_DECREASE = 2.2250738585072018e-307;
 static constexpr int LLT_FORM = 2;  // job of the factorization kernels
+static constexpr int DERIVATIVES_FAILED = -4;
+static constexpr int FEASIBILITY_LOST = -6;
 
 // Calls of the termination test: after an iteration, and at the end, where no history line is due.
 static constexpr int TEST_STEP = 11;
@@ -65,7 +66,7 @@ struct NrlinsRun {
   long* codes = nullptr;             // code of the constraint behind each row (see znlpba1.h)
   bool value_at_hand = false;        // crit is that of the solver's start
   bool derivatives_at_hand = false;  // grad and hess are those of x
-  bool function_failed = false;      // of the last derivative call: the objective failed in it
+  int failure = 0;                   // code of the last derivative call when it failed
   double nitr_at_infeasible = 0.0;   // nitr when the solver last refused its start
 };
 
@@ -195,7 +196,7 @@ static void nrlderi(void* qq) {
   if (run.derivatives_at_hand) return;
   const int code = newton_derivatives(str, 1);
   run.derivatives_at_hand = code == 0;
-  run.function_failed = code == -1;
+  run.failure = code == 0 ? 0 : code == -1 ? FUNCTION_FAILED : DERIVATIVES_FAILED;
   if (code != 0) {
     vzfdl(HUGE_VALUE, str->grad, str->nvar);
     str->tbig = 1.0;
@@ -216,13 +217,13 @@ static bool note_working_set(MINSTR* str, bool release) {
   return true;
 }
 
-// The projected gradient in sdir, with gmax and gcri, the projected Hessian in half.
+// The projected gradient in sdir, with gmax and gcri, the projected Hessian in the solver's work.
 static void project(MINSTR* str, const NrlinsRun& run) {
   static constexpr int FROM_MATRIX = 1;  // hess holds the matrix, not a factor of it
   if (reduced_dimension(str) == 0) {
     str->gcri = str->gmax = 0.0;
   } else {
-    znlphgp(str, FROM_MATRIX, 0, str->sdir, run.arrays.hess, str->half);
+    znlphgp(str, FROM_MATRIX, 0, str->sdir, run.arrays.hess, run.arrays.work);
   }
 }
 
@@ -234,14 +235,15 @@ static bool measure(MINSTR* str, const NrlinsRun& run) {
   const long order = reduced_dimension(str);
   project(str, run);
   if (order == 0) return true;
-  for (long i = 0; i < order; ++i) str->half[zisub(i, i)] += str->ridg;
+  double* half = run.arrays.work;  // whose contents each iteration of the solver makes anew
+  for (long i = 0; i < order; ++i) half[zisub(i, i)] += str->ridg;
   double logdet = 0.0;
-  if (znlpcde(str, LLT_FORM, order, str->sing, &logdet, str->half, str->half, nullptr) != 0) {
+  if (znlpcde(str, LLT_FORM, order, str->sing, &logdet, half, half, nullptr) != 0) {
     str->pred = HUGE_VALUE;
     str->rhor = 0.0;
     return true;
   }
-  znlpilm(str, LLT_FORM, order, str->half, str->sdir);
+  znlpilm(str, LLT_FORM, order, half, str->sdir);
   str->pred = zvdot11(order, str->sdir, str->sdir);
   const double decrease = str->cold - str->crit;
   str->rhor = decrease < EPS || str->pred <= TINY ? 1.0 : decrease / str->pred;
@@ -274,8 +276,10 @@ static int nrlterm(void* qq) {
 
 // The same at the end of the solver's run: the code of the run, 100 when it is to start again.
 static int final_verdict(MINSTR* str, const NrlinsRun& run) {
-  if (str->tbig != 0.0) return str->uster(str, run.function_failed ? FUNCTION_FAILED : -4);
-  if (!measure(str, run)) return str->uster(str, -6);
+  str->crit = run.arrays.fnew;
+  if (run.failure != 0) return str->uster(str, run.failure);
+  str->tbig = 0.0;  // a trial that failed has been given up
+  if (!measure(str, run)) return str->uster(str, FEASIBILITY_LOST);
   return judge(str, TEST_END);
 }
 
@@ -296,14 +300,14 @@ static int load_start(MINSTR* str) {
   static constexpr int USER_HESSIAN = 1;
   if (has_constraints(str)) {
     if (!note_working_set(str, false)) {
-      if (znlpfea(str, REPAIR) < 0 || !note_working_set(str, false)) return -6;
+      if (znlpfea(str, REPAIR) < 0 || !note_working_set(str, false)) return FEASIBILITY_LOST;
     }
     settle_start(str);
   }
   int code = load_function(str);
   if (code == 0) code = newton_derivatives(str, USER_HESSIAN);
   if (code != 0) return code;
-  return note_working_set(str, true) ? 0 : -6;
+  return note_working_set(str, true) ? 0 : FEASIBILITY_LOST;
 }
 
 static Next start(MINSTR* str, NrlinsRun& run) {
@@ -443,16 +447,11 @@ int znlpnrl(MINSTR* str) {
   transfer_constraints(str, xcwrite);
 
   void* outer_run = str->thdstr;
-  double* hpro = str->hpro;
-  double* half = str->half;
   str->thdstr = &run;
-  str->hpro = str->half = run.arrays.work;
   static constexpr TechniqueSteps<NrlinsRun> STEPS = {start, run_solver, nullptr};
   const int code = technique_loop(str, run, STEPS);
 
   str->thdstr = outer_run;
-  str->hpro = hpro;
-  str->half = half;
   transfer_constraints(str, xcread);
   vmfree_handler(run.arrays.work);
   return code;
