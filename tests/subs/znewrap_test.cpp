@@ -1,12 +1,15 @@
 // The older Newton code by itself: a problem in plain vectors, three callbacks, no record.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
+#include <numeric>
 #include <random>
 
 #include "aasubs/record/constants.h"
 #include "aasubs/record/packed.h"
+#include "kernels/vector.h"
 #include "subs/znewsrv.h"
 
 namespace tqnlp::test {
@@ -15,7 +18,7 @@ namespace {
 using Vec = std::vector<double>;
 
 // A solver's two records with room for everything. tentry drops the constraint whose multiplier is
-// most negative, and stops when the projected step is rounding.
+// most negative, and stops when the projected gradient is rounding.
 struct Newton {
   SIZE_S s{};
   NRPTRS p{};
@@ -23,13 +26,11 @@ struct Newton {
   std::function<double(const Vec& x)> f;
   std::function<void(const Vec& x, Vec& g, Vec& h)> derivatives;
   double ridge = 0.0;
-  int tests = 0;
-  long values = 0;
+  long tests = 0, values = 0;
 
   explicit Newton(Vec start) : x(std::move(start)), xold(x), g(x), pg(x) {
     s.nvar = static_cast<long>(x.size());
-    s.deflt = 1;
-    s.bound = 1;
+    s.deflt = s.bound = 1;
     low.assign(x.size(), -HUGE_VALUE);
     up.assign(x.size(), HUGE_VALUE);
     h.resize(static_cast<std::size_t>(packed_size(s.nvar)));
@@ -42,10 +43,9 @@ struct Newton {
   }
   int solve() {
     work.assign(static_cast<std::size_t>(newton_work_length(&s)), 0.0);
-    p.work = work.data();
-    p.hess = h.data(), p.grad = g.data(), p.pgrad = pg.data();
-    p.xold = xold.data(), p.xnew = x.data();
-    p.constr = rows.data(), p.values = sides.data(), p.lowb = low.data(), p.upb = up.data();
+    p.work = work.data(), p.hess = h.data(), p.grad = g.data(), p.pgrad = pg.data();
+    p.xold = xold.data(), p.xnew = x.data(), p.lowb = low.data(), p.upb = up.data();
+    p.constr = rows.data(), p.values = sides.data();
     return znewrap(this, &p, &s, &ridge, value, load, test);
   }
   static double value(void* qq) {
@@ -59,74 +59,59 @@ struct Newton {
   }
   static int test(void* qq) {
     auto* self = static_cast<Newton*>(qq);
+    SIZE_S& s = self->s;
+    NRPTRS& p = self->p;
     ++self->tests;
-    long worst = -1;
-    for (long r = 0; r < self->s.nact; ++r) {
-      const bool equality = self->s.bound == 0 && self->p.index[r] < self->s.neq;
-      if (equality || self->p.pi[r] > -1e-9) continue;
-      if (worst < 0 || self->p.pi[r] < self->p.pi[worst]) worst = r;
-    }
-    if (worst >= 0) return -1 - self->p.index[worst];
-    zgproj(&self->s, &self->p, step_vector(&self->s, &self->p), column_vector(&self->s, &self->p));
-    double largest = 0.0;
-    for (long k = 0; k < free_dimension(&self->s); ++k) {
-      largest = std::max(largest, std::fabs(self->pg[static_cast<std::size_t>(k)]));
-    }
-    return largest <= 1e-9 ? 0 : 1;
+    const long worst = std::min_element(p.pi, p.pi + s.nact) - p.pi;
+    if (s.nact > s.neq && p.pi[worst] < -1e-9) return -1 - p.index[worst];
+    zgproj(&s, &p, step_vector(&s, &p), column_vector(&s, &p));
+    return zvamx(free_dimension(&s), p.pgrad) <= 1e-9 ? 0 : 1;
   }
 };
 
-// f = x'Hx/2 - b'x with a random positive definite H.
+// f = x'(D + cc')x/2 - b'x with D positive.
 void random_quadratic(Newton& newton, std::mt19937& draw) {
   std::normal_distribution<> normal;
-  const long n = newton.s.nvar;
-  Vec root(static_cast<std::size_t>(n * n)), b(static_cast<std::size_t>(n)), packed;
-  for (double& r : root) r = normal(draw);
-  for (double& v : b) v = 3.0 * normal(draw);
-  for (long i = 0; i < n; ++i) {
-    for (long j = 0; j <= i; ++j) {
-      double sum = i == j ? 0.1 : 0.0;
-      for (long k = 0; k < n; ++k) sum += root[i * n + k] * root[j * n + k];
-      packed.push_back(sum);
-    }
+  const std::size_t n = newton.x.size();
+  Vec d(n), c(n), b(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    d[i] = 0.1 + std::fabs(normal(draw));
+    c[i] = normal(draw);
+    b[i] = 3.0 * normal(draw);
   }
   newton.derivatives = [=](const Vec& x, Vec& g, Vec& h) {
-    h = packed;
-    for (long i = 0; i < n; ++i) {
-      g[i] = -b[i];
-      for (long j = 0; j < n; ++j) g[i] += packed[zisub(i, j)] * x[j];
+    const double t = std::inner_product(c.begin(), c.end(), x.begin(), 0.0);
+    for (std::size_t i = 0; i < n; ++i) {
+      g[i] = d[i] * x[i] + t * c[i] - b[i];
+      for (std::size_t j = 0; j <= i; ++j) h[i * (i + 1) / 2 + j] = c[i] * c[j];
+      h[i * (i + 1) / 2 + i] += d[i];
     }
   };
   newton.f = [=](const Vec& x) {
-    Vec g(x), h;
-    newton.derivatives(x, g, h);
-    double sum = 0.0;
-    for (long i = 0; i < n; ++i) sum += 0.5 * x[i] * (g[i] - b[i]);
+    const double t = std::inner_product(c.begin(), c.end(), x.begin(), 0.0);
+    double sum = 0.5 * t * t;
+    for (std::size_t i = 0; i < n; ++i) sum += (0.5 * d[i] * x[i] - b[i]) * x[i];
     return sum;
   };
 }
 
-// The largest part of the gradient that the multipliers leave, and the largest violation.
+// Multipliers of the right signs explain the gradient, and nothing is violated.
 void expect_solution(const Newton& newton) {
-  const long n = newton.s.nvar;
+  const SIZE_S& s = newton.s;
+  const NRPTRS& p = newton.p;
   Vec rest = newton.g;
-  for (long r = 0; r < newton.s.nact; ++r) {
-    const long c = newton.p.index[r];
-    EXPECT_GE(newton.p.pi[r], -1e-9);
-    for (long j = 0; j < n; ++j) {
-      if (newton.s.bound == 0) rest[j] -= newton.p.pi[r] * newton.rows[c * n + j];
-    }
-    if (newton.s.bound != 0) rest[c] = 0.0;
+  for (long r = 0; r < s.nact; ++r) {
+    const long c = p.index[r];
+    EXPECT_GE(p.pi[r], -1e-9);
+    if (s.bound != 0) rest[c] = 0.0;
+    if (s.bound == 0) zvxay11(s.nvar, rest.data(), -p.pi[r], p.constr + c * s.nvar);
   }
-  for (double v : rest) EXPECT_LE(std::fabs(v), 1e-7);
-  for (long i = 0; i < newton.s.nneq; ++i) {
-    double residual = -newton.sides[i];
-    for (long j = 0; j < n; ++j) residual += newton.rows[i * n + j] * newton.x[j];
-    EXPECT_GE(residual, -1e-11);
+  EXPECT_LE(zvamx(s.nvar, rest.data()), 1e-7);
+  for (long i = 0; i < s.nneq; ++i) {
+    EXPECT_GE(zinner(s.nvar, p.constr + i * s.nvar, p.xnew), p.values[i] - 1e-11);
   }
-  for (long j = 0; j < n; ++j) {
-    EXPECT_TRUE(newton.x[j] >= newton.low[j] && newton.x[j] <= newton.up[j]);
-  }
+  for (long j = 0; j < s.nvar; ++j)
+    EXPECT_EQ(std::clamp(p.xnew[j], p.lowb[j], p.upb[j]), p.xnew[j]);
 }
 
 TEST(OldNewton, SolvesRandomQuadraticsUnderBoundsAndRows) {
@@ -135,17 +120,17 @@ TEST(OldNewton, SolvesRandomQuadraticsUnderBoundsAndRows) {
   std::normal_distribution<> normal;
   for (int run = 0; run < 200; ++run) {
     SCOPED_TRACE(run);
-    const long n = 1 + run % 9;
-    Newton newton(Vec(static_cast<std::size_t>(n), 0.0));
+    const std::size_t n = 1 + run % 9;
+    Newton newton(Vec(n, 0.0));
     random_quadratic(newton, draw);
-    for (long i = 0; run % 2 == 0 && i < 2 * n; ++i) {
-      Vec a(static_cast<std::size_t>(n));
+    for (std::size_t i = 0; run % 2 == 0 && i < 2 * n; ++i) {
+      Vec a(n);
       for (double& v : a) v = normal(draw);
-      newton.add_row(a, -share(draw) * (i % 3 == 0 ? 0.0 : 1.0));
+      newton.add_row(a, i % 3 == 0 ? 0.0 : -share(draw));
     }
-    for (long j = 0; run % 2 == 1 && j < n; ++j) {
+    for (std::size_t j = 0; run % 2 == 1 && j < n; ++j) {
       newton.low[j] = -share(draw);
-      newton.up[j] = run % 3 == 0 ? HUGE_VALUE : 0.0;
+      if (run % 3 != 0) newton.up[j] = 0.0;
     }
     ASSERT_EQ(newton.solve(), 0);
     expect_solution(newton);
@@ -174,71 +159,52 @@ TEST(OldNewton, ProjectorStaysOrthogonal) {
     EXPECT_EQ(zconadd(s, p, c), full);
   }
   EXPECT_GT(s->nact, n / 2);
-  for (long i = 0; i < n; ++i) {
-    for (long j = 0; j <= i; ++j) {
-      double sum = i == j ? -1.0 : 0.0;
-      for (long k = 0; k < n; ++k) sum += p->proj[k * n + i] * p->proj[k * n + j];
-      EXPECT_LE(std::fabs(sum), 1e-12);
-    }
-  }
   const double* triangle = active_triangle(s, p);
-  for (long r = 0; r < s->nact; ++r) {
-    const double* a = p->constr + p->index[r] * n;
-    double size = 0.0;
-    for (long k = 0; k < n; ++k) size = std::max(size, std::fabs(a[k]));
-    for (long c = 0; c < n; ++c) {
-      double sum = c <= r ? -triangle[zisub(r, c)] : 0.0;
-      for (long k = 0; k < n; ++k) sum += a[k] * p->proj[k * n + c];
-      EXPECT_LE(std::fabs(sum), 1e-11 * size);
+  for (long i = 0; i < n; ++i) {
+    for (long j = 0; j < n; ++j) {
+      EXPECT_NEAR(zvdotjj(n, n, p->proj + i, n, p->proj + j), i == j, 1e-12);
+      if (i >= s->nact) continue;
+      const double* row = p->constr + p->index[i] * n;
+      EXPECT_NEAR(zvdotj1(n, n, p->proj + j, row), j <= i ? triangle[zisub(i, j)] : 0.0,
+                  1e-12 * zvenorm(n, 1, row));
     }
   }
 }
 
-// One variable, f and its derivatives by hand.
-Newton line(double start, double (*f)(double), double (*f1)(double), double (*f2)(double)) {
+// The polynomial of one variable with these coefficients, with factors that spoil its derivatives.
+Newton line(double start, const Vec& c, double slope_factor = 1, double curvature_factor = 1) {
   Newton newton({start});
-  newton.f = [f](const Vec& x) { return f(x[0]); };
-  newton.derivatives = [f1, f2](const Vec& x, Vec& g, Vec& h) {
-    g[0] = f1(x[0]);
-    h[0] = f2(x[0]);
+  newton.f = [c](const Vec& x) {
+    return std::accumulate(c.rbegin(), c.rend(), 0.0,
+                           [&](double v, double a) { return v * x[0] + a; });
+  };
+  newton.derivatives = [=](const Vec& x, Vec& g, Vec& h) {
+    g[0] = h[0] = 0.0;
+    for (int k = static_cast<int>(c.size()) - 1; k > 0; --k)
+      g[0] = g[0] * x[0] + slope_factor * k * c[k];
+    for (int k = static_cast<int>(c.size()) - 1; k > 1; --k) {
+      h[0] = h[0] * x[0] + curvature_factor * k * (k - 1) * c[k];
+    }
   };
   return newton;
 }
 
-double parabola(double x) { return (x - 1) * (x - 1); }
-double slope(double x) { return 2 * (x - 1); }
-double two(double) { return 2; }
-double square(double x) { return x * x; }
+const Vec PARABOLA = {0, 0, 1};
 
 TEST(OldNewton, ResultsTellHowARunEnded) {
-  // Curvature beyond the reach of the largest ridge, within it, and none at all at the stop.
-  EXPECT_EQ(line(
-                1, [](double x) { return -400 * x * x; }, [](double x) { return -800 * x; },
-                [](double) { return -800.0; })
-                .solve(),
-            RIDGE_TOO_LARGE);
-  Newton well = line(
-      0.1, [](double x) { return square(square(x) - 50); },
-      [](double x) { return 4 * x * (square(x) - 50); },
-      [](double x) { return 12 * square(x) - 200; });
+  EXPECT_EQ(line(1, {0, 0, -400}).solve(), RIDGE_TOO_LARGE);
+  EXPECT_EQ(line(0, {0, 0, -1}).solve(), INDEFINITE_AT_STOP);
+  Newton well = line(0.1, {2500, 0, -100, 0, 1});  // within reach of the ridge
   EXPECT_EQ(well.solve(), 0);
   EXPECT_NEAR(std::fabs(well.x[0]), std::sqrt(50.0), 1e-8);
-  EXPECT_EQ(line(
-                0, [](double x) { return -x * x; }, [](double x) { return -2 * x; },
-                [](double) { return -2.0; })
-                .solve(),
-            INDEFINITE_AT_STOP);
-  // A slope of the wrong sign: no trial is low enough, again and again.
-  Newton wrong = line(
-      0, parabola, [](double x) { return -slope(x); }, two);
+  Newton wrong = line(1, PARABOLA, -1);  // no trial is low enough, again and again
   EXPECT_EQ(wrong.solve(), SEARCHES_FAILED);
-  EXPECT_EQ(wrong.x[0], 0.0);
-  // Starts outside a bound, and off an equality by more than 1e-12.
-  Newton outside = line(0, parabola, slope, two);
+  EXPECT_EQ(wrong.x[0], 1.0);
+  Newton outside = line(0, PARABOLA);
   outside.low[0] = 1e-300;
   EXPECT_EQ(outside.solve(), START_INFEASIBLE);
   for (const double off : {5e-13, 2e-12}) {
-    Newton row = line(off, parabola, slope, two);
+    Newton row = line(off, PARABOLA);
     row.add_row({1.0}, 0.0);
     std::swap(row.s.neq, row.s.nneq);
     EXPECT_EQ(row.solve(), off < 1e-12 ? 0 : START_INFEASIBLE);
@@ -246,23 +212,23 @@ TEST(OldNewton, ResultsTellHowARunEnded) {
 }
 
 TEST(OldNewton, SearchesByHalvingUpToTheFirstConstraint) {
-  // A constraint at 1e-5 of the step or less enters at once, and its variable stands on it exactly.
+  // A constraint at 1e-5 of the step or less enters at once, and x stands on it exactly.
   for (const double gap : {0.0, 1e-6, 0.3}) {
-    Newton newton = line(0, parabola, slope, two);
-    newton.up[0] = gap;
+    Newton newton = line(-1, PARABOLA);
+    newton.up[0] = gap - 1;
     EXPECT_EQ(newton.solve(), 0);
-    EXPECT_EQ(newton.x[0], gap);
+    EXPECT_EQ(newton.x[0], gap - 1);
     EXPECT_EQ(newton.s.nact, 1);
     EXPECT_EQ(newton.values, gap == 0.0 ? 1 : gap < 1e-5 ? 2 : 4);
-    EXPECT_EQ(newton.p.fnew, parabola(gap));
+    EXPECT_EQ(newton.p.fnew, newton.f({gap - 1}));
   }
-  // Curvature overrated fourfold: full steps, unless lengthening is asked for.
-  long tests[2];
+  // Where the curvature is overrated, lengthening saves iterations.
+  long tests[2] = {0, 0};
   for (int step : {0, 1}) {
-    Newton newton = line(0, parabola, slope, [](double) { return 8.0; });
+    Newton newton = line(-1, PARABOLA, 1, 4);
     newton.s = {1, 0, 0, 0, 1, 0, 0, 200, 0, step, 1e-6, 1024, 0.3125, 4};
     EXPECT_EQ(newton.solve(), 0);
-    EXPECT_NEAR(newton.x[0], 1.0, 1e-9);
+    EXPECT_NEAR(newton.x[0], 0.0, 1e-9);
     tests[step] = newton.tests;
   }
   EXPECT_LT(tests[0], tests[1]);
