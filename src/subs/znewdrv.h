@@ -28,7 +28,8 @@ struct SIZE_S {
   double rfact;  // growth of the ridge, 4
 };
 
-// Arrays. The first group is the caller's; the second stands in work, where the solver lays it out.
+// Arrays, and the objective. half, proj, hhold, pi and index stand in work, where the solver lays
+// them out; the others are the caller's.
 struct NRPTRS {
   double* work;    // newton_work_length doubles
   double* hess;    // packed; Hessian at xnew, written by ghentry

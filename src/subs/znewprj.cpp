@@ -91,7 +91,8 @@ void estimate_pi(SIZE_S* s, NRPTRS* p) {
   if (s->bound != 0) {
     for (long r = 0; r < s->nact; ++r) {
       const long j = p->index[r];
-      p->pi[r] = p->xnew[j] <= p->lowb[j] ? p->grad[j] : -p->grad[j];
+      const bool at_lower = p->xnew[j] - p->lowb[j] <= p->upb[j] - p->xnew[j];
+      p->pi[r] = at_lower ? p->grad[j] : -p->grad[j];
     }
     return;
   }
