@@ -167,8 +167,7 @@ static const char* meaning_of_exit(int code) {
 // A refusal of what is right and not built in is none of the caller's making.
 static bool is_not_built(const std::vector<LogRecord>& log) {
   const int number = log.empty() || log.back().group != CALLING_SURFACE ? 0 : log.back().number;
-  return number == TECHNIQUE_NOT_BUILT || number == CONSTRAINTS_NOT_BUILT ||
-         number == SPARSE_NOT_BUILT;
+  return number == TECHNIQUE_NOT_BUILT || number == CONSTRAINTS_NOT_BUILT;
 }
 
 // The text with the warnings and errors of the call, each on a line of its own.

@@ -39,7 +39,6 @@ inline constexpr int ENTRY_NO_REPORT = 100;   // the report object could not be 
 
 // Messages of group 178 that refuse, under the code of a bad argument, what this version lacks.
 inline constexpr int CONSTRAINTS_NOT_BUILT = 184;
-inline constexpr int SPARSE_NOT_BUILT = 197;
 inline constexpr int TECHNIQUE_NOT_BUILT = 199;
 
 // An entry: list of argument handles and their number. Returns one of the codes above, or the

@@ -23,6 +23,7 @@
 #include <type_traits>
 #include <variant>
 
+#include "aasubs/post/znlpspm.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_modules.h"
@@ -40,6 +41,7 @@ struct Sizes {
   const MINSTR* str;
   long n;         // order of the arrays
   long packed;    // packed size of that order
+  bool late;      // the form of hess is chosen at the start point
   long nonzeros;  // coefficients of the linear constraints
   bool bounds;
   bool linear;
@@ -114,6 +116,34 @@ static long difference_work(const Sizes& s) {
   return std::max(2L, s.n + 1);
 }
 
+// ---- Matrices of a Hessian ----------------------------------------------------------------------
+
+// Is a matrix left as it is by the form hfrm? With linear constraints the reduced one is packed.
+static bool keeps_form(const Sizes& s) { return s.str->hfrm != 0 && !s.linear; }
+
+static long hess_length(const Sizes& s) {
+  const bool used = has_technique(s) ? s.str->tech != CONGRA : wants_hessian(s);
+  if (!used) return 0;
+  return s.str->hfrm == 0 ? s.packed : hessian_length(s.str);
+}
+
+// The Hessian of the Lagrangian and its companions; for TRUREG and NEWRAP the factor and two copies
+// of the matrix, of which the sparse form needs the factor alone.
+static long half_length(const Sizes& s) {
+  const bool second_copy = s.str->tech == TRUREG || s.str->tech == NEWRAP;
+  if (!s.nonlinear && !second_copy) return 0;
+  if (!keeps_form(s)) return 3 * s.packed;
+  return s.str->hfrm == 1 ? s.str->shes.mxju : 3 * s.n;
+}
+
+// The projected Hessian; in the sparse form the room in which the free parameters' part is made, in
+// the diagonal form that of the test for negative curvature.
+static long hpro_length(const Sizes& s) {
+  if (!second_order(s)) return 0;
+  if (keeps_form(s)) return s.str->hfrm == 2 || s.bounds ? hessian_length(s.str) : 0;
+  return s.str->tech == NRRIDG || s.linear ? s.packed : 0;
+}
+
 // ---- Blocks that hold several arrays ------------------------------------------------------------
 
 static void divide_det(MINSTR* str, const Sizes& s) {
@@ -186,12 +216,7 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::ipiv, [](const Sizes& s) { return s.n; }, nullptr},
     {&MINSTR::iwk, [](const Sizes& s) { return (s.nonlinear ? 3 : 1) * s.n + 1; }, nullptr},
     {&MINSTR::wrk2, work_length, nullptr},
-    {&MINSTR::hess,
-     [](const Sizes& s) {
-       const bool used = has_technique(s) ? s.str->tech != CONGRA : wants_hessian(s);
-       return used ? s.packed : 0;
-     },
-     mark_hess},
+    {&MINSTR::hess, [](const Sizes& s) { return s.late ? 0 : hess_length(s); }, mark_hess},
     {&MINSTR::dsca,
      [](const Sizes& s) { return s.str->tech == DBLDOG || second_order(s) ? s.n : 0; }, nullptr},
     {&MINSTR::wfid, difference_work, nullptr},
@@ -211,17 +236,8 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::iact, [](const Sizes& s) { return general(s) ? 2 * working_set(s) : 0; },
      divide_iact},
     {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
-    {&MINSTR::half,
-     [](const Sizes& s) {
-       const bool second_copy = s.str->tech == TRUREG || s.str->tech == NEWRAP;
-       return s.nonlinear || second_copy ? 3 * s.packed : 0;
-     },
-     mark_half},
-    {&MINSTR::hpro,
-     [](const Sizes& s) {
-       return second_order(s) && (s.str->tech == NRRIDG || s.linear) ? s.packed : 0;
-     },
-     mark_hpro},
+    {&MINSTR::half, [](const Sizes& s) { return s.late ? 0 : half_length(s); }, mark_half},
+    {&MINSTR::hpro, [](const Sizes& s) { return s.late ? 0 : hpro_length(s); }, mark_hpro},
     {&MINSTR::qvec, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
     {&MINSTR::grlf, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
     {&MINSTR::fcon, [](const Sizes& s) { return s.nonlinear ? (s.n + 1) * s.str->nnlc : 0; },
@@ -250,13 +266,20 @@ static void open_jacobian_file(MINSTR* str) {
   xexit(EXIT_WORK_FILE, 0);
 }
 
+// Elements of an array that is wanted and not there yet.
+static long missing_count(const Sizes& sizes, const RunArray& array) {
+  const MINSTR* str = sizes.str;
+  const bool there = std::visit([str](auto field) { return str->*field != nullptr; }, array.field);
+  return there ? 0 : std::max(array.count(sizes), 0L);
+}
+
 // Memory that is felt is told of before it is taken.
 static void announce_memory(const Sizes& sizes) {
   static constexpr double FELT = 1073741824.0;
   static constexpr double MEGABYTE = 1e6;
   double bytes = 0.0;
   for (const RunArray& array : ARRAYS) {
-    const double count = static_cast<double>(std::max(array.count(sizes), 0L));
+    const double count = static_cast<double>(missing_count(sizes, array));
     bytes += std::visit(
         [count](auto field) {
           using Element = std::remove_pointer_t<std::remove_reference_t<decltype(MINSTR{}.*field)>>;
@@ -269,16 +292,16 @@ static void announce_memory(const Sizes& sizes) {
          {call_name(sizes.str->secstr).text, static_cast<long>(bytes / MEGABYTE), sizes.str->nvar});
 }
 
-// The first refusal ends it; what stands until then is given back by the entry's clean-up.
-int allocate_arrays(MINSTR* str, long nonzeros) {
-  if (str->lsqu != 0) open_jacobian_file(str);
+// Takes the arrays of the table that are not there yet. The first refusal ends it; what stands
+// until then is given back by the entry's clean-up.
+static int take_arrays(MINSTR* str, long nonzeros, bool late) {
   const long n = str->nvar + (str->nlicon != 0 ? 1 : 0);
   const Sizes sizes{
-      str, n, packed_size(n), nonzeros, str->bounds != 0, str->lincon != 0, str->nlicon != 0};
+      str, n, packed_size(n), late, nonzeros, str->bounds != 0, str->lincon != 0, str->nlicon != 0};
   announce_memory(sizes);
   for (const RunArray& array : ARRAYS) {
-    const long count = array.count(sizes);
-    if (count <= 0) continue;
+    const long count = missing_count(sizes, array);
+    if (count == 0) continue;
     const bool taken =
         std::visit([str, count](auto field) { return take(str, field, count); }, array.field);
     if (!taken) return 1;
@@ -286,6 +309,13 @@ int allocate_arrays(MINSTR* str, long nonzeros) {
   }
   return 0;
 }
+
+int allocate_arrays(MINSTR* str, long nonzeros) {
+  if (str->lsqu != 0) open_jacobian_file(str);
+  return take_arrays(str, nonzeros, hessian_by_rows(str->secstr));
+}
+
+int allocate_matrices(MINSTR* str) { return take_arrays(str, 0, false); }
 
 // The references into blocks are cleared too: the record outlives its arrays on the way out of an
 // entry, and a stale reference would be taken for an array.
@@ -303,6 +333,7 @@ void release_arrays(MINSTR* str) {
   str->lagm = str->dcds = str->awrk = str->qlcn = str->llcn = nullptr;
   str->jalc = str->liwk = nullptr;
   str->hesalo = str->hpralo = str->hlfalo = 0;
+  release_pattern(&str->shes);
   xcclose(str->utjacm, 1);
   str->utjacm = nullptr;
 }

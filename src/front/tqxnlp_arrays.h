@@ -10,8 +10,12 @@ namespace tqnlp {
 // references into blocks that hold several. nonzeros: coefficients of the linear constraints, as
 // getncon counted them. Least squares opens the file of the Jacobian first, and ends the call with
 // xexit(1020) when the host refuses it. Returns 0, or 1 with a line in the log when the host
-// refuses memory; what was taken until then stands, for release_arrays.
+// refuses memory; what was taken until then stands, for release_arrays. The matrices of a Hessian
+// whose form is chosen only at the start point (hrow) are left to allocate_matrices.
 int allocate_arrays(MINSTR* str, long nonzeros);
+
+// Takes hess, half and hpro in the form hfrm. Returns as allocate_arrays.
+int allocate_matrices(MINSTR* str);
 
 // Gives every array back, in the order of the table, closes the files, and clears the references.
 // Good for a record with some of its arrays, or none.

@@ -28,7 +28,6 @@ static constexpr int MESSAGE_FUNCTIONS = 149;
 static constexpr int MESSAGE_MATRIX = 150;
 static constexpr int MESSAGE_HESSIAN_INCOMPLETE = 151;
 static constexpr int MESSAGE_CODE_MISSING = 152;
-static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
 static constexpr int MESSAGE_GRADIENT = 166;
 static constexpr int MESSAGE_STANDSTILL = 191;
 static constexpr int MESSAGE_OBJECTIVE = 200;
@@ -340,18 +339,6 @@ int nlpgrad(MINSTR* str) {
   return end_evaluation(str, &argm->grder, EVALUATED);
 }
 
-// Elements of hess in the form in use.
-static long hessian_length(const MINSTR* str) {
-  switch (str->hfrm) {
-    case 1:
-      return str->shes.mxja;
-    case 2:
-      return str->nvar;
-    default:
-      return str->nnva;
-  }
-}
-
 // An n x n result: elements above the diagonal win over those below; an element that is missing
 // leaves the place to its partner.
 static void take_dense_hessian(MINSTR* str, const double* values) {
@@ -363,49 +350,6 @@ static void take_dense_hessian(MINSTR* str, const double* values) {
       *packed++ = std::isnan(upper) ? values[i * n + j] : upper;
     }
   }
-}
-
-// Place of element (i, j), i not below j, in hess; -1 outside the pattern.
-static long hessian_place(const MINSTR* str, long i, long j) {
-  if (str->hfrm == 2) return i == j ? i : -1;
-  if (str->hfrm != 1) return zisub(i, j);
-  if (i == j) return i;
-  const long* jasp = str->shes.jasp;
-  const long* last = jasp + jasp[i + 1];
-  const long* found = std::find(jasp + jasp[i], last, j);
-  return found == last ? -1 : found - jasp;
-}
-
-// Row or column number of the language as an index; -1 outside 1..n.
-static long index_of(double number, long n) {
-  return number >= 1.0 && number < static_cast<double>(n) + 1.0 ? static_cast<long>(number) - 1
-                                                                : -1;
-}
-
-// Names the row of the three-column form and the indices as the module gave them.
-static void log_outside_pattern(const MINSTR* str, long row, const double* triple) {
-  const ARGMTS* argm = str->secstr;
-  xpmlog(CALLING_SURFACE, MESSAGE_OUTSIDE_PATTERN,
-         {call_name(argm).text, module_name(argm, *module_kind(CALL_HESSIAN)).text, row + 1,
-          triple[0], triple[1]});
-}
-
-// hrow rows (i, j, value): every element must lie in the pattern that the run was set up with.
-static bool take_sparse_hessian(MINSTR* str, const double* values) {
-  vzfdl(0.0, str->hess, hessian_length(str));
-  for (long row = 0; row < str->secstr->hrow; ++row) {
-    const double* triple = values + 3 * row;
-    if (std::isnan(triple[2])) continue;
-    const long i = index_of(triple[0], str->nvar);
-    const long j = index_of(triple[1], str->nvar);
-    const long place = i < 0 || j < 0 ? -1 : hessian_place(str, std::max(i, j), std::min(i, j));
-    if (place < 0) {
-      log_outside_pattern(str, row, triple);
-      return false;
-    }
-    str->hess[place] = triple[2];
-  }
-  return true;
 }
 
 static bool hessian_finite(const MINSTR* str) {
@@ -440,13 +384,9 @@ int nlphess(MINSTR* str) {
   const int code = run_module(str, argm->sshes, shape, Elements::any, MESSAGE_MATRIX, &argm->heser);
   if (code != EVALUATED) return code == EVALUATION_FAILED ? HESSIAN_FAILED : code;
   const double* values = argm->arg4.data;
-  bool good = true;
-  if (argm->hrow == 0) {
-    take_dense_hessian(str, values);
-  } else {
-    good = take_sparse_hessian(str, values);
-  }
-  if (!good || !hessian_complete(str)) {
+  if (argm->hrow == 0) take_dense_hessian(str, values);
+  const bool good = argm->hrow == 0 ? hessian_complete(str) : take_sparse_hessian(str, values);
+  if (!good) {
     end_evaluation(str, &argm->heser, HESSIAN_NOT_USABLE);
     argm->heser = FLAG_UNUSABLE;
     return HESSIAN_NOT_USABLE;

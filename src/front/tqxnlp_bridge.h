@@ -80,6 +80,28 @@ int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elemen
 // Ends an evaluation: sets tbig and the error flag by code, and returns code.
 int end_evaluation(MINSTR* str, int* flag, int code);
 
+// ---- Sparse Hessians (tqxnlp_bridge_sparse.cpp)
+// ---------------------------------------------------
+
+// Does the Hessian's module give rows (i, j, value)? hrow may also count those of a quadratic.
+inline bool hessian_by_rows(const ARGMTS* argm) { return argm->hrow != 0 && argm->ihmod != 0; }
+
+// Chooses the form of a Hessian of which the module gives rows (i, j, value): runs the module at x,
+// before the first evaluation of a technique, and sets hfrm and shes from the places that it names.
+// NEWRAP alone works with the sparse form; for the other techniques the rows are spread into the
+// packed one, unless the Hessian is diagonal. Returns 0; -2 when the module failed or named a place
+// that cannot be (logged); 1 when memory is refused.
+int nlphstr(MINSTR* str);
+
+// Elements of hess in the form in use.
+long hessian_length(const MINSTR* str);
+
+// The module's hrow rows into hess, in the form in use. Rows with a missing value are skipped, what
+// no row names is zero. False, with a line in the log that names the row and the element, for one
+// outside the pattern of the run, for a value that is no finite number, and for two rows that
+// disagree about an element.
+bool take_sparse_hessian(MINSTR* str, const double* values);
+
 // ---- Difference services ------------------------------------------------------------------------
 
 // What stands in for a module that is not given.

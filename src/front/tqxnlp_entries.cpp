@@ -191,6 +191,8 @@ static int settle_second_order(MINSTR* str, long* nonzeros) {
   }
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
   str->ratio = str->lincon == 0 ? 0.5 : 0.0;
+  str->tzer = 1.1102230246251569e-15;
+  str->ddif = 1e-6;
   return rc;
 }
 
@@ -294,10 +296,6 @@ static int refuse_what_is_not_built(MINSTR* str) {
            {call_name(argm).text, technique});
     return ENTRY_BAD_ARGUMENT;
   }
-  if (argm->hrow != 0 && argm->qmat == nullptr) {
-    xpmlog(CALLING_SURFACE, SPARSE_NOT_BUILT, {call_name(argm).text, argm->hrow});
-    return ENTRY_BAD_ARGUMENT;
-  }
   return 0;
 }
 
@@ -369,8 +367,22 @@ static void log_failed_run(const MINSTR* str, int code) {
          {call_name(argm).text, module_name(argm, *argm->failed).text, argm->failed->role});
 }
 
-// The two jobs of the driver. A start point that failed ends the run.
-static int run_driver(MINSTR* str) {
+// The form of a sparse Hessian and its arrays, at a start point that could be evaluated. A module
+// that failed there ends the run with *code; returns 0, or 1 when the host refuses memory.
+static int prepare_sparse_hessian(MINSTR* str, int* code) {
+  const int result = nlphstr(str);
+  if (result == EVALUATION_NO_MEMORY) return ENTRY_NO_MEMORY;
+  if (result != EVALUATED) {
+    *code = DERIVATIVE_FAILED;
+    log_failed_start(str, *code);
+    return 0;
+  }
+  return allocate_matrices(str);
+}
+
+// The two jobs of the driver; *code receives that of the run. A start point that failed ends it.
+// Returns 0, or 1 when the host refuses memory.
+static int run_driver(MINSTR* str, int* code) {
   static constexpr int START_REPORT = 1;
   static constexpr int FUNCTION_DETAIL = 2;
   static constexpr int NO_FEASIBLE_START = -10;
@@ -380,18 +392,22 @@ static int run_driver(MINSTR* str) {
   const int pfun = (start_report ? START_REPORT : 0) + (functions ? FUNCTION_DETAIL : 0);
   const int gradient_test = argm->igmod == 0 ? 0 : (str->lsqu != 0 ? 2 : 1);
   const int constraint_test = str->nlicon != 0 && argm->jcmod != 0 ? 1 : 0;
-  const int code = znlpdrv(str, 1, pfun, gradient_test, constraint_test);
-  if (code < 0 || a_module_failed(argm)) {
-    if (code != NO_FEASIBLE_START) log_failed_start(str, code);
-    return code;
+  *code = znlpdrv(str, 1, pfun, gradient_test, constraint_test);
+  if (*code < 0 || a_module_failed(argm)) {
+    if (*code != NO_FEASIBLE_START) log_failed_start(str, *code);
+    return 0;
   }
-  const int end = znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
-  if (end == DERIVATIVE_FAILED) {
-    log_failed_start(str, end);
-  } else if (end != str->tcod) {
-    log_failed_run(str, end);
+  if (hessian_by_rows(argm)) {
+    const int rc = prepare_sparse_hessian(str, code);
+    if (rc != 0 || *code == DERIVATIVE_FAILED) return rc;
   }
-  return end;
+  *code = znlpdrv(str, 2, functions ? FUNCTION_DETAIL : 0, 0, 0);
+  if (*code == DERIVATIVE_FAILED) {
+    log_failed_start(str, *code);
+  } else if (*code != str->tcod) {
+    log_failed_run(str, *code);
+  }
+  return 0;
 }
 
 // Result 1: the return code of the run. Result 2: the final point.
@@ -411,8 +427,9 @@ static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
   if (str->bounds != 0 || str->lincon != 0) {
     setcons(str, simplex ? CONS_SIMPLEX : constraint_job(str));
   }
-  const int code = run_driver(str);
-  const int rc = make_results(str, code);
+  int code = 0;
+  int rc = run_driver(str, &code);
+  if (rc == 0) rc = make_results(str, code);
   return rc != 0 ? rc : deliver_report(str);
 }
 

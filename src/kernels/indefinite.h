@@ -25,6 +25,9 @@ long zududec(long n, double sing, double* dtin, double* a, long* h);
 // The same with a limit for each variable, vsin[0..n-1].
 long zudude2(long n, const double* vsin, double* dtin, double* a, long* h);
 
+// Multiplies the determinant det[0] 10^det[1] by value and brings the mantissa into [1, 10).
+void multiply_determinant(double* det, double value);
+
 // Solve for p right sides, column k at b + k*incb, in place. A zero pivot gives a zero in its place
 // of the solution in pivot order. Return the number of zero pivots. zuduso2: pivots with modulus
 // not above sing count as zero (a block of order 2 by its largest element).

@@ -257,9 +257,8 @@ TQNLP_DISPATCH(void, factor_udu,
                (long n, bool each, const double* limits, double* a, long* h, long& nullity),
                (n, each, limits, a, h, nullity))
 
-// Multiplies the determinant det[0] 10^det[1] by value and brings the mantissa into [1, 10). What
-// is not above TINY is left as it is.
-static void multiply_determinant(double* det, double value) {
+// What is not above TINY is left as it is.
+void multiply_determinant(double* det, double value) {
   constexpr double LEAP = 1e16, LEAP_DIGITS = 16.0;
   const auto scale = [det](double mantissa) {
     if (!std::isfinite(mantissa)) return mantissa;

@@ -142,7 +142,6 @@ TEST(Arguments, RefusalsHaveACodeAndAMessageThatNamesTheSubroutine) {
       {HESSIAN, "hes no name", 9, X, 6, 155},
       {HESSIAN, "hes not there", 9, "Q", 3, 155},
       {HESSIAN, "too many sparse rows", 3, option_9(2147483647.0), 6, 165},
-      {"NLPNRR", "sparse", 3, option_9(4), 6, 197},
       {SQUARES, "no functions", 3, NONE, 6, 146},
       {SQUARES, "0 functions", 3, Matrix::row({0}), 6, 146},
   };

@@ -91,11 +91,13 @@ double dotprd(long n, const double* x, const double* y);
 //   iqid  nonzero: the caller vouches that the frame was just built, so that with nothing active
 //         the matrix is copied
 //   hfrm  0 packed; 2 diagonal: hpro is a vector of nzmm diagonal values without linear constraints
-//         and packed with them; 1 sparse: hpro receives the matrix of the free parameters in the
-//         pattern jasl, made here with jusl, when bounds are active and both patterns exist;
-//         otherwise the values keep their pattern, and a separate hpro (or null) receives a copy
-// gpro has n doubles. hpro may be hess in every frame, and must have room for the packed result.
-// Uses work, and iwk for the sparse form.
+//         and packed with them; 1 sparse, without linear constraints only: with bounds and a
+//         second pattern hpro receives the matrix of the free parameters in the pattern jasl, which
+//         is made here together with jusl (order nzmm, in the order of ifxr; the factor is then
+//         that of job 7); otherwise the values keep their pattern (job 6)
+// gpro has n doubles. hpro may be hess in every frame, and must have room for the packed result. A
+// sparse matrix with bounds goes into its own place by way of str->hpro (mxja doubles); hpro null
+// leaves it there alone. Uses work, and iwk for the sparse form.
 void znlphpr(MINSTR* str, int job, int iqid, int hfrm, double* gpro, double* hess, double* hpro);
 
 // znlphpr, then gmax, and (but for technique 16) the scaled measure of the gradient: gcri :=
@@ -109,7 +111,8 @@ void znlphsc(MINSTR* str, int hfrm, long n, double* hpro);
 
 // spro := -D^-1 g with the reduced gradient g: gpro with linear constraints, grad on the free
 // parameters otherwise; with hesc the reduced matrix (hpro with linear constraints, else hess) is
-// scaled to D^-1 H D^-1; without hesc D is the identity. grad and gpro stay. Returns |spro|.
+// scaled to D^-1 H D^-1, a sparse one in the pattern that znlphgp left it in; without hesc D is the
+// identity. grad and gpro stay. Returns |spro|.
 double znlphs2(MINSTR* str, int hfrm, double* spro);
 
 // job other than 2: starts the packed hess. load 0: a multiple of the identity; load nonzero: hess

@@ -94,25 +94,33 @@ static void reduce_matrix(MINSTR* str, Frame frame, int iqid, int hfrm, double* 
   }
 }
 
-// Is a sparse matrix condensed to the pattern of the free parameters?
-static bool sparse_is_condensed(const MINSTR* str, const double* hess, const double* hpro) {
-  return str->nabc > 0 && str->shes.jasl != nullptr && str->shes.jusl != nullptr &&
-         hpro != nullptr && hpro != hess;
+// With bounds a sparse matrix is condensed to the pattern of the free parameters, also when all are
+// free: the second pattern is the one that the factorization then works with.
+static bool sparse_is_condensed(const MINSTR* str) {
+  return str->bounds != 0 && str->shes.jasl != nullptr && str->shes.jusl != nullptr;
 }
 
+// A matrix that takes its own place is made in str->hpro first, which is there for that. What lies
+// behind its last element is cleared.
 static void reduce_sparse(MINSTR* str, const double* hess, double* hpro) {
   const long n = str->nvar;
   const SPAR& pattern = str->shes;
-  if (!sparse_is_condensed(str, hess, hpro)) {
+  if (!sparse_is_condensed(str)) {
     if (hpro != hess && hpro != nullptr) std::copy_n(hess, pattern.mxja, hpro);
     return;
   }
+  double* target = hpro == hess || hpro == nullptr ? str->hpro : hpro;
+  if (target == nullptr) xexit(EXIT_INCONSISTENT, 0);
   long* position = str->iwk;
   std::fill_n(position, n, -1L);
   for (long k = 0; k < free_count(str); ++k) position[str->ifxr[k]] = k;
   const long order = zslltiu(pattern.jasl, pattern.jusl, position, n, pattern.jasp, pattern.jusp,
-                             pattern.perm, pattern.iprm, pattern.mxju, hess, hpro);
+                             pattern.perm, pattern.iprm, pattern.mxju, hess, target);
   if (order < 0) xexit(EXIT_INCONSISTENT, 0);
+  const long length = pattern.jasl[order];
+  target[order] = 0.0;
+  vzfdl(0.0, target + length, pattern.mxja - length);
+  if (hpro == hess) std::copy_n(target, pattern.mxja, hpro);
 }
 
 // H from its factor: L L', or the squares of a diagonal of roots.
@@ -142,11 +150,10 @@ void znlphpr(MINSTR* str, int job, int iqid, int hfrm, double* gpro, double* hes
 }
 
 // Diagonal element k of the reduced matrix that znlphpr left in hpro.
-static double reduced_diagonal(const MINSTR* str, int hfrm, const double* hess, const double* hpro,
-                               long k) {
+static double reduced_diagonal(const MINSTR* str, int hfrm, const double* hpro, long k) {
   if (hfrm == 1) {
-    const bool in_place = str->bounds == 0 || sparse_is_condensed(str, hess, hpro);
-    return hpro[in_place ? k : str->ifxr[k]];
+    const bool by_position = str->bounds == 0 || sparse_is_condensed(str);
+    return hpro[by_position ? k : str->ifxr[k]];
   }
   return hfrm == 2 && str->lincon == 0 ? hpro[k] : hpro[zisub(k, k)];
 }
@@ -159,11 +166,12 @@ void znlphgp(MINSTR* str, int job, int hfrm, double* gpro, double* hess, double*
   znlphpr(str, job, 0, hfrm, gpro, hess, hpro);
   znlpgmx(str, 1, gpro);
   if (str->tech == QUADAS) return;
-  const double* matrix = hfrm == 1 && hpro == nullptr ? hess : hpro;
+  const double* matrix = hpro;
+  if (hpro == nullptr) matrix = sparse_is_condensed(str) ? str->hpro : hess;
   str->gcri = 0.0;
   // A missing crit, and curvature that vanishes against it, leave the measure at 0.
   for (long k = 0; k < reduced_dimension(str); ++k) {
-    const double curvature = reduced_diagonal(str, hfrm, hess, matrix, k);
+    const double curvature = reduced_diagonal(str, hfrm, matrix, k);
     const double product = std::fabs(curvature * str->crit);
     if (!(curvature > 0.0 && product > TINY)) continue;
     str->gcri = std::max(str->gcri, std::fabs(gpro[k]) / std::sqrt(product));
@@ -197,12 +205,17 @@ void znlphsc(MINSTR* str, int hfrm, long n, double* hpro) {
   }
 }
 
-// Sparse values in their own pattern, which is over all parameters, as dsca is then.
+// Sparse values in their pattern: that of the free parameters with bounds, else of all.
 static void scale_sparse(const MINSTR* str, double* values) {
-  const long* ja = str->shes.jasp;
-  for (long i = 0; i < str->nvar; ++i) {
-    values[i] /= str->dsca[i] * str->dsca[i];
-    for (long p = ja[i]; p < ja[i + 1]; ++p) values[p] /= str->dsca[i] * str->dsca[ja[p]];
+  const bool condensed = sparse_is_condensed(str);
+  const long* ja = condensed ? str->shes.jasl : str->shes.jasp;
+  const long order = condensed ? free_count(str) : str->nvar;
+  for (long i = 0; i < order; ++i) {
+    const double scale = condensed ? component_scale(str, i) : str->dsca[i];
+    values[i] /= scale * scale;
+    for (long p = ja[i]; p < ja[i + 1]; ++p) {
+      values[p] /= scale * (condensed ? component_scale(str, ja[p]) : str->dsca[ja[p]]);
+    }
   }
 }
 
