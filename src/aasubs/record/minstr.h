@@ -39,7 +39,7 @@ struct JumpBuffer;  // point to resume at after a trapped math error, a type of 
 // Sparse pattern of a symmetric matrix and of its Cholesky factor.
 struct SPAR {
   long mxja;   // length of jasp and of the value array
-  long mxju;   // length of jusp
+  long mxju;   // length of the longer of jusp and jusl
   long* jasp;  // matrix: row pointers and columns (row-indexed form, see above)
   long* jusp;  // factor: row pointers and ascending columns
   long* perm;  // place of variable i in the factor
@@ -131,7 +131,7 @@ struct MINSTR {
   double fdig;       // [decimal digits] accuracy of the objective
   double cdig;       // [decimal digits] accuracy of the nonlinear constraints
   int hfrm;          // form of hess: 0 packed, 1 sparse, 2 diagonal
-  double ratio;      // density above which the dense form of the quadratic is kept
+  double ratio;      // the sparse form is kept up to this share of the room of the packed one
   double tzer;       // zero tolerance of the sparse quadratic
   double ddif;       // tolerance of the symmetry check of a quadratic matrix
   int clod;          // nonzero: the quadratic's factor is loaded from the utility file
@@ -180,7 +180,7 @@ struct MINSTR {
   double* wrk2;  // second work vector, length by technique
   double* fold;  // mfun; previous function values
   double* hess;  // by hfrm; Hessian, quasi-Newton matrix or factor
-  double* half;  // 3 nnva; Hessian of the Lagrangian and companions
+  double* half;  // 3 nnva (hfrm 1: mxju, hfrm 2: 3n); Hessian of the Lagrangian, or factor
   double* jacm;  // m x n; Jacobian when it is held in memory
   double* dsca;  // n; diagonal scale: by parameter without linear constraints, else by component
   double* qvec;  // n; linear term of the quadratic
@@ -201,7 +201,7 @@ struct MINSTR {
   long* ldco;    // linear-dependence work with nonlinear constraints
   double* alcn;  // coefficients of linear constraints, stored as a'x >= b
   double* blcn;  // ncon; their right sides
-  double* hpro;  // packed; projected Hessian
+  double* hpro;  // packed, or without linear constraints as hess; projected Hessian
   double* gpro;  // n; projected gradient; head of the block that holds the next five
   double* lagm;  // n; multipliers: nabc of bounds (tail of ifxr), then nalc (iact)
   double* dcds;  // 2n; cosines, sines of one update
