@@ -46,12 +46,6 @@ static long hessian_place(const MINSTR* str, long i, long j) {
   return found == last || *found != j ? -1 : found - jasp;
 }
 
-// Row or column number of the language as an index; -1 outside 1..n.
-static long index_of(double number, long n) {
-  return number >= 1.0 && number < static_cast<double>(n) + 1.0 ? static_cast<long>(number) - 1
-                                                                : -1;
-}
-
 // Names the row of the three-column form and the indices as the module gave them. A module that is
 // wrong in one call is so in the next: once is enough.
 static bool refuse_row(const MINSTR* str, int message, const double* values, long row,

@@ -62,6 +62,11 @@ const struct {
      [](const Matrix& x) {
        return Matrix::of({{1200 * x[0] * x[0] - 400 * x[1] + 2, -400 * x[0]}, {-400 * x[0], 200}});
      }},
+    {"T",
+     [](const Matrix& x) {
+       return Matrix::of(
+           {{1, 1, 1200 * x[0] * x[0] - 400 * x[1] + 2}, {2, 1, -400 * x[0]}, {2, 2, 200}});
+     }},
     {"R",
      [](const Matrix& x) {
        return Matrix::col({10 * (x[1] - x[0] * x[0]), 1 - x[0], x[0] * x[1]});
@@ -99,6 +104,7 @@ Matrix options(double print, double update, double load, double differences) {
 std::vector<Call> calls() {
   const Matrix far = Matrix::row({9, -9});
   const Matrix bounds = Matrix::of({{-1.2, -0.5}, {0.8, 1}});
+  const Matrix sparse = Matrix::row({0, 2, M, M, M, M, M, M, 3});
   // A repeated equality, a repeated inequality.
   const Matrix rows = Matrix::of(
       {{-3, -3, M, M}, {3, 3, M, M}, {1, 2, 0, 1}, {2, 4, 0, 2}, {1, -1, 1, -4}, {1, -1, 1, -4}});
@@ -122,6 +128,7 @@ std::vector<Call> calls() {
       {"NLPNRR", {"F", START, options(5, 1, 0, 0), NONE, NONE, NONE, NONE, "G", "H"}},
       {"NLPNRA", {"F", START, options(0, 1, 0, 0), bounds}},
       {"NLPNRA", {"F", START, options(5, 1, 0, 0), rows, NONE, NONE, NONE, "G", "H"}},
+      {"NLPNRR", {"F", START, sparse, bounds, NONE, NONE, NONE, "G", "T"}},
       {"NLPCG", {"F", START, options(0, 1, 0, 0), rows, NONE, NONE, NONE, "G"}},
       {"NLPCG", {"F", START, options(5, 3, 0, 2), bounds}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},

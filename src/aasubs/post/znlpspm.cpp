@@ -71,10 +71,6 @@ static bool counts(int ifrm, double value) {
   return !wzmis(value) && !(std::fabs(value) <= ROOT_TINY);
 }
 
-static bool in_range(double number, long n) {
-  return number >= 1.0 && number < static_cast<double>(n) + 1.0;
-}
-
 // Calls visit(i, j, value), i >= j, for every element that counts. Returns 0, or the number of the
 // first triple with an index out of range.
 template <class Visit>
@@ -89,12 +85,12 @@ static long visit_elements(const MINSTR* str, int ifrm, long ntri, Visit visit) 
     return 0;
   }
   for (long k = 0; k < ntri; ++k, from += 3) {
-    if (!in_range(from[0], str->nvar) || !in_range(from[1], str->nvar)) {
+    const long i = index_of(from[0], str->nvar);
+    const long j = index_of(from[1], str->nvar);
+    if (i < 0 || j < 0) {
       if (wzmis(from[2])) continue;
       return k + 1;
     }
-    const long i = static_cast<long>(from[0]) - 1;
-    const long j = static_cast<long>(from[1]) - 1;
     if (counts(ifrm, from[2])) visit(std::max(i, j), std::min(i, j), from[2]);
   }
   return 0;
@@ -176,21 +172,22 @@ static int test_factor(const MINSTR* str, const long* jasp, const double* hess) 
 }
 
 // Symbolic factorization. What it needs is known only by trying: the first try with the least room
-// tells the length.
+// tells the length. With bounds there is room for the places that follow a second pattern.
 static int make_factor_pattern(MINSTR* str, long* iprm, long mxja, double ratio, long* work,
                                long* graph) {
   const long n = str->nvar;
   const long stride = 3 * n + 3;
+  const long places = str->bounds != 0 ? n : 0;
   SPAR& s = str->shes;
   for (long room = n + 1;;) {
-    s.jusp = take<long>(room);
+    s.jusp = take<long>(room + places);
     if (s.jusp == nullptr) return NO_MEMORY;
     const int failed =
         zslltsf(n, room, iprm, s.perm, work, graph, work + stride, work + 2 * stride, s.jusp);
-    s.mxju = s.jusp[n];
-    if (too_long(str, ratio, mxja, s.mxju)) return 1;
+    room = s.jusp[n];
+    s.mxju = room + places;
+    if (too_long(str, ratio, mxja, room)) return 1;
     if (failed == 0) return 0;
-    room = s.mxju;
     vmfree_handler(std::exchange(s.jusp, nullptr));
   }
 }
@@ -213,10 +210,9 @@ int getchol(MINSTR* str, int jfac, long* iprm, const long* jasp, const double* h
   return code;
 }
 
-// Room for the second pattern: a factor of fewer parameters, followed by their places.
+// Room for the second pattern.
 static int take_second_pattern(const MINSTR* str, SPAR* s) {
   if (str->bounds == 0) return 0;
-  s->mxju += str->nvar;
   s->jasl = take<long>(s->mxja);
   s->jusl = take<long>(s->mxju);
   return s->jasl != nullptr && s->jusl != nullptr ? 0 : NO_MEMORY;

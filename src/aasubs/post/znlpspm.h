@@ -13,6 +13,12 @@ inline constexpr int SPM_PACKED = 0;   // nnva values of a matrix that stays as 
 inline constexpr int SPM_TRIPLES = 1;  // ntri triples of a matrix that stays as it is
 inline constexpr int SPM_PLACES = 2;   // ntri triples of a matrix that changes from call to call
 
+// Row or column number of a triple as an index from 0; -1 outside 1..n.
+inline long index_of(double number, long n) {
+  const bool inside = number >= 1.0 && number < static_cast<double>(n) + 1.0;
+  return inside ? static_cast<long>(number) - 1 : -1;
+}
+
 // znlpspm: SParse Matrix. Chooses hfrm for the matrix at str->hess, which it only reads.
 //   jfac   nonzero: the values are factored as a test; a matrix that is not positive definite to
 //          within sing stays packed (only with jmem)

@@ -39,7 +39,7 @@ struct JumpBuffer;  // point to resume at after a trapped math error, a type of 
 // Sparse pattern of a symmetric matrix and of its Cholesky factor.
 struct SPAR {
   long mxja;   // length of jasp and of the value array
-  long mxju;   // length of the longer of jusp and jusl
+  long mxju;   // length of jusp, and of jusl
   long* jasp;  // matrix: row pointers and columns (row-indexed form, see above)
   long* jusp;  // factor: row pointers and ascending columns
   long* perm;  // place of variable i in the factor
