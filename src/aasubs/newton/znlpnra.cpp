@@ -85,7 +85,7 @@ static int gethes(MINSTR* str, NewtonRun& run, int job) {
   const int code = newton_load(str, job, true);
   if (code != 0) return code;
   clean_difference_hessian(str);
-  run.order = newton_project(str, static_cast<int>(form_of(str)), true, &run.norm);
+  run.order = newton_project(str, str->hfrm, true, &run.norm);
   return 0;
 }
 
