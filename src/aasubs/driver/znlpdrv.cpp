@@ -20,6 +20,7 @@
 #include "aasubs/newton/znlpnra.h"
 #include "aasubs/newton/znlpnrl.h"
 #include "aasubs/newton/znlpnrr.h"
+#include "aasubs/newton/znlptre.h"
 #include "aasubs/post/stop_analysis.h"
 #include "aasubs/quasinewton/znlpcog.h"
 #include "aasubs/quasinewton/znlpdqn.h"
@@ -38,6 +39,8 @@ namespace tqnlp {
 // that stand for no code at all.
 static Callback technique_code(int tech) {
   switch (tech) {
+    case TRUREG:
+      return znlptre;
     case NEWRAP:
       return znlpnra;
     case NRRIDG:

@@ -86,6 +86,7 @@ struct DGWSTR {
   double dsts;  // saved dstn; negative while a FALSE_CONVERGED waits for the singular test
   double gtsl;  // saved gtst
   double plgd;  // saved pred
+  double rtst;  // radius while the step of the singular test is made (of the technique)
 
   // ---- The step (made by the technique)
   double dst0;  // length of the Newton step; negative: minus the best lower bound on the ridge that
@@ -106,6 +107,7 @@ struct DGWSTR {
   double rad0;        // radius of the last call
   double dstsav;      // length of its step
   double dhdm;        // largest diagonal element in magnitude
+  bool bounded;       // emin and emax are those of this iteration
   double emin, emax;  // bounds of the spectrum
   double lk0, uk0;    // bounds of the multiplier at the end of the last call
   double phipin;      // turns the excess of the Newton step into a lower bound of the multiplier

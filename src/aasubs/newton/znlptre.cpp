@@ -1,0 +1,352 @@
+// znlptre: TRust REgion (TRUREG), technique 2.
+//
+// Model      m(s) = f + g's + s'H s / 2 over |D s| <= delt in the free subspace of the active
+//            constraints, minimized almost exactly whatever the signs of the curvatures (gqtstp);
+//            the steps are judged by assess, which lengthens and shortens them from one point
+//            until they are about right, and sees when the model has nothing more to give
+// Reference  More and Sorensen (1983), SIAM J. Sci. Stat. Comput. 4; Gay (1981), same journal 2;
+//            Dennis, Gay and Welsch (1981), ACM Trans. Math. Software 7
+// Reads      hfrm (2 diagonal, else packed), hesc, fidi, fdig, sing, salf, ssin, fsav, lsqu, ulm2,
+//            ipre, bounds, lincon
+// Writes     x, crit, grad, gmax, gcri, pred, delt, lamb, alfa, stub, dfes, dsca, chac, null,
+//            counters
+// Work       wrk2 = diagonal of H (n) | scaled step (n) | vector (n) | predicted gradient (n)
+//            half = factor (nnva) | saved point (n) | its step (n)
+//            gold = negative scaled reduced gradient; work = reduced step;
+//            hess (hpro with linear constraints) = scaled reduced Hessian
+// Ends       codes of uster; -1 no evaluable step, -4 derivatives failed, -5 no progress, -6
+//            feasibility lost
+//
+//   1  load derivatives and the working set at the start or restart point
+//   2  the step of the model within the radius, cut at linear constraints
+//   3  judge the trial: another radius, the saved step, or accept
+//   4  accept: feasibility, derivatives at the new point, termination test
+//   5  the radius of the next iteration
+#include "aasubs/newton/znlptre.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpba1.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/loop/trust_region.h"
+#include "aasubs/newton/gqtstp.h"
+#include "aasubs/newton/newton_load.h"
+#include "kernels/dense.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+static constexpr double FIRST_RADIUS = 1.0;
+static constexpr double AFTER_FAILURE = 10.0;  // what a failed evaluation divides the radius by
+// Retries shrink a radius to nothing within a few hundred trials; the bound is for values that are
+// no numbers.
+static constexpr int MOST_TRIALS = 1000;
+
+struct TruregRun {
+  DGWSTR d{};
+  RestartGuard guard;
+  bool started = false;      // the first load is over
+  bool moved = false;        // a step was taken since the last start
+  bool user_hessian = true;  // load: false takes the identity for one restart
+  int ij = 0;                // code in hand
+  double limit = 0.0;        // smax: largest radius of this iteration
+  double first = 0.0;        // t0: its first radius
+};
+
+static double* predicted_gradient(const MINSTR* str) { return str->wrk2 + 3 * str->nvar; }
+
+// ---- Derivatives --------------------------------------------------------------------------------
+
+// Elements of a Hessian by differences that are no more than the error of a difference would make
+// scales of noise: beside the diagonal they become zero, on it they become small.
+static void clear_difference_noise(MINSTR* str) {
+  static constexpr double LARGEST_STAND_IN = 1e-06;
+  static constexpr double SAFETY = 100.0;
+  if (str->hesc == 0 || fidi_digit(str->fidi, 3) == 0) return;
+  const double accuracy = str->fdig > 0.0 ? std::pow(10.0, -str->fdig) : EPS;
+  const double step = std::cbrt(accuracy);
+  const double noise = SAFETY * (std::max(1.0, std::fabs(str->crit)) / step) * (EPS / step);
+  const double stand_in = std::min(noise, LARGEST_STAND_IN);
+  double* cell = str->hess;
+  for (long i = 0; i < str->nvar; ++i) {
+    for (long j = str->hfrm == 2 ? i : 0; j <= i; ++j, ++cell) {
+      if (std::fabs(*cell) < noise) *cell = i == j ? stand_in : 0.0;
+    }
+  }
+}
+
+// The reduced problem from gradient and Hessian at x; *norm: length of the scaled reduced gradient.
+static void reduce_problem(MINSTR* str, bool user_hessian, bool rescale, double* norm) {
+  if (user_hessian) clear_difference_noise(str);
+  newton_project(str, str->hfrm == 2 ? 2 : 0, rescale, norm);
+}
+
+// Loads derivatives at x and reduces the problem; job and result as for newton_load.
+static int gethes(MINSTR* str, int job, bool user_hessian, double* norm) {
+  const int code = newton_load(str, job, user_hessian);
+  if (code == 0) reduce_problem(str, user_hessian, true, norm);
+  return code;
+}
+
+// Length of a step over all parameters, reduced and scaled. Uses work.
+static double scaled_length(MINSTR* str, const double* step) {
+  znlpvre(str, step, str->work);
+  const long order = reduced_dimension(str);
+  for (long k = 0; k < order && str->hesc != 0; ++k) str->work[k] *= component_scale(str, k);
+  return zvenorm(order, 1, str->work);
+}
+
+static double first_radius(MINSTR* str) {
+  return str->lsqu != 0 ? std::max(FIRST_RADIUS, scaled_length(str, str->x)) : FIRST_RADIUS;
+}
+
+// ---- Steps of one iteration ---------------------------------------------------------------------
+
+// A smaller radius after a failure at another point. What then fails at every radius ends the run
+// with code, or starts over from the last point.
+static Next shrink_radius(MINSTR* str, TruregRun& run, int code) {
+  return_to_xold(str);
+  run.limit = str->delt = str->delt / AFTER_FAILURE;
+  if (str->delt > EPS * run.first) return Next::solve_again;
+  if (run.moved) return Next::restart;
+  run.ij = code;
+  return Next::finish;
+}
+
+// Cuts the step at the first linear constraint or bound that blocks it. Deliberately the promise of
+// the model stays that of the full step: it is a bound of what the constraint leaves.
+static Next limit_step(MINSTR* str, TruregRun& run) {
+  zero_negligible_components(str, str->sdir);
+  long blocking = -1;
+  znlpstl(str, 0, 0, 0, str->xold, str->sdir, &blocking, nullptr);
+  if (str->stub > HUNDRED_EPS || !run.user_hessian) {
+    if (str->stub <= TINY) {
+      return_to_xold(str);
+      run.ij = NO_PROGRESS;
+      return Next::leave;
+    }
+    run.d.dpnm *= str->stub;
+    run.d.dstn *= str->stub;
+    return Next::go_on;
+  }
+  str->delt /= AFTER_FAILURE;
+  if (str->delt > EPS * run.first) return Next::solve_again;
+  return_to_xold(str);
+  run.user_hessian = false;
+  return Next::restart;
+}
+
+// The model has converged. A last step that lowers the objective is taken before the run ends.
+static Next end_of_model(MINSTR* str, TruregRun& run) {
+  DGWSTR& d = run.d;
+  d.cnvcod = d.irc - ASSESSMENT_TO_CODE;
+  if (str->crit < str->cold && d.xirc != LAST_STEP) {
+    d.xirc = LAST_STEP;
+    return Next::go_on;
+  }
+  run.ij = str->uster(str, NO_PROGRESS);
+  return Next::stop;
+}
+
+// What assess makes of the step. go_on: the step is taken.
+static Next judge(MINSTR* str, TruregRun& run) {
+  DGWSTR& d = run.d;
+  const bool singular_test = d.irc == SINGULAR_STEP;
+  if (!singular_test) measure_step(&d);
+  assess(&d);
+  carry_out_rest(&d);
+  // The radius is that of the step which the verdict is about, not that of the test.
+  if (singular_test) str->delt = d.rtst;
+  if (d.irc == RETRY_MODEL || d.irc == RETRY) {
+    str->delt = next_radius(&d, d.dstn, run.limit);
+    return Next::solve_again;
+  }
+  if (d.irc == SINGULAR_STEP) {
+    d.rtst = str->delt;
+    str->delt = d.lmxs;
+    return Next::solve_again;
+  }
+  return d.irc > SINGULAR_STEP ? end_of_model(str, run) : Next::go_on;
+}
+
+// Makes the step of the present radius and the trial point, and judges it.
+static Next try_radius(MINSTR* str, TruregRun& run) {
+  DGWSTR& d = run.d;
+  gqtstp(&d);
+  // The singular test asks for the model's value alone.
+  if (d.irc == SINGULAR_STEP) return judge(str, run);
+  std::copy_n(str->sdir, reduced_dimension(str), str->work);
+  d.dpnm = znlpsp2(str, 1, str->work, str->sdir);
+  str->stub = 1.0;
+  if (str->lincon != 0) {
+    if (const Next next = limit_step(str, run); next != Next::go_on) return next;
+  }
+  if (!step_moves(str, str->sdir)) {
+    d.irc = STEP_CONVERGED;
+    return end_of_model(str, run);
+  }
+  if (trial_is_wanted(&d)) {
+    zvaxpy(str->x, str->sdir, str->xold, str->nvar, str->stub);
+    if (!evaluate_objective(str)) return shrink_radius(str, run, -1);
+  }
+  return judge(str, run);
+}
+
+// ---- Acceptance ---------------------------------------------------------------------------------
+
+// The gradient that the model predicts at x, over all parameters.
+static void predict_gradient(MINSTR* str, DGWSTR& d) {
+  const long order = reduced_dimension(str);
+  double* step = str->wrk2 + 2 * str->nvar;
+  double* change = d.ssav;  // the saved step has served
+  const double* matrix = trust_region_matrix(str);
+  zvaxpy(change, str->xold, str->x, str->nvar, -1.0);
+  znlpvre(str, change, step);
+  for (long k = 0; k < order && str->hesc != 0; ++k) step[k] *= component_scale(str, k);
+  if (trust_region_form(str) == 3) {
+    for (long k = 0; k < order; ++k) change[k] = matrix[k] * step[k];
+  } else {
+    znlpsmv(order, nullptr, matrix, step, change);
+  }
+  for (long k = 0; k < order; ++k) {
+    change[k] -= str->gold[k];
+    if (str->hesc != 0) change[k] *= component_scale(str, k);
+  }
+  znlpvex(str, change, predicted_gradient(str));
+}
+
+// The gradient tests at the new point, where the working set may be another one.
+static void test_gradient(MINSTR* str, DGWSTR& d, double length_at_xold) {
+  const long order = reduced_dimension(str);
+  double* mismatch = str->work;
+  znlpvre(str, predicted_gradient(str), mismatch);
+  for (long k = 0; k < order; ++k) {
+    if (str->hesc != 0) mismatch[k] /= component_scale(str, k);
+    mismatch[k] += str->gold[k];
+  }
+  const double slope = dotprd(str->nvar, str->grad, str->sdir);
+  apply_gradient_tests(&d, zvenorm(order, 1, mismatch), length_at_xold, slope);
+}
+
+// Derivatives at the accepted point failed: from xold with a smaller radius. The failed load has
+// left parts of its own in gradient and matrix; the working set and the scale are still those of
+// xold.
+static Next retreat_from_bad_derivatives(MINSTR* str, TruregRun& run) {
+  DGWSTR& d = run.d;
+  d.irc = d.xirc = ACCEPT;
+  d.cnvcod = 0;
+  const Next next = shrink_radius(str, run, -4);
+  const bool user_hessian = run.user_hessian;
+  if (next != Next::solve_again) {
+    run.user_hessian = true;
+    return next;
+  }
+  if (evaluate_objective(str) && newton_derivatives(str, user_hessian ? 1 : 0) == 0) {
+    reduce_problem(str, user_hessian, false, &d.dgnm);
+    return Next::solve_again;
+  }
+  run.user_hessian = true;
+  run.ij = -4;
+  return Next::finish;
+}
+
+// Takes the step: feasibility, derivatives, termination test, radius of the next iteration.
+static Next accept_step(MINSTR* str, TruregRun& run) {
+  DGWSTR& d = run.d;
+  const bool by_gradient = d.irc == ACCEPT_TEST;
+  if (by_gradient) predict_gradient(str, d);
+  str->chac = 0;
+  if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
+  // What the user's code saved must belong to x.
+  if (str->nfct != d.nfgc && !evaluate_objective(str)) return shrink_radius(str, run, -1);
+  d.nfgc = str->nfct;
+  str->nitr += 1.0;
+  ++str->itre;
+  const double length_at_xold = d.dgnm;
+  const int loaded = gethes(str, 0, true, &d.dgnm);
+  if (loaded == -6) {
+    run.ij = -6;
+    return Next::finish;
+  }
+  if (loaded < 0 || str->tbig != 0.0) return retreat_from_bad_derivatives(str, run);
+
+  run.moved = run.user_hessian = true;
+  run.ij = str->uster(str, TEST_ITERATION);
+  if (run.ij == 0 && d.cnvcod != 0) run.ij = str->uster(str, NO_PROGRESS);
+  if (run.ij != 0) return Next::stop;
+  if (by_gradient) test_gradient(str, d, length_at_xold);
+  str->delt = next_radius(&d, d.dpnm, run.limit);
+  return Next::go_on;
+}
+
+// A start where the active constraints leave no freedom: there is no step to try.
+static Next end_at_vertex(MINSTR* str, TruregRun& run) {
+  run.ij = str->uster(str, TEST_ITERATION);
+  if (run.ij == 0) run.ij = str->uster(str, NO_PROGRESS);
+  return Next::stop;
+}
+
+static Next one_iteration(MINSTR* str, TruregRun& run) {
+  start_iteration(str);
+  if (reduced_dimension(str) < 1) return end_at_vertex(str, run);
+  open_step_search(&run.d);
+  run.limit = HUGE_VALUE;
+  run.first = str->delt;
+  Next next = Next::solve_again;
+  for (int trial = 0; next == Next::solve_again; ++trial) {
+    if (str->delt < ROOT_TINY || trial == MOST_TRIALS) {
+      return_to_xold(str);
+      run.ij = NO_PROGRESS;
+      return Next::leave;
+    }
+    next = try_radius(str, run);
+    if (next == Next::go_on) next = accept_step(str, run);
+  }
+  return next;
+}
+
+// ---- The technique ------------------------------------------------------------------------------
+
+// Start or restart at x.
+static Next load_start(MINSTR* str, TruregRun& run) {
+  const bool first = !run.started;
+  open_restart(str);
+  run.moved = false;
+  run.started = true;
+  const int loaded = gethes(str, 1, run.user_hessian, &run.d.dgnm);
+  if (loaded < 0 || str->tbig != 0.0) {
+    // After a restart the code in hand stands deliberately, 100 when the termination test asked
+    // for it.
+    if (first) run.ij = loaded < 0 ? loaded : -1;
+    return Next::leave;
+  }
+  open_assessment(&run.d);
+  if (reduced_dimension(str) > 0) str->delt = first_radius(str);
+  if (str->nitr == 0.0) str->delt *= str->salf;
+  if (restart_makes_progress(str, run.guard)) return Next::go_on;
+  run.ij = NO_PROGRESS;
+  return Next::leave;
+}
+
+static int end_stage(MINSTR* str, TruregRun& run) {
+  return finish_run(str, run.ij, [](MINSTR* s) {
+    double norm = 0.0;
+    return gethes(s, 1, true, &norm);
+  });
+}
+
+int znlptre(MINSTR* str) {
+  open_run(str);
+  str->nhes = 0;
+  str->lamb = 0.0;
+  TruregRun run;
+  run.d.minstr = str;
+  run.d.dogleg = false;
+  run.d.xsav = str->half + str->nnva;
+  run.d.ssav = run.d.xsav + str->nvar;
+  return technique_loop<TruregRun>(str, run, {load_start, one_iteration, end_stage});
+}
+
+}  // namespace tqnlp
