@@ -284,8 +284,10 @@ TEST(BadInput, EndsSoonWithAReason) {
   const Bad rows[] = {
       {"NLPQN", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
       {"NLPNRR", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
+      {"NLPTR", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
       {"NLPQN", {-1.2, 1}, rosenbrock, constant(M, 0), nullptr, 0, -2, "module G (gradient"},
       {"NLPNRR", {-1.2, 1}, rosenbrock, uphill, "H", 0, -2, "module H (Hess"},
+      {"NLPTR", {-1.2, 1}, rosenbrock, uphill, "H", 0, -2, "module H (Hess"},
       // Estimated intervals: the value beside the start.
       {"NLPQN", {-1.2, 1}, fails_at(2), none, nullptr, 11, -2, "module F (objective)"},
       // The solution, which is evaluated once more after the run.

@@ -47,6 +47,17 @@ const Exceptions NEWTON_SEARCH = {
      -8,
      "a dozen calls an iteration: the limit of 500 is met on the way"}};
 
+const Exceptions TRUST_REGION = {
+    {{"Meyer"}, {ANY}, -8, "a long curved valley: 210 to 240 iterations, the limit is 200"},
+    {{"Osborne 1", "Biggs EXP6"},
+     {ANY},
+     -8,
+     "negative curvature leads into a valley that falls for ever, and ever more slowly"},
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"HS54"}, {ANY}, 3, LARGE_SCALE},
+    {{"S265"}, {ANY}, 3, SADDLE},
+    {{"Watson 9"}, {2, 3}, 3, "a flat valley: ABSGCONV is met with f 1.5e-6 above"}};
+
 const Exceptions CONJUGATE = {
     {{"HS25"}, {ANY}, 3, FLAT},
     {{"HS54"}, {ANY}, SOME_CODE, LARGE_SCALE},
@@ -91,6 +102,10 @@ const Row ROWS[] = {
     {"NLPNRA", options_of({{5, 6}}), NEWTON_SEARCH, 6, 17300},
     {"NLPNRA", options_of({{5, 7}}), NEWTON_SEARCH, 7, 7000},
     {"NLPNRA", options_of({{5, 8}}), NEWTON_SEARCH, 8, 17300},
+    {"NLPTR", options_of({}), TRUST_REGION, 0, 5500},
+    {"NLPTR", options_of({{3, 1}}), TRUST_REGION, 1, 5600},
+    {"NLPTR", options_of({{3, 2}}), TRUST_REGION, 2, 5600},
+    {"NLPTR", options_of({{3, 3}}), TRUST_REGION, 3, 5600},
     {"NLPCG", options_of({{4, 1}}), CONJUGATE, 1, 17800, 0.05},
     {"NLPCG", options_of({{4, 2}}), CONJUGATE, 2, 30700, 0.05},
     {"NLPCG", options_of({{4, 3}}), CONJUGATE, 3, 26800, 0.05},

@@ -1,0 +1,238 @@
+// The assessment of trust-region steps, state by state; and runs of TRUREG that show its worth.
+#include "aasubs/loop/trust_region.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "aasubs/driver/znlpdrv.h"
+#include "support/record.h"
+
+namespace tqnlp::test {
+namespace {
+
+struct Given {
+  double crit;  // cold is 10
+  double pred = 1.0, gtst = -2.0, lamb = 1.0, dst0 = 5.0, nred = 3.0, dstn = 0.5;
+  int irc = ACCEPT;
+  long rinc = 0;
+  double clgd = 10.0;  // the saved step has dsts 0.25
+  double rldx = 0.1;
+  bool dogleg = false, too_big = false;
+};
+
+struct Row {
+  const char* what;
+  Given given;
+  int result;
+  int rest;
+  double radf;
+  double crit;  // left by the verdict
+};
+
+TEST(Assessment, OfEveryState) {
+  const int KEEP = LEAVE_SAVED, BACK = BACK_TO_XOLD, SAVE = SAVE_STEP, TAKE = TAKE_SAVED;
+  const Row rows[] = {
+      {"good, not Newton: longer", {8}, RETRY, SAVE, 4, 8},
+      {"the same by a parabola", {8.4}, RETRY, SAVE, 2.5, 8.4},
+      {"steep enough, no more", {8.6}, ACCEPT_TEST, KEEP, 1, 8.6},
+      {"Newton step", {8, 1, -2, 0}, ACCEPT, KEEP, 4, 8},
+      {"nearly Newton", {8, 1, -2, 1, 0.9}, ACCEPT, KEEP, 4, 8},
+      {"little left", {8, 1, -2, 1, 5, 2.3}, ACCEPT, KEEP, 4, 8},
+      {"little left, indefinite", {8, 1, -2, 1, -5, 2.3}, RETRY, SAVE, 4, 8},
+      {"the dogleg looks at what is left",
+       {8, 1, -2, 1, -5, 2.3, 0.5, ACCEPT, 0, 10, 0.1, true},
+       ACCEPT,
+       KEEP,
+       4,
+       8},
+      {"fair", {9.95}, ACCEPT, SAVE, 0.5, 9.95},
+      {"trivial decrease: shorter", {9.99995}, RETRY, SAVE, 2 / 3.9999, 9.99995},
+      {"uphill: shorter", {12}, RETRY, BACK, 0.25, 10},
+      {"far uphill: a tenth", {1e4}, RETRY, BACK, 0.1, 10},
+      {"shorter after uphill, good", {8, 1, -2, 1, 5, 3, 0.5, RETRY, -1}, ACCEPT_TEST, KEEP, 1, 8},
+      {"longer and better", {8, 1, -2, 1, 5, 3, 0.5, RETRY, 1, 9}, RETRY, SAVE, 4, 8},
+      {"longer and worse: the saved one",
+       {9.5, 1, -2, 1, 5, 3, 0.5, RETRY, 1, 9},
+       ACCEPT_TEST,
+       TAKE,
+       1,
+       9},
+      {"too big", {0, 1, -2, 1, 5, 3, 0.5, ACCEPT, 0, 10, 0.1, false, true}, RETRY, BACK, 0.5, 0},
+      {"longer and too big",
+       {0, 1, -2, 1, 5, 3, 0.5, RETRY, 1, 9, 0.1, false, true},
+       ACCEPT_TEST,
+       TAKE,
+       1,
+       9},
+      {"uphill in rounding",
+       {12, 1, -2, 1, 5, 3, 0.5, ACCEPT, 0, 10, 1e-15},
+       FALSE_CONVERGED,
+       BACK,
+       0.25,
+       10},
+      {"unbounded", {-1e21, 1e21, -2e21}, ACCEPT, KEEP, 1, -1e21},
+      {"Newton, tiny step",
+       {9, 1, -2, 0, 0.5, 3, 0.5, ACCEPT, 0, 10, 1e-12},
+       STEP_CONVERGED,
+       KEEP,
+       1,
+       9},
+      {"nothing to gain",
+       {10 - 2e-14, 2e-14, -4e-14, 0, 0.5, 2e-14},
+       FUNCTION_CONVERGED,
+       KEEP,
+       1,
+       10 - 2e-14},
+      {"both",
+       {10 - 2e-14, 2e-14, -4e-14, 0, 0.5, 2e-14, 0.5, ACCEPT, 0, 10, 1e-13},
+       BOTH_CONVERGED,
+       KEEP,
+       1,
+       10 - 2e-14},
+      {"a long step gains nothing",
+       {10 - 2e-14, 2e-14, -4e-14, 1, -1, 3, 2},
+       SINGULAR_CONVERGED,
+       KEEP,
+       1,
+       10 - 2e-14},
+      {"little, in a short step: what of a longer one?",
+       {10 - 2e-14, 2e-14, -4e-14, 1, -1, 3, 0.5},
+       SINGULAR_STEP,
+       SAVE,
+       1,
+       10 - 2e-14},
+      {"it gains nothing either",
+       {9, 1e-15, -2, 1, -1, 0, 1, SINGULAR_STEP},
+       SINGULAR_CONVERGED,
+       TAKE,
+       0,
+       9},
+      {"it would gain", {9, 1, -2, 1, -1, 0, 1, SINGULAR_STEP}, RETRY, TAKE, 0, 9},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    const Given& g = row.given;
+    MINSTR str{};
+    str.cold = 10.0;
+    str.crit = g.crit;
+    str.pred = g.pred;
+    str.lamb = g.lamb;
+    str.ssin = 1e20;
+    str.tbig = g.too_big ? 1.0 : 0.0;
+    DGWSTR d{};
+    d.minstr = &str;
+    d.dogleg = g.dogleg;
+    open_assessment(&d);
+    d.irc = g.irc;
+    d.xirc = RETRY;
+    d.rinc = g.rinc;
+    d.clgd = g.clgd;
+    d.gtst = d.gtsl = g.gtst;
+    d.plgd = 1.0;
+    d.dst0 = g.dst0;
+    d.nred = g.nred;
+    d.dstn = g.dstn;
+    d.dsts = 0.25;
+    d.rldx = g.rldx;
+    d.radf = 0.0;
+    EXPECT_EQ(assess(&d), row.result);
+    EXPECT_EQ(d.irc, row.result);
+    EXPECT_EQ(d.rest, row.rest);
+    EXPECT_NEAR(d.radf, row.radf, 1e-3);
+    EXPECT_EQ(str.crit, row.crit);
+    EXPECT_TRUE(row.rest != TAKE_SAVED || d.dstn == 0.25);
+  }
+}
+
+// ---- Runs ---------------------------------------------------------------------------------------
+
+enum class Constraints { none, box, row };
+
+struct Hidden {
+  const char* what;
+  double start[2];
+  Constraints constraints;  // -1 <= x, y <= 2; and x + y <= 3
+  double (*f)(double x, double y);
+  void (*derivatives)(double x, double y, double* g, double* h);
+  double minimum;
+  int code;  // 0: any criterion
+};
+
+// What the curvature hides from a method of descent: saddles that the gradient does not point away
+// from, concave functions, no curvature at all, and regions without a value.
+TEST(Trureg, FindsMinimaThatCurvatureHides) {
+  const auto saddle = [](double x, double y) { return x * x * x * x / 4 - x * x / 2 + y * y; };
+  const auto saddle_derivatives = [](double x, double y, double* g, double* h) {
+    g[0] = x * x * x - x;
+    g[1] = 2 * y;
+    h[0] = 3 * x * x - 1;
+    h[1] = 0;
+    h[2] = 2;
+  };
+  const auto concave = [](double x, double y) { return -x * x - y * y; };
+  const auto concave_derivatives = [](double x, double y, double* g, double* h) {
+    g[0] = -2 * x;
+    g[1] = -2 * y;
+    h[0] = h[2] = -2;
+    h[1] = 0;
+  };
+  const auto plane = [](double x, double y) { return x - 2 * y; };
+  const auto plane_derivatives = [](double, double, double* g, double* h) {
+    g[0] = 1;
+    g[1] = -2;
+    h[0] = h[1] = h[2] = 0;
+  };
+  const auto ditch = [](double x, double y) { return std::pow(x + y - 1, 2); };
+  const auto ditch_derivatives = [](double x, double y, double* g, double* h) {
+    g[0] = g[1] = 2 * (x + y - 1);
+    h[0] = h[1] = h[2] = 2;
+  };
+  const auto half = [](double x, double y) { return x > 0 ? x - std::log(x) + y * y : MISSING; };
+  const auto half_derivatives = [](double x, double y, double* g, double* h) {
+    g[0] = 1 - 1 / x;
+    g[1] = 2 * y;
+    h[0] = 1 / (x * x);
+    h[1] = 0;
+    h[2] = 2;
+  };
+  const Hidden runs[] = {
+      {"hard case", {0, 1}, Constraints::none, saddle, saddle_derivatives, -0.25, 0},
+      {"hard case, box", {0, 1}, Constraints::box, saddle, saddle_derivatives, -0.25, 0},
+      {"hard case, row", {0, 1}, Constraints::row, saddle, saddle_derivatives, -0.25, 0},
+      {"concave, box", {0.1, 0.2}, Constraints::box, concave, concave_derivatives, -8, 10},
+      {"concave, row", {0.2, 0.1}, Constraints::row, concave, concave_derivatives, -5, 10},
+      {"plane", {0.3, 0.4}, Constraints::box, plane, plane_derivatives, -5, 10},
+      {"plane, row", {0.3, 0.4}, Constraints::row, plane, plane_derivatives, -5, 10},
+      {"plane, from its vertex", {-1, 2}, Constraints::box, plane, plane_derivatives, -5, 0},
+      {"singular everywhere", {5, -3}, Constraints::none, ditch, ditch_derivatives, 0, 0},
+      {"defined in a half plane", {0.5, 9}, Constraints::none, half, half_derivatives, 1, 0},
+  };
+  for (const Hidden& run : runs) {
+    for (const int hesc : {0, 1, 2, 3}) {
+      SCOPED_TRACE(testing::Message() << run.what << ", hesc " << hesc);
+      TestRecord record(2, TRUREG);
+      record.hesc = hesc;
+      if (run.constraints != Constraints::none) record.with_bounds({-1, -1}, {2, 2});
+      if (run.constraints == Constraints::row) record.with_rows({{{-1, -1}, 1, -3}});
+      record.f = [&](const double* x) { return run.f(x[0], x[1]); };
+      record.g = [&](const double* x, double* g) {
+        double h[3];
+        run.derivatives(x[0], x[1], g, h);
+      };
+      record.h = [&](const double* x, double* h) {
+        double g[2];
+        run.derivatives(x[0], x[1], g, h);
+      };
+      record.with_callbacks().at({run.start[0], run.start[1]});
+      ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
+      const int code = znlpdrv(&record, 2, 0, 0, 0);
+      EXPECT_TRUE(run.code == 0 ? code > 0 && code < 10 : code == run.code) << code;
+      EXPECT_NEAR(record.crit, run.minimum, 1e-8);
+      EXPECT_LE(record.nitr, 20.0);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tqnlp::test
