@@ -479,8 +479,8 @@ static constexpr SubroutineRow NLPDD{
     "NLPDD   ",           DBLDOG,      1, {READ_GRADIENT, ARGS_GRADIENT}, {1, 2, 2},
     settle_double_dogleg, &FIRST_ORDER};
 static constexpr SubroutineRow NLPTR{
-    "NLPTR   ",   2, 4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2}, settle_second_order,
-    &SECOND_ORDER};
+    "NLPTR   ",          TRUREG,       4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2},
+    settle_second_order, &SECOND_ORDER};
 static constexpr SubroutineRow NLPNRA{
     "NLPNRA  ",   3, 4, {READ_HESSIAN, ARGS_SECOND_ORDER}, {1, 4, 2}, settle_second_order,
     &SECOND_ORDER};

@@ -52,7 +52,7 @@ const Exceptions TRUST_REGION = {
     {{"Osborne 1", "Biggs EXP6"},
      {ANY},
      -8,
-     "negative curvature leads into a valley that falls for ever, and ever more slowly"},
+     "the first steps lead into a valley that falls for ever; a first radius of 0.5 solves them"},
     {{"HS25"}, {ANY}, 3, FLAT},
     {{"HS54"}, {ANY}, 3, LARGE_SCALE},
     {{"S265"}, {ANY}, 3, SADDLE},

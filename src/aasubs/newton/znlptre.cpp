@@ -317,9 +317,14 @@ static Next load_start(MINSTR* str, TruregRun& run) {
   run.started = true;
   const int loaded = gethes(str, 1, run.user_hessian, &run.d.dgnm);
   if (loaded < 0 || str->tbig != 0.0) {
-    // After a restart the code in hand stands deliberately, 100 when the termination test asked
-    // for it.
-    if (first) run.ij = loaded < 0 ? loaded : -1;
+    // What the run ended with before a restart is no code of its end: it may be the 0 of a test
+    // that said go on. Only 100, by which the test itself asked for the restart, stands
+    // deliberately.
+    if (first) {
+      run.ij = loaded < 0 ? loaded : -1;
+    } else if (run.ij != STOP_OVERRULED) {
+      run.ij = loaded == -6 ? -6 : (loaded == -2 ? -4 : FUNCTION_FAILED);
+    }
     return Next::leave;
   }
   open_assessment(&run.d);

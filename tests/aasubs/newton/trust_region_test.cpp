@@ -147,84 +147,49 @@ TEST(Assessment, OfEveryState) {
 
 // ---- Runs ---------------------------------------------------------------------------------------
 
-enum class Constraints { none, box, row };
+enum class Constraints { none, box, row };  // -1 <= x, y <= 2; and x + y <= 3
 
 struct Hidden {
-  const char* what;
-  double start[2];
-  Constraints constraints;  // -1 <= x, y <= 2; and x + y <= 3
-  double (*f)(double x, double y);
-  void (*derivatives)(double x, double y, double* g, double* h);
+  Problem problem;
+  Constraints constraints;
   double minimum;
-  int code;  // 0: any criterion
+  int code;                 // 0: any criterion
+  bool half_plane = false;  // no value where x <= 0
 };
 
 // What the curvature hides from a method of descent: saddles that the gradient does not point away
 // from, concave functions, no curvature at all, and regions without a value.
 TEST(Trureg, FindsMinimaThatCurvatureHides) {
-  const auto saddle = [](double x, double y) { return x * x * x * x / 4 - x * x / 2 + y * y; };
-  const auto saddle_derivatives = [](double x, double y, double* g, double* h) {
-    g[0] = x * x * x - x;
-    g[1] = 2 * y;
-    h[0] = 3 * x * x - 1;
-    h[1] = 0;
-    h[2] = 2;
+  const auto saddle = [](auto x) {
+    return 0.25 * x[0] * x[0] * x[0] * x[0] - 0.5 * x[0] * x[0] + x[1] * x[1];
   };
-  const auto concave = [](double x, double y) { return -x * x - y * y; };
-  const auto concave_derivatives = [](double x, double y, double* g, double* h) {
-    g[0] = -2 * x;
-    g[1] = -2 * y;
-    h[0] = h[2] = -2;
-    h[1] = 0;
-  };
-  const auto plane = [](double x, double y) { return x - 2 * y; };
-  const auto plane_derivatives = [](double, double, double* g, double* h) {
-    g[0] = 1;
-    g[1] = -2;
-    h[0] = h[1] = h[2] = 0;
-  };
-  const auto ditch = [](double x, double y) { return std::pow(x + y - 1, 2); };
-  const auto ditch_derivatives = [](double x, double y, double* g, double* h) {
-    g[0] = g[1] = 2 * (x + y - 1);
-    h[0] = h[1] = h[2] = 2;
-  };
-  const auto half = [](double x, double y) { return x > 0 ? x - std::log(x) + y * y : MISSING; };
-  const auto half_derivatives = [](double x, double y, double* g, double* h) {
-    g[0] = 1 - 1 / x;
-    g[1] = 2 * y;
-    h[0] = 1 / (x * x);
-    h[1] = 0;
-    h[2] = 2;
-  };
+  const auto concave = [](auto x) { return -1.0 * x[0] * x[0] - x[1] * x[1]; };
+  const auto plane = [](auto x) { return x[0] - 2.0 * x[1]; };
+  const auto ditch = [](auto x) { return (x[0] + x[1] - 1.0) * (x[0] + x[1] - 1.0); };
+  const auto pole = [](auto x) { return x[0] + 1.0 / x[0] + x[1] * x[1]; };
   const Hidden runs[] = {
-      {"hard case", {0, 1}, Constraints::none, saddle, saddle_derivatives, -0.25, 0},
-      {"hard case, box", {0, 1}, Constraints::box, saddle, saddle_derivatives, -0.25, 0},
-      {"hard case, row", {0, 1}, Constraints::row, saddle, saddle_derivatives, -0.25, 0},
-      {"concave, box", {0.1, 0.2}, Constraints::box, concave, concave_derivatives, -8, 10},
-      {"concave, row", {0.2, 0.1}, Constraints::row, concave, concave_derivatives, -5, 10},
-      {"plane", {0.3, 0.4}, Constraints::box, plane, plane_derivatives, -5, 10},
-      {"plane, row", {0.3, 0.4}, Constraints::row, plane, plane_derivatives, -5, 10},
-      {"plane, from its vertex", {-1, 2}, Constraints::box, plane, plane_derivatives, -5, 0},
-      {"singular everywhere", {5, -3}, Constraints::none, ditch, ditch_derivatives, 0, 0},
-      {"defined in a half plane", {0.5, 9}, Constraints::none, half, half_derivatives, 1, 0},
+      {scalar_problem("hard case", {0, 1}, {}, saddle), Constraints::none, -0.25, 0},
+      {scalar_problem("hard case, box", {0, 1}, {}, saddle), Constraints::box, -0.25, 0},
+      {scalar_problem("hard case, row", {0, 1}, {}, saddle), Constraints::row, -0.25, 0},
+      {scalar_problem("concave, box", {0.1, 0.2}, {}, concave), Constraints::box, -8, 10},
+      {scalar_problem("concave, row", {0.2, 0.1}, {}, concave), Constraints::row, -5, 10},
+      {scalar_problem("plane, box", {0.3, 0.4}, {}, plane), Constraints::box, -5, 10},
+      {scalar_problem("plane, row", {0.3, 0.4}, {}, plane), Constraints::row, -5, 10},
+      {scalar_problem("plane, vertex", {-1, 2}, {}, plane), Constraints::box, -5, 0},
+      {scalar_problem("singular", {5, -3}, {}, ditch), Constraints::none, 0, 0},
+      {scalar_problem("half plane", {0.5, 9}, {}, pole), Constraints::none, 2, 0, true},
   };
   for (const Hidden& run : runs) {
     for (const int hesc : {0, 1, 2, 3}) {
-      SCOPED_TRACE(testing::Message() << run.what << ", hesc " << hesc);
+      SCOPED_TRACE(testing::Message() << run.problem.name << ", hesc " << hesc);
       TestRecord record(2, TRUREG);
+      install(record, run.problem);
       record.hesc = hesc;
+      record.f = [&](const double* x) {
+        return run.half_plane && x[0] <= 0 ? MISSING : run.problem.value(x);
+      };
       if (run.constraints != Constraints::none) record.with_bounds({-1, -1}, {2, 2});
       if (run.constraints == Constraints::row) record.with_rows({{{-1, -1}, 1, -3}});
-      record.f = [&](const double* x) { return run.f(x[0], x[1]); };
-      record.g = [&](const double* x, double* g) {
-        double h[3];
-        run.derivatives(x[0], x[1], g, h);
-      };
-      record.h = [&](const double* x, double* h) {
-        double g[2];
-        run.derivatives(x[0], x[1], g, h);
-      };
-      record.with_callbacks().at({run.start[0], run.start[1]});
       ASSERT_EQ(znlpdrv(&record, 1, 0, 0, 0), 0);
       const int code = znlpdrv(&record, 2, 0, 0, 0);
       EXPECT_TRUE(run.code == 0 ? code > 0 && code < 10 : code == run.code) << code;
