@@ -48,7 +48,7 @@ const Exceptions NEWTON_SEARCH = {
      "a dozen calls an iteration: the limit of 500 is met on the way"}};
 
 const Exceptions TRUST_REGION = {
-    {{"Meyer"}, {ANY}, -8, "a long curved valley: 210 to 240 iterations, the limit is 200"},
+    {{"Meyer"}, {ANY}, -8, VALLEY},
     {{"Osborne 1", "Biggs EXP6"},
      {ANY},
      -8,

@@ -230,13 +230,19 @@ static void test_gradient(MINSTR* str, DGWSTR& d, double length_at_xold) {
   apply_gradient_tests(&d, zvenorm(order, 1, mismatch), length_at_xold, slope);
 }
 
+// A step that was accepted is given up after all: the next trial from xold is judged as a first
+// one.
+static void forget_verdict(DGWSTR& d) {
+  d.irc = d.xirc = ACCEPT;
+  d.cnvcod = 0;
+}
+
 // Derivatives at the accepted point failed: from xold with a smaller radius. The failed load has
 // left parts of its own in gradient and matrix; the working set and the scale are still those of
 // xold.
 static Next retreat_from_bad_derivatives(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
-  d.irc = d.xirc = ACCEPT;
-  d.cnvcod = 0;
+  forget_verdict(d);
   const Next next = shrink_radius(str, run, -4);
   const bool user_hessian = run.user_hessian;
   if (next != Next::solve_again) {
@@ -260,7 +266,10 @@ static Next accept_step(MINSTR* str, TruregRun& run) {
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.
-  if (str->nfct != d.nfgc && !evaluate_objective(str)) return shrink_radius(str, run, -1);
+  if (str->nfct != d.nfgc && !evaluate_objective(str)) {
+    forget_verdict(d);
+    return shrink_radius(str, run, -1);
+  }
   d.nfgc = str->nfct;
   str->nitr += 1.0;
   ++str->itre;
