@@ -60,26 +60,35 @@ static double* predicted_gradient(const MINSTR* str) { return str->wrk2 + 3 * st
 // ---- Derivatives --------------------------------------------------------------------------------
 
 // Elements of a Hessian by differences that are no more than the error of a difference would make
-// scales of noise: beside the diagonal they become zero, on it they become small.
-static void clear_difference_noise(MINSTR* str) {
+// scales of noise: beside the diagonal they become zero, on it they become small. Returns whether a
+// curvature was lost so.
+static bool clear_difference_noise(MINSTR* str) {
   static constexpr double LARGEST_STAND_IN = 1e-06;
   static constexpr double SAFETY = 100.0;
-  if (str->hesc == 0 || fidi_digit(str->fidi, 3) == 0) return;
+  if (str->hesc == 0 || fidi_digit(str->fidi, 3) == 0) return false;
   const double accuracy = str->fdig > 0.0 ? std::pow(10.0, -str->fdig) : EPS;
   const double step = std::cbrt(accuracy);
   const double noise = SAFETY * (std::max(1.0, std::fabs(str->crit)) / step) * (EPS / step);
   const double stand_in = std::min(noise, LARGEST_STAND_IN);
   double* cell = str->hess;
+  bool lost = false;
   for (long i = 0; i < str->nvar; ++i) {
     for (long j = str->hfrm == 2 ? i : 0; j <= i; ++j, ++cell) {
-      if (std::fabs(*cell) < noise) *cell = i == j ? stand_in : 0.0;
+      if (!(std::fabs(*cell) < noise)) continue;
+      *cell = i == j ? stand_in : 0.0;
+      lost |= i == j;
     }
   }
+  return lost;
 }
 
 // The reduced problem from gradient and Hessian at x; *norm: length of the scaled reduced gradient.
 static void reduce_problem(MINSTR* str, bool user_hessian, bool rescale, double* norm) {
-  if (user_hessian) clear_difference_noise(str);
+  if (user_hessian && clear_difference_noise(str) && rescale) {
+    // As where the Hessian is singular: the scale would be that of the stand-in.
+    vzfdl(1.0, str->dsca, str->nvar);
+    rescale = false;
+  }
   newton_project(str, str->hfrm == 2 ? 2 : 0, rescale, norm);
 }
 
@@ -115,8 +124,8 @@ static Next shrink_radius(MINSTR* str, TruregRun& run, int code) {
   return Next::finish;
 }
 
-// Cuts the step at the first linear constraint or bound that blocks it. Deliberately the promise of
-// the model stays that of the full step: it is a bound of what the constraint leaves.
+// Cuts the step at the first linear constraint or bound that blocks it. The trial is judged by what
+// the model promises for the cut step.
 static Next limit_step(MINSTR* str, TruregRun& run) {
   zero_negligible_components(str, str->sdir);
   long blocking = -1;
@@ -129,6 +138,8 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
     }
     run.d.dpnm *= str->stub;
     run.d.dstn *= str->stub;
+    str->pred = str->stub * (str->stub * (str->pred + run.d.gtst) - run.d.gtst);
+    run.d.gtst *= str->stub;
     return Next::go_on;
   }
   str->delt /= AFTER_FAILURE;
@@ -154,7 +165,10 @@ static Next end_of_model(MINSTR* str, TruregRun& run) {
 static Next judge(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
   const bool singular_test = d.irc == SINGULAR_STEP;
-  if (!singular_test) measure_step(&d);
+  if (!singular_test) {
+    measure_step(&d);
+    d.rldx /= str->stub;  // a constraint that is near is no sign of convergence
+  }
   assess(&d);
   carry_out_rest(&d);
   // The radius is that of the step which the verdict is about, not that of the test.
@@ -226,7 +240,9 @@ static void test_gradient(MINSTR* str, DGWSTR& d, double length_at_xold) {
     if (str->hesc != 0) mismatch[k] /= component_scale(str, k);
     mismatch[k] += str->gold[k];
   }
-  const double slope = dotprd(str->nvar, str->grad, str->sdir);
+  double* step = str->wrk2 + 2 * str->nvar;
+  zvaxpy(step, str->xold, str->x, str->nvar, -1.0);
+  const double slope = dotprd(str->nvar, str->grad, step);
   apply_gradient_tests(&d, zvenorm(order, 1, mismatch), length_at_xold, slope);
 }
 
@@ -258,11 +274,22 @@ static Next retreat_from_bad_derivatives(MINSTR* str, TruregRun& run) {
   return Next::finish;
 }
 
+// The share of sdir that the step from xold to x is: below 1 where a constraint has cut it.
+static double share_taken(const MINSTR* str) {
+  double step = 0.0;
+  for (long j = 0; j < str->nvar; ++j) step = std::max(step, std::fabs(str->x[j] - str->xold[j]));
+  return step / zvamx(str->nvar, str->sdir);
+}
+
 // Takes the step: feasibility, derivatives, termination test, radius of the next iteration.
 static Next accept_step(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
   const bool by_gradient = d.irc == ACCEPT_TEST;
   if (by_gradient) predict_gradient(str, d);
+  // What the termination test sees is deliberately not less than the full step promised: a cut
+  // says nothing about how much there is to gain.
+  const double share = str->lincon != 0 ? share_taken(str) : 1.0;
+  if (share > 0.0 && share < 1.0) str->pred /= share;
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.

@@ -175,6 +175,8 @@ TEST(Trureg, FindsMinimaThatCurvatureHides) {
       {scalar_problem("concave, row", {0.2, 0.1}, {}, concave), Constraints::row, -5, 10},
       {scalar_problem("plane, box", {0.3, 0.4}, {}, plane), Constraints::box, -5, 10},
       {scalar_problem("plane, row", {0.3, 0.4}, {}, plane), Constraints::row, -5, 10},
+      {scalar_problem("plane, near the row", {1.4999999, 1.5}, {}, plane), Constraints::row, -5,
+       10},
       {scalar_problem("plane, vertex", {-1, 2}, {}, plane), Constraints::box, -5, 0},
       {scalar_problem("singular", {5, -3}, {}, ditch), Constraints::none, 0, 0},
       {scalar_problem("half plane", {0.5, 9}, {}, pole), Constraints::none, 2, 0, true},
