@@ -74,7 +74,7 @@ static constexpr long TERMINATION_COUNTS = 30;
 static long technique_work(const MINSTR* str, long n) {
   switch (str->tech) {
     case TRUREG:
-      return 4 * n;
+      return 6 * n;
     case NEWRAP:
       return 2 * n;
     case NRRIDG:

@@ -180,7 +180,8 @@ static int second_order_digits(const ARGMTS* argm, int choice) {
 }
 
 // A sparse Hessian must come from a module. ratio: density above which the dense form is kept; with
-// linear constraints the projection fills the matrix, so that it is always dense.
+// linear constraints the projection fills the matrix, so that it is always dense, and TRUREG has no
+// sparse factor.
 static int settle_second_order(MINSTR* str, long* nonzeros) {
   ARGMTS* argm = str->secstr;
   str->fidi = second_order_digits(argm, str->fidi);
@@ -190,7 +191,7 @@ static int settle_second_order(MINSTR* str, long* nonzeros) {
     return ENTRY_BAD_ARGUMENT;
   }
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
-  str->ratio = str->lincon == 0 ? 0.5 : 0.0;
+  str->ratio = str->lincon == 0 && str->tech != TRUREG ? 0.5 : 0.0;
   str->tzer = 1.1102230246251569e-15;
   str->ddif = 1e-6;
   return rc;

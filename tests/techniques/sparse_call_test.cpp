@@ -15,7 +15,7 @@ const Matrix NONE;
 const double M = missing, NO_NUMBER = std::nan(""), INF = std::numeric_limits<double>::infinity();
 
 // The subroutines that take a sparse Hessian.
-const char* const SUBROUTINES[] = {"NLPNRR", "NLPNRA"};
+const char* const SUBROUTINES[] = {"NLPNRR", "NLPNRA", "NLPTR"};
 
 enum class Rows { dense, lower, upper, both, shuffled };  // shuffled anew in every call
 

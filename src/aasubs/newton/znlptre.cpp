@@ -11,7 +11,7 @@
 // Writes     x, crit, grad, gmax, gcri, pred, delt, lamb, alfa, stub, dfes, dsca, chac, null,
 //            counters
 // Work       wrk2 = diagonal of H (n) | scaled step (n) | vector (n) | predicted gradient (n)
-//            half = factor (nnva) | saved point (n) | its step (n)
+//            | saved point (n) | its step (n); half = factor
 //            gold = negative scaled reduced gradient; work = reduced step;
 //            hess (hpro with linear constraints) = scaled reduced Hessian
 // Ends       codes of uster; -1 no evaluable step, -4 derivatives failed, -5 no progress, -6
@@ -385,7 +385,7 @@ int znlptre(MINSTR* str) {
   TruregRun run;
   run.d.minstr = str;
   run.d.dogleg = false;
-  run.d.xsav = str->half + str->nnva;
+  run.d.xsav = str->wrk2 + 4 * str->nvar;
   run.d.ssav = run.d.xsav + str->nvar;
   return technique_loop<TruregRun>(str, run, {load_start, one_iteration, end_stage});
 }
