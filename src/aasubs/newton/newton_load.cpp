@@ -46,26 +46,29 @@ static double difference_noise(const MINSTR* str) {
   return MARGIN * (std::max(1.0, std::fabs(str->crit)) / step) * (EPS / step);
 }
 
-void clean_difference_hessian(MINSTR* str) {
+// Returns whether a curvature was lost.
+static bool clean_difference_hessian(MINSTR* str) {
   static constexpr int FROM_VALUES = 1000;  // thousands digit of fidi: 1, 2 from function values,
   static constexpr int FROM_GRADIENTS_CENTRAL = 4000;  // 3, 4 from gradients
   static constexpr double LARGEST_REST = 1e-6;
-  if (str->hesc == 0 || str->fidi < FROM_VALUES || str->fidi > FROM_GRADIENTS_CENTRAL) return;
+  if (str->hesc == 0 || str->fidi < FROM_VALUES || str->fidi > FROM_GRADIENTS_CENTRAL) return false;
   const double noise = difference_noise(str);
+  bool lost = false;
   const auto clean = [&](long k, bool diagonal) {
-    if (std::fabs(str->hess[k]) < noise) {
-      str->hess[k] = diagonal ? std::min(noise, LARGEST_REST) : 0.0;
-    }
+    if (!(std::fabs(str->hess[k]) < noise)) return;
+    str->hess[k] = diagonal ? std::min(noise, LARGEST_REST) : 0.0;
+    lost |= diagonal;
   };
   const long n = str->nvar;
   if (str->hfrm == 0) {
     for (long i = 0, k = 0; i < n; ++i) {
       for (long j = 0; j <= i; ++j, ++k) clean(k, i == j);
     }
-    return;
+    return lost;
   }
   for (long i = 0; i < n; ++i) clean(i, true);
   for (long k = n + 1; str->hfrm == 1 && k < str->shes.mxja; ++k) clean(k, false);
+  return lost;
 }
 
 // ---- Projection ---------------------------------------------------------------------------------
@@ -100,6 +103,14 @@ long newton_project(MINSTR* str, int form, bool rescale, double* norm) {
   if (linear && rescale && str->hesc != 0) update_scale(str, 0, order, matrix);
   *norm = znlphs2(str, linear ? 0 : form, str->gold);
   return order;
+}
+
+long newton_project_clean(MINSTR* str, int form, bool user_hessian, bool rescale, double* norm) {
+  if (user_hessian && clean_difference_hessian(str) && rescale) {
+    vzfdl(1.0, str->dsca, str->nvar);
+    rescale = false;
+  }
+  return newton_project(str, form, rescale, norm);
 }
 
 }  // namespace tqnlp

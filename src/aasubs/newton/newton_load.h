@@ -15,17 +15,17 @@ int newton_derivatives(MINSTR* str, int user_hessian);
 // feasible point.
 int newton_load(MINSTR* str, int job, bool user_hessian);
 
-// Differences leave noise in a Hessian where its elements are zero, which the scaling (hesc) would
-// blow up: elements below the noise of second differences become 0, on the diagonal at most 1e-6.
-// Nothing happens without scaling or when the Hessian is the user's. Between newton_load and
-// newton_project.
-void clean_difference_hessian(MINSTR* str);
-
 // Projects gradient and Hessian into the free subspace (into hpro and gpro with linear constraints,
 // in hess otherwise) and scales them with dsca. gold receives the negative scaled reduced gradient,
 // *norm its length. form 0 packed, 1 sparse, 2 diagonal (with linear constraints the reduced matrix
 // is packed whatever form says). Without rescale dsca stays as it is. Returns the order of the
 // reduced problem; with 0 nothing but gmax and gcri is set, and *norm is 0.
 long newton_project(MINSTR* str, int form, bool rescale, double* norm);
+
+// The same for a Hessian that differences may have made. They leave noise where its elements are
+// zero, which the scaling (hesc) would blow up: elements below the noise of second differences
+// become 0, on the diagonal at most 1e-6, and where a curvature is lost so the scale is 1, as it is
+// for a singular Hessian. A Hessian of the user's, and the identity, are projected as they are.
+long newton_project_clean(MINSTR* str, int form, bool user_hessian, bool rescale, double* norm);
 
 }  // namespace tqnlp

@@ -84,8 +84,7 @@ static double* diagonal_room(const MINSTR* str) { return str->wrk2 + str->nvar; 
 static int gethes(MINSTR* str, NewtonRun& run, int job) {
   const int code = newton_load(str, job, true);
   if (code != 0) return code;
-  clean_difference_hessian(str);
-  run.order = newton_project(str, str->hfrm, true, &run.norm);
+  run.order = newton_project_clean(str, str->hfrm, true, true, &run.norm);
   return 0;
 }
 

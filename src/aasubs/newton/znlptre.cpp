@@ -59,37 +59,9 @@ static double* predicted_gradient(const MINSTR* str) { return str->wrk2 + 3 * st
 
 // ---- Derivatives --------------------------------------------------------------------------------
 
-// Elements of a Hessian by differences that are no more than the error of a difference would make
-// scales of noise: beside the diagonal they become zero, on it they become small. Returns whether a
-// curvature was lost so.
-static bool clear_difference_noise(MINSTR* str) {
-  static constexpr double LARGEST_STAND_IN = 1e-06;
-  static constexpr double SAFETY = 100.0;
-  if (str->hesc == 0 || fidi_digit(str->fidi, 3) == 0) return false;
-  const double accuracy = str->fdig > 0.0 ? std::pow(10.0, -str->fdig) : EPS;
-  const double step = std::cbrt(accuracy);
-  const double noise = SAFETY * (std::max(1.0, std::fabs(str->crit)) / step) * (EPS / step);
-  const double stand_in = std::min(noise, LARGEST_STAND_IN);
-  double* cell = str->hess;
-  bool lost = false;
-  for (long i = 0; i < str->nvar; ++i) {
-    for (long j = str->hfrm == 2 ? i : 0; j <= i; ++j, ++cell) {
-      if (!(std::fabs(*cell) < noise)) continue;
-      *cell = i == j ? stand_in : 0.0;
-      lost |= i == j;
-    }
-  }
-  return lost;
-}
-
 // The reduced problem from gradient and Hessian at x; *norm: length of the scaled reduced gradient.
 static void reduce_problem(MINSTR* str, bool user_hessian, bool rescale, double* norm) {
-  if (user_hessian && clear_difference_noise(str) && rescale) {
-    // As where the Hessian is singular: the scale would be that of the stand-in.
-    vzfdl(1.0, str->dsca, str->nvar);
-    rescale = false;
-  }
-  newton_project(str, str->hfrm == 2 ? 2 : 0, rescale, norm);
+  newton_project_clean(str, str->hfrm == 2 ? 2 : 0, user_hessian, rescale, norm);
 }
 
 // Loads derivatives at x and reduces the problem; job and result as for newton_load.
