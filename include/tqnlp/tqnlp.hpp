@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -40,19 +41,39 @@ struct Task;
 extern const double missing;
 bool is_missing(double value);
 
+// One number of a list in braces, of any arithmetic type: {n, 0.5} needs no casts.
+class Number {
+ public:
+  template <class Arithmetic>
+  requires std::is_arithmetic_v<Arithmetic> Number(Arithmetic value)
+      : value_(static_cast<double>(value)) {}
+  operator double() const { return value_; }
+
+ private:
+  double value_;
+};
+
 // A numeric matrix by rows, or a 1x1 character matrix that holds a name. Copying copies the
 // numbers. A matrix without elements stands for an absent argument.
+//
+// Numbers in braces are always the numbers of the matrix, sizes stand in parentheses:
+//
+//   tql.call("NLPQN", {"F", {-1.2, 1}, {0, 2}})   {-1.2, 1} and {0, 2}: rows of two numbers
+//   {{1, 2}, {3, 4}}                              two rows, as Matrix::of makes them
+//   Matrix(2, 5)                                  two by five zeros; no list in braces makes these
 //
 // Sizes below zero, sizes whose product no memory can hold and a list of the wrong length are
 // refused with std::invalid_argument; an index outside the matrix with std::out_of_range; reading
 // numbers of a character matrix with std::invalid_argument.
 class Matrix {
  public:
-  Matrix() = default;                                         // empty, 0x0
-  Matrix(long rows, long cols);                               // zeros
-  Matrix(long rows, long cols, std::vector<double> by_rows);  // the numbers row after row
-  Matrix(const char* name);                                   // character
-  Matrix(std::string name);                                   // character
+  Matrix() = default;                                                 // empty, 0x0
+  Matrix(std::initializer_list<Number> row);                          // {1, 2}: a row
+  Matrix(std::initializer_list<std::initializer_list<Number>> rows);  // {{1, 2}, {3, 4}}
+  explicit Matrix(long rows, long cols);                              // zeros
+  Matrix(long rows, long cols, std::vector<double> by_rows);          // the numbers row after row
+  Matrix(const char* name);                                           // character
+  Matrix(std::string name);                                           // character
   Matrix(std::nullptr_t) = delete;
   Matrix(const Matrix&) = default;
   Matrix& operator=(const Matrix&) = default;
@@ -66,7 +87,7 @@ class Matrix {
   static Matrix filled(long rows, long cols, double value);
   static Matrix identity(long n);
   // Matrix::of({{1, 2}, {3, 4}}): every row of the same length.
-  static Matrix of(std::initializer_list<std::initializer_list<double>> rows);
+  static Matrix of(std::initializer_list<std::initializer_list<Number>> rows);
 
   long rows() const { return rows_; }
   long cols() const { return cols_; }
@@ -190,7 +211,9 @@ class CallError : public Error {
 };
 
 // The call could not go on: code() is 1016 no memory for the table of subroutines, 1020 a work file
-// failed, 9999 an inconsistency. All memory of the call has been released; the session goes on.
+// failed, 9999 a state that the technique cannot go on from: a module that failed where its value
+// was needed, which the text names, or an inconsistency. All memory of the call has been released;
+// the session goes on.
 class FatalError : public Error {
  public:
   FatalError(int code, const std::string& text, std::vector<LogRecord> log)
@@ -226,10 +249,13 @@ class Session {
   using Termination = std::function<double(const Matrix& x, double crit)>;
   using Sink = std::function<void(std::string_view line)>;
 
+  // A session that was moved from refuses everything with std::logic_error until another one is
+  // moved into it. While a call runs on a session, from within its modules, assigning to it throws
+  // std::logic_error; destroying it ends the run in order, and the caller gets a std::logic_error.
   Session();
   ~Session();
   Session(Session&&) noexcept;
-  Session& operator=(Session&&) noexcept;
+  Session& operator=(Session&&);
 
   // Makes a module known under a name of 1 to 32 characters, upper and lower case being the same; a
   // module of that name is replaced. The body gets the point as a 1xn matrix, valid until it
@@ -267,7 +293,9 @@ class Session {
   void sink(Sink write);
 
   // Log and tables of the last call. Every call that is not made from within a module of this
-  // session clears both at its start; nested calls add to those of the call around them.
+  // session clears both at its start; nested calls add to those of the call around them, as long as
+  // these are short: beyond 10,000 lines and rows a nested call leaves nothing behind, and the log
+  // tells how many did not.
   const std::vector<LogRecord>& log() const;
   const std::vector<Table>& tables() const;
   // Lines of the last call's report that stand outside of tables.
@@ -291,11 +319,13 @@ class Session {
   static std::vector<Subroutine> subroutines();
 
   // For the tests of this library.
-  embed::Task& task() { return *task_; }
-  const embed::Task& task() const { return *task_; }
+  embed::Task& task() { return live(); }
+  const embed::Task& task() const { return live(); }
 
  private:
-  std::unique_ptr<embed::Task> task_;
+  embed::Task& live() const;  // refuses a session that was moved from
+
+  std::shared_ptr<embed::Task> task_;  // a running call holds it too
 };
 
 // The last call of a session as text to read (log, then tables, then the work), as a JSON document,

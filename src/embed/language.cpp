@@ -201,12 +201,16 @@ void tqlrc(int request) {
   if (task.faults[static_cast<int>(Fault::module_call)].strikes()) return;
   TQLCALL& call = *ss->call;
   ++call.work->calls;
+  frame.failed = &call;
   ++call.work->failed;  // until it is known that it did not, also by a resume further out
   const int state = task.math_error == nullptr ? run_body(task, frame, *ss, call)
                                                : run_watched(task, frame, *ss, call);
   ss->status = frame.exit_state = state;
   if (state != GOOD) return;
-  if (has_value(call.result)) --call.work->failed;
+  if (has_value(call.result)) {
+    --call.work->failed;
+    frame.failed = nullptr;
+  }
   frame.record.result = call.result.data();
   if (TQLSYM* symbol = ss->result) {
     symbol->kind = call.result.is_character() ? CHARACTER : NUMERIC;

@@ -30,8 +30,14 @@ static LogRecord numbered(int group, int number, MsgArgs args) {
           embed::message_text(group, number, args)};
 }
 
+// When a module or the sink has thrown, no module is run any more. What the techniques then say of
+// modules that fail is no news, and would accuse the wrong one: the end of the call names the
+// cause.
 void xpmlog(int group, int number, MsgArgs args) {
-  embed::add_log(embed::current_task(), numbered(group, number, args));
+  Task& task = embed::current_task();
+  LogRecord line = numbered(group, number, args);
+  if (task.frame().thrown != nullptr && line.severity != Severity::note) return;
+  embed::add_log(task, std::move(line));
 }
 
 void xpmout(int group, int number, MsgArgs args) {

@@ -55,6 +55,26 @@ Matrix::Matrix(long rows, long cols, std::vector<double> by_rows) : rows_(rows),
     values_ = std::move(by_rows);
 }
 
+Matrix::Matrix(std::initializer_list<Number> row)
+    : Matrix(1, static_cast<long>(row.size()), std::vector<double>(row.begin(), row.end())) {}
+
+// From rows that are written out; all must have the length of the first.
+static std::vector<double> joined(std::initializer_list<std::initializer_list<Number>> rows) {
+  std::vector<double> values;
+  for (const auto& row : rows) {
+    if (row.size() != rows.begin()->size())
+      throw std::invalid_argument("Matrix: a row has " + std::to_string(row.size()) +
+                                  " numbers, the first one " +
+                                  std::to_string(rows.begin()->size()));
+    values.insert(values.end(), row.begin(), row.end());
+  }
+  return values;
+}
+
+Matrix::Matrix(std::initializer_list<std::initializer_list<Number>> rows)
+    : Matrix(static_cast<long>(rows.size()),
+             rows.size() == 0 ? 0 : static_cast<long>(rows.begin()->size()), joined(rows)) {}
+
 Matrix::Matrix(const char* name) : rows_(1), cols_(1), character_(true) {
   if (name == nullptr) throw std::invalid_argument("Matrix: a null pointer is no name");
   text_ = name;
@@ -111,17 +131,8 @@ Matrix Matrix::identity(long n) {
   return result;
 }
 
-// From rows that are written out; all must have the length of the first.
-Matrix Matrix::of(std::initializer_list<std::initializer_list<double>> rows) {
-  std::vector<double> values;
-  const std::size_t cols = rows.size() == 0 ? 0 : rows.begin()->size();
-  for (const auto& line : rows) {
-    if (line.size() != cols)
-      throw std::invalid_argument("Matrix: a row has " + std::to_string(line.size()) +
-                                  " numbers, the first one " + std::to_string(cols));
-    values.insert(values.end(), line.begin(), line.end());
-  }
-  return Matrix(static_cast<long>(rows.size()), static_cast<long>(cols), std::move(values));
+Matrix Matrix::of(std::initializer_list<std::initializer_list<Number>> rows) {
+  return Matrix(rows);
 }
 
 // ---- Access -------------------------------------------------------------------------------------

@@ -363,8 +363,7 @@ bool is_history(const Table& table) { return table.name == "IterHist" && !is_pai
 
 // The headings name the columns of a history that goes on well enough.
 std::string history_head(const Table& table) {
-  Table empty = table;
-  empty.rows.clear();
+  const Table empty{table.name, table.template_name, table.title, table.columns, {}};
   return (table.continued ? "" : title_lines(table)) + header_lines(history_columns(empty));
 }
 
@@ -412,14 +411,6 @@ std::string log_line(const LogRecord& line) {
   return text;
 }
 
-bool is_in_log(const Task& task, const LogRecord& printed) {
-  return printed.group != 0 &&
-         std::any_of(task.log.begin(), task.log.end(), [&printed](const LogRecord& line) {
-           return line.group == printed.group && line.number == printed.number &&
-                  line.text == printed.text;
-         });
-}
-
 }  // namespace embed
 
 // Calls and seconds, in fixed forms: the times differ from run to run, the places of the numbers do
@@ -455,6 +446,7 @@ std::string text_report(const Session& session) {
   bool behind_table = false;
   for (std::size_t k = 0; k <= task.tables.size(); ++k) {
     for (; next < task.printed.size() && task.printed_after[next] == k; ++next) {
+      // A message that the log holds too is told once.
       if (embed::is_in_log(task, task.printed[next])) continue;
       if (behind_table) text += "\n";
       behind_table = false;

@@ -21,9 +21,6 @@ std::string history_row(const Table& table, std::size_t k);
 // A line of the log with its severity in front; literal lines as they are.
 std::string log_line(const LogRecord& line);
 
-// Does the log hold this printed message too? Then a report tells it once.
-bool is_in_log(const Task& task, const LogRecord& printed);
-
 // A number with so many decimals; words for numbers that are not finite.
 std::string fixed_text(double value, int decimals);
 

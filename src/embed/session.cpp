@@ -221,6 +221,13 @@ static std::string exception_text(const std::exception_ptr& thrown) {
   }
 }
 
+// A module that failed last is the likely cause of a state that a technique cannot go on from.
+static std::string cause_of_exit(const Frame& frame, int exit_code) {
+  if (exit_code != EXIT_INCONSISTENT || frame.failed == nullptr) return meaning_of_exit(exit_code);
+  return "module " + frame.failed->module->name +
+         " gave no value where the run cannot do without it";
+}
+
 // Says in the log why a call broke off.
 static void log_early_end(Task& task, const Frame& frame, int exit_code) {
   if (frame.thrown != nullptr)
@@ -230,7 +237,31 @@ static void log_early_end(Task& task, const Frame& frame, int exit_code) {
   if (exit_code != 0)
     embed::add_log(task, 0, 0, Severity::error,
                    "The call ended with exit code " + std::to_string(exit_code) + ": " +
-                       meaning_of_exit(exit_code) + ".");
+                       cause_of_exit(frame, exit_code) + ".");
+}
+
+// The reports of nested calls are kept until so many lines and rows stand in them.
+static constexpr std::size_t MOST_LINES = 10000;
+
+// At the end of a nested call: takes its reports back when there are too many already. A module
+// that makes calls without end would otherwise fill the memory.
+static void limit_nested_reports(Task& task, const Frame& frame) {
+  if (task.log.size() + task.printed.size() + task.table_rows <= MOST_LINES) return;
+  ++task.calls_left_out;
+  for (std::size_t k = frame.first_table; k < task.tables.size(); ++k)
+    task.table_rows -= task.tables[k].rows.size();
+  task.log.resize(frame.first_log);
+  task.tables.resize(frame.first_table);
+  task.printed.resize(frame.first_printed);
+  task.printed_after.resize(frame.first_printed);
+}
+
+// At the end of the outermost call: says what is missing in its reports.
+static void log_calls_left_out(Task& task) {
+  if (task.calls_left_out == 0) return;
+  embed::add_log(task, 0, 0, Severity::note,
+                 "The reports of " + std::to_string(task.calls_left_out) +
+                     " calls made by modules are left out.");
 }
 
 // Runs a call in a frame of its own. The frame is gone when this returns. What leaves the module by
@@ -249,11 +280,14 @@ static Outcome run_call(Task& task, const std::string& name, std::vector<Matrix>
   }
   log_early_end(task, frame, outcome.exit_code);
   embed::hand_on_open_tables(task);
+  const bool nested = task.frames.size() > 2;  // the bottom frame, that of the outer call, this one
+  if (!nested) log_calls_left_out(task);
   outcome.thrown = frame.thrown;
   outcome.results.assign(std::make_move_iterator(frame.results.begin()),
                          std::make_move_iterator(frame.results.end()));
   outcome.log.assign(task.log.begin() + static_cast<std::ptrdiff_t>(frame.first_log),
                      task.log.end());
+  if (nested) limit_nested_reports(task, frame);
   return outcome;
 }
 
@@ -277,12 +311,16 @@ static void forget_last_call(Task& task) {
   task.printed.clear();
   task.printed_after.clear();
   task.work.clear();
+  task.logged_at.clear();
+  task.table_rows = 0;
+  task.calls_left_out = 0;
   task.ticks_in_library = task.ticks_in_sink = 0;
   task.sink_last = embed::SinkLast::nothing;
 }
 
 std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> arguments) {
-  Task& task = *task_;
+  Task& task = live();
+  const std::shared_ptr<Task> held = task_;  // a module may destroy the session
   // The lock is recursive, for calls out of a module on the same thread; another thread is refused
   // at once instead of waiting for a run of unknown length.
   const std::unique_lock lock(task.in_use, std::try_to_lock);
@@ -316,10 +354,41 @@ std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> ar
 
 // ---- The rest of a session ----------------------------------------------------------------------
 
-Session::Session() : task_(std::make_unique<Task>()) {}
-Session::~Session() = default;
+Session::Session() : task_(std::make_shared<Task>()) {}
 Session::Session(Session&&) noexcept = default;
-Session& Session::operator=(Session&&) noexcept = default;
+
+Task& Session::live() const {
+  if (task_ == nullptr) throw std::logic_error("Session: this session was moved from");
+  return *task_;
+}
+
+// Does a call run on the task? Also where another thread runs it.
+static bool is_running(Task& task) {
+  const std::unique_lock lock(task.in_use, std::try_to_lock);
+  return !lock.owns_lock() || task.frames.size() > 1;
+}
+
+Session& Session::operator=(Session&& from) {
+  if (task_ != nullptr && task_ != from.task_ && is_running(*task_))
+    throw std::logic_error("Session: a session is assigned to while a call runs on it");
+  task_ = std::move(from.task_);
+  return *this;
+}
+
+// A destructor cannot refuse. The calls that stand open on this thread keep the task alive, and end
+// as if their modules had thrown.
+Session::~Session() {
+  if (task_ == nullptr) return;
+  const std::unique_lock lock(task_->in_use, std::try_to_lock);
+  if (!lock.owns_lock()) return;  // the thread that runs the call keeps the task
+  for (std::size_t k = 1; k < task_->frames.size(); ++k) {
+    Frame& frame = task_->frames[k];
+    if (frame.thrown != nullptr) continue;
+    frame.thrown_by = "The end of the session";
+    frame.thrown = std::make_exception_ptr(
+        std::logic_error("Session: a session was destroyed while a call ran on it"));
+  }
+}
 
 // The name as the language keeps it, or a refusal.
 static std::string checked_name(std::string name) {
@@ -342,35 +411,36 @@ static TQLMOD& new_module(Task& task, std::string name, int kind, bool has_body)
 }
 
 void Session::module(std::string name, Function body) {
-  TQLMOD& made = new_module(*task_, std::move(name), MODULE_FUNCTION, body != nullptr);
+  TQLMOD& made = new_module(live(), std::move(name), MODULE_FUNCTION, body != nullptr);
   made.function = std::move(body);
 }
 
 void Session::termination_module(std::string name, Termination body) {
-  TQLMOD& made = new_module(*task_, std::move(name), MODULE_TERMINATION, body != nullptr);
+  TQLMOD& made = new_module(live(), std::move(name), MODULE_TERMINATION, body != nullptr);
   made.termination = std::move(body);
 }
 
 bool Session::remove_module(const std::string& name) {
-  return task_->modules.erase(embed::language_name(name)) > 0;
+  return live().modules.erase(embed::language_name(name)) > 0;
 }
 
 bool Session::has_module(const std::string& name) const {
-  return task_->modules.contains(embed::language_name(name));
+  return live().modules.contains(embed::language_name(name));
 }
 
-const std::vector<LogRecord>& Session::log() const { return task_->log; }
-const std::vector<Table>& Session::tables() const { return task_->tables; }
-const std::vector<LogRecord>& Session::printed() const { return task_->printed; }
+const std::vector<LogRecord>& Session::log() const { return live().log; }
+const std::vector<Table>& Session::tables() const { return live().tables; }
+const std::vector<LogRecord>& Session::printed() const { return live().printed; }
 
 void Session::sink(Sink write) {
-  task_->sink = write == nullptr ? nullptr : std::make_shared<const Sink>(std::move(write));
+  live().sink = write == nullptr ? nullptr : std::make_shared<const Sink>(std::move(write));
 }
 
 Work Session::work() const {
-  const embed::TimeAccount& clock = task_->clock;
-  Work work{{}, clock.seconds(task_->ticks_in_sink), clock.seconds(task_->ticks_in_library)};
-  for (const auto& module : task_->work)
+  const Task& task = live();
+  const embed::TimeAccount& clock = task.clock;
+  Work work{{}, clock.seconds(task.ticks_in_sink), clock.seconds(task.ticks_in_library)};
+  for (const auto& module : task.work)
     work.modules.push_back(
         {module->name, module->calls, module->failed, clock.seconds(module->ticks)});
   return work;
@@ -378,8 +448,9 @@ Work Session::work() const {
 
 // A copy: the variable may change at the next iteration.
 Matrix Session::variable(std::string name) const {
-  const auto place = task_->variables.find(embed::language_name(std::move(name)));
-  if (place == task_->variables.end()) return Matrix();
+  const auto& variables = live().variables;
+  const auto place = variables.find(embed::language_name(std::move(name)));
+  if (place == variables.end()) return Matrix();
   const TQLSYM& symbol = place->second;
   if (symbol.kind != NUMERIC || symbol.data == nullptr) return Matrix();
   return Matrix(symbol.rows, symbol.cols,
@@ -387,9 +458,9 @@ Matrix Session::variable(std::string name) const {
 }
 
 void Session::debug_option(std::string name, int value) {
-  task_->debug_options[std::move(name)] = value;
+  live().debug_options[std::move(name)] = value;
 }
 
-void Session::trap_math_errors(bool on) { task_->math_error = on ? znlpmer : nullptr; }
+void Session::trap_math_errors(bool on) { live().math_error = on ? znlpmer : nullptr; }
 
 }  // namespace tqnlp

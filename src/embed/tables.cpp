@@ -167,6 +167,7 @@ static int add_row(Task& task, RvxObject& object) {
 static void hand_on(Task& task, RvxObject& object) {
   if (object.table.continued && object.table.rows.empty()) return;
   embed::give_table(task, object);
+  task.table_rows += object.table.rows.size();
   task.tables.push_back(std::move(object.table));
 }
 

@@ -6,7 +6,7 @@
 #include "embed/task.h"
 
 #include <algorithm>
-#include <cctype>
+#include <functional>
 
 namespace tqnlp::embed {
 
@@ -51,7 +51,10 @@ FrameScope::FrameScope(Task& task) : task_(task) {
     task.counters.blocks_left = task.counters.bytes_left = task.counters.files_left = 0;
     task.clock.begin();
   }
-  task.frames.emplace_back().first_log = task.log.size();
+  Frame& frame = task.frames.emplace_back();
+  frame.first_log = task.log.size();
+  frame.first_printed = task.printed.size();
+  frame.first_table = task.tables.size();
 }
 
 FrameScope::~FrameScope() {
@@ -64,7 +67,27 @@ FrameScope::~FrameScope() {
   task_.clock.end();
 }
 
+static std::size_t hash_of(const LogRecord& line) {
+  constexpr std::size_t NUMBERS = 1000;  // of a group, at least
+  return std::hash<std::string>()(line.text) + static_cast<std::size_t>(line.group) * NUMBERS +
+         static_cast<std::size_t>(line.number);
+}
+
+// The place may be gone or taken by another line, where the reports of nested calls were left out.
+static bool stands_at(const Task& task, std::size_t place, const LogRecord& line) {
+  if (place >= task.log.size()) return false;
+  const LogRecord& there = task.log[place];
+  return there.group == line.group && there.number == line.number && there.text == line.text;
+}
+
+bool is_in_log(const Task& task, const LogRecord& line) {
+  if (line.group == 0) return false;
+  const auto found = task.logged_at.find(hash_of(line));
+  return found != task.logged_at.end() && stands_at(task, found->second, line);
+}
+
 void add_log(Task& task, LogRecord line) {
+  if (line.group != 0 && !is_in_log(task, line)) task.logged_at[hash_of(line)] = task.log.size();
   task.log.push_back(std::move(line));
   if (task.sink != nullptr) give_log_line(task, LogRecord(task.log.back()));
 }
@@ -73,10 +96,12 @@ void add_log(Task& task, int group, int number, Severity severity, std::string t
   add_log(task, {group, number, severity, std::move(text)});
 }
 
+// Letters of ASCII alone: a locale would change bytes within a character of several bytes.
 std::string language_name(std::string name) {
   while (!name.empty() && name.back() == ' ') name.pop_back();
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  std::transform(name.begin(), name.end(), name.begin(), [](char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  });
   return name;
 }
 

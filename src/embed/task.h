@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "embed/faults.h"
@@ -103,7 +104,10 @@ struct Frame {
   int exit_state = 0;          // of the last run module
   TQLSS* current = nullptr;    // the current prepared call
   TQLTASK record{};            // what the module sees through tqlq
-  std::size_t first_log = 0;   // where the log of this call begins
+  const TQLCALL* failed = nullptr;  // the last run of a module, if it gave no value
+  std::size_t first_log = 0;        // where the log of this call begins,
+  std::size_t first_printed = 0;    // its printed lines
+  std::size_t first_table = 0;      // and its tables
 };
 
 // The k-th operation of a kind fails; the countdown is negative when no fault is planned.
@@ -194,7 +198,10 @@ struct Task {
   std::vector<LogRecord> log;
   std::vector<Table> tables;
   std::vector<LogRecord> printed;
-  std::vector<std::size_t> printed_after;            // number of tables before each printed line
+  std::vector<std::size_t> printed_after;  // number of tables before each printed line
+  std::unordered_map<std::size_t, std::size_t> logged_at;  // numbered lines: hash, place in the log
+  std::size_t table_rows = 0;                              // of all tables
+  long calls_left_out = 0;                           // nested calls that left no report behind
   std::vector<std::shared_ptr<ModuleAccount>> work;  // of the last call
   long ticks_in_library = 0;
   long ticks_in_sink = 0;
@@ -246,6 +253,9 @@ long release_blocks(Frame& frame, long* bytes);
 
 // Hands on the tables that the current call left open, as far as they have rows.
 void hand_on_open_tables(Task& task);
+
+// Is this line in the log too? Known without a search.
+bool is_in_log(const Task& task, const LogRecord& line);
 
 // Appends a line to the log, and gives it to the sink.
 void add_log(Task& task, LogRecord line);

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <thread>
+#include <type_traits>
 
 #include "embed/faults.h"
 #include "tqnlp/tqnlp.hpp"
@@ -169,7 +171,9 @@ TEST_F(SessionTest, AnExceptionReachesTheCallerFromEveryRole) {
       session.termination_module(name, [&](const Matrix&, double) { return rethrow(), 0.0; });
     const Matrix test = name == "STOP" ? Matrix(name) : Matrix();
     EXPECT_EQ(address([&] { solve(session, 0, "ROSEN", test); }), address(rethrow)) << name;
-    EXPECT_TRUE(session.log().back().text.ends_with(": mine"));
+    EXPECT_EQ(session.log().size(), 1U) << "another module is accused";
+    EXPECT_EQ(session.log().back().text,
+              "Module " + name + " threw an exception, which ended the run: mine");
     expect_usable(session);
   }
 }
@@ -334,6 +338,87 @@ TEST_F(SessionTest, AnExceptionOfTheSinkEndsTheRunInOrder) {
     if (k % 10 == 0) expect_usable(session);
   }
   EXPECT_GT(k, 100);
+}
+
+// A list in braces is read as numbers or does not compile; never as sizes.
+template <class List>
+concept IsList = requires(Session& session, List list) {
+  session.call("NLPQN", {"F", list});
+};
+static_assert(!std::is_convertible_v<double, Matrix> && !IsList<std::vector<double>> &&
+              !IsList<double>);
+
+TEST_F(SessionTest, BracesHoldNumbers) {
+  const int n = 3;
+  const std::vector<Matrix> read{
+      {1, 2}, {-1.2, n}, {5}, {{1, 2}, {3, 4}}, {}, {"F"}, {2, 2, {1, 2, 3, 4}}, Matrix{2, 3}};
+  const std::vector<Matrix> meant{Matrix::row({1, 2}),
+                                  Matrix::row({-1.2, 3}),
+                                  Matrix::scalar(5),
+                                  Matrix::of({{1, 2}, {3, 4}}),
+                                  Matrix(),
+                                  Matrix("F"),
+                                  Matrix(2, 2, std::vector<double>{1, 2, 3, 4}),
+                                  Matrix::row({2, 3})};
+  EXPECT_EQ(read, meant);
+  EXPECT_EQ(session.call("NLPNRR", {"ROSEN", {-1.2, 1}, {0, 0}}),
+            session.call("NLPNRR", {"ROSEN", START, Matrix(1, 2)}));
+  EXPECT_THROW((Matrix{{1, 2}, {3}}), std::invalid_argument);
+}
+
+TEST_F(SessionTest, SessionsMoveOnlyWhileNoCallRuns) {
+  Session other = std::move(session);
+  EXPECT_THROW(solve(session), std::logic_error);
+  EXPECT_THROW(session.module("A", hessian), std::logic_error);
+  EXPECT_THROW(text_report(session), std::logic_error);
+  EXPECT_TRUE(is_solution(solve(other)));
+  session = std::move(other);
+  expect_usable(session);
+  session.module("ASSIGN", [this](const Matrix&) {
+    session = Session();
+    return Matrix();
+  });
+  EXPECT_THROW(solve(session, 0, "ASSIGN"), std::logic_error);
+  expect_usable(session);
+  // The end of a session ends the calls on it in order, nested ones too, whoever catches in
+  // between.
+  for (const bool nested : {false, true}) {
+    auto held = std::make_unique<Session>();
+    int runs_afterwards = 0;
+    held->module("END", [&](const Matrix&) {
+      runs_afterwards += held == nullptr;
+      held.reset();
+      return Matrix{1};
+    });
+    held->module("OUTER", [&](const Matrix&) {
+      EXPECT_THROW(held->call("NLPQN", {"END", START}), std::logic_error);
+      return Matrix{1};
+    });
+    EXPECT_THROW(held->call("NLPQN", {nested ? "OUTER" : "END", START}), std::logic_error);
+    EXPECT_EQ(runs_afterwards, 0);
+  }
+}
+
+// Calls within a module leave their reports in those of the outer call, but not without end; what
+// they threw holds its lines all the same.
+TEST_F(SessionTest, ReportsOfNestedCallsAreLimited) {
+  std::size_t longest = 0;
+  session.module("OUTER", [&](const Matrix& x) {
+    for (int k = 0; k < 2000; ++k) {
+      try {
+        session.call("NLPFDD", {"NOWHERE", x});
+      } catch (const CallError& error) {
+        EXPECT_EQ(error.log().size(), 1U);
+      }
+    }
+    longest = std::max(longest, session.log().size());
+    return Matrix::scalar(rosenbrock(x));
+  });
+  EXPECT_TRUE(is_solution(solve(session, 1, "OUTER")));
+  EXPECT_LE(longest, 10000U);
+  EXPECT_GT(longest, 9000U);
+  EXPECT_TRUE(session.log().back().text.ends_with("calls made by modules are left out."));
+  EXPECT_FALSE(session.tables().empty());
 }
 
 TEST_F(SessionTest, WorkCountsRunsAndFailures) {
