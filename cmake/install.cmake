@@ -1,4 +1,5 @@
-# Installation: the library, its headers and a package that find_package(tqnlp) understands.
+# Installation: the library, its headers and licence, a package that find_package(tqnlp)
+# understands, and a file for pkg-config. All paths are relative: the tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -10,3 +11,9 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tqnlp-config-versio
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnlp-config-version.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tqnlp)
+
+file(RELATIVE_PATH pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/tqnlp.pc.in tqnlp.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tqnlp.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -32,18 +32,25 @@ inline const int vector_level = [] {
 
 }  // namespace tqnlp
 
+// GCC would keep to half the width of the registers; clang does not, and has no such word.
+#ifdef __clang__
+#define TQNLP_AVX512 "avx512f"
+#else
+#define TQNLP_AVX512 "avx512f,prefer-vector-width=512"
+#endif
+
 // Makes a function name(parameters) from the template name_body<W>(parameters).
-#define TQNLP_DISPATCH(result, name, parameters, arguments)                                   \
-  [[gnu::target("avx512f,prefer-vector-width=512")]] static result name##_avx512 parameters { \
-    return name##_body<8> arguments;                                                          \
-  }                                                                                           \
-  [[gnu::target("avx2")]] static result name##_avx2 parameters {                              \
-    return name##_body<4> arguments;                                                          \
-  }                                                                                           \
-  static result name##_base parameters { return name##_body<2> arguments; }                   \
-  static result name parameters {                                                             \
-    if (vector_level == 2) return name##_avx512 arguments;                                    \
-    return vector_level == 1 ? name##_avx2 arguments : name##_base arguments;                 \
+#define TQNLP_DISPATCH(result, name, parameters, arguments)                   \
+  [[gnu::target(TQNLP_AVX512)]] static result name##_avx512 parameters {      \
+    return name##_body<8> arguments;                                          \
+  }                                                                           \
+  [[gnu::target("avx2")]] static result name##_avx2 parameters {              \
+    return name##_body<4> arguments;                                          \
+  }                                                                           \
+  static result name##_base parameters { return name##_body<2> arguments; }   \
+  static result name parameters {                                             \
+    if (vector_level == 2) return name##_avx512 arguments;                    \
+    return vector_level == 1 ? name##_avx2 arguments : name##_base arguments; \
   }
 
 #endif

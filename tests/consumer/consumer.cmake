@@ -1,5 +1,5 @@
 # Installs the library into a scratch prefix, builds the consumer project outside of the tree on it
-# and runs it; then asks for a newer version, which must fail.
+# and runs it, found by CMake and by pkg-config; then asks for a newer version, which must fail.
 #   cmake -DBUILD=<build tree> -DSOURCE=<this folder> -DSCRATCH=<folder> -DGENERATOR=<as the build>
 #     -DCOMPILER=<as the build> -DVERSION=<of the library> [-DFLAGS=<of the compiler>]
 #     -P consumer.cmake
@@ -18,14 +18,31 @@ function(must_succeed what)
   endif()
 endfunction()
 
-file(COPY ${SOURCE}/CMakeLists.txt ${SOURCE}/main.cpp DESTINATION ${SCRATCH}/source)
+file(COPY ${SOURCE}/CMakeLists.txt ${SOURCE}/main.cpp ${SOURCE}/first_call.cpp DESTINATION ${SCRATCH}/source)
 must_succeed("installing" ${CMAKE_COMMAND} --install ${BUILD} --prefix ${SCRATCH}/prefix)
+file(GLOB_RECURSE licence ${SCRATCH}/prefix/*/LICENSE)
+if(NOT licence)
+  message(FATAL_ERROR "the licence was not installed")
+endif()
 set(configure ${CMAKE_COMMAND} -G ${GENERATOR} -DCMAKE_CXX_COMPILER=${COMPILER}
     -S ${SCRATCH}/source -DCMAKE_PREFIX_PATH=${SCRATCH}/prefix
     "-DCMAKE_CXX_FLAGS=${FLAGS}" -DCMAKE_BUILD_TYPE=Release)
 must_succeed("configuring" ${configure} -B ${SCRATCH}/build -DWANTED_VERSION=${VERSION})
 must_succeed("building" ${CMAKE_COMMAND} --build ${SCRATCH}/build)
 must_succeed("running" ${SCRATCH}/build/consumer)
+must_succeed("running with the plug-in" ${SCRATCH}/build/consumer_of_plugin)
+
+file(GLOB_RECURSE pc_file ${SCRATCH}/prefix/*/tqnlp.pc)
+get_filename_component(pc_folder "${pc_file}" DIRECTORY)
+execute_process(COMMAND ${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pc_folder}
+    pkg-config --cflags --libs "tqnlp = ${VERSION}"
+  OUTPUT_VARIABLE pc_flags ERROR_VARIABLE pc_error COMMAND_ERROR_IS_FATAL ANY)
+separate_arguments(pc_flags UNIX_COMMAND "${pc_flags}")
+separate_arguments(flags UNIX_COMMAND "${FLAGS}")
+must_succeed("building with pkg-config" ${COMPILER} -std=c++20 -Wall -Wextra -Wpedantic -Werror
+  ${flags} ${SCRATCH}/source/main.cpp ${SCRATCH}/source/first_call.cpp ${pc_flags}
+  -o ${SCRATCH}/by_pkg_config)
+must_succeed("running what pkg-config found" ${SCRATCH}/by_pkg_config)
 
 string(REGEX MATCH "^([0-9]+)\\.([0-9]+)" unused ${VERSION})
 math(EXPR next_major "${CMAKE_MATCH_1} + 1")
