@@ -95,7 +95,7 @@ double largest_or_nan(long n, const double* v) {
   double largest[WIDTH] = {};
   const auto look = [&largest](double value, long k) {
     const double size = std::fabs(value);
-    largest[k] = (size > largest[k]) | (size != size) ? size : largest[k];
+    largest[k] = ((size > largest[k]) | (size != size)) ? size : largest[k];
   };
   long i = 0;
   for (; i + WIDTH <= n; i += WIDTH) {
