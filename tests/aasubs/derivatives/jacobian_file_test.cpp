@@ -54,7 +54,9 @@ TEST(JacobianFile, ComesBackInEveryForm) {
       for (std::size_t k = 0; k < expected.size(); ++k) sums[k / vec.size()] += 0.5 * expected[k];
       EXPECT_EQ(product, sums);
       Vec row(vec.size(), 9), column(product.size());
-      const auto crossproduct = [&] { znlpjdt(&r, n - 1, sums.data(), column.data(), row.data()); };
+      const auto crossproduct = [&, last = n - 1] {
+        znlpjdt(&r, last, sums.data(), column.data(), row.data());
+      };
       for (std::size_t i = 0; i < column.size(); ++i)
         column[i] = expected[(i + 1) * vec.size() - 1];
       EXPECT_EQ(exit_code(crossproduct), rows ? EXIT_INCONSISTENT : 0);
