@@ -20,8 +20,7 @@ static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
 static constexpr int MESSAGE_NO_NUMBER = 206;
 static constexpr int MESSAGE_ROWS_DISAGREE = 207;
 
-static constexpr int PACKED = 0;  // values of hfrm
-static constexpr int SPARSE = 1;
+static constexpr int SPARSE = 1;  // values of hfrm
 static constexpr int DIAGONAL = 2;
 
 long hessian_length(const MINSTR* str) {
