@@ -41,6 +41,7 @@ namespace tqnlp {
 
 // Ridge rule.
 static constexpr double FIRST_RIDGE = 0.0001;  // rmin at the start, for a sparse H times its norm
+static constexpr double LEAST_RMIN = DIAGONAL_PIVOT_FLOOR;  // a ridge of 0 could never be raised
 static constexpr double RAISE = 4.0;
 static constexpr double NO_GRADIENT = 2.2250738585072018e-307;
 
@@ -103,9 +104,10 @@ static bool raise_ridge(MINSTR* str, const NewtonRun& run) {
 
 // A matrix that could not be factored gets the shift that it needs; from the second failure of an
 // iteration on at least several times the ridge, because a shift that is lost in the rounding of a
-// large matrix would be added for ever.
+// large matrix would be added for ever. The shift of a sparse matrix grows like that by itself.
 static bool shift_after_failure(MINSTR* str, const NewtonRun& run, double shift, int failures) {
   str->null = 1;
+  if (form_of(str) == Form::sparse) return add_to_ridge(str, shift);
   const double least = failures == 0 ? run.rmin : std::max(run.rmin, RAISE * str->ridg);
   return add_to_ridge(str, std::max(shift, least));
 }
@@ -325,7 +327,7 @@ static Next accept_step(MINSTR* str, NewtonRun& run) {
 
 // A good model lowers the ridge, a bad one raises it; a change of the working set forgets it. Small
 // ridges are dropped at once, and the next first one may then be smaller.
-static Next update_ridge(MINSTR* str, NewtonRun& run) {
+static Next update_ridge(MINSTR* str, NewtonRun& run, double norm_before) {
   if (str->chac != 0) {
     str->ridg = 0.0;
   } else if (str->rhor < 0.1) {
@@ -340,9 +342,9 @@ static Next update_ridge(MINSTR* str, NewtonRun& run) {
     str->ridg *= 0.5;
     if (str->rhor > 0.7) str->ridg *= 0.5;
     if (str->rhor > 0.9) str->ridg *= 0.2;
-    if (str->ridg < std::min(run.rmin, SHARE_OF_GRADIENT * run.norm)) {
+    if (str->ridg < std::min(run.rmin, SHARE_OF_GRADIENT * norm_before)) {
       str->ridg = 0.0;
-      run.rmin *= 0.1;
+      if (run.rmin > LEAST_RMIN) run.rmin *= 0.1;
     }
   }
   return Next::go_on;
@@ -350,6 +352,7 @@ static Next update_ridge(MINSTR* str, NewtonRun& run) {
 
 static Next one_iteration(MINSTR* str, NewtonRun& run) {
   start_iteration(str);
+  const double norm = run.norm;
   // Without a gradient only a ridge makes the direction of a singular Hessian a definite one.
   if (run.norm <= NO_GRADIENT && str->ridg == 0.0) str->ridg = run.rmin;
   if (!find_direction(str, run)) {
@@ -360,7 +363,7 @@ static Next one_iteration(MINSTR* str, NewtonRun& run) {
   Next next = limit_step(str, run);
   if (next == Next::go_on) next = search(str, run);
   if (next == Next::go_on) next = accept_step(str, run);
-  if (next == Next::go_on) next = update_ridge(str, run);
+  if (next == Next::go_on) next = update_ridge(str, run, norm);
   return next;
 }
 
