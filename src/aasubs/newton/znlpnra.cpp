@@ -81,11 +81,12 @@ static double* diagonal_room(const MINSTR* str) { return str->wrk2 + str->nvar; 
 
 // ---- Derivatives --------------------------------------------------------------------------------
 
-// job 1: at a start or restart; job 0: after a step. Returns 0, -1, -2 or -6.
+// job 1: at a start or restart; job 0: after a step. Steepest descent takes only the scale from the
+// Hessian, and takes it as it is. Returns 0, -1, -2 or -6.
 static int gethes(MINSTR* str, NewtonRun& run, int job) {
   const int code = newton_load(str, job, true);
   if (code != 0) return code;
-  run.order = newton_project_clean(str, str->hfrm, true, true, &run.norm);
+  run.order = newton_project_clean(str, str->hfrm, run.newton_direction, true, &run.norm);
   return 0;
 }
 
