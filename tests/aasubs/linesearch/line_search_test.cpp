@@ -134,21 +134,17 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
   const Case cases[] = {
       // Interpolation and extrapolation at most tenfold; one-sided and two-sided slope test.
       {{1, 2, 3}, parabola(0.3), 0.02, {1, 0.3}},
-      {{1, 2, 3}, parabola(4.0), 0.02, {1, 4}},
       {{1, 2, 3}, parabola(100.0), 0.02, {1, 10, 100}},
-      {{2, 3}, parabola(1.5), 0.02, {1, 2, 1.5}},
       {{1}, parabola(1.5), 0.02, {1, 2}},
       {{2, 3}, parabola(1.5), 0.1, {1, 2}},
       // tau asks for decrease, and keeps an interpolated trial from the ends.
       {{1, 2, 3}, parabola(0.54), 0.12, {1}},
       {{1, 2, 3}, parabola(0.07), 0.4, {1, 0.1}},
-      {{1, 2, 3}, parabola(0.07), 0.12, {1, 0.07}},
       // Between a steep trial and one that is too long, or whose value or slope failed.
       {{1}, kink, 0.4, {1, 10, 2.381497893}},
       {{2}, kink, 0.02, {1, 10, 1 + 9 * 9.0 / 34, 1.75379136, 1.530772256, 1.448945635}, false},
       {{3}, kink, 0.02, {1, 10, 2.381497893, 1.441792665, 1.587698272, 1.494355147}, false},
       {{2}, concave, 0.4, {1, 0.25, 0.475}, false},
-      {{1}, falling(0.9, 1.0), 0.4, {1, 0.1, 0.55, 0.775}, false},
       {{1}, falling(0.35), 0.4, {1, 0.1, 0.55, 0.1}},
       {{2}, falling(0.35), 0.4, {1, 0.1, 0.28, 0.424, 0.28}},
       {{3}, falling(0.35), 0.4, {1, 0.1, 0.19, 0.271, 0.3439, 0.40951, 0.3439}},
@@ -163,12 +159,9 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       {{4}, parabola(100.0), 0.4, {1, 101, 90.9, 101}},
       {{5}, parabola(4.0), 0.4, {1, 4, 3.6, 4}},
       {{5}, parabola(100.0), 0.4, {1, 5, 25, 100, 90, 100}},
-      {{4, 5}, falling(0.9, 1.0), 0.4, {1, 0.1}},
-      {{5}, falling(0.35), 0.4, {1, 0.1, 0.5, 0.1, 0.2, 0.4, 0.2}},
       {{4, 5}, falling(5e-4), 0.4, {1, 0.1, 0.01, 0.001, 0.0001}, false},
       // At most eight doublings, then golden section of the last two intervals; no doubling without
-      // the promised
-      // share of decrease. A failed step ends it, or is tried with half the increment.
+      // the promised share of decrease. A failed step ends it, or is tried with half the increment.
       {{6, 8}, parabola(5.0), 0.4, {1, 2, 4, 8, 2 + 6 * low, 2 + 6 * high}, false},
       {{6, 8}, falling(), 0.4, {1, 2, 4, 8, 16, 32, 64, 128, 256}},
       {{6, 8}, lying, 0.4, {1, low, high}, false},
@@ -178,15 +171,12 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       // Goldstein: lengthened, bisected, and right away.
       {{7}, parabola(100.0), 0.4, {1, 5, 21}},
       {{7}, parabola(0.54), 0.4, {1, 0.5}},
-      {{7}, parabola(0.54), 0.12, {1}},
       {{7}, falling(3.6, 1.0), 0.4, {1, 5, 3, 4, 3.5, 3.75}, false},
       {{7}, falling(5e-4, 1.0), 0.4, halvings},
       // The rescue shortens the faster the larger the rise, then doubles up to a failure or a
       // minimum.
       {{0}, rising(1e5), 0.4, {0.1, 1e-4}, false},
-      {{0}, rising(5e3), 0.4, {0.1, 1e-3}, false},
       {{0}, rising(1.0), 0.4, {0.1, 1e-2}, false},
-      {{0}, falling(0.35), 0.4, {0.1, 0.2, 0.4, 0.2}},
       {{0}, parabola(1.3e-4), 0.4, {0.1, 1e-4, 2e-4, 1.3e-4}},
   };
   for (const Case& c : cases) {
@@ -220,7 +210,6 @@ TEST(LineSearch, EndsAtTheAccuracyOfTheFunction) {
   }
 }
 
-// Method 2 calls no gradient at a trial that is too long; methods 6 and 8 need none.
 // A point that failed once is no wall: the way to it must not cost a hundred trials.
 TEST(LineSearch, GivesUpTheWayToAPointThatFailed) {
   for (const int method : {2, 3}) {
@@ -235,6 +224,7 @@ TEST(LineSearch, GivesUpTheWayToAPointThatFailed) {
   }
 }
 
+// Method 2 calls no gradient at a trial that is too long; methods 6 and 8 need none.
 TEST(LineSearch, CallsFewGradients) {
   for (const int method : {2, 6, 8}) {
     Line line(parabola(method == 2 ? 0.3 : 5.0));
@@ -343,15 +333,12 @@ TEST(LineSearch, TheFifthSearchFreesTheFirstStep) {
 // ---- Rescue, constraint violation, parabola -----------------------------------------------------
 
 TEST(Bisect, StaysWithinTheLimitsOfTheStep) {
-  for (const bool by_stub : {true, false}) {
+  for (double MINSTR::*limit : {&MINSTR::stub, &MINSTR::ssin}) {
     Line line(falling());
-    (by_stub ? line.record.stub : line.record.ssin) = 0.9;
+    line.record.*limit = 0.9;
     EXPECT_EQ(line.search(0), 0);
     line.expect_trials({0.1, 0.2, 0.4, 0.8}, true);
   }
-  Line line(falling());
-  EXPECT_EQ(bisect(&line.record, 0.0, -1.0, 1.0, 0.0), -1);
-  EXPECT_TRUE(line.trials.empty());
 }
 
 TEST(Bisect, TurnsToTheSlopeWhereRoundingHidesTheValues) {
@@ -361,20 +348,6 @@ TEST(Bisect, TurnsToTheSlopeWhereRoundingHidesTheValues) {
   EXPECT_NEAR(line.record.alfa, 0.03, 1e-5);
   line.start(0.0);
   EXPECT_EQ(bisect(&line.record, line.f0, line.g0, 1e-9, 1.0), -2) << "no smaller gradient";
-  Line steeper({"", [](double) { return 1.0; }, [](double t) { return -1.0 - t; }});
-  EXPECT_EQ(bisect(&steeper.record, 1.0, -1.0, 9.0, 1.0), -2);
-}
-
-TEST(Bisect, IsTriedOnlyWhileTheGradientIsLarge) {
-  for (const double slope : {-5e-5, -5e-4, -5e-3}) {
-    for (const int method : {2, 4}) {
-      Line line({"", [](double t) { return 1.0 + t; }, [=](double) { return slope; }});
-      line.record.ftol = 1e30;  // ends method 2 at its first trial, which asks for no slope
-      EXPECT_NE(line.search(method), 0);
-      const std::size_t own = method == 2 ? 1 : static_cast<std::size_t>(line.slopes);
-      EXPECT_EQ(line.trials.size() > own, slope < (method == 2 ? -1e-3 : -1e-4)) << slope;
-    }
-  }
 }
 
 TEST(ViolationSearch, ReducesTheLargestViolation) {
@@ -391,7 +364,6 @@ TEST(ViolationSearch, ReducesTheLargestViolation) {
   };
   EXPECT_EQ(gtcmx(&r.at({0, 3})), 5.0);
   EXPECT_EQ(gtcmx(&r.at({101, 0})), HUGE_VALUE);
-  EXPECT_EQ(gtcmx(&r.at({1.5, -1})), 2.0);
   EXPECT_EQ(gtcmx(&r.at({0.5, 1.5})), 1.5) << "the equality counts on both sides";
   const auto constraints = std::exchange(r.usnlc, nullptr);
   EXPECT_EQ(gtcmx(&r), 1.5) << "the values that usfct has left in fcon";

@@ -1,10 +1,9 @@
-// QUANEW in both forms (10 on the inverse, 11 on the factor), driven on a record.
+// QUANEW in both forms (10 on the inverse, 11 on the factor), driven on a record, in states that
+// the runs over the problem library and the walks through failures do not reach.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 
-#include "aasubs/constraints/znlpbas.h"
 #include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
@@ -16,10 +15,9 @@ namespace {
 constexpr int INVERSE = 10, FACTOR = 11;
 
 // Installs a problem with the settings that an entry gives a quasi-Newton run.
-void install_quasi_newton(TestRecord& record, const Problem& problem, int tupd = 1) {
+void install_quasi_newton(TestRecord& record, const Problem& problem) {
   install(record, problem);
-  record.tupd = tupd;
-  record.updat = tupd == 2 ? znlpdfp : znlpbfg;
+  record.updat = znlpbfg;
   record.linse = znlpls2;
   record.sigm = MISSING;
   record.maxi = 400;
@@ -29,12 +27,6 @@ void install_quasi_newton(TestRecord& record, const Problem& problem, int tupd =
 int run(TestRecord& record) {
   const int code = znlpdrv(&record, 1, 0, 0, 0);
   return code != 0 ? code : znlpdrv(&record, 2, 0, 0, 0);
-}
-
-Problem rosenbrock() {
-  return scalar_problem("Rosenbrock", {-1.2, 1}, {0}, [](auto x) {
-    return 100.0 * (x[1] - x[0] * x[0]) * (x[1] - x[0] * x[0]) + (1.0 - x[0]) * (1.0 - x[0]);
-  });
 }
 
 // Strictly convex, minimum at x_i = (i + 1)/2 where nothing constrains it; curvature grows with i.
@@ -53,58 +45,6 @@ Problem convex(long n, double quartic = 0.1) {
 
 class Quanew : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(Forms, Quanew, testing::Values(INVERSE, FACTOR));
-
-TEST_P(Quanew, ConvergesSuperlinearly) {
-  static std::vector<double>* history;
-  for (int tupd : {1, 2}) {
-    const Problem problem = rosenbrock();
-    TestRecord record(2, GetParam());
-    install_quasi_newton(record, problem, tupd);
-    std::vector<double> gradients;
-    history = &gradients;
-    record.uster = [](MINSTR* str, int job) {
-      history->push_back(str->gmax);
-      return str->gmax <= 1e-11 ? 3 : (str->nitr >= 100 || job < 0 ? -8 : 0);
-    };
-    EXPECT_EQ(run(record), 3);
-    EXPECT_LT(record.nitr, 60);
-    EXPECT_EQ(record.ires, 0);
-    ASSERT_GE(gradients.size(), 5u);
-    // The last steps gain much more than a constant factor.
-    const std::size_t last = gradients.size() - 1;
-    EXPECT_LT(gradients[last], 0.02 * gradients[last - 1]) << "tupd " << tupd;
-    EXPECT_LT(gradients[last], 1e-5 * gradients[last - 3]) << "tupd " << tupd;
-  }
-}
-
-// The minimum in every frame and from every form, checked by its projected gradient and, at bounds,
-// by the sign of what is active.
-TEST_P(Quanew, SolvesInEveryFrame) {
-  for (long n : {6L, 14L}) {  // without and with scaling
-    const Problem problem = convex(n);
-    std::vector<double> ones(std::size_t(n), 1.0), ends(std::size_t(n), 0.0), g = ends;
-    ends.front() = 1.0;
-    ends.back() = -1.0;
-    for (int variant = 0; variant < 8; ++variant) {
-      SCOPED_TRACE(testing::Message() << "n " << n << " variant " << variant);
-      const bool bounds = variant % 2 == 1, rows = variant % 4 >= 2;
-      TestRecord record(n, GetParam());
-      install_quasi_newton(record, problem, variant < 4 ? 1 : 2);
-      record.gtol = record.ftol = 0.0;
-      if (bounds) record.with_bounds(ones, std::vector<double>(std::size_t(n), 2.5));
-      if (rows) record.with_rows({{ones, 0, 2.0 * double(n)}, {ends, 1, -1.2}});
-      const int code = run(record);
-      EXPECT_TRUE(code == 3 || code == 10) << code << " gmax " << record.gmax;
-      EXPECT_LE(record.gmax, 1e-5);
-      EXPECT_EQ(znlpfch(&record, 0, 0, 1), 0);
-      problem.evaluate(record.x, g.data());
-      for (long i = 0; i < n && bounds && !rows; ++i) {
-        const double slope = g[std::size_t(i)], x = record.x[i];
-        EXPECT_TRUE((x <= 1.0 + 1e-9 || slope <= 1e-5) && (x >= 2.5 - 1e-9 || slope >= -1e-5)) << i;
-      }
-    }
-  }
-}
 
 TEST_P(Quanew, EndsWhereNothingIsFree) {
   const Problem problem = convex(3);
@@ -171,41 +111,10 @@ TEST_P(Quanew, RestartsWhenItsPeriodIsOver) {
   EXPECT_EQ(record.salf, 1.0);
 }
 
-// The k-th evaluation fails, and from there on none, one or all: every run ends, with the values of
-// the point that it returns.
-TEST_P(Quanew, SurvivesFailedEvaluations) {
-  const Problem problem = rosenbrock();
-  for (bool bounded : {false, true}) {
-    for (int k = 1; k < 60; ++k) {
-      for (int many : {1, 4, 1000000}) {
-        SCOPED_TRACE(testing::Message() << k << " " << many << " " << bounded);
-        TestRecord record(2, GetParam());
-        install_quasi_newton(record, problem);
-        if (bounded) record.with_bounds({-3, -3}, {0.8, 3});
-        int calls = 0;
-        const auto fails = [&] { return ++calls >= k && calls < k + many; };
-        record.f = [&](const double* x) { return fails() ? NAN : problem.value(x); };
-        record.g = [&](const double* x, double* g) {
-          problem.evaluate(x, g);
-          if (fails()) g[1] = NAN;
-        };
-        const int code = run(record);
-        EXPECT_LT(calls, 3000);
-        if (code > 0) {
-          EXPECT_EQ(record.crit, problem.value(record.x));
-          EXPECT_LE(record.crit, bounded ? 0.05 : 1e-6);
-        } else {
-          EXPECT_GE(code, -5);
-        }
-      }
-    }
-  }
-}
-
 // What could go on for ever: a test that overrules every stop, a search that never moves, a slope
 // that is no number.
 TEST_P(Quanew, EndsWhenNothingMoves) {
-  const Problem problem = rosenbrock();
+  const Problem problem = convex(2);
   for (int kind = 0; kind < 3; ++kind) {
     TestRecord record(2, GetParam());
     install_quasi_newton(record, problem);

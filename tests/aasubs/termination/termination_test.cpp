@@ -85,7 +85,6 @@ const struct {
 } STOP_ROWS[] = {
     {"objective rose", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.agtl = 9.0; }, -5},
     {"rose within aftl", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.aftl = 1.0; }, 5},
-    {"simplex rose", 14, 1, [](MINSTR& s) { s.crit = 3.0; }, -5},
     {"rose, below the level", 4, 1, [](MINSTR& s) { s.crit = 3.0, s.atol = 3.0; }, 1},
     {"level before mini", 4, 1, [](MINSTR& s) { s.atol = 1.0, s.mini = 9; }, 1},
     {"criterion before mini", 4, 1, [](MINSTR& s) { s.agtl = 1.0, s.mini = 2; }, 0},
@@ -97,7 +96,6 @@ const struct {
     {"of squares at the start", 8, 10, [](MINSTR& s) { s.lsqu = 1, loosen(s); }, 0},
     {"of a simplex at the start", 14, 10, loosen, 0},
     {"vertex at the start", 4, 10, [](MINSTR& s) { s.nabc = 2; }, 0},
-    {"vertex of a failed run", 4, -4, [](MINSTR& s) { s.nabc = 2; }, 10},
     {"vertex, evaluation failed", 4, 1, [](MINSTR& s) { s.nabc = 2, s.tbig = 1.0; }, 10},
     {"failed evaluation", 4, 1, [](MINSTR& s) { s.tbig = 1.0, s.agtl = 1.0; }, -3},
     {"module failed", 4, -11, [](MINSTR& s) { s.tbig = 1.0, s.toln[1] = s.toln[11] = 1; }, -11},
@@ -111,7 +109,6 @@ const struct {
     {"limit at the start", 4, 10, [](MINSTR& s) { s.maxf = 1.0; }, -8},
     {"criterion at a limit", 4, 1, [](MINSTR& s) { s.maxi = 1.0, s.agtl = 1.0; }, 3},
     {"time", 4, 1, [](MINSTR& s) { s.mtim = zdattim() - 1.0, s.upti = 0.5; }, -9},
-    {"within time", 4, 1, [](MINSTR& s) { s.mtim = zdattim() - 1.0, s.upti = 1e6; }, 0},
     {"criterion after time", 4, 1, [](MINSTR& s) { s.upti = -1.0, s.agtl = 1.0; }, 3},
     {"missing limits", 4, 1, [](MINSTR& s) { s.maxi = s.maxf = MISSING; }, 0},
     {"a constraint left", 4, 1, [](MINSTR& s) { s.chac = -1, s.agtl = 1.0; }, 0},
@@ -123,7 +120,6 @@ const struct {
     // The user's objective rises from -2 to -1 when its sign is turned.
     {"maximum, no level", 4, 1, [](MINSTR& s) { s.imax = 1, s.atol = ROOT_HUGE; }, 0},
     {"maximum, level", 4, 1, [](MINSTR& s) { s.imax = 1, s.atol = -1.0; }, 1},
-    {"maximum, below it", 4, 1, [](MINSTR& s) { s.imax = 1, s.atol = -0.5; }, 0},
     {"maximum fell", 4, 1, [](MINSTR& s) { s.imax = 1, s.atol = 9.0, s.crit = 3.0; }, -5},
 };
 
