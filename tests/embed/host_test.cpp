@@ -7,7 +7,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "aasubs/record/minstr.h"
 #include "aasubs/record/missing.h"
@@ -15,7 +14,6 @@
 #include "embed/task.h"
 #include "host/log.h"
 #include "host/memory.h"
-#include "host/strings.h"
 
 namespace tqnlp {
 namespace {
@@ -99,17 +97,6 @@ TEST_F(Host, WorkFileReadsBackWhatWasWritten) {
   EXPECT_EQ(xcclose(nullptr, 1), 0);
 }
 
-TEST_F(Host, StringsArePaddedAndCut) {
-  char field[9] = "????????", name[6];
-  wzstmov(field, 8, "nlp", 3);
-  wzstrup(field, 8);
-  EXPECT_STREQ(field, "NLP     ");
-  wzstmov(field, 8, "abcdefghij", 10);
-  EXPECT_STREQ(field, "abcdefgh");
-  EXPECT_EQ(znamfix(name, sizeof name, "X", 1234567), 5);
-  EXPECT_STREQ(name, "X1234");
-}
-
 TEST_F(Host, LogKeepsMessagesWithoutATextAndLiteralLines) {
   xpmlog(OPTIMIZATION, 30000, {3L, 1.0 / 3.0, MISSING, "GRAD"});
   xpslog("%d of %s", 3, "four");
@@ -157,18 +144,6 @@ TEST_F(Host, ResumeReachesItsOwnGuard) {
   EXPECT_EQ(wtguard(&str.mpin, resume, &str), -7);
   EXPECT_EQ(str.mpin, nullptr);
 
-  // A resume at the outer point passes through the inner guard.
-  static JumpBuffer* inner_point;
-  static JumpBuffer* outer_point;
-  inner_point = nullptr;
-  const auto outer = [](MINSTR* record) -> int {
-    outer_point = record->mpin;
-    const auto inner = [](MINSTR*) -> int { wtresum(outer_point, 5); };
-    (void)wtguard(&inner_point, inner, record);
-    return 1;
-  };
-  EXPECT_EQ(wtguard(&str.mpin, outer, &str), 5);
-  EXPECT_EQ(inner_point, nullptr);
   EXPECT_THROW(wtresum(nullptr, 1), embed::ExitRequest);
 }
 
@@ -178,59 +153,6 @@ TEST_F(Host, ClockRunsForwardAndOptionsAreFound) {
   EXPECT_GE(zdattim() - start, 100.0);
   task.debug_options["-nlpitermsg"] = 2;
   EXPECT_EQ(zbugi("-nlpitermsg") + zbugi("-other"), 2);
-}
-
-// ---- Matrix language ----------------------------------------------------------------------------
-
-TEST_F(Host, VariablesAndResults) {
-  {
-    const embed::FrameScope call(task);
-    TQLSYM* variable = tqlrtre("_iter_                          ", 32);
-    tqwown2(variable, tqwalo2(8));
-    *variable->data = 4.0;
-  }
-  EXPECT_EQ(embed::counters(task).blocks_left, 0) << "a variable outlives the call";
-  EXPECT_EQ(*tqlrtre("_ITER_", 6)->data, 4.0);
-  EXPECT_EQ(tqlrtre("", 0), nullptr);
-  for (const auto& [number, rows] :
-       {std::pair{1, -1L}, {0, 1L}, {1, std::numeric_limits<long>::max()}}) {
-    EXPECT_EQ(tqwres(number, rows, 2), nullptr);
-  }
-  tqwres(2, 1, 2)[1] = 5.0;
-  EXPECT_EQ(tqwres(1, 1, 1)[0], 0.0);
-  EXPECT_EQ(task.frame().results[1](0, 1), 5.0);
-}
-
-// ---- Report tables ------------------------------------------------------------------------------
-
-static int method(RvxObject* object, RvxMethod which, std::initializer_list<RvxArg> args = {}) {
-  return wobmth(object, 0, which, std::span<const RvxArg>(args.begin(), args.size()));
-}
-
-// The sources of columns are read when a row is added; what breaks off is handed on as it stands.
-TEST_F(Host, TablesReadTheirColumnsWhenARowIsAdded) {
-  RvxObject* delivery = nullptr;
-  RvxObject* table = nullptr;
-  ASSERT_EQ(xobinit(&delivery, 0), 0);
-  ASSERT_EQ(method(delivery, RvxMethod::open, {&table, "IterHist", "Base.NLP.IterHist"}), 0);
-  double crit = 2.5;
-  const double* nothing = nullptr;
-  RvxText mark{};
-  method(table, RvxMethod::column, {"OptCrit", &crit});
-  method(table, RvxMethod::column, {"Ac1", &mark});
-  method(table, RvxMethod::column, {"Slope", nothing});
-  EXPECT_EQ(method(table, RvxMethod::row), 0);
-  crit = MISSING;
-  rvxtxts(&mark, 3, "%s", "abcdef");
-  EXPECT_EQ(method(table, RvxMethod::row), 0);
-  EXPECT_LT(method(table, RvxMethod::pair, {"a", 1L}), 0) << "columns and pairs do not mix";
-  EXPECT_LT(method(table, RvxMethod::open, {&table, "A", "B"}), 0);
-  EXPECT_LT(method(nullptr, RvxMethod::row), 0);
-  embed::hand_on_open_tables(task);
-  ASSERT_EQ(task.tables.size(), 1u);
-  using Rows = std::vector<std::vector<Cell>>;
-  EXPECT_EQ(task.tables[0].rows,
-            (Rows{{2.5, std::string(), Cell()}, {Cell(), std::string("abc"), Cell()}}));
 }
 
 TEST(HostWithoutSession, EachThreadHasATaskOfItsOwn) {

@@ -65,50 +65,6 @@ TEST(MatrixTest, ValueSemanticsAlsoOfSingleNumbers) {
   EXPECT_EQ(out.str(), "1 .\n0.5 -2\n");
 }
 
-TEST(TextTable, IsAlignedByWhatIsInIt) {
-  const auto text = [](const char* words) { return Cell(std::string(words)); };
-  const struct {
-    Table table;
-    const char* written;
-  } rows[] = {// Points stand below one another.
-              {{"Progress",
-                "Base.NLP.Progress",
-                "Iterations",
-                {"Iter", "Ac1", "OptCrit", "MaxGrad"},
-                {{1L, text("*"), 24.2, 2.5e3},
-                 {2L, Cell(), -4.125, missing},
-                 {13L, Cell(), 0.0, INFINITE},
-                 {14L, Cell(), -3.4567e-9, 1e-12},
-                 {15L, Cell(), Cell(), 0.03127}}},
-               "Iterations\n\n"
-               "  Iter  Ac1     OptCrit     MaxGrad\n"
-               "  ----  ---  ----------  ----------\n"
-               "     1  *        24.200  2500.00000\n"
-               "     2           -4.125           .\n"
-               "    13            0.000    infinity\n"
-               "    14       -3.457e-09   1.000e-12\n"
-               "    15                      0.03127\n"},
-              // Columns of the history do not depend on what is in them, as far as it fits.
-              {{"IterHist",
-                "",
-                "History",
-                {"Iter", "Ac1", "OptCrit", "Slope"},
-                {{1L, text("*"), 24.2, -1309.17},
-                 {20L, text(" "), -123456.7, 12345.6},
-                 {21L, text(" "), 1e-300, -0.0},
-                 {22L, Cell(), 1.7976931348623157e308, -1e-17},
-                 {123456L, Cell(), missing, 0.01}}},
-               "History\n\n"
-               "   Iter  Ac1        OptCrit        Slope\n"
-               "  -----  ---  -------------  -----------\n"
-               "      1  *        24.200000  -1309.17000\n"
-               "     20       -1.234567e+05   1.2346e+04\n"
-               "     21       1.000000e-300            0\n"
-               "     22       1.797693e+308  -1.0000e-17\n"
-               "  123456                   .      0.01000\n"}};
-  for (const auto& row : rows) EXPECT_EQ(text_table(row.table), row.written);
-}
-
 TEST(TextTable, DecimalsSuitTheColumn) {
   const struct {
     std::vector<double> values;
@@ -120,7 +76,8 @@ TEST(TextTable, DecimalsSuitTheColumn) {
       {{1e-20, 0.0}, "  1.00000e-20\n            0\n"},
       {{1.0 / 3.0, 2.0e9}, "     0.3333333\n  2.000000e+09\n"},
       {{9999999.0, 0.0001}, "    9999999\n  1.000e-04\n"},
-      {{1.7976931348623157e308}, "  1.797693e+308\n"}};
+      {{1.7976931348623157e308}, "  1.797693e+308\n"},
+      {{missing, INFINITE, 0.5}, "         .\n  infinity\n     0.500\n"}};
   for (const auto& row : rows) {
     Table table{"T", "", "", {"A"}, {}};
     for (const double value : row.values) table.rows.push_back({value});
@@ -140,25 +97,6 @@ TEST(Json, EscapesTextsAndHasNoNumbersThatJsonLacks) {
       << text;
   std::erase_if(text, [](char c) { return c == ' ' || c == '\n'; });
   EXPECT_TRUE(text.ends_with("\"rows\":[[0.1],[null],[null],[null],[7],[\"x\"]]}")) << text;
-}
-
-TEST(Reports, KeepTheOrderOfLogTablesAndPrintedLines) {
-  Session session;
-  embed::Task& task = session.task();
-  {
-    const embed::Activation activation(task);
-    xpslog("a literal line");
-    embed::add_log(task, 178, 130, Severity::error, "Too few.");
-    xpmlog(OPTIMIZATION, 655);
-    xpmout(OPTIMIZATION, 655);  // told in the log already
-    task.tables.push_back({"A", "", "First", {"N"}, {{1L}}});
-    xpsout("between");
-    task.tables.push_back({"B", "", "Second", {"N"}, {}});
-  }
-  EXPECT_EQ(text_report(session),
-            "a literal line\nERROR: Too few.\nNOTE: none\n\nFirst\n\n  N\n  -\n  1\n\nbetween\n");
-  EXPECT_NE(json_report(session).find("\"severity\": \"error\", \"text\": \"Too few.\""),
-            std::string::npos);
 }
 
 }  // namespace

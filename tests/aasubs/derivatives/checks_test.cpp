@@ -92,7 +92,7 @@ TEST(GradientTest, PointsThatSayNothing) {
         {-1, 0.5, -9, 9, 0, -0.5, 1},
         {-9, 9, 1 - 1e-9, 1, TEST_NO_ROOM, 0, 0},
         {-9, 9, 0.5, 1, 0, 0.5, 1}}) {
-    r.with_bounds({low_x, low_y, -9}, {high_x, high_y, 9});
+    r.with_bounds({low_x, low_y, -9}, {high_x, high_y, 9}).bounds = low_x > -free ? 1 : 0;
     r.start({0, 1, 1});
     EXPECT_EQ(znlpchd(&r, 0, nullptr), code);
     EXPECT_EQ(r.point(), (Vec{0, 1, 1}));

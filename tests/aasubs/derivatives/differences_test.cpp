@@ -386,29 +386,6 @@ TEST(Retreat, EveryCallFails) {
   }
 }
 
-// The code tells which of its points a routine could not reach: here those whose coordinates have
-// the signs given (0 any).
-TEST(Retreat, CodesTellThePoint) {
-  using Case = std::tuple<Routine, int, int, int>;
-  for (const auto& [run, code, sign_x, sign_y] :
-       {Case{znlpfg2, -2, 1, 0}, Case{znlpfg2, -2, -1, 0}, Case{znlpfj2, -2, -1, 0},
-        Case{znlpfc2, -3, 1, 0}, Case{znlpfc2, -2, -1, 0}, Case{znlpfic, -2, 0, 1},
-        Case{znlpfih, -2, 1, 0}, Case{znlpfih, -3, -1, 0}, Case{znlpfih, -4, 1, 1},
-        Case{znlpfh2, -2, 1, 0}, Case{znlpfh2, -3, -1, 0}, Case{znlpfh2, -4, 1, 1},
-        Case{znlpfh2, -5, -1, 1}, Case{znlpfh3, -3, 0, 1}}) {
-    DifferenceRecord r(2, 1);
-    cubic(r);
-    r.functions = [sx = sign_x, sy = sign_y](const double* x) -> Vec {
-      const bool outside = (sx == 0 || sx * x[0] > 0) && (sy == 0 || x[1] > 0);
-      return {outside ? NAN : x[0] + x[1]};
-    };
-    r.start({0, 0});
-    const Kept kept(r);
-    EXPECT_EQ(run(&r), code);
-    kept.expect(r);
-  }
-}
-
 // ---- Nonlinear constraints ---------------------------------------------------------------------
 
 TEST(Constraints, JacobianAndItsErrors) {

@@ -118,7 +118,6 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
   // Descent at first, then a valley above the start.
   const Curve ridge = {"ridge", [](double t) { return t < 3e-4 ? -t : 1.0 + std::fabs(t - 0.65); },
                        minus_one};
-  const Curve lying = {"lying", [](double t) { return -0.09 * t; }, minus_one};
   const Curve no_slope = {"no slope", falling().phi,
                           [](double t) { return t < 0.9 ? -1.0 : NOT_A_NUMBER; }};
   const double low = 0.3819660112501051, high = 0.6180339887498949;  // golden section
@@ -136,9 +135,7 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       {{1, 2, 3}, parabola(0.3), 0.02, {1, 0.3}},
       {{1, 2, 3}, parabola(100.0), 0.02, {1, 10, 100}},
       {{1}, parabola(1.5), 0.02, {1, 2}},
-      {{2, 3}, parabola(1.5), 0.1, {1, 2}},
       // tau asks for decrease, and keeps an interpolated trial from the ends.
-      {{1, 2, 3}, parabola(0.54), 0.12, {1}},
       {{1, 2, 3}, parabola(0.07), 0.4, {1, 0.1}},
       // Between a steep trial and one that is too long, or whose value or slope failed.
       {{1}, kink, 0.4, {1, 10, 2.381497893}},
@@ -156,27 +153,22 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       // Extrapolation past the minimum by the cubic, at most fivefold by the parabola; the end of
       // the interval is taken where the interpolation is no better.
       {{4}, parabola(4.0), 0.4, {1, 5, 4}},
-      {{4}, parabola(100.0), 0.4, {1, 101, 90.9, 101}},
-      {{5}, parabola(4.0), 0.4, {1, 4, 3.6, 4}},
       {{5}, parabola(100.0), 0.4, {1, 5, 25, 100, 90, 100}},
       {{4, 5}, falling(5e-4), 0.4, {1, 0.1, 0.01, 0.001, 0.0001}, false},
       // At most eight doublings, then golden section of the last two intervals; no doubling without
       // the promised share of decrease. A failed step ends it, or is tried with half the increment.
       {{6, 8}, parabola(5.0), 0.4, {1, 2, 4, 8, 2 + 6 * low, 2 + 6 * high}, false},
       {{6, 8}, falling(), 0.4, {1, 2, 4, 8, 16, 32, 64, 128, 256}},
-      {{6, 8}, lying, 0.4, {1, low, high}, false},
       {{6, 8}, ridge, 0.4, {1, low, high, low * high, low * high * high}, false},
       {{6}, falling(1.6), 0.4, {1, 2, 1}},
       {{8}, falling(1.6), 0.4, {1, 2, 1.5, 2.25, 1.875, 1.6875, 1.59375}, false},
       // Goldstein: lengthened, bisected, and right away.
-      {{7}, parabola(100.0), 0.4, {1, 5, 21}},
       {{7}, parabola(0.54), 0.4, {1, 0.5}},
       {{7}, falling(3.6, 1.0), 0.4, {1, 5, 3, 4, 3.5, 3.75}, false},
       {{7}, falling(5e-4, 1.0), 0.4, halvings},
       // The rescue shortens the faster the larger the rise, then doubles up to a failure or a
       // minimum.
       {{0}, rising(1e5), 0.4, {0.1, 1e-4}, false},
-      {{0}, rising(1.0), 0.4, {0.1, 1e-2}, false},
       {{0}, parabola(1.3e-4), 0.4, {0.1, 1e-4, 2e-4, 1.3e-4}},
   };
   for (const Case& c : cases) {
@@ -266,11 +258,6 @@ TEST(LineSearch, FailuresRestoreTheStart) {
         EXPECT_EQ(line.trials.empty(), tries_nothing || c.name == "uphill");
         line.expect_end(1);
       }
-      // Numbers that are none at the start or in the direction.
-      Line line(parabola(0.5));
-      (method % 2 == 0 ? line.record.crit : line.record.sdir[0]) = NOT_A_NUMBER;
-      EXPECT_NE(line.search(method), 0);
-      EXPECT_LE(line.trials.size(), 350);
     }
   }
 }

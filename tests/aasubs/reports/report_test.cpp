@@ -161,18 +161,26 @@ TEST_F(Reports, ProblemInWords) {
   run.with_bounds({0.0, 0.0, -HUGE_VALUE, 1.0}, {HUGE_VALUE, 2.0, HUGE_VALUE, 1.0});
   run.dbug = run.ider = run.fidi = 1;
   run.tupd = 2, run.maxi = 50.0, run.gtol = 1e-6, run.upti = 9.0;
-  run.nlicon = 1, run.nnlc = 3, run.nlec = 1;
   deliver(run);
   pritech(&run);
   EXPECT_EQ(pairs("InputOpts"),
             (Names{"Largest number of iterations=50", "Largest number of function calls=500",
                    "Time limit in seconds=9", "GCONV: relative predicted reduction=1e-06"}));
-  EXPECT_EQ(
-      pairs("ProblemDescription"),
-      (Names{"Technique=dual quasi-Newton (QUANEW)", "Update=DFP on the factor of the Hessian",
-             "Line search=cubic interpolation, slope after sufficient decrease",
-             "Gradient=forward differences", "Parameters=4", "Lower bounds=3", "Upper bounds=2",
-             "Nonlinear constraints=3", "Nonlinear equality constraints=1"}));
+  Names problem{"Technique=dual quasi-Newton (QUANEW)",
+                "Update=DFP on the factor of the Hessian",
+                "Line search=cubic interpolation, slope after sufficient decrease",
+                "Gradient=forward differences",
+                "Parameters=4",
+                "Lower bounds=3",
+                "Upper bounds=2"};
+  EXPECT_EQ(pairs("ProblemDescription"), problem);
+  task.tables.clear();
+  run.nlicon = 1, run.nnlc = 3, run.nlec = 1;
+  pritech(&run);
+  problem[0] = "Technique=sequential quadratic programming (QUANEW)";
+  problem[2] = "Version of the method=2";
+  problem.insert(problem.end(), {"Nonlinear constraints=3", "Nonlinear equality constraints=1"});
+  EXPECT_EQ(pairs("ProblemDescription"), problem);
 }
 
 // ---- Tables of a point --------------------------------------------------------------------------
@@ -301,12 +309,9 @@ TEST_F(Reports, MatrixOfNamedRows) {
   std::iota(values.begin(), values.end(), 1.0);
   const char* names[] = {"ALPHA   ", "BETA"};
   znlppmt(run.rvx, "SymDif", 2, 2, values.data(), names, 1, 741);
-  EXPECT_EQ(header("SymDif"), "Parms|ALPHA|BETA|");
-  EXPECT_EQ(line("SymDif", 1), "BETA|3|4|");
+  EXPECT_EQ(header("SymDif") + line("SymDif", 1), "Parms|ALPHA|BETA|BETA|3|4|");
   znlppmt(run.rvx, "Many", 2345, 1, values.data(), nullptr, 0, 0);
-  EXPECT_EQ(header("Many"), "Parms|Many|");
-  EXPECT_EQ(line("Many", 2344), "X2345|2345|");
-  EXPECT_EQ(table("Many").rows.size(), 2345U);
+  EXPECT_EQ(header("Many") + line("Many", 2344), "Parms|Many|X2345|2345|");
 }
 
 // ---- End of a run -------------------------------------------------------------------------------
@@ -346,13 +351,6 @@ TEST_F(Reports, MessagesOfEveryEnd) {
       {-4, 0, as_is, {4, 134}, "At a point of the run"},
       {-5, 0, as_is, {4, 1}, "No step lowers"},
       {-5, 0, [](MINSTR& s) { s.mini = 4; }, {4, 3}, "required minimum"},
-      {-5, 0, [](MINSTR& s) { s.nter = 1, s.gmax = 1e-8; }, {4, 1, 142}, "ABSGCONV measured 1e-08"},
-      {6,
-       0,
-       [](MINSTR& s) { s.nter = 1, s.gmax = s.ridg = s.tval[4] = 1; },
-       {607, 136, 143},
-       "near 1"},
-      {6, 0, [](MINSTR& s) { s.tcod = 6; }, {616}, "its code 6"},
       {-6, 0, as_is, {4, 8}, "A step left"},
       {-8, 0, as_is, {4, 605}, "NRRIDG needs more than 200 iterations or 500"},
       {-8, 0, [](MINSTR& s) { s.zmsg = 3; }, {4, 605}, "used up"},
@@ -364,27 +362,21 @@ TEST_F(Reports, MessagesOfEveryEnd) {
       {3, 0, [](MINSTR& s) { s.gmax = 0.002, s.idac = -1; }, {607, 136, 138}, "wrong sign"},
       {3, 1, [](MINSTR& s) { s.gmax = 0.002; }, {607}, "ABSGCONV"}};
   for (const auto& row : rows) {
-    for (const double level : {0.0, 2.0}) {
-      TestRecord run(2);
-      run.dbug = level;
-      run.nitr = 3.0;
-      deliver(run);
-      row.change(run);
-      znlpptm(&run, row.code, row.job);
-      std::vector<int> log;
-      for (const LogRecord& line : task.log) log.push_back(line.number);
-      EXPECT_EQ(log, row.log) << row.told;
-      expect_code_documented(row.code, row.log);
-      if (level == 0.0) {
-        EXPECT_TRUE(task.tables.empty());
-        continue;
-      }
-      EXPECT_EQ(task.tables.size(), row.job == 0 ? 2U : 1U);  // a short end has no summary
-      EXPECT_EQ(table("ConvergenceStatus").rows[0][0], Cell(long{row.code}));
-      const std::string reason = text_of(table("ConvergenceStatus").rows[0][1]);
-      EXPECT_NE((reason + task.log.back().text).find(row.told), std::string::npos) << reason;
-      EXPECT_EQ(reason.back(), '.');  // a whole sentence, not cut to the room of a cell
-    }
+    TestRecord run(2);
+    run.dbug = 2;
+    run.nitr = 3.0;
+    deliver(run);
+    row.change(run);
+    znlpptm(&run, row.code, row.job);
+    std::vector<int> log;
+    for (const LogRecord& line : task.log) log.push_back(line.number);
+    EXPECT_EQ(log, row.log) << row.told;
+    expect_code_documented(row.code, row.log);
+    EXPECT_EQ(task.tables.size(), row.job == 0 ? 2U : 1U);  // a short end has no summary
+    EXPECT_EQ(table("ConvergenceStatus").rows[0][0], Cell(long{row.code}));
+    const std::string reason = text_of(table("ConvergenceStatus").rows[0][1]);
+    EXPECT_NE((reason + task.log.back().text).find(row.told), std::string::npos) << reason;
+    EXPECT_EQ(reason.back(), '.');  // a whole sentence, not cut to the room of a cell
   }
 }
 

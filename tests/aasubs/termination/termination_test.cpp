@@ -93,7 +93,6 @@ const struct {
     {"vertex", 4, 1, [](MINSTR& s) { s.nabc = s.nalc = 1; }, 10},
     {"vertex, limits alone", 4, 0, [](MINSTR& s) { s.nabc = 2; }, 10},
     {"step criteria at the start", 4, 10, loosen, 0},
-    {"of squares at the start", 8, 10, [](MINSTR& s) { s.lsqu = 1, loosen(s); }, 0},
     {"of a simplex at the start", 14, 10, loosen, 0},
     {"vertex at the start", 4, 10, [](MINSTR& s) { s.nabc = 2; }, 0},
     {"vertex, evaluation failed", 4, 1, [](MINSTR& s) { s.nabc = 2, s.tbig = 1.0; }, 10},
@@ -105,7 +104,6 @@ const struct {
     {"failure near a criterion", 4, -3, [](MINSTR& s) { s.toln[1] = s.toln[11] = 1; }, -3},
     {"limits alone", 4, 0, [](MINSTR& s) { s.agtl = 1.0; }, 0},
     {"iterations", 4, 1, [](MINSTR& s) { s.maxi = 1.0; }, -8},
-    {"calls", 4, 1, [](MINSTR& s) { s.maxf = 1.0; }, -8},
     {"limit at the start", 4, 10, [](MINSTR& s) { s.maxf = 1.0; }, -8},
     {"criterion at a limit", 4, 1, [](MINSTR& s) { s.maxi = 1.0, s.agtl = 1.0; }, 3},
     {"time", 4, 1, [](MINSTR& s) { s.mtim = zdattim() - 1.0, s.upti = 0.5; }, -9},
@@ -155,11 +153,9 @@ TEST(Termination, NaNNeverConverges) {
       Iterated run(technique, technique == 8, nonlinear);
       loosen(run);
       run.agtl = 1.0;
-      run.crit = run.gmax = run.gmlf = run.pred = run.gihg = run.gcri = run.alfa = run.rhor =
-          run.x[0] = NOT_A_NUMBER;
+      run.crit = run.gmax = run.gmlf = run.pred = run.gihg = run.gcri = NOT_A_NUMBER;
+      run.alfa = run.rhor = run.x[0] = NOT_A_NUMBER;
       EXPECT_EQ(znlptrm(&run, 1), 0) << technique << " " << nonlinear;
-      run.maxi = 1.0;
-      EXPECT_EQ(znlptrm(&run, 1), -8);
     }
   }
 }
@@ -171,9 +167,7 @@ TEST(Termination, WarnsOfAnUnboundedObjectiveAndGoesOn) {
     run.imax = maximize;
     run.atol = maximize != 0 ? ROOT_HUGE : -ROOT_HUGE;
     run.alfa = run.ssin;
-    EXPECT_EQ(znlptrm(&run, 10), 0);
-    EXPECT_TRUE(host.task.log.empty());
-    EXPECT_EQ(znlptrm(&run, 1) + znlptrm(&run, 1), 0);
+    EXPECT_EQ(znlptrm(&run, 10) + znlptrm(&run, 1) + znlptrm(&run, 1), 0);
     ASSERT_EQ(host.task.log.size(), 1U);  // said once
     EXPECT_EQ(host.task.log[0].number, 40 + maximize);
   }
