@@ -91,8 +91,6 @@ TEST_F(Host, WorkFileReadsBackWhatWasWritten) {
   EXPECT_TRUE(write(8));
   EXPECT_TRUE(read(24, 24) && in[1] == 0.0 && in[2] == 1.0) << "a gap reads as zero";
   EXPECT_FALSE(read(-1, 8) || write(-1));
-  EXPECT_EQ(xcpoint(file, std::numeric_limits<long>::max()), 0);
-  EXPECT_FALSE(write(8)) << "no file grows to that size";
   EXPECT_EQ(xcclose(file, 1), 0);
   EXPECT_EQ(xcclose(nullptr, 1), 0);
 }
@@ -156,17 +154,12 @@ TEST_F(Host, ClockRunsForwardAndOptionsAreFound) {
 }
 
 TEST(HostWithoutSession, EachThreadHasATaskOfItsOwn) {
-  void* block = vmalloc_handler(16, 0);
   embed::Task* other = nullptr;
   std::thread([&other] {
     other = &embed::current_task();
-    xpslog("from a thread");
     (void)vmalloc_handler(32, 0);  // freed with the thread's task
   }).join();
   EXPECT_NE(other, &embed::current_task());
-  EXPECT_TRUE(embed::current_task().log.empty() ||
-              embed::current_task().log.back().text != "from a thread");
-  vmfree_handler(block);
 }
 
 }  // namespace

@@ -77,7 +77,7 @@ TEST(TextTable, DecimalsSuitTheColumn) {
       {{1.0 / 3.0, 2.0e9}, "     0.3333333\n  2.000000e+09\n"},
       {{9999999.0, 0.0001}, "    9999999\n  1.000e-04\n"},
       {{1.7976931348623157e308}, "  1.797693e+308\n"},
-      {{missing, INFINITE, 0.5}, "         .\n  infinity\n     0.500\n"}};
+      {{missing, INFINITE, 0.5}, "         .\n  infinity\n       0.5\n"}};
   for (const auto& row : rows) {
     Table table{"T", "", "", {"A"}, {}};
     for (const double value : row.values) table.rows.push_back({value});

@@ -199,8 +199,6 @@ TEST(IterationVariable, IsMadeAgainWhenTheUserChangedIt) {
   *symbol = {NUMERIC, 8, 2, 3, tqwalo2(48)};
   Export_iter_(4.0, b.argm._iterptr_);
   EXPECT_EQ(b.session.variable("_ITER_"), Matrix::scalar(4));
-  Export_iter_(5.0, nullptr);
-  EXPECT_EQ(b.session.variable("_ITER_"), Matrix::scalar(4));
 }
 
 }  // namespace

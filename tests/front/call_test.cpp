@@ -56,22 +56,6 @@ TEST(Call, FindsTheMinimum) {
   }
 }
 
-TEST(Call, LimitsAndInfeasibleRegionsEndInTheRunsCode) {
-  Rosenbrock problem;
-  const double M = MISSING;
-  const Matrix impossible(4, 4, {M, M, M, M, M, M, M, M, 1, 1, 1, 5, 1, 1, -1, 3});
-  const struct {
-    Matrix blc, tc;
-    double code;
-  } cases[] = {{NONE, Matrix::row({0}), -8}, {NONE, Matrix::row({2}), -8}, {impossible, NONE, -10}};
-  for (const auto& c : cases) {
-    const Answer answer = problem.run(START, NONE, c.blc, c.tc);
-    ASSERT_EQ(answer.code, 0);
-    EXPECT_EQ(answer.results[0](0, 0), c.code);
-    EXPECT_TRUE(c.code != -10 || answer.results[1] == START);
-  }
-}
-
 // What cannot be evaluated at the start is named in the log, whatever the way; a wrong shape with a
 // message of its own.
 TEST(Call, AFailedStartNamesTheModule) {

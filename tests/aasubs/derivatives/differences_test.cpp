@@ -168,26 +168,24 @@ TEST(Jacobian, GradientAndCrossproduct) {
 
 // The second forms of the crossproduct, and its diagonal alone.
 TEST(Jacobian, FormsOfTheCrossproduct) {
-  double far = 0.0;  // a constant function that makes the objective large
   DifferenceRecord r(1, 3);
+  double far = 0.0;  // a constant function that makes the objective large
   r.functions = [&far](const double* x) -> Vec { return {2 * x[0], 0.25 * x[0], far}; };
-  const auto crossproduct = [&r] {  // of values 4 and 0.5, derivatives 2 and 0.25
+  const struct {
+    int icpj, imax, hfrm, lsqu;
+    double far, product;
+  } rows[] = {{0, 0, 0, 0, 0, 4 + 0.0625},
+              {1, 0, 0, 0, 0, 4 / 4.0 + 0.0625 / 0.5},
+              {1, 0, 0, 0, 1e14, 1},    // against it the value 0.5 is rounding
+              {1, 1, 0, 0, 0, 1.125},   // packed: the sign is left alone
+              {1, 1, 2, 0, 0, -1.125},  // diagonal: it follows imax
+              {1, 1, 2, 1, 0, 4 * 16 + 0.0625 * 0.25}};
+  for (const auto& row : rows) {  // values 4 and 0.5, derivatives 2 and 0.25
+    r.icpj = row.icpj, r.imax = row.imax, r.hfrm = row.hfrm, r.lsqu = row.lsqu, far = row.far;
     r.start({2});
     EXPECT_EQ(znlpfc2(&r), 0);
-    return r.hess[0];
-  };
-  EXPECT_NEAR(crossproduct(), 4 + 0.0625, 1e-9);
-  r.icpj = 1;
-  EXPECT_NEAR(crossproduct(), 4 / 4.0 + 0.0625 / 0.5, 1e-9);
-  far = 1e14;  // against an objective this large the value 0.5 is rounding
-  EXPECT_NEAR(crossproduct(), 1, 1e-9);
-  far = 0.0;
-  r.imax = 1;
-  EXPECT_NEAR(crossproduct(), 1.125, 1e-9);  // packed: the sign is left alone
-  r.hfrm = 2;
-  EXPECT_NEAR(crossproduct(), -1.125, 1e-9);  // diagonal: it follows imax
-  r.lsqu = 1;
-  EXPECT_NEAR(crossproduct(), 4 * 16 + 0.0625 * 0.25, 1e-8);
+    EXPECT_NEAR(r.hess[0], row.product, 1e-8);
+  }
 }
 
 // ---- Scale -------------------------------------------------------------------------------------

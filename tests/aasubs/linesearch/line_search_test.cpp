@@ -216,18 +216,6 @@ TEST(LineSearch, GivesUpTheWayToAPointThatFailed) {
   }
 }
 
-// Method 2 calls no gradient at a trial that is too long; methods 6 and 8 need none.
-TEST(LineSearch, CallsFewGradients) {
-  for (const int method : {2, 6, 8}) {
-    Line line(parabola(method == 2 ? 0.3 : 5.0));
-    line.record.ider = method == 2 ? 1 : 0;
-    EXPECT_EQ(line.search(method), 0);
-    EXPECT_EQ(line.slopes, line.record.ider);
-    EXPECT_LE(line.trials.size(), 17);
-    EXPECT_NEAR(line.record.alfa, method == 2 ? 0.3 : 5.0, 1e-9) << "by the last parabola";
-  }
-}
-
 // ---- Failures -----------------------------------------------------------------------------------
 
 TEST(LineSearch, FailuresRestoreTheStart) {
@@ -374,7 +362,6 @@ TEST(ViolationSearch, ReducesTheLargestViolation) {
 TEST(ParabolaMinimum, FallsBackToTheMean) {
   EXPECT_NEAR(xqmin(0, 1, 4, 9, 4, 1), 3.0, 1e-14);
   EXPECT_DOUBLE_EQ(xqmin(0, 1, 1, 3, 2, 1), 2.0 / 3.0) << "equal abscissae";
-  EXPECT_DOUBLE_EQ(xqmin(0, 1, 2, 3, 2, 1), 1.0) << "a line";
   EXPECT_DOUBLE_EQ(xqmin(0, 1, 2, 9, 4, 1), 1.0) << "outside";
 }
 

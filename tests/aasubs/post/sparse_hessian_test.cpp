@@ -1,5 +1,5 @@
-// The form of a Hessian, the Newton step in the sparse form beside that of the packed one, and the
-// inverse for covariances.
+// The form of a Hessian, and the inverse for covariances. That runs in the sparse form are those in
+// the packed one is tested with whole calls.
 #include <gtest/gtest.h>
 
 #include "aasubs/constraints/znlpba0.h"
@@ -130,58 +130,6 @@ TEST(SparseForm, IsChosenWhereItIsSmaller) {
     EXPECT_EQ(code, met ? -1 : 0) << k;
     EXPECT_EQ(r.shes.jasp == nullptr, met) << k;
   }
-}
-
-// Reduces, scales, factors with a ridge, solves and scales back, as a technique does with a matrix
-// in hess. The last `active` parameters of a random order are at bounds; -1: there are none.
-Vec newton_step(TestRecord& r, int form, int active, int hesc, double* factor) {
-  const long n = r.nvar, free = n - std::max(active, 0);
-  if (active >= 0) {
-    r.with_bounds(Vec(n, 0.0), Vec(n, 1.0));
-    const Longs order = random_order(n, 6);  // freed parameters do not come back in order
-    std::ranges::copy(order, r.ifxr);
-    r.nabc = active;
-    for (long k = free; k < n; ++k) r.iabc[order[k]] = 1;
-  }
-  r.hesc = hesc;
-  r.crit = 2.0;
-  std::ranges::copy(random_vector(n, 9), r.grad);
-  if (hesc != 0) znlphsc(&r, form, n, r.hess);
-  znlphgp(&r, 1, form, r.gold, r.hess, r.hess);
-  const double length = znlphs2(&r, form, r.gold);
-  for (long k = 0; k < free; ++k) r.hess[form == 1 ? k : zisub(k, k)] += 0.125;
-  const int job = form == 0 ? 2 : (active >= 0 ? 7 : 6);
-  EXPECT_EQ(znlpcde(&r, job, free, 1e-8, nullptr, r.hess, factor, nullptr), 0);
-  EXPECT_EQ(znlpsdi(&r, 1, 0, job, free, r.work, r.gold, factor), 0);
-  znlpscd(&r, r.work);
-  Vec step(r.work, r.work + free);
-  step.insert(step.end(), {length, r.gcri, r.gmax});
-  return step;
-}
-
-// Whatever input the sparse form is made from, and whatever is active.
-TEST(SparseForm, NewtonStepIsThatOfThePackedForm) {
-  constexpr long SIDE = 12, N = SIDE * SIDE;
-  const Vec packed = grid(SIDE);
-  const std::pair<int, Vec> inputs[] = {{SPM_PACKED, packed},
-                                        {SPM_TRIPLES, triples_of(N, packed, true)},
-                                        {SPM_PLACES, triples_of(N, packed)}};
-  for (int hesc : {0, 1})
-    for (int active : {-1, 0, 1, 40, 143})
-      for (const auto& [ifrm, input] : inputs) {
-        SCOPED_TRACE(testing::Message() << active << " active, hesc " << hesc << " " << ifrm);
-        TestRecord dense(N, 3);
-        std::ranges::copy(packed, dense.hess);
-        const Vec wanted = newton_step(dense, 0, active, hesc, dense.half);
-        SparseRecord sparse(N);
-        sparse.bounds = active >= 0 ? 1 : 0;
-        ASSERT_EQ(sparse.choose(ifrm, input, 1), 0);
-        ASSERT_EQ(sparse.hfrm, 1);
-        EXPECT_EQ(sparse.shes.mxja, N + 1 + 2 * SIDE * (SIDE - 1));
-        Vec factor(sparse.shes.mxju);
-        const Vec step = newton_step(sparse, 1, active, hesc, factor.data());
-        for (std::size_t k = 0; k < wanted.size(); ++k) ASSERT_NEAR(step[k], wanted[k], 1e-12) << k;
-      }
 }
 
 // ---- Inverse for covariances --------------------------------------------------------------------
