@@ -55,29 +55,26 @@ TEST(GradientTest, RightAndWrong) {
     Vec factors;
     const char* blamed;
   };
-  for (const Case& c : {Case{{1, 1, 1}, nullptr}, Case{{2, 1, 1}, "A"}, Case{{1, -1, 1}, "B"},
-                        Case{{1, 1, 0}, "C"}, Case{{1, 1, 1.2}, "C"}, Case{{-1, -1, -1}, "B"}}) {
+  for (const Case& c : {Case{{1, 1, 1}, nullptr}, Case{{2, 1, 1}, "parameter A "},
+                        Case{{1, -1, 1}, "parameter B "}, Case{{1, 1, 0}, "parameter C "},
+                        Case{{1, 1, 1.2}, "parameter C "}, Case{{-1, -1, -1}, "parameter B "}}) {
     DifferenceRecord r(3, 1);
     smooth(r, c.factors);
     r.start({0.5, -0.7, 2});
     r.usgrd(&r);
     const Vec grad(r.grad, r.grad + 3);
     const double crit = r.crit;
-    const long calls_before = r.nfct;
     int code = 9;
     const Logged log = logged([&] { code = znlpchd(&r, 0, nullptr); });
     const bool right = c.blamed == nullptr;
     EXPECT_EQ(code, right ? DERIVATIVES_AGREE : DERIVATIVES_DISAGREE);
     EXPECT_EQ(log.numbers, right ? Numbers{} : Numbers{47});
-    if (!right) {
-      const std::string wanted = std::string("function 1 with respect to parameter ") + c.blamed;
-      EXPECT_NE(log.text.find(wanted + " "), std::string::npos) << log.text;
-    }
+    EXPECT_TRUE(right || log.text.find(c.blamed) != std::string::npos) << log.text;
     EXPECT_EQ(r.point(), (Vec{0.5, -0.7, 2}));
     EXPECT_EQ(Vec(r.grad, r.grad + 3), grad);
     EXPECT_EQ(r.crit, crit);
     EXPECT_EQ(r.visited.size(), right ? 3U : 6U);
-    EXPECT_EQ(r.nfct, calls_before + 3);  // the search for the parameter is no function call
+    EXPECT_EQ(r.nfct, 1 + 3);  // the search for the parameter is no function call
   }
 }
 

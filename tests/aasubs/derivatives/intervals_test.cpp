@@ -80,10 +80,6 @@ TEST(Intervals, OfConstraints) {
     // Truncation of the strongly curved one against the noise of all.
     EXPECT_NEAR(r.hfwd[0], std::sqrt(EPS_OF_DIGITS * 1e6 / 2e6), 2e-9);
   }
-  // Without constraints there is nothing that job 2 could estimate.
-  r.nlicon = 0;
-  EXPECT_EQ(znlpfdh(&r, 2), 0);
-  EXPECT_TRUE(wzmis(r.hfwd[0]));
 }
 
 // A failing evaluation ends the estimate, be it the last one, at a base that worked before. To the

@@ -107,8 +107,6 @@ TEST(LineSearch, IsSelectedByNumber) {
 // ---- Trials -------------------------------------------------------------------------------------
 
 TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
-  const Curve concave = {"concave", [](double t) { return t < 0.9 ? -t - 4 * t * t : 1.0; },
-                         [](double t) { return -1.0 - 8.0 * t; }};
   const Curve constant = {"constant", [](double) { return 7.0; }, minus_one};
   const Curve kink = {"kink", [](double t) { return std::fabs(t - 1.5); },
                       [](double t) { return t < 1.5 ? -1.0 : 1.0; }};
@@ -141,7 +139,6 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       {{1}, kink, 0.4, {1, 10, 2.381497893}},
       {{2}, kink, 0.02, {1, 10, 1 + 9 * 9.0 / 34, 1.75379136, 1.530772256, 1.448945635}, false},
       {{3}, kink, 0.02, {1, 10, 2.381497893, 1.441792665, 1.587698272, 1.494355147}, false},
-      {{2}, concave, 0.4, {1, 0.25, 0.475}, false},
       {{1}, falling(0.35), 0.4, {1, 0.1, 0.55, 0.1}},
       {{2}, falling(0.35), 0.4, {1, 0.1, 0.28, 0.424, 0.28}},
       {{3}, falling(0.35), 0.4, {1, 0.1, 0.19, 0.271, 0.3439, 0.40951, 0.3439}},
