@@ -23,6 +23,7 @@
 #include "aasubs/newton/znlptre.h"
 #include "aasubs/post/stop_analysis.h"
 #include "aasubs/quasinewton/znlpcog.h"
+#include "aasubs/quasinewton/znlpddl.h"
 #include "aasubs/quasinewton/znlpdqn.h"
 #include "aasubs/quasinewton/znlpqun.h"
 #include "aasubs/record/covstr.h"
@@ -47,6 +48,8 @@ static Callback technique_code(int tech) {
       return znlpnrr;
     case NRLINS:
       return znlpnrl;
+    case DBLDOG:
+      return znlpddl;
     case QUANEW:
       return znlpqun;
     case QUANEW_DUAL:

@@ -27,14 +27,11 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/loop/search_steps.h"
+#include "aasubs/quasinewton/secant_load.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
 
-// Shift of a start matrix.
-static constexpr double FIRST_SHIFT = 0.0001;
-static constexpr double RAISE_SHIFT = 4.0;
-static constexpr double SHIFT_LIMIT = 1073741824.0;
 // Problems up to this size start well enough without scaling.
 static constexpr long LARGEST_UNSCALED = 10;
 
@@ -48,51 +45,7 @@ struct QuanewRun {
   RestartGuard guard{};
 };
 
-// ---- Pieces of the loaders ----------------------------------------------------------------------
-
 int quanew_factor(const MINSTR* str) { return has_constraints(str) ? 2 : 1; }
-
-static int derivatives(MINSTR* str, int load) {
-  if (load > 0) return evaluate(str, ORDER_HESSIAN, str->ushes) ? 0 : -2;
-  return evaluate_gradient(str) ? 0 : -2;
-}
-
-int quanew_load(MINSTR* str, int load) {
-  static constexpr int MERE_REPAIR = -1;
-  return load_feasible_point(str, MERE_REPAIR, derivatives, load);
-}
-
-static bool raise_shift(MINSTR* str) {
-  str->ridg = str->ridg == 0.0 ? FIRST_SHIFT : RAISE_SHIFT * str->ridg;
-  return str->ridg < SHIFT_LIMIT;
-}
-
-// A Hessian that was given as its diagonal, in packed form.
-static void spread_diagonal(MINSTR* str) {
-  const long n = str->nvar;
-  std::copy_n(str->hess, n, str->work);
-  vzfdl(0.0, str->hess, packed_size(n));
-  for (long i = 0; i < n; ++i) str->hess[zisub(i, i)] = str->work[i];
-}
-
-bool quanew_start_matrix(MINSTR* str, int* load) {
-  const int factor = quanew_factor(str);
-  if (*load > 0 && str->hfrm == 2) spread_diagonal(str);
-  for (;;) {
-    znlphin(str, 1, *load, 0, factor, str->hess);
-    if (znlphin(str, 2, *load, 0, factor, str->hess) == 0) return true;
-    *load = 0;  // the user's Hessian is used up
-    if (!raise_shift(str)) return false;
-  }
-}
-
-void quanew_measure(MINSTR* str) {
-  if (str->nabc == str->nvar) {
-    str->gmax = 0.0;
-  } else {
-    znlpgmx(str, 0, nullptr);
-  }
-}
 
 // ---- Direction ----------------------------------------------------------------------------------
 
@@ -142,7 +95,7 @@ static Next load_start(MINSTR* str, QuanewRun& run) {
     str->ridg = 0.0;
     return Next::go_on;
   }
-  return raise_shift(str) ? Next::restart : Next::finish;
+  return secant_raise_shift(str) ? Next::restart : Next::finish;
 }
 
 // ---- Steps of one iteration ---------------------------------------------------------------------
@@ -179,20 +132,6 @@ static Next accept_step(MINSTR* str, QuanewRun& run) {
   return run.ij == 0 ? Next::go_on : Next::stop;
 }
 
-// xold and gold become the differences of x and g, in the reduced space.
-static void form_differences(MINSTR* str) {
-  const long n = str->nvar;
-  if (!has_constraints(str)) {
-    zvaxpy(str->xold, str->xold, str->x, n, -1.0);
-    zvaxpy(str->gold, str->gold, str->grad, n, -1.0);
-    return;
-  }
-  zvaxpy(str->work, str->xold, str->x, n, -1.0);
-  znlpvre(str, str->work, str->xold);
-  zvaxpy(str->work, str->gold, str->grad, n, -1.0);
-  znlpvre(str, str->work, str->gold);
-}
-
 // A matrix that began as a multiple of the identity takes the scale of the problem from the first
 // pair of differences, and from the second if that step was long.
 static int wants_scaling(const MINSTR* str, const QuanewRun& run) {
@@ -209,7 +148,7 @@ static Next update_matrix(MINSTR* str, const QuanewRun& run) {
   }
   // With linear constraints a change of the working set has turned the basis of the differences.
   if (str->chac != 0 && str->lincon != 0) return Next::go_on;
-  form_differences(str);
+  secant_differences(str);
   const int code = str->updat(str, run.form.update_job(str), wants_scaling(str, run), str->xold,
                               str->gold, str->hess, str->sdir, str->wrk2, str->work);
   if (code < 0) return Next::restart;
@@ -248,18 +187,11 @@ static void open_quanew(MINSTR* str) {
   str->ridg = 0.0;
   str->spro = str->wrk2;
   if (wzmis(str->sigm)) str->sigm = str->tupd == 2 ? 0.06 : 0.4;
-  if (!(str->salf > 0.0 && str->salf <= 1.0)) str->salf = 1.0;
-  if (!(str->nres > 0.0)) str->nres = NEVER;
-}
-
-static int load_final(MINSTR* str) {
-  if (!evaluate_gradient(str)) return -2;
-  quanew_measure(str);
-  return 0;
+  secant_settle_restarts(str);
 }
 
 static int end_stage(MINSTR* str, QuanewRun& run) {
-  const int code = finish_run(str, run.ij, load_final);
+  const int code = finish_run(str, run.ij, secant_load_final);
   // A stop that is overruled again and again without progress stands.
   return code == STOP_OVERRULED && run.guard.exhausted() ? NO_PROGRESS : code;
 }

@@ -1,4 +1,4 @@
-// What the two forms of QUANEW share: the loop of the technique, and the pieces of their loaders.
+// What the two forms of QUANEW share: the loop of the technique.
 #pragma once
 
 #include "aasubs/record/minstr.h"
@@ -31,22 +31,8 @@ struct QuanewForm {
 // Runs the technique from str->x. Returns the code of the termination test.
 int quanew_loop(MINSTR* str, const QuanewForm& form);
 
-// ---- Pieces of actcon -------------------------------------------------------------------------
-
 // Form of a factored matrix, as znlphin and znlpcso count: 1 LDL' with neither bounds nor linear
 // constraints, else 2 LL', which the working set can revise.
 int quanew_factor(const MINSTR* str);
-
-// Job 1: function and derivatives at x, a repair of feasibility if needed, the working set afresh.
-// Returns 0, -1 function, -2 derivatives, -6 no feasible point.
-int quanew_load(MINSTR* str, int load);
-
-// Start matrix: the user's Hessian for load 1, a multiple of the identity otherwise or when it is
-// not positive definite in the reduced space (load is then 0). ridg is the shift of its diagonal,
-// raised while the matrix cannot be factored. False when ridg reaches its limit.
-bool quanew_start_matrix(MINSTR* str, int* load);
-
-// gmax and gpro at x.
-void quanew_measure(MINSTR* str);
 
 }  // namespace tqnlp

@@ -13,19 +13,21 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/quasinewton/quanew_loop.h"
+#include "aasubs/quasinewton/secant_load.h"
 
 namespace tqnlp {
 
 static constexpr int REVISE_FACTOR = 1;
+static constexpr int NO_SCALE = 0;
 
 static int actcon(MINSTR* str, int job, int* load) {
   if (job == 1) {
-    if (const int code = quanew_load(str, *load); code != 0) return code;
-    if (!quanew_start_matrix(str, load)) return NO_PROGRESS;
+    if (const int code = secant_load(str, *load); code != 0) return code;
+    if (!secant_start_matrix(str, quanew_factor(str), NO_SCALE, load)) return NO_PROGRESS;
   } else {
     revise_working_set(str, REVISE_FACTOR, false, str->hess);
   }
-  quanew_measure(str);
+  secant_measure(str);
   return 0;
 }
 

@@ -10,25 +10,27 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/quasinewton/quanew_loop.h"
+#include "aasubs/quasinewton/secant_load.h"
 
 namespace tqnlp {
 
 static constexpr int UPDATE_INVERSE = 1;
 static constexpr int REVISE_SYMMETRIC = 0;
+static constexpr int NO_SCALE = 0;
 
 static int actcon(MINSTR* str, int job, int* load) {
   if (job == 1) {
-    if (const int code = quanew_load(str, *load); code != 0) return code;
-    if (!quanew_start_matrix(str, load)) return -1;
-    quanew_measure(str);
+    if (const int code = secant_load(str, *load); code != 0) return code;
+    if (!secant_start_matrix(str, quanew_factor(str), NO_SCALE, load)) return -1;
+    secant_measure(str);
     return 0;
   }
   revise_working_set(str, REVISE_SYMMETRIC, false, str->hess);
   if (str->nabc != str->nvar && str->lincon != 0 && str->chac != 0) {
     *load = 0;
-    if (!quanew_start_matrix(str, load)) return -2;
+    if (!secant_start_matrix(str, quanew_factor(str), NO_SCALE, load)) return -2;
   }
-  quanew_measure(str);
+  secant_measure(str);
   return 0;
 }
 
