@@ -363,6 +363,28 @@ int assess(DGWSTR* d) {
 
 // ---- After the verdict --------------------------------------------------------------------------
 
+void forget_verdict(DGWSTR* d) {
+  d->irc = d->xirc = ACCEPT;
+  d->cnvcod = 0;
+}
+
+Next end_of_model(DGWSTR* d, int* ij) {
+  MINSTR* str = d->minstr;
+  d->cnvcod = d->irc - ASSESSMENT_TO_CODE;
+  if (str->crit < str->cold && d->xirc != LAST_STEP) {
+    d->xirc = LAST_STEP;
+    return Next::go_on;
+  }
+  *ij = str->uster(str, NO_PROGRESS);
+  return Next::stop;
+}
+
+Next end_at_vertex(MINSTR* str, int* ij) {
+  *ij = str->uster(str, TEST_ITERATION);
+  if (*ij == 0) *ij = str->uster(str, NO_PROGRESS);
+  return Next::stop;
+}
+
 void carry_out_rest(DGWSTR* d) {
   MINSTR* str = d->minstr;
   const long n = str->nvar;
@@ -386,8 +408,8 @@ double next_radius(const DGWSTR* d, double length, double limit) {
   return std::min(limit, radius);
 }
 
-void apply_gradient_tests(DGWSTR* d, double mismatch, double length_at_xold, double slope) {
-  const bool model_is_right = mismatch <= MISMATCH_SHARE * length_at_xold;
+void apply_gradient_tests(DGWSTR* d, double mismatch, double length, double slope) {
+  const bool model_is_right = mismatch <= MISMATCH_SHARE * length;
   if (model_is_right || slope < SLOPE_SHARE * d->gtst) d->radf = d->incf;
 }
 

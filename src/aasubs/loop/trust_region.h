@@ -22,6 +22,7 @@
 // After carry_out_rest x, crit and sdir belong together, and crit >= cold means x = xold.
 #pragma once
 
+#include "aasubs/loop/technique_loop.h"
 #include "aasubs/record/minstr.h"
 
 namespace tqnlp {
@@ -130,6 +131,18 @@ void measure_step(DGWSTR* d);
 // and dfes = cold - crit. crit becomes that of the point which the verdict leaves in x.
 int assess(DGWSTR* d);
 
+// A step that was accepted is given up after all: the next trial from xold is judged as a first
+// one.
+void forget_verdict(DGWSTR* d);
+
+// The model has converged (irc above 6). go_on: a last step that lowers the objective is taken
+// before the run ends; stop: the termination test has spoken, its answer is in *ij.
+Next end_of_model(DGWSTR* d, int* ij);
+
+// A start where the active constraints leave no freedom: there is no step to try, and the
+// termination test ends the run.
+Next end_at_vertex(MINSTR* str, int* ij);
+
 // Does what rest asks for: x, sdir and dpnm saved or brought back; a trial that is no better than
 // xold is given up.
 void carry_out_rest(DGWSTR* d);
@@ -139,8 +152,8 @@ void carry_out_rest(DGWSTR* d);
 double next_radius(const DGWSTR* d, double length, double limit);
 
 // After ACCEPT_TEST: the radius may grow when the gradient changed as the model says, mismatch (the
-// scaled length of their difference) being at most half of the gradient's length at xold, or when
+// scaled length of their difference) being at most half of length, that of the gradient, or when
 // the slope along the step is still clearly negative.
-void apply_gradient_tests(DGWSTR* d, double mismatch, double length_at_xold, double slope);
+void apply_gradient_tests(DGWSTR* d, double mismatch, double length, double slope);
 
 }  // namespace tqnlp

@@ -121,18 +121,6 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
   return Next::restart;
 }
 
-// The model has converged. A last step that lowers the objective is taken before the run ends.
-static Next end_of_model(MINSTR* str, TruregRun& run) {
-  DGWSTR& d = run.d;
-  d.cnvcod = d.irc - ASSESSMENT_TO_CODE;
-  if (str->crit < str->cold && d.xirc != LAST_STEP) {
-    d.xirc = LAST_STEP;
-    return Next::go_on;
-  }
-  run.ij = str->uster(str, NO_PROGRESS);
-  return Next::stop;
-}
-
 // What assess makes of the step. go_on: the step is taken.
 static Next judge(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
@@ -154,7 +142,7 @@ static Next judge(MINSTR* str, TruregRun& run) {
     str->delt = d.lmxs;
     return Next::solve_again;
   }
-  return d.irc > SINGULAR_STEP ? end_of_model(str, run) : Next::go_on;
+  return d.irc > SINGULAR_STEP ? end_of_model(&run.d, &run.ij) : Next::go_on;
 }
 
 // Makes the step of the present radius and the trial point, and judges it.
@@ -171,7 +159,7 @@ static Next try_radius(MINSTR* str, TruregRun& run) {
   }
   if (!step_moves(str, str->sdir)) {
     d.irc = STEP_CONVERGED;
-    return end_of_model(str, run);
+    return end_of_model(&run.d, &run.ij);
   }
   if (trial_is_wanted(&d)) {
     zvaxpy(str->x, str->sdir, str->xold, str->nvar, str->stub);
@@ -218,19 +206,12 @@ static void test_gradient(MINSTR* str, DGWSTR& d, double length_at_xold) {
   apply_gradient_tests(&d, zvenorm(order, 1, mismatch), length_at_xold, slope);
 }
 
-// A step that was accepted is given up after all: the next trial from xold is judged as a first
-// one.
-static void forget_verdict(DGWSTR& d) {
-  d.irc = d.xirc = ACCEPT;
-  d.cnvcod = 0;
-}
-
 // Derivatives at the accepted point failed: from xold with a smaller radius. The failed load has
 // left parts of its own in gradient and matrix; the working set and the scale are still those of
 // xold.
 static Next retreat_from_bad_derivatives(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
-  forget_verdict(d);
+  forget_verdict(&d);
   const Next next = shrink_radius(str, run, -4);
   const bool user_hessian = run.user_hessian;
   if (next != Next::solve_again) {
@@ -266,7 +247,7 @@ static Next accept_step(MINSTR* str, TruregRun& run) {
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.
   if (str->nfct != d.nfgc && !evaluate_objective(str)) {
-    forget_verdict(d);
+    forget_verdict(&d);
     return shrink_radius(str, run, -1);
   }
   d.nfgc = str->nfct;
@@ -289,16 +270,9 @@ static Next accept_step(MINSTR* str, TruregRun& run) {
   return Next::go_on;
 }
 
-// A start where the active constraints leave no freedom: there is no step to try.
-static Next end_at_vertex(MINSTR* str, TruregRun& run) {
-  run.ij = str->uster(str, TEST_ITERATION);
-  if (run.ij == 0) run.ij = str->uster(str, NO_PROGRESS);
-  return Next::stop;
-}
-
 static Next one_iteration(MINSTR* str, TruregRun& run) {
   start_iteration(str);
-  if (reduced_dimension(str) < 1) return end_at_vertex(str, run);
+  if (reduced_dimension(str) < 1) return end_at_vertex(str, &run.ij);
   open_step_search(&run.d);
   run.limit = HUGE_VALUE;
   run.first = str->delt;

@@ -252,18 +252,6 @@ static Next limit_step(MINSTR* str, DoglegRun& run) {
   return start_over_without_hessian(str, run);
 }
 
-// The model has converged. A last step that lowers the objective is taken before the run ends.
-static Next end_of_model(MINSTR* str, DoglegRun& run) {
-  DGWSTR& d = run.d;
-  d.cnvcod = d.irc - ASSESSMENT_TO_CODE;
-  if (str->crit < str->cold && d.xirc != LAST_STEP) {
-    d.xirc = LAST_STEP;
-    return Next::go_on;
-  }
-  run.ij = str->uster(str, NO_PROGRESS);
-  return Next::stop;
-}
-
 // Retries without end: the steps are rounding, or what wants to grow is held by a constraint.
 static bool retries_are_idle(const DGWSTR& d) {
   static constexpr long MOST_DECREASES = 20;
@@ -295,7 +283,7 @@ static Next judge(MINSTR* str, DoglegRun& run) {
     str->delt = d.lmxs;
     return Next::solve_again;
   }
-  return d.irc > SINGULAR_STEP ? end_of_model(str, run) : Next::go_on;
+  return d.irc > SINGULAR_STEP ? end_of_model(&run.d, &run.ij) : Next::go_on;
 }
 
 // Makes the step of the present radius and the trial point, and judges it.
@@ -312,7 +300,7 @@ static Next try_radius(MINSTR* str, DoglegRun& run) {
   if (!std::isfinite(largest_or_nan(str->nvar, str->sdir))) return retry_failed_trial(str, run);
   if (!step_moves(str, str->sdir)) {
     d.irc = STEP_CONVERGED;
-    return end_of_model(str, run);
+    return end_of_model(&run.d, &run.ij);
   }
   if (trial_is_wanted(&d)) {
     zvaxpy(str->x, str->sdir, str->xold, str->nvar, str->stub);
@@ -376,7 +364,10 @@ static Next accept_step(MINSTR* str, DoglegRun& run) {
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.
-  if (str->nfct != d.nfgc && !evaluate_objective(str)) return retry_failed_trial(str, run);
+  if (str->nfct != d.nfgc && !evaluate_objective(str)) {
+    forget_verdict(&d);
+    return retry_failed_trial(str, run);
+  }
   d.nfgc = str->nfct;
   str->nitr += 1.0;
   ++str->itre;
@@ -393,18 +384,11 @@ static Next accept_step(MINSTR* str, DoglegRun& run) {
   return update_factor(str);
 }
 
-// A start where the active constraints leave no freedom: there is no step to try.
-static Next end_at_vertex(MINSTR* str, DoglegRun& run) {
-  run.ij = str->uster(str, TEST_ITERATION);
-  if (run.ij == 0) run.ij = str->uster(str, NO_PROGRESS);
-  return Next::stop;
-}
-
 static Next one_iteration(MINSTR* str, DoglegRun& run) {
   if (str->itre > 0) str->delt = run.d.radf * run.d.dstn;
   start_iteration(str);
   std::copy_n(str->grad, str->nvar, str->gold);
-  if (reduced_dimension(str) < 1) return end_at_vertex(str, run);
+  if (reduced_dimension(str) < 1) return end_at_vertex(str, &run.ij);
   open_step_search(&run.d);
   run.first = str->delt;
   if (!make_dogleg_model(&run.d)) return start_over_without_hessian(str, run);

@@ -12,7 +12,7 @@
 namespace tqnlp::test {
 namespace {
 
-constexpr int INVERSE = 10, FACTOR = 11;
+constexpr int DOGLEG = 9, INVERSE = 10, FACTOR = 11;
 
 // Installs a problem with the settings that an entry gives a quasi-Newton run.
 void install_quasi_newton(TestRecord& record, const Problem& problem) {
@@ -44,7 +44,7 @@ Problem convex(long n, double quartic = 0.1) {
 }
 
 class Quanew : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Forms, Quanew, testing::Values(INVERSE, FACTOR));
+INSTANTIATE_TEST_SUITE_P(Forms, Quanew, testing::Values(DOGLEG, INVERSE, FACTOR));
 
 TEST_P(Quanew, EndsWhereNothingIsFree) {
   const Problem problem = convex(3);
