@@ -58,6 +58,52 @@ const Exceptions TRUST_REGION = {
     {{"S265"}, {ANY}, 3, SADDLE},
     {{"Watson 9"}, {2, 3}, 3, "a flat valley: ABSGCONV is met with f 1.5e-6 above"}};
 
+const std::string CANCELS = "terms of size 1e4 cancel: no decrease can be seen near the minimum";
+const std::string STIFF =
+    "DFP hardly ever lowers a curvature that is too large when no search lengthens its steps: "
+    "hundreds to 20000 iterations are needed";
+
+// Variants 1 to 3 are hesc, 4 is hesc 0, 20 is DFP.
+const Exceptions DOGLEG = {
+    {{"Meyer"}, {ANY}, -8, VALLEY},
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"HS54"}, {1, 2, 3, 4}, SOME_CODE, LARGE_SCALE},
+    {{"S265"}, {ANY}, 3, SADDLE},
+    {{"S268"}, {1, 2, 3, 4}, NEAR, CANCELS, 1e-8},
+    {{"Penalty II 10"}, {ANY}, 6, "a flat valley: GCONV is met with f 1e-6 to 4e-6 above"},
+    {{"Watson 9"}, {1, 2, 3, 4}, 3, "a flat valley: ABSGCONV is met with f 5e-6 above"},
+    {{"Wood", "HS38"}, {20}, 6, "the path passes a saddle so slowly that GCONV is met there"},
+    {{"Rosenbrock",
+      "Powell badly scaled",
+      "Jennrich and Sampson",
+      "Bard",
+      "Gulf research",
+      "Box three-dimensional",
+      "Osborne 1",
+      "Osborne 2",
+      "Biggs EXP6",
+      "Powell singular",
+      "Watson 6",
+      "Watson 9",
+      "Watson 12",
+      "Extended Rosenbrock 10",
+      "Extended Powell singular 12",
+      "Penalty I 4",
+      "Penalty I 10",
+      "Brown almost-linear",
+      "HS1",
+      "HS54",
+      "S211",
+      "S231",
+      "S268",
+      "S282",
+      "S283",
+      "S291",
+      "S295"},
+     {20},
+     -8,
+     STIFF}};
+
 const Exceptions CONJUGATE = {
     {{"HS25"}, {ANY}, 3, FLAT},
     {{"HS54"}, {ANY}, SOME_CODE, LARGE_SCALE},
@@ -106,6 +152,11 @@ const Row ROWS[] = {
     {"NLPTR", options_of({{3, 1}}), TRUST_REGION, 1, 5600},
     {"NLPTR", options_of({{3, 2}}), TRUST_REGION, 2, 5600},
     {"NLPTR", options_of({{3, 3}}), TRUST_REGION, 3, 5600},
+    {"NLPDD", options_of({}), DOGLEG, 4, 8300},
+    {"NLPDD", options_of({{3, 1}}), DOGLEG, 1, 8500},
+    {"NLPDD", options_of({{3, 2}}), DOGLEG, 2, 8400},
+    {"NLPDD", options_of({{3, 3}}), DOGLEG, 3, 8300},
+    {"NLPDD", options_of({{4, 2}}), DOGLEG, 20, 17700},
     {"NLPCG", options_of({{4, 1}}), CONJUGATE, 1, 17800, 0.05},
     {"NLPCG", options_of({{4, 2}}), CONJUGATE, 2, 30700, 0.05},
     {"NLPCG", options_of({{4, 3}}), CONJUGATE, 3, 26800, 0.05},

@@ -79,9 +79,28 @@ bool trial_is_wanted(const DGWSTR* d) {
   return !(d->irc == RETRY && d->radf > 1.0 && WORTH_A_LONGER_STEP * str->dfes >= str->pred);
 }
 
+void cut_step(DGWSTR* d) {
+  MINSTR* str = d->minstr;
+  const double share = str->stub;
+  d->dpnm *= share;
+  d->dstn *= share;
+  str->pred = share * (share * (str->pred + d->gtst) - d->gtst);
+  d->gtst *= share;
+}
+
+void restore_promise(const DGWSTR* d) {
+  MINSTR* str = d->minstr;
+  if (str->lincon == 0) return;
+  double step = 0.0;
+  for (long j = 0; j < str->nvar; ++j) step = std::max(step, std::fabs(str->x[j] - str->xold[j]));
+  const double share = step / zvamx(str->nvar, str->sdir);
+  if (share > 0.0 && share < 1.0) str->pred /= share;
+}
+
 void measure_step(DGWSTR* d) {
   MINSTR* str = d->minstr;
-  d->rldx = str->alfa = reldx(str->nvar, str->xsiz, str->x, str->xold);
+  str->alfa = reldx(str->nvar, str->xsiz, str->x, str->xold);
+  d->rldx = str->alfa / str->stub;
 }
 
 // ---- Entry --------------------------------------------------------------------------------------

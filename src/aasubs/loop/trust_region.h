@@ -124,7 +124,16 @@ void open_step_search(DGWSTR* d);
 // longer step of which the model promises hardly more than the last one already gave.
 bool trial_is_wanted(const DGWSTR* d);
 
-// Relative change of x against xold, in rldx and alfa.
+// A constraint cuts the step to stub: its lengths, and what the model promises for the cut step, by
+// which the trial is judged.
+void cut_step(DGWSTR* d);
+
+// The full promise of a step that was cut, for the termination test: a cut says nothing about how
+// much there is to gain.
+void restore_promise(const DGWSTR* d);
+
+// Relative change of x against xold, in alfa, and that of the step before a cut, in rldx: a
+// constraint that is near is no sign of convergence.
 void measure_step(DGWSTR* d);
 
 // Judges the trial: reads the step, crit, cold, tbig, nfct; sets irc (also the result), radf, rest

@@ -108,10 +108,7 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
       run.ij = NO_PROGRESS;
       return Next::leave;
     }
-    run.d.dpnm *= str->stub;
-    run.d.dstn *= str->stub;
-    str->pred = str->stub * (str->stub * (str->pred + run.d.gtst) - run.d.gtst);
-    run.d.gtst *= str->stub;
+    cut_step(&run.d);
     return Next::go_on;
   }
   str->delt /= AFTER_FAILURE;
@@ -125,10 +122,7 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
 static Next judge(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
   const bool singular_test = d.irc == SINGULAR_STEP;
-  if (!singular_test) {
-    measure_step(&d);
-    d.rldx /= str->stub;  // a constraint that is near is no sign of convergence
-  }
+  if (!singular_test) measure_step(&d);
   assess(&d);
   carry_out_rest(&d);
   // The radius is that of the step which the verdict is about, not that of the test.
@@ -227,22 +221,12 @@ static Next retreat_from_bad_derivatives(MINSTR* str, TruregRun& run) {
   return Next::finish;
 }
 
-// The share of sdir that the step from xold to x is: below 1 where a constraint has cut it.
-static double share_taken(const MINSTR* str) {
-  double step = 0.0;
-  for (long j = 0; j < str->nvar; ++j) step = std::max(step, std::fabs(str->x[j] - str->xold[j]));
-  return step / zvamx(str->nvar, str->sdir);
-}
-
 // Takes the step: feasibility, derivatives, termination test, radius of the next iteration.
 static Next accept_step(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
   const bool by_gradient = d.irc == ACCEPT_TEST;
   if (by_gradient) predict_gradient(str, d);
-  // What the termination test sees is deliberately not less than the full step promised: a cut
-  // says nothing about how much there is to gain.
-  const double share = str->lincon != 0 ? share_taken(str) : 1.0;
-  if (share > 0.0 && share < 1.0) str->pred /= share;
+  restore_promise(&d);
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.

@@ -238,14 +238,13 @@ static Next retry_failed_trial(MINSTR* str, DoglegRun& run) {
   return start_over(str, run, FUNCTION_FAILED);
 }
 
-// Cuts the step at the first linear constraint or bound that blocks it. As in TRUREG the promise of
-// the model stays that of the full step.
+// Cuts the step at the first linear constraint or bound that blocks it.
 static Next limit_step(MINSTR* str, DoglegRun& run) {
   static constexpr double BLOCKED = 1e-06;
   long blocking = -1;
   znlpstl(str, 0, 0, 0, str->xold, str->sdir, &blocking, nullptr);
   if (str->stub > BLOCKED) {
-    run.d.dstn *= str->stub;
+    cut_step(&run.d);
     return Next::go_on;
   }
   if (shrink_radius(str, run)) return Next::solve_again;
@@ -332,7 +331,8 @@ static void test_gradient(MINSTR* str, DGWSTR& d) {
   zvaxpy(difference, predicted_gradient(str), str->grad, str->nvar, -1.0);
   znlpvre(str, difference, mismatch);
   for (long k = 0; k < order; ++k) mismatch[k] /= component_scale(str, k);
-  const double slope = dotprd(str->nvar, str->grad, str->sdir);
+  zvaxpy(difference, str->xold, str->x, str->nvar, -1.0);  // the step, as a constraint left it
+  const double slope = dotprd(str->nvar, str->grad, difference);
   apply_gradient_tests(&d, zvenorm(order, 1, mismatch), d.dgnm, slope);
 }
 
@@ -361,6 +361,7 @@ static Next accept_step(MINSTR* str, DoglegRun& run) {
   DGWSTR& d = run.d;
   const bool by_gradient = d.irc == ACCEPT_TEST;
   if (by_gradient) predict_gradient(str);
+  restore_promise(&d);
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
   // What the user's code saved must belong to x.
