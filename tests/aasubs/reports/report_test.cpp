@@ -405,7 +405,7 @@ TEST_F(Summary, FollowsTheTestOfEveryTechnique) {
        "Jacobian|" + point + "Levenber|Actual o|Trust-re|"},
       {4, 0, 0, 0, "DifCrit|MaxGrad|Ridge|Rho|", "Hessian |" + point + "Actual o|Ridge="},
       {3, 0, 0, 0, alfa, "Hessian |" + point + "Slope of|"},
-      {7, 0, 0, 0, alfa, "Gradient|" + point + "Slope of|"},
+      {7, 1, 0, 0, alfa, "Jacobian|" + point + "Slope of|"},
       {12, 1, 0, 0, alfa, "Jacobian|" + point + "Slope of|"},
       {9, 0, 0, 0, "DifCrit|MaxGrad|Lambda|Slope|", "Gradient|" + point + "Slope of|Trust-re|"},
       {10, 0, 0, 0, alfa, "Gradient|" + point + "Slope of|"},
