@@ -23,10 +23,6 @@
 // In the first kind every peer goes on until it gives up, so that none is charged for its stopping
 // rule. NLPQN runs twice: with the defaults, and to the end as the peers do.
 #include <benchmark/benchmark.h>
-#include <dlib/optimization.h>
-#include <gsl/gsl_errno.h>
-#include <gsl/gsl_multimin.h>
-#include <nlopt.h>
 
 #include <algorithm>
 #include <chrono>
@@ -36,173 +32,30 @@
 #include <map>
 
 #include "aasubs/record/packed.h"
-#include "problems/problem.h"
-#include "tqnlp/tqnlp.hpp"
+#include "peers.h"
 
 namespace tqnlp {
 
-using problems::Problem;
-
-static constexpr long MOST_CALLS = 20000;
-static constexpr double MOST_SECONDS = 20.0;  // a run; only cubic work an iteration comes near
-
-// ---- What a solver asks -------------------------------------------------------------------------
-
-// Counts the calls and notes every new lowest value with the calls that it took.
-struct Meter {
-  struct Mark {
-    long points, calls;  // calls of the objective; of objective and gradient together
-    double lowest;
-  };
-
-  explicit Meter(const Problem& p) : problem(p) {}
-
-  double value(const double* x) {
-    ++functions;
-    return note(problem.value(x));
-  }
-  void gradient(const double* x, double* g) {
-    ++gradients;
-    problem.evaluate(x, g);
-  }
-  double both(const double* x, double* g) {
-    ++functions;
-    ++gradients;
-    return note(problem.evaluate(x, g));
-  }
-  double note(double f) {
-    if (f < lowest) {
-      lowest = f;
-      marks.push_back({functions, functions + gradients, f});
-    }
-    return f;
-  }
-
-  const Problem& problem;
-  double target = -HUGE_VAL;  // a run may stop below it
-  long functions = 0, gradients = 0;
-  long iterations = 0;  // 0: the solver does not tell
-  double lowest = HUGE_VAL;
-  std::vector<Mark> marks;
-};
+using namespace bench;
 
 // ---- Solvers ------------------------------------------------------------------------------------
 
-enum class Stop { by_defaults, at_the_end };
-
-// Termination criteria: of the defaults the target alone, or the limits of the peers and tolerances
-// that only rounding meets.
-static Matrix criteria(Stop stop, double target) {
-  const double value = std::isfinite(target) ? target : missing;
-  if (stop == Stop::by_defaults) return Matrix::row({missing, missing, value});
-  static constexpr double LIMIT = MOST_CALLS, LEAST = 1e-18;
-  return Matrix::row({LIMIT, LIMIT, value, LEAST, missing, LEAST, LEAST});
+static Solver nlpqn(std::string name, Stop stop, double tupd, double tlin) {
+  return {std::move(name), [](const Problem&) { return true; },
+          [=](Meter& meter) {
+            run_subroutine(meter, "NLPQN", false, criteria(stop, meter.target),
+                           Matrix::row({0, 0, missing, tupd, tlin}));
+          }};
 }
-
-static void run_nlpqn(Meter& meter, Stop stop, double tupd, double tlin) {
-  Session tql;
-  tql.module("F", [&](const Matrix& x) { return Matrix::scalar(meter.value(x.data())); });
-  tql.module("G", [&](const Matrix& x) {
-    Matrix g(1, x.cols());
-    meter.gradient(x.data(), g.data());
-    return g;
-  });
-  const Matrix opt = Matrix::row({0, 0, missing, tupd, tlin});
-  tql.call("NLPQN", {"F", Matrix::row(meter.problem.start), opt, Matrix(),
-                     criteria(stop, meter.target), Matrix(), Matrix(), "G"});
-  meter.iterations = static_cast<long>(tql.variable("_ITER_")(0, 0));
-}
-
-static void run_nlopt(Meter& meter, nlopt_algorithm algorithm) {
-  nlopt_opt opt = nlopt_create(algorithm, static_cast<unsigned>(meter.problem.n));
-  nlopt_set_min_objective(
-      opt,
-      [](unsigned, const double* x, double* g, void* data) {
-        Meter& m = *static_cast<Meter*>(data);
-        return g != nullptr ? m.both(x, g) : m.value(x);
-      },
-      &meter);
-  nlopt_set_maxeval(opt, static_cast<int>(MOST_CALLS));
-  nlopt_set_maxtime(opt, MOST_SECONDS);
-  nlopt_set_ftol_rel(opt, 1e-16);
-  nlopt_set_stopval(opt, meter.target);
-  std::vector<double> x = meter.problem.start;
-  double f = 0.0;
-  nlopt_optimize(opt, x.data(), &f);
-  nlopt_destroy(opt);
-}
-
-static void run_gsl(Meter& meter) {
-  static constexpr double FIRST_STEP = 0.01;  // both as its manual's example and advice have them
-  static constexpr double LINE_TOLERANCE = 0.1;
-  gsl_set_error_handler_off();
-  const std::size_t n = static_cast<std::size_t>(meter.problem.n);
-  gsl_multimin_function_fdf fdf;
-  fdf.n = n;
-  fdf.params = &meter;
-  fdf.f = [](const gsl_vector* x, void* m) { return static_cast<Meter*>(m)->value(x->data); };
-  fdf.df = [](const gsl_vector* x, void* m, gsl_vector* g) {
-    static_cast<Meter*>(m)->gradient(x->data, g->data);
-  };
-  fdf.fdf = [](const gsl_vector* x, void* m, double* f, gsl_vector* g) {
-    *f = static_cast<Meter*>(m)->both(x->data, g->data);
-  };
-  gsl_vector* x = gsl_vector_alloc(n);
-  std::copy(meter.problem.start.begin(), meter.problem.start.end(), x->data);
-  gsl_multimin_fdfminimizer* s =
-      gsl_multimin_fdfminimizer_alloc(gsl_multimin_fdfminimizer_vector_bfgs2, n);
-  int status = gsl_multimin_fdfminimizer_set(s, &fdf, x, FIRST_STEP, LINE_TOLERANCE);
-  while (status == GSL_SUCCESS && meter.functions < MOST_CALLS && meter.lowest > meter.target) {
-    status = gsl_multimin_fdfminimizer_iterate(s);
-    ++meter.iterations;
-  }
-  gsl_multimin_fdfminimizer_free(s);
-  gsl_vector_free(x);
-}
-
-// Ends a run of dlib when nothing changes any more, or at the target.
-struct DlibStop {
-  Meter* meter;
-  double last = HUGE_VAL;
-  template <typename Column>
-  bool should_continue_search(const Column&, double f, const Column&) {
-    static constexpr long MOST_ITERATIONS = 5000;
-    const bool moved = f != last;
-    last = f;
-    return moved && ++meter->iterations <= MOST_ITERATIONS && f > meter->target;
-  }
-};
-
-static void run_dlib(Meter& meter) {
-  using Column = dlib::matrix<double, 0, 1>;
-  Column x(meter.problem.n);
-  std::copy(meter.problem.start.begin(), meter.problem.start.end(), x.begin());
-  const auto f = [&](const Column& at) { return meter.value(&at(0)); };
-  const auto g = [&](const Column& at) {
-    Column result(at.size());
-    meter.gradient(&at(0), &result(0));
-    return result;
-  };
-  try {
-    dlib::find_min(dlib::bfgs_search_strategy(), DlibStop{&meter}, f, g, x, -HUGE_VAL);
-  } catch (const dlib::error&) {
-    // It gives up at values that are not finite; the marks up to there count.
-  }
-}
-
-struct Solver {
-  std::string name;
-  std::function<void(Meter&)> run;
-};
 
 static const std::vector<Solver>& solvers() {
   static const std::vector<Solver> all = {
-      {"NLPQN", [](Meter& m) { run_nlpqn(m, Stop::by_defaults, missing, missing); }},
-      {"NLPQN_to_the_end", [](Meter& m) { run_nlpqn(m, Stop::at_the_end, missing, missing); }},
-      {"NLopt_LD_LBFGS", [](Meter& m) { run_nlopt(m, NLOPT_LD_LBFGS); }},
-      {"NLopt_LD_SLSQP", [](Meter& m) { run_nlopt(m, NLOPT_LD_SLSQP); }},
-      {"GSL_vector_bfgs2", run_gsl},
-      {"dlib_bfgs", run_dlib},
+      nlpqn("NLPQN", Stop::by_defaults, missing, missing),
+      nlpqn("NLPQN_to_the_end", Stop::at_the_end, missing, missing),
+      peer("NLopt_LD_LBFGS"),
+      peer("NLopt_LD_SLSQP"),
+      peer("GSL_vector_bfgs2"),
+      peer("dlib_bfgs"),
   };
   return all;
 }
@@ -211,7 +64,7 @@ static const std::vector<Solver>& solvers() {
 static const std::vector<Solver>& timed_solvers() {
   static const std::vector<Solver> all = [] {
     std::vector<Solver> list = solvers();
-    list[1] = {"NLPQN_tupd3", [](Meter& m) { run_nlpqn(m, Stop::by_defaults, 3, missing); }};
+    list[1] = nlpqn("NLPQN_tupd3", Stop::by_defaults, 3, missing);
     return list;
   }();
   return all;
@@ -223,8 +76,8 @@ static const std::vector<Solver>& pairs() {
     std::vector<Solver> list;
     for (int tupd = 1; tupd <= 4; ++tupd) {
       for (int tlin = 1; tlin <= 8; ++tlin) {
-        list.push_back({"tupd" + std::to_string(tupd) + "_tlin" + std::to_string(tlin),
-                        [=](Meter& m) { run_nlpqn(m, Stop::at_the_end, tupd, tlin); }});
+        list.push_back(nlpqn("tupd" + std::to_string(tupd) + "_tlin" + std::to_string(tlin),
+                             Stop::at_the_end, tupd, tlin));
       }
     }
     return list;
@@ -234,40 +87,11 @@ static const std::vector<Solver>& pairs() {
 
 // ---- Outcome ------------------------------------------------------------------------------------
 
-// What a minimum is taken to be: published values have few digits, so that the lowest value that
-// some solver found near one stands for it.
-static double sharpened(double minimum, const std::vector<Meter>& runs) {
-  double best = HUGE_VAL;
-  for (const Meter& run : runs) {
-    if (std::fabs(run.lowest - minimum) <= 1e-4 * std::max(1.0, std::fabs(minimum))) {
-      best = std::min(best, run.lowest);
-    }
-  }
-  return best < HUGE_VAL ? best : minimum;
-}
-
-// The minimum that a run was on its way to: of several, the one nearest to where it ended.
-static double target(const Meter& run, const std::vector<Meter>& runs) {
-  if (run.problem.minima.empty()) {
-    return std::min_element(runs.begin(), runs.end(),
-                            [](auto& a, auto& b) { return a.lowest < b.lowest; })
-        ->lowest;
-  }
-  double nearest = HUGE_VAL;
-  for (double published : run.problem.minima) {
-    const double minimum = sharpened(published, runs);
-    if (std::fabs(run.lowest - minimum) < std::fabs(run.lowest - nearest)) nearest = minimum;
-  }
-  return nearest;
-}
-
 static void count_hits(benchmark::State& state, const Meter& run, double minimum) {
   const double start = run.problem.value(run.problem.start.data());
   for (const auto& [name, tolerance] : {std::pair("6", 1e-6), std::pair("10", 1e-10)}) {
-    const auto hit = std::find_if(run.marks.begin(), run.marks.end(), [&](const Meter::Mark& m) {
-      return m.lowest <= minimum + tolerance * (start - minimum);
-    });
-    const bool found = hit != run.marks.end();
+    const Meter::Mark* hit = first_below(run, minimum + tolerance * (start - minimum));
+    const bool found = hit != nullptr;
     state.counters[std::string("points_") + name] = found ? static_cast<double>(hit->points) : 0.0;
     state.counters[std::string("calls_") + name] = found ? static_cast<double>(hit->calls) : 0.0;
   }
@@ -290,7 +114,7 @@ static void show_run(benchmark::State& state, const Problem& problem,
                      const std::vector<Solver>& list, std::size_t which) {
   for (auto _ : state) {
     const std::vector<Meter>& runs = runs_on(problem, list);
-    count_hits(state, runs[which], target(runs[which], runs));
+    count_hits(state, runs[which], minimum_for(runs[which], runs));
   }
 }
 
@@ -440,7 +264,7 @@ static void add_forms() {
   static const std::vector<Problem> problems = [] {
     std::vector<Problem> list;
     for (long n : {50, 100, 200, 500, 1000, 2000}) {
-      for (Problem& p : test::scalable_problems(n)) {
+      for (Problem& p : problems::scalable_problems(n)) {
         if (p.name == "TRIDIA") list.push_back(std::move(p));
       }
     }
