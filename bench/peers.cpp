@@ -392,29 +392,26 @@ const Solver& peer(const std::string& name) {
 
 // ---- Outcomes -----------------------------------------------------------------------------------
 
-static double sharpened(double minimum, const std::vector<Meter>& runs) {
-  static constexpr double NEAR = 1e-4;
-  double best = HUGE_VAL;
-  for (const Meter& run : runs) {
-    if (std::fabs(run.lowest - minimum) <= NEAR * std::max(1.0, std::fabs(minimum))) {
-      best = std::min(best, run.lowest);
-    }
-  }
-  return best < HUGE_VAL ? best : minimum;
+// The published minimum nearest to where a run ended.
+static double published_minimum(const Meter& run) {
+  const auto& minima = run.problem.minima;
+  return *std::min_element(minima.begin(), minima.end(), [&](double a, double b) {
+    return std::fabs(run.lowest - a) < std::fabs(run.lowest - b);
+  });
 }
 
 double minimum_for(const Meter& run, const std::vector<Meter>& runs) {
-  if (run.problem.minima.empty()) {
-    return std::min_element(runs.begin(), runs.end(),
-                            [](auto& a, auto& b) { return a.lowest < b.lowest; })
-        ->lowest;
+  static constexpr double NEAR = 1e-4;
+  const bool published = !run.problem.minima.empty();
+  const double minimum = published ? published_minimum(run) : HUGE_VAL;
+  double best = HUGE_VAL;
+  for (const Meter& other : runs) {
+    const double room = NEAR * std::max(1.0, std::fabs(minimum));
+    const bool same = !published || (published_minimum(other) == minimum &&
+                                     std::fabs(other.lowest - minimum) <= room);
+    if (same) best = std::min(best, other.lowest);
   }
-  double nearest = HUGE_VAL;
-  for (double published : run.problem.minima) {
-    const double minimum = sharpened(published, runs);
-    if (std::fabs(run.lowest - minimum) < std::fabs(run.lowest - nearest)) nearest = minimum;
-  }
-  return nearest;
+  return best < HUGE_VAL ? best : minimum;
 }
 
 const Meter::Mark* first_below(const Meter& run, double value) {

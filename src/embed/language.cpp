@@ -110,14 +110,17 @@ TQLTASK* tqlq() { return &embed::current_task().frame().record; }
 
 int tqlexst() { return embed::current_task().frame().exit_state; }
 
-// Copies the matrix that the bridge filled into the one that the module is given.
-static void load_argument(Matrix& argument, const TQLSYM* symbol) {
-  if (symbol == nullptr) return;
+// Brings what the bridge filled into the matrix that the module is given. After the first run the
+// bridge fills that matrix itself: its numbers are lent to the symbol, and no run copies them.
+static void load_argument(Matrix& argument, TQLSYM* symbol) {
+  if (symbol == nullptr || symbol->data == nullptr || symbol->data == argument.data()) return;
   if (argument.rows() != symbol->rows || argument.cols() != symbol->cols)
     argument = Matrix(symbol->rows, symbol->cols);
-  if (!argument.empty() && symbol->data != nullptr)
-    std::memcpy(argument.data(), symbol->data,
-                static_cast<std::size_t>(argument.size()) * sizeof(double));
+  if (argument.empty()) return;
+  std::memcpy(argument.data(), symbol->data,
+              static_cast<std::size_t>(argument.size()) * sizeof(double));
+  tqwfre2(symbol->data);
+  symbol->data = argument.data();
 }
 
 // Runs the body of a module into call.result. Returns the exit state.
@@ -171,12 +174,26 @@ static int run_watched(Task& task, Frame& frame, TQLSS& ss, TQLCALL& call) {
   return NOT_EVALUATED;
 }
 
+// 0 a is 0 for a finite a alone; the partial sums let the processor look at several at a time.
+static bool all_finite(const double* values, long size) {
+  static constexpr long SIDE_BY_SIDE = 8;
+  double sums[SIDE_BY_SIDE] = {};
+  long k = 0;
+  for (; k + SIDE_BY_SIDE <= size; k += SIDE_BY_SIDE)
+    for (long j = 0; j < SIDE_BY_SIDE; ++j) sums[j] += 0.0 * values[k + j];
+  for (; k < size; ++k) sums[0] += 0.0 * values[k];
+  double total = 0.0;
+  for (double sum : sums) total += sum;
+  return total == 0.0;
+}
+
 // Did a module give numbers throughout? A Hessian may leave an element to its partner on the other
 // side of the diagonal.
 static bool has_value(const Matrix& result) {
   if (result.is_character() || result.empty()) return true;
   const long n = result.rows();
   const double* const values = result.data();
+  if (all_finite(values, result.size())) return true;
   const auto fits = [=, square = n == result.cols(), cols = result.cols()](long k) {
     if (std::isfinite(values[k])) return true;
     return square && std::isnan(values[k]) && std::isfinite(values[k % cols * n + k / cols]);
@@ -223,6 +240,7 @@ void tqlrc(int request) {
 int tqlmiss(const TQLSYM* symbol) {
   if (symbol == nullptr || symbol->kind != NUMERIC || symbol->data == nullptr) return 0;
   const long size = symbol->rows * symbol->cols;
+  if (all_finite(symbol->data, size)) return 0;
   for (long i = 0; i < size; ++i)
     if (std::isnan(symbol->data[i])) return 1;
   return 0;

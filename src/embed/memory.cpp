@@ -112,13 +112,19 @@ void xmpoold(MemPool* pool) {
 
 // ---- Memory of matrices -------------------------------------------------------------------------
 
-// Matrices are handed to modules by copy, so that their memory is memory like any other.
+// Memory of matrices is memory like any other.
 double* tqwalo2(long bytes) {
   if (bytes < 0) return nullptr;
   return static_cast<double*>(vmalloc_handler(static_cast<std::size_t>(bytes), 0));
 }
 
-void tqwfre2(void* data) { vmfree_handler(data); }
+// Numbers lent from the argument of a prepared call stay with it (see load_argument).
+void tqwfre2(void* data) {
+  if (data == nullptr) return;
+  for (const auto& call : embed::current_task().frame().prepared)
+    if (call->argument.data() == data) return;
+  vmfree_handler(data);
+}
 
 void tqwown2(TQLSYM* symbol, double* data) {
   Task& task = embed::current_task();

@@ -188,19 +188,41 @@ int end_evaluation(MINSTR* str, int* flag, int code) {
   return code;
 }
 
+// Copies n numbers; true when all are finite. 0 a is 0 for a finite a alone, and the partial sums
+// let the processor look at several at a time.
+static bool copy_and_look(long n, const double* from, double* to) {
+  static constexpr long SIDE_BY_SIDE = 8;
+  double sums[SIDE_BY_SIDE] = {};
+  long j = 0;
+  for (; j + SIDE_BY_SIDE <= n; j += SIDE_BY_SIDE) {
+    double a[SIDE_BY_SIDE];
+    for (long k = 0; k < SIDE_BY_SIDE; ++k) a[k] = from[j + k];
+    for (long k = 0; k < SIDE_BY_SIDE; ++k) to[j + k] = a[k];
+    for (long k = 0; k < SIDE_BY_SIDE; ++k) sums[k] += 0.0 * a[k];
+  }
+  for (; j < n; ++j) sums[0] += 0.0 * (to[j] = from[j]);
+  double total = 0.0;
+  for (double sum : sums) total += sum;
+  return total == 0.0;
+}
+
+static bool all_finite(long n, const double* values) {
+  static constexpr long SIDE_BY_SIDE = 8;
+  double sums[SIDE_BY_SIDE] = {};
+  long j = 0;
+  for (; j + SIDE_BY_SIDE <= n; j += SIDE_BY_SIDE) {
+    for (long k = 0; k < SIDE_BY_SIDE; ++k) sums[k] += 0.0 * values[j + k];
+  }
+  for (; j < n; ++j) sums[0] += 0.0 * values[j];
+  double total = 0.0;
+  for (double sum : sums) total += sum;
+  return total == 0.0;
+}
+
 // Copies x into the matrix that the module is given. False when x is no point: an element is not
 // finite, as after an overflow in a step. Modules that compare or clip would give a value there.
 static bool copy_point(const MINSTR* str, double* point) {
-  static constexpr long SIDE_BY_SIDE = 4;
-  std::copy_n(str->x, str->nvar, point);
-  // 0 x is 0 for a finite x alone. The partial sums let the processor look at several at a time.
-  double sums[SIDE_BY_SIDE] = {};
-  long j = 0;
-  for (; j + SIDE_BY_SIDE <= str->nvar; j += SIDE_BY_SIDE) {
-    for (long k = 0; k < SIDE_BY_SIDE; ++k) sums[k] += 0.0 * point[j + k];
-  }
-  for (; j < str->nvar; ++j) sums[0] += 0.0 * point[j];
-  return (sums[0] + sums[1]) + (sums[2] + sums[3]) == 0.0;
+  return copy_and_look(str->nvar, str->x, point);
 }
 
 // Remembers which module could not be evaluated, for the message at the end of the run.
@@ -212,9 +234,7 @@ static int module_failed(MINSTR* str, const TQLSS* ss, int* flag) {
 static bool elements_fit(const TQLSYM& result, Elements wanted) {
   if (wanted == Elements::any) return true;
   if (tqlmiss(&result) != 0) return false;
-  return wanted == Elements::present ||
-         std::none_of(result.data, result.data + result.rows * result.cols,
-                      [](double value) { return std::isinf(value); });
+  return wanted == Elements::present || all_finite(result.rows * result.cols, result.data);
 }
 
 int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elements, int message,

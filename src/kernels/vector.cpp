@@ -144,26 +144,84 @@ void zvz111(long n, double* z, double alpha, const double* x) {
 
 void zvscl11(long n, double* x, double alpha) { zvz111(n, x, alpha, x); }
 
-double reldx(long n, double xsiz, const double* x, const double* y) {
+// ---- Changes -----------------------------------------------------------------------------------
+
+// Largest relative change in each of eight lanes. odd counts what has to be looked at one by one: a
+// quotient that could overflow, a size next to nothing, a NaN. Nothing relative to nothing is a NaN
+// here, which no comparison takes.
+template <int W>
+TQNLP_BODY void relative_body(long n, double xsiz, const double* x, const double* y,
+                              double* largest, double* odd) {
+  static constexpr double LARGE = 1e150, SMALL = 1e-150;
+  for (long i = 0; i < n; i += LANES) {
+    for (long k = 0; k < LANES; ++k) {
+      const double a = std::fabs(x[i + k]), b = std::fabs(y[i + k]);
+      const double change = std::fabs(x[i + k] - y[i + k]);
+      double size = a > b ? a : b;
+      size = size > xsiz ? size : xsiz;
+      const double part = change / size;
+      odd[k] += (change < LARGE) & ((size > SMALL) | (size == 0.0)) ? 0.0 : 1.0;
+      largest[k] = part > largest[k] ? part : largest[k];
+    }
+  }
+}
+TQNLP_DISPATCH(void, relative,
+               (long n, double xsiz, const double* x, const double* y, double* largest,
+                double* odd),
+               (n, xsiz, x, y, largest, odd))
+
+static double guarded_reldx(long n, double xsiz, const double* x, const double* y) {
   static constexpr double OVERFLOW_GUARD = 0.0001 * HUGE_VALUE;
   double largest = 0.0;
   for (long i = 0; i < n; ++i) {
     const double change = std::fabs(x[i] - y[i]);
     const double size = std::max({std::fabs(x[i]), std::fabs(y[i]), xsiz});
-    double relative = 0.0;
+    double part = 0.0;
     if (size > SMALLEST_TOLERANCE) {
       const bool safe = size >= 1.0 || change <= 1.0 || change <= size * OVERFLOW_GUARD;
-      relative = safe ? change / size : HUGE_VALUE;
+      part = safe ? change / size : HUGE_VALUE;
     } else if (change > SMALLEST_TOLERANCE) {
-      relative = HUGE_VALUE;
+      part = HUGE_VALUE;
     }
-    if (std::isnan(change + relative)) return change + relative;
-    largest = std::max(largest, relative);
+    if (std::isnan(change + part)) return change + part;
+    largest = std::max(largest, part);
   }
   return largest;
 }
 
+double reldx(long n, double xsiz, const double* x, const double* y) {
+  if (n < LANES) return guarded_reldx(n, xsiz, x, y);
+  double largest[LANES] = {}, odd[LANES] = {};
+  const long whole = n - n % LANES;
+  relative(whole, xsiz, x, y, largest, odd);
+  if (zvamx(LANES, odd) > 0.0) return guarded_reldx(n, xsiz, x, y);
+  const double rest = guarded_reldx(n - whole, xsiz, x + whole, y + whole);
+  return std::isnan(rest) ? rest : std::max(rest, zvamx(LANES, largest));
+}
+
+template <int W>
+TQNLP_BODY double squared_distance_body(long n, const double* x, const double* y) {
+  Lanes<W> sum, a, b;
+  sum.clear();
+  long i = 0;
+  for (; i + LANES <= n; i += LANES) {
+    a.load(x + i);
+    b.load(y + i);
+#pragma GCC unroll 4
+    for (int k = 0; k < Lanes<W>::PARTS; ++k) a.part[k] -= b.part[k];
+    sum.add_product(a, a);
+  }
+  double total;
+  sum.sum(total);
+  for (; i < n; ++i) total += (x[i] - y[i]) * (x[i] - y[i]);
+  return total;
+}
+TQNLP_DISPATCH(double, squared_distance, (long n, const double* x, const double* y), (n, x, y))
+
 double xdif(long n, const double* x, const double* y) {
+  static constexpr long LONG_VECTOR = 256;  // bound by memory: one walk instead of two
+  const double squares = n < LONG_VECTOR ? 0.0 : squared_distance(n, x, y);
+  if (squares > SAFE_SQUARES_LOW && squares < SAFE_SQUARES_HIGH) return std::sqrt(squares);
   // Scaled by the largest change, so that no square overflows or underflows.
   double largest = 0.0;
   for (long i = 0; i < n; ++i) {

@@ -17,6 +17,7 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/linesearch/znlplis_internal.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 
@@ -83,7 +84,7 @@ double promised_share(const MINSTR* str) {
 }
 
 void move_to(MINSTR* str, double alfa) {
-  for (long j = 0; j < str->nvar; ++j) str->x[j] = str->xold[j] + alfa * str->sdir[j];
+  zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa);
 }
 
 // The value is checked here, and not only tbig: comparisons with a number that is none would take
