@@ -1,7 +1,7 @@
 // Films over the unit square: a membrane stretched over a dome (an obstacle problem, with bounds as
-// constraints), and the surface of least area in a wavy frame. Each is solved on a grid of 60 x 60
-// points by NLPNRA with a sparse Hessian; laid out on finer grids, the last of 320 x 320 points,
-// the film is the start of NLPCG, which needs gradients and a few vectors only.
+// constraints), and the surface of least area in a wavy frame. Each is solved on grids of up to
+// 60 x 60 points by NLPNRA with a sparse Hessian, and of up to 320 x 320 points by NLPCG, which
+// needs gradients and a few vectors only. The film of a grid is the start on the next finer one.
 //
 // Usage: membrane [FOLDER]     writes membrane.ppm and surface.ppm there
 //
@@ -264,21 +264,27 @@ static void draw(const Grid& grid, const Film& film, const std::string& file) {
   std::printf("  picture: %s\n", file.c_str());
 }
 
-// From a coarse grid to a fine one: the film of a grid, laid on the next, is nearly solved there.
+// From a coarse grid to a fine one: the film of a grid, laid on the next, is nearly solved there,
+// and most of its points of contact are known. Without that, each costs about an iteration.
 static bool stretch(const Film& film, bool bounded, const std::string& folder) {
-  static constexpr long SIDES[] = {60, 60, 160, 320};
+  static constexpr struct {
+    const char* subroutine;
+    long side;
+    bool afresh;  // from the height of the frame
+  } LEVELS[] = {{"NLPNRA", 15, true}, {"NLPNRA", 30, false}, {"NLPNRA", 60, false},
+                {"NLPCG", 60, true},  {"NLPCG", 160, false}, {"NLPCG", 320, false}};
   std::printf("\n%s\n  %-7s %7s %14s %8s %9s %7s %8s %8s %7s %5s\n", film.name, "", "points",
               "energy", "contact", "", "iter", "values", "grads", "sec", "code");
   Matrix x;
   bool good = true;
-  Grid before(film, SIDES[0]);
-  for (std::size_t level = 0; level < std::size(SIDES); ++level) {
-    Grid grid(film, SIDES[level]);
-    const Matrix start = level < 2
+  Grid before(film, LEVELS[0].side);
+  for (const auto& level : LEVELS) {
+    Grid grid(film, level.side);
+    const Matrix start = level.afresh
                              ? grid.laid(film.frame)
                              : grid.laid([&](double u, double v) { return before.height(u, v); });
-    good &= solve(grid, level == 0 ? "NLPNRA" : "NLPCG", start, bounded, &x);
-    before = Grid(film, SIDES[level]);
+    good &= solve(grid, level.subroutine, start, bounded, &x);
+    before = Grid(film, level.side);
     before.set_heights(x);
   }
   draw(before, film, folder + "/" + film.name + ".ppm");

@@ -83,9 +83,7 @@ double promised_share(const MINSTR* str) {
   return str->sigm < SMALL_SIGMA ? str->sigm / 2.0 : USUAL_SHARE;
 }
 
-void move_to(MINSTR* str, double alfa) {
-  zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa);
-}
+void move_to(MINSTR* str, double alfa) { zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa); }
 
 // The value is checked here, and not only tbig: comparisons with a number that is none would take
 // any branch.
