@@ -78,8 +78,8 @@ TQLSS* tqsput(TQLSS* ss);
 // The task record of the running thread.
 TQLTASK* tqlq();
 
-// Runs the current module (request RUN_MODULE): hands it the argument matrices, whose data (taken by
-// tqwalo2) it may replace by memory of its own, to be filled the next time; fills kind, rows and
+// Runs the current module (request RUN_MODULE): hands it the argument matrices, whose data (taken
+// by tqwalo2) it may replace by memory of its own, to be filled the next time; fills kind, rows and
 // cols of the result symbol and result of the task record. The numbers stay valid until the
 // module runs again. A failure shows in tqlexst and in the status word.
 void tqlrc(int request);
