@@ -134,7 +134,12 @@ static double halve(const Ray& ray, double c, double a, const double* known) {
   const double f0 = ray.p->fnew;
   for (;;) {
     a /= 2.0;
-    if (!(a > ray.alflo)) return no_step(ray);
+    if (!(a > ray.alflo)) {
+      // What belongs to x must be of the last evaluation: differences start from it.
+      no_step(ray);
+      ray.fentry(ray.qq);
+      return 0.0;
+    }
     const double f = known != nullptr ? *known : value_at(ray, a);
     known = nullptr;
     if (f0 - f >= c * a) return ray.s->step == 0 ? lengthen(ray, c, a, f) : take_step(ray, a, f);

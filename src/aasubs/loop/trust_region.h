@@ -100,6 +100,7 @@ struct DGWSTR {
 
   // ---- Double dogleg
   double gthg;        // |R g|, g scaled
+  double ghinvg;      // g'B^-1 g; nred is half of it until the singular test overwrites that
   double gfac, nfac;  // the step as a combination of gradient and Newton step
 
   // ---- Kept by gqtstp between the radii of an iteration
@@ -107,7 +108,7 @@ struct DGWSTR {
   long kamin;         // factorizations before the hard case is looked for without a hint
   double rad0;        // radius of the last call
   double dstsav;      // length of its step
-  double dhdm;        // largest diagonal element in magnitude
+  double dhdm;        // largest element in magnitude
   bool bounded;       // emin and emax are those of this iteration
   double emin, emax;  // bounds of the spectrum
   double lk0, uk0;    // bounds of the multiplier at the end of the last call

@@ -345,12 +345,12 @@ static bool short_step_stands(Region& r) {
   const double above = r.lambda + std::min(0.0, r.d->dst0);
   const double twice = r.length * r.lambda * r.length + r.wnorm2;
   const double hint = HINT_OF_HARD_CASE * twice / r.delt / r.delt;
-  if (r.d->kagqt >= r.d->kamin || above < hint) {
+  const auto closed = [&r] { return r.lambda - r.lk <= CLOSED * r.lambda; };
+  if (r.d->kagqt >= r.d->kamin || above < hint || closed()) {
     if (is_hard_case(r)) return true;
     if (above <= NEARLY_SINGULAR * r.d->dhdm) return true;
   }
-  const bool closed = r.lambda - r.lk <= CLOSED * r.lambda;
-  return closed || r.d->kagqt >= r.most;
+  return closed() || r.d->kagqt >= r.most;
 }
 
 // Newton's correction from the present s; from either side it ends at or below the best lambda.

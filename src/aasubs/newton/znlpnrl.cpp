@@ -259,7 +259,9 @@ static int judge(MINSTR* str, int job) {
   const double size = std::fabs(str->crit);
   const bool small = str->gmax <= str->agtl || str->pred <= INVISIBLE_DECREASE * size ||
                      str->pred <= str->gtol * std::max(size, str->fsiz);
-  return str->uster(str, small || reduced_dimension(str) == 0 ? job : NO_PROGRESS);
+  if (small || reduced_dimension(str) == 0) return str->uster(str, job);
+  // Asked once, at the end of the run: the analysis at a stop may move x.
+  return job == TEST_STEP ? NO_PROGRESS : str->uster(str, NO_PROGRESS);
 }
 
 // tentry.
@@ -320,6 +322,7 @@ static Next start(MINSTR* str, NrlinsRun& run) {
   }
   if (run.arrays.hess != str->hess) spread_diagonal(str, run.arrays.hess);
   project(str, run);
+  run.failure = 0;
   run.value_at_hand = run.derivatives_at_hand = true;
   return Next::go_on;
 }
@@ -345,6 +348,7 @@ static Next repair_refused_start(MINSTR* str, NrlinsRun& run) {
   if (znlpfea(str, -1) < 0) return end_with(str, run, START_REFUSED);
   if (evaluate_objective(str) && str->crit < before - CLEAR_DECREASE) return Next::restart;
   str->crit = before;
+  str->tbig = 0.0;  // the repaired point has been given up
   std::copy_n(str->xold, str->nvar, str->x);
   return end_with(str, run, START_REFUSED);
 }

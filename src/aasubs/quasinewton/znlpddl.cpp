@@ -89,8 +89,8 @@ bool make_dogleg_model(DGWSTR* d) {
 
   reduced_gradient(str, newton);
   if (znlpilm(str, FACTOR, order, str->hess, newton) != 0) return false;
-  str->pred = dotprd(order, newton, newton);
-  d->nred = str->pred / 2.0;
+  str->pred = d->ghinvg = dotprd(order, newton, newton);
+  d->nred = d->ghinvg / 2.0;
   if (znlpium(str, FACTOR, order, str->hess, newton) != 0) return false;
   for (long k = 0; k < order; ++k) str->work[k] = component_scale(str, k) * newton[k];
   d->dst0 = zvenorm(order, 1, str->work);
@@ -101,7 +101,7 @@ bool make_dogleg_model(DGWSTR* d) {
 // boundary. All products are divided by the gradient's length, which keeps them in range.
 static void step_between(DGWSTR* d, double cfact, double cnorm, double relax) {
   MINSTR* str = d->minstr;
-  const double slope = 2.0 * d->nred;  // g'B^-1 g
+  const double slope = d->ghinvg;
   const double cross = cfact * relax * slope / d->dgnm;
   const double beyond_cauchy = (str->delt / d->dgnm) * str->delt - cnorm * cfact;
   const double c = cross - cnorm * cfact;
@@ -125,7 +125,7 @@ static int choose_step(DGWSTR* d) {
       0.8;  // how far the Newton step is relaxed towards the Cauchy point
   static constexpr double NEGLIGIBLE = 1000.0 * TINY;
   MINSTR* str = d->minstr;
-  const double slope = 2.0 * d->nred;
+  const double slope = d->ghinvg;
   d->gfac = d->nfac = 0.0;
   const double r = d->dst0 > 0.0 ? str->delt / d->dst0 : 1.0;
   if (r >= 1.0) {
@@ -133,7 +133,7 @@ static int choose_step(DGWSTR* d) {
     d->nfac = -1.0;
     d->dstn = d->dst0;
     d->gtst = -slope;
-    str->pred = d->nred;
+    str->pred = slope / 2.0;
     return NEWTON_STEP;
   }
   d->dstn = str->delt;
@@ -360,7 +360,6 @@ static Next update_factor(MINSTR* str) {
 static Next accept_step(MINSTR* str, DoglegRun& run) {
   DGWSTR& d = run.d;
   const bool by_gradient = d.irc == ACCEPT_TEST;
-  if (by_gradient) predict_gradient(str);
   restore_promise(&d);
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) return next;
@@ -370,6 +369,7 @@ static Next accept_step(MINSTR* str, DoglegRun& run) {
     return retry_failed_trial(str, run);
   }
   d.nfgc = str->nfct;
+  if (by_gradient) predict_gradient(str);
   str->nitr += 1.0;
   ++str->itre;
   const int loaded = actcon(str, 0, run);
