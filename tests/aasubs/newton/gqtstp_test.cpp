@@ -104,6 +104,7 @@ std::vector<Model> models() {
           {"nearly hard", {-1, 1, 2, 3, 4, 5}, {1e-11, 1, 0.5, 3, -1, 0.7}},
           {"nearly hard, double", {-1, -1 + 1e-9, 2, 3, 4, 5}, {1e-6, 1e-7, 0.5, 3, -1, 0.7}},
           {"hard, singular", {0, 1, 2, 3, 4, 500}, {0, 1, 0.5, 3, -1, 0.7}},
+          {"hard, next to no gradient", {-1, 1, 2, 3, 4, 5}, {0, 1e-7, 0, 1e-7, 0, 0}},
           {"no gradient, indefinite", {-1, 1, 2, 3, 4, 5}, none},
           {"no gradient, definite", {1, 1, 2, 3, 4, 5}, none},
           {"wide", {-1e-6, 1e-3, 1, 10, 1e4, 1e6}, g}};
