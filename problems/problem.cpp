@@ -13,6 +13,16 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   return result.value();
 }
 
+void Problem::jacobian(const double* x, double* j) const {
+  std::vector<Jet> point;
+  for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
+  std::vector<Jet> r(static_cast<std::size_t>(m));
+  residual_jets(point.data(), r.data());
+  for (const Jet& residual : r) {
+    for (long i = 0; i < n; ++i) *j++ = residual.gradient(i);
+  }
+}
+
 Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,
              std::vector<LinearRow> rows) {
   p.lower = std::move(lower);

@@ -41,6 +41,8 @@ struct Problem {
 
   // Value, gradient and packed Hessian at x.
   double evaluate(const double* x, double* gradient, double* hessian) const;
+  // Jacobian of the residuals at x, m rows of n.
+  void jacobian(const double* x, double* j) const;
   // Value and gradient alone.
   double evaluate(const double* x, double* gradient) const {
     return evaluate(x, gradient, nullptr);

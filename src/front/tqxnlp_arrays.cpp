@@ -139,6 +139,7 @@ static long half_length(const Sizes& s) {
 // The projected Hessian; in the sparse form the room in which the free parameters' part is made, in
 // the diagonal form that of the test for negative curvature.
 static long hpro_length(const Sizes& s) {
+  if (s.str->tech == LEVMAR) return s.linear ? s.packed : 0;
   if (!second_order(s)) return 0;
   if (keeps_form(s)) return s.str->hfrm == 2 || s.bounds ? hessian_length(s.str) : 0;
   return s.str->tech == NRRIDG || s.linear ? s.packed : 0;
@@ -218,7 +219,11 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::wrk2, work_length, nullptr},
     {&MINSTR::hess, [](const Sizes& s) { return s.late ? 0 : hess_length(s); }, mark_hess},
     {&MINSTR::dsca,
-     [](const Sizes& s) { return s.str->tech == DBLDOG || second_order(s) ? s.n : 0; }, nullptr},
+     [](const Sizes& s) {
+       const bool scaled = s.str->tech == DBLDOG || s.str->tech == LEVMAR || second_order(s);
+       return scaled ? s.n : 0;
+     },
+     nullptr},
     {&MINSTR::wfid, difference_work, nullptr},
     {&MINSTR::hfwd, [](const Sizes& s) { return s.str->cfdh != 0 ? 2 * s.n : 0; },
      divide_intervals},

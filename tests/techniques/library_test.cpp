@@ -17,6 +17,10 @@ const std::string STEEP =
     "on";
 const std::string SLOW = "first-order steps in a long valley: the limit of calls or iterations";
 
+const std::string SLOW_SCALE =
+    "columns of the Jacobian that shrink by powers of ten on the way: a scale of their largest "
+    "lengths keeps the steps short, and more than 200 iterations are needed";
+
 const std::string VALLEY =
     "a long curved valley where every step gains one or two per cent: more iterations than the "
     "default limit of 200 are needed";
@@ -128,6 +132,13 @@ const Exceptions CONJUGATE = {
      -8,
      SLOW}};
 
+// Variants 1 to 3 are hesc, 4 is hesc 0.
+const Exceptions MARQUARDT = {
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"Brown and Dennis"}, {1, 2, 3}, -8, SLOW_SCALE},
+    {{"Penalty II 10"}, {3}, -8, SLOW_SCALE},
+    {{"Watson 9"}, {1, 2, 3}, 3, "a flat valley: ABSGCONV is met with f 2e-6 above"}};
+
 struct Row {
   const char* subroutine;
   Matrix opt;
@@ -157,6 +168,10 @@ const Row ROWS[] = {
     {"NLPDD", options_of({{3, 2}}), DOGLEG, 2, 8400},
     {"NLPDD", options_of({{3, 3}}), DOGLEG, 3, 8300},
     {"NLPDD", options_of({{4, 2}}), DOGLEG, 20, 17700},
+    {"NLPLM", options_of({}), MARQUARDT, 1, 3000},
+    {"NLPLM", options_of({{3, 2}}), MARQUARDT, 2, 3400},
+    {"NLPLM", options_of({{3, 3}}), MARQUARDT, 3, 3700},
+    {"NLPLM", options_of({{3, 0}}), MARQUARDT, 4, 2600},
     {"NLPCG", options_of({{4, 1}}), CONJUGATE, 1, 17800, 0.05},
     {"NLPCG", options_of({{4, 2}}), CONJUGATE, 2, 30700, 0.05},
     {"NLPCG", options_of({{4, 3}}), CONJUGATE, 3, 26800, 0.05},

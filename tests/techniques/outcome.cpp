@@ -135,6 +135,22 @@ static void judge(const Problem& p, double tolerance, Outcome& outcome) {
   }
 }
 
+// The modules of a sum of squares: the residuals, and their Jacobian.
+static void set_residual_modules(Session& tql, const Problem& p, Outcome& outcome) {
+  tql.module("F", [&](const Matrix& x) {
+    ++outcome.functions;
+    Matrix r(p.m, 1);
+    p.residuals(x.data(), r.data());
+    return r;
+  });
+  tql.module("G", [&](const Matrix& x) {
+    ++outcome.gradients;
+    Matrix jacobian(p.m, p.n);
+    p.jacobian(x.data(), jacobian.data());
+    return jacobian;
+  });
+}
+
 Outcome solve(const Problem& p, const std::string& subroutine, double tolerance, const Matrix& opt,
               const Matrix& tc, Modules modules) {
   Outcome outcome;
@@ -160,10 +176,14 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
     }
     return h;
   });
+  const bool squares = subroutine == "NLPLM" || subroutine == "NLPHQN";
+  if (squares) set_residual_modules(tql, p, outcome);
   const bool second_order = subroutine == "NLPNRR" || subroutine == "NLPTR" ||  //
                             subroutine == "NLPNRA";
+  Matrix options = squares && opt.size() == 0 ? Matrix(1, 1) : opt;
+  if (squares) options(0, 0) = double(p.m);
   std::vector<Matrix> arguments = {
-      "F", Matrix::row(p.start), opt, constraint_matrix(p), tc, Matrix(), Matrix(), "G"};
+      "F", Matrix::row(p.start), options, constraint_matrix(p), tc, Matrix(), Matrix(), "G"};
   if (modules == Modules::none) arguments.pop_back();
   if (second_order && modules == Modules::all) arguments.emplace_back("H");
   const auto results = tql.call(subroutine, arguments);
@@ -171,6 +191,7 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
   outcome.x.assign(results[1].data(), results[1].data() + p.n);
   outcome.f = p.value(outcome.x.data());
   outcome.reported = summary(tql);
+  if (squares) outcome.reported["Objective"] *= 2.0;  // half the sum
   outcome.iterations = tql.variable("_ITER_")(0, 0);
   judge(p, tolerance, outcome);
   return outcome;

@@ -17,6 +17,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/leastsquares/znlplma.h"
 #include "aasubs/newton/znlpnra.h"
 #include "aasubs/newton/znlpnrl.h"
 #include "aasubs/newton/znlpnrr.h"
@@ -48,6 +49,8 @@ static Callback technique_code(int tech) {
       return znlpnrr;
     case NRLINS:
       return znlpnrl;
+    case LEVMAR:
+      return znlplma;
     case DBLDOG:
       return znlpddl;
     case QUANEW:

@@ -29,7 +29,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/constraints/znlpfea.h"
 #include "aasubs/loop/loads.h"
-#include "aasubs/newton/newton_load.h"
+#include "aasubs/loop/newton_load.h"
 #include "aasubs/record/covstr.h"
 #include "host/files.h"
 #include "host/log.h"

@@ -28,7 +28,7 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/loop/loads.h"
-#include "aasubs/newton/newton_load.h"
+#include "aasubs/loop/newton_load.h"
 #include "host/process.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"

@@ -30,9 +30,9 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/loop/loads.h"
+#include "aasubs/loop/newton_load.h"
 #include "aasubs/loop/trust_region.h"
 #include "aasubs/newton/gqtstp.h"
-#include "aasubs/newton/newton_load.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"
 

@@ -1,5 +1,5 @@
 // Load of the Newton techniques. Contracts in newton_load.h.
-#include "aasubs/newton/newton_load.h"
+#include "aasubs/loop/newton_load.h"
 
 #include <algorithm>
 #include <cmath>
