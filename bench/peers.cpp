@@ -71,21 +71,20 @@ void Meter::hessian(const double* x, double* h) {
 void Meter::residuals(const double* x, double* r) {
   double f = 0.0;
   ++functions;
-  problem.residuals(x, r);
+  charge([&] {
+    problem.residuals(x, r);
+    return true;
+  });
   for (long i = 0; i < problem.m; ++i) f += r[i] * r[i];
   note(x, f);
 }
 
 void Meter::jacobian(const double* x, double* j) {
   ++gradients;
-  std::vector<problems::Jet> point, r(static_cast<std::size_t>(problem.m));
-  for (long k = 0; k < problem.n; ++k) {
-    point.push_back(problems::Jet::variable(x[k], k, problem.n));
-  }
-  problem.residual_jets(point.data(), r.data());
-  for (const problems::Jet& value : r) {
-    for (long k = 0; k < problem.n; ++k) *j++ = value.gradient(k);
-  }
+  charge([&] {
+    problem.jacobian(x, j);
+    return true;
+  });
 }
 
 void run(const Solver& solver, Meter& meter) {

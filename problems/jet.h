@@ -1,5 +1,6 @@
 // Jet: a number with its gradient and Hessian, for exact derivatives of test problems (second-order
-// forward differentiation). A constant carries no derivatives at all.
+// forward differentiation). A constant carries no derivatives at all, and jets of slopes no
+// Hessian.
 #pragma once
 
 #include <cmath>
@@ -19,6 +20,15 @@ class Jet {
     Jet jet(value);
     jet.n_ = n;
     jet.d_.assign(static_cast<std::size_t>(n + hessian_size(n)), 0.0);
+    jet.d_[static_cast<std::size_t>(i)] = 1.0;
+    return jet;
+  }
+
+  // The same without a Hessian, for gradients at less cost. The two kinds never meet.
+  static Jet slope(double value, long i, long n) {
+    Jet jet(value);
+    jet.n_ = n;
+    jet.d_.assign(static_cast<std::size_t>(n), 0.0);
     jet.d_[static_cast<std::size_t>(i)] = 1.0;
     return jet;
   }
@@ -79,7 +89,7 @@ class Jet {
 
   // Adds factor * share * (ga gb' + gb ga') to the Hessian.
   void add_outer(double factor, const Jet& a, const Jet& b, double share) {
-    if (factor == 0.0) return;
+    if (factor == 0.0 || d_.size() == static_cast<std::size_t>(n_)) return;
     for (long i = 0; i < n_; ++i) {
       for (long j = 0; j <= i; ++j) {
         d_[static_cast<std::size_t>(n_ + hessian_size(i) + j)] +=
@@ -90,7 +100,7 @@ class Jet {
 
   double value_;
   long n_ = 0;
-  std::vector<double> d_;  // gradient, then packed Hessian; empty: a constant
+  std::vector<double> d_;  // gradient, then packed Hessian if any; empty: a constant
 };
 
 inline Jet exp(const Jet& a) {

@@ -13,13 +13,12 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   return result.value();
 }
 
-void Problem::jacobian(const double* x, double* j) const {
-  std::vector<Jet> point;
-  for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
-  std::vector<Jet> r(static_cast<std::size_t>(m));
+void Problem::jacobian(const double* x, double* by_rows) const {
+  std::vector<Jet> point, r(static_cast<std::size_t>(m));
+  for (long j = 0; j < n; ++j) point.push_back(Jet::slope(x[j], j, n));
   residual_jets(point.data(), r.data());
   for (const Jet& residual : r) {
-    for (long i = 0; i < n; ++i) *j++ = residual.gradient(i);
+    for (long j = 0; j < n; ++j) *by_rows++ = residual.gradient(j);
   }
 }
 

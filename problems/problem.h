@@ -41,12 +41,12 @@ struct Problem {
 
   // Value, gradient and packed Hessian at x.
   double evaluate(const double* x, double* gradient, double* hessian) const;
-  // Jacobian of the residuals at x, m rows of n.
-  void jacobian(const double* x, double* j) const;
   // Value and gradient alone.
   double evaluate(const double* x, double* gradient) const {
     return evaluate(x, gradient, nullptr);
   }
+  // Jacobian of the residuals at x, m x n by rows.
+  void jacobian(const double* x, double* by_rows) const;
 };
 
 // A problem whose objective is a generic callable f(x), x an array of numbers or jets.
@@ -113,6 +113,21 @@ std::vector<Problem> schittkowski_linear();
 
 // The three collections above, one after the other.
 std::vector<Problem> problem_library();
+
+// A regression with certified results. The residuals are model less response.
+struct Regression {
+  enum class Level { lower, average, higher };  // of difficulty, as its source has it
+  std::string name;
+  Level level;
+  Problem start_1, start_2;        // from the far start and from the near one; minima: residual_sum
+  std::vector<double> parameters;  // certified, as the next two
+  std::vector<double> deviations;  // standard deviations s sqrt(diag (J'J)^-1) of the parameters
+  double residual_sum;             // sum of r_i^2, which is s^2 degrees_of_freedom
+  long degrees_of_freedom;         // m - n
+};
+
+// NIST, Statistical Reference Datasets, nonlinear regression: all 27, in its order of difficulty.
+std::vector<Regression> nist_regressions();
 
 // Seven unconstrained problems of any size n >= 4, in O(n), without jets (no Hessians). n is
 // rounded down to a multiple of 2, 3 or 4 where a problem asks for that.
