@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
@@ -75,13 +76,17 @@ struct LevmarRun {
   double first = 0.0;        // t: radius at the head of the iteration
   double cap = HUGE_VALUE;   // of the radius at a restart whose last radius led to a failed load
   Trial kind = Trial::first;
-  long good = 0;  // itgd: good steps in a row
-  int idle = 0;   // iterations without a step in a row
+  bool tie = false;  // the values at xold and the trial are equal to rounding
+  long good = 0;     // itgd: good steps in a row
+  int idle = 0;      // iterations without a step in a row
   LevmarTrial now;
   LevmarTrial saved;  // the trial that the longer one competes with; its point in wrk2
 };
 
 // ---- Derivatives --------------------------------------------------------------------------------
+
+// A radius that has grown: finite, so that it can shrink again.
+static double finite_radius(double radius) { return radius < HUGE_VALUE ? radius : HUGE_VALUE; }
 
 // The first radius: long enough for the full step of all but the worst scaled problems.
 static double first_radius(MINSTR* str, const LevmarRun& run) {
@@ -93,10 +98,10 @@ static double first_radius(MINSTR* str, const LevmarRun& run) {
     const double curvature = matrix[diagonal_route(str) ? k : zisub(k, k)];
     str->work[k] = std::sqrt(std::fabs(curvature)) * str->gold[k] * scale * scale;
   }
-  const double length = std::clamp(zvenorm(order, 1, str->work), 1.0, HUGE_VALUE);
+  const double length = std::max(zvenorm(order, 1, str->work), 1.0);
   const double radius =
       str->nitr < str->nres ? length * str->salf : std::max(length, 10.0 * str->delt);
-  return std::min(radius, run.cap);
+  return std::min(finite_radius(radius), run.cap);
 }
 
 // The projected and scaled matrix in tridiagonal form in wrk2, the gradient in its basis in gold.
@@ -109,7 +114,7 @@ static int reduce_problem(MINSTR* str, long order) {
   } else {
     double* matrix = str->lincon != 0 ? str->hpro : str->hess;
     ztred3(order, matrix, at.d);
-    std::copy_backward(at.d + order, at.d + 2 * order, at.e + order);
+    std::memmove(at.e, at.d + order, static_cast<std::size_t>(order) * sizeof(double));
     ztrapp3(0, order, matrix, str->gold);
   }
   return static_cast<int>(std::count_if(at.d, at.d + order, [](double d) { return !(d > EPS); }));
@@ -120,7 +125,7 @@ static int reduce_problem(MINSTR* str, long order) {
 static int gethes(MINSTR* str, int job, LevmarRun& run) {
   const int code = newton_load(str, job, run.user_hessian);
   if (code != 0) return code;
-  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, true, &run.norm);
+  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, Scale::as_counted, &run.norm);
   if (order == 0) return 0;
   if (job == 1) str->delt = first_radius(str, run);
   return reduce_problem(str, order);
@@ -152,7 +157,7 @@ static Next retreat_from_constraint(MINSTR* str, LevmarRun& run) {
   return_to_xold(str);
   if (str->hesc == 0) {
     run.ij = NO_PROGRESS;
-    return Next::leave;
+    return Next::finish;
   }
   str->hesc = 0;
   run.user_hessian = false;
@@ -211,16 +216,13 @@ static Next take_saved_trial(MINSTR* str, LevmarRun& run) {
 
 // A shorter trial. When the steps have shrunk to nothing the iteration ends at xold (go_on).
 static Next shrink(MINSTR* str, LevmarRun& run, double share) {
-  bool tiny = !(run.now.dpnm > TINY);
-  str->delt *= share;
-  while (!tiny && str->delt >= run.now.dpnm) {
+  do {
     str->delt *= share;
-    tiny = !(str->delt > TINY);
-  }
-  if (tiny) {
-    return_to_xold(str);
-    return Next::go_on;
-  }
+    if (!(str->delt > TINY) || !(run.now.dpnm > TINY)) {
+      return_to_xold(str);
+      return Next::go_on;
+    }
+  } while (str->delt >= run.now.dpnm);
   run.kind = Trial::shorter;
   return Next::solve_again;
 }
@@ -243,7 +245,8 @@ static double radius_factor(const MINSTR* str, LevmarRun& run) {
   if (!run_of_good_steps && !newton_step && !(str->rhor > 0.75))
     return str->rhor <= 0.1 ? 0.5 : 1.0;
   double factor = 2.0;
-  // The first radius is a guess, which the first step may show to be much too small.
+  // The first radius is a guess, which the first step may show to be much too small. Deliberately
+  // an unscaled length against a scaled one: the factor is cut to what is harmless.
   if (str->nitr == 0.0 && str->salf >= 1.0 && str->rhor > 1.5 &&
       run.now.step.lnwt * ROOT_TINY <= run.now.dpnm) {
     factor = std::clamp(run.now.step.lnwt / run.now.dpnm, 2.0, 10.0);
@@ -255,9 +258,23 @@ static double radius_factor(const MINSTR* str, LevmarRun& run) {
   return factor;
 }
 
+// Trials have shrunk to rounding, though the Newton step still promises much: the gradient is not
+// that of the objective.
+static bool shrunk_in_vain(const MINSTR* str, const LevmarRun& run) {
+  static constexpr double MUCH = 1e-6;  // of the objective
+  return run.kind == Trial::shorter && str->lamb > str->ridg &&
+         str->gihg > std::max(MUCH, str->gtol) * str->cold;
+}
+
 // The model promises nothing but rounding: the better of trial and xold is the next point.
 static Next settle(MINSTR* str, LevmarRun& run) {
   str->rhor = 1.0;
+  const bool failed_loads = run.cap < HUGE_VALUE;
+  if (failed_loads || shrunk_in_vain(str, run)) {
+    return_to_xold(str);
+    run.ij = failed_loads ? -4 : NO_PROGRESS;
+    return Next::finish;
+  }
   if (!(str->crit > str->cold)) return Next::go_on;
   return_to_xold(str);
   str->dfes = 0.0;
@@ -269,6 +286,7 @@ static Next settle(MINSTR* str, LevmarRun& run) {
 static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
   static constexpr double FAR_WORSE = 10.0;
   static constexpr double LEAST_RATIO = 1e-4;
+  // Deliberately compared with xold, not with the trial before it.
   if (run.kind == Trial::longer && run.now.sq > run.sq1) {
     if (const Next next = take_saved_trial(str, run); next != Next::go_on) return next;
   }
@@ -285,6 +303,13 @@ static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
     return settle(str, run);
   }
   const double actual = (q * now.sq + 1.0) * (1.0 - q * now.sq);
+  // Deliberately no shorter trial where the values are equal to rounding: the gradient judges.
+  if (str->pred <= HUNDRED_EPS && std::fabs(actual) <= HUNDRED_EPS) {
+    str->rhor = 1.0;
+    *factor = 2.0;
+    run.tie = true;
+    return Next::go_on;
+  }
   if (!(now.sq < run.sq1)) {
     return shrink(str, run, std::clamp(-a / (actual - 2.0 * a), 0.1, 0.5));
   }
@@ -293,7 +318,7 @@ static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
   if (wants_longer_step(str, run)) {
     save_trial(str, run);
     run.kind = Trial::longer;
-    str->delt *= 2.0;
+    str->delt = finite_radius(2.0 * str->delt);
     return Next::solve_again;
   }
   *factor = radius_factor(str, run);
@@ -307,6 +332,21 @@ static double slope_along_step(const MINSTR* str) {
   double slope = 0.0;
   for (long j = 0; j < str->nvar; ++j) slope += str->grad[j] * (str->x[j] - str->xold[j]);
   return slope;
+}
+
+// Loads a point whose value is that of xold to rounding. Where the gradient is longer, xold was
+// better. An increase that is rounding counts as none.
+static int load_tie(MINSTR* str, LevmarRun& run) {
+  const double norm_at_xold = run.norm;
+  int loaded = gethes(str, 0, run);
+  if (loaded < 0 || str->tbig != 0.0) return loaded;
+  if (run.norm > norm_at_xold && str->chac == 0) {
+    return_to_xold(str);
+    loaded = evaluate_objective(str) ? gethes(str, 0, run) : -1;
+    run.now.sq = run.sq1;
+  }
+  str->cold = std::max(str->cold, str->crit);
+  return loaded;
 }
 
 // Derivatives at the accepted point failed: a restart at xold, which keeps its steps shorter.
@@ -325,7 +365,7 @@ static Next retreat_from_bad_derivatives(MINSTR* str, LevmarRun& run) {
 static Next accept_step(MINSTR* str, LevmarRun& run, double factor) {
   static constexpr double STILL_STEEP = 0.75;
   run.good = run.kind != Trial::first || str->rhor <= 0.4 ? 0 : run.good + 1;
-  str->delt = factor > 1.0 && str->lamb <= 0.0 ? factor * run.now.dpnm : factor * str->delt;
+  str->delt = finite_radius(factor * (factor > 1.0 && str->lamb <= 0.0 ? run.now.dpnm : str->delt));
   str->chac = 0;
   if (const Next next = keep_feasible(str, &run.ij); next != Next::go_on) {
     run.user_hessian = true;
@@ -337,7 +377,7 @@ static Next accept_step(MINSTR* str, LevmarRun& run, double factor) {
                           str->lamb > 1.1 * str->ridg && str->stub >= 1.0;
   const double slope = slope_along_step(str);
   run.user_hessian = true;
-  const int loaded = gethes(str, 0, run);
+  const int loaded = run.tie ? load_tie(str, run) : gethes(str, 0, run);
   if (loaded == -6) {
     run.ij = -6;
     return Next::finish;
@@ -367,39 +407,53 @@ static Next search_step(MINSTR* str, LevmarRun& run, double* factor) {
   }
   return_to_xold(str);
   run.ij = NO_PROGRESS;
-  return Next::leave;
+  return Next::finish;
 }
 
 // The termination test, and what it leaves for the next iteration.
 static Next end_iteration(MINSTR* str, LevmarRun& run) {
-  run.ij = str->uster(str, TEST_ITERATION);
+  const bool scale_was_given_up = str->hesc != run.hesc;
+  str->hesc = run.hesc;
   run.user_hessian = true;
-  if (run.ij != 0) return Next::stop;
+  run.ij = str->uster(str, TEST_ITERATION);
   str->delt = std::max(str->delt, STEEPEST_FALL * run.first);
+  // A stop counts even where a restart is due.
+  if (run.ij != 0) return Next::stop;
   if (run.idle > MOST_IDLE) {
     run.ij = NO_PROGRESS;
     return Next::finish;
   }
-  const bool scale_was_given_up = str->hesc != run.hesc;
-  str->hesc = run.hesc;
   const bool period_is_over = static_cast<double>(str->itre) >= str->nres;
   return scale_was_given_up || period_is_over ? Next::restart : Next::go_on;
 }
 
-static Next one_iteration(MINSTR* str, LevmarRun& run) {
+// A step from x: go_on when it was taken, or when none was left to take (run.idle counts).
+static Next take_step(MINSTR* str, LevmarRun& run) {
   start_iteration(str);
-  if (str->itre == 0) run.good = 0;
-  str->ridg = 0.0;
-  run.first = str->delt;
   run.kind = Trial::first;
+  run.tie = false;
   double factor = 0.0;
   ++run.idle;
   if (str->delt != 0.0) {
     if (const Next next = search_step(str, run, &factor); next != Next::go_on) return next;
   }
-  if (factor != 0.0) {
-    run.idle = 0;
-    if (const Next next = accept_step(str, run, factor); next != Next::go_on) return next;
+  if (factor == 0.0) return Next::go_on;
+  run.idle = 0;
+  return accept_step(str, run, factor);
+}
+
+// Steps that the objective cannot judge any more are taken in a row, while each brings the gradient
+// down: the last digits of the parameters.
+static Next one_iteration(MINSTR* str, LevmarRun& run) {
+  static constexpr int MOST_TIES = 20;
+  static constexpr double CLEAR_FALL = 0.75;
+  if (str->itre == 0) run.good = 0;
+  str->ridg = 0.0;
+  run.first = str->delt;
+  for (int ties = 0; ties < MOST_TIES; ++ties) {
+    const double norm = run.norm;
+    if (const Next next = take_step(str, run); next != Next::go_on) return next;
+    if (!run.tie || !(run.norm < CLEAR_FALL * norm)) break;
   }
   return end_iteration(str, run);
 }

@@ -59,7 +59,7 @@ double chdec3(long n, double sing, const double* d, const double* e, double* dl,
   for (long j = 0; j < n; ++j) w[j] = d[j] + sing;
   const double tolerance = pivot_tolerance(n, w, e);
   double ridge = 0.0;
-  // A matrix with NaN never factors: its ridge ends at infinity, and its step is no number.
+  // A matrix with NaN never factors: its ridge ends at infinity.
   while (!factor(n, tolerance, w, e, dl, el) && std::isfinite(ridge)) {
     ridge = ridge == 0.0 ? tolerance : RAISE_RIDGE * ridge;
     for (long j = 0; j < n; ++j) w[j] = d[j] + sing + ridge;
@@ -67,15 +67,15 @@ double chdec3(long n, double sing, const double* d, const double* e, double* dl,
   return ridge;
 }
 
-// |L^-1 p|^2, over the shifted diagonal. A diagonal of zero makes its element zero.
-static double half_solve_squared(long n, const LevmarWork& at) {
+// The derivative of |p| by the ridge, -|L^-1 p|^2/|p|. A diagonal of zero makes its element zero.
+static double length_slope(long n, const LevmarWork& at, double length) {
   double before = 0.0;
-  double sum = 0.0;
   for (long j = 0; j < n; ++j) {
     before = at.dl[j] > TINY ? (at.p[j] - at.el[j] * before) / at.dl[j] : 0.0;
-    sum += before * before;
+    at.w[j] = before;
   }
-  return sum;
+  const double half = zvenorm(n, 1, at.w);
+  return -(half * (half / length));
 }
 
 // ---- The step of a ridge ------------------------------------------------------------------------
@@ -132,7 +132,7 @@ static void put_into_bracket(Search& search) {
 
 // The next ridge from the length at the present one. False: it does not depend on the ridge.
 static bool correct(Search& search, long order, const LevmarWork& at, double length) {
-  const double slope = -half_solve_squared(order, at) / length;
+  const double slope = length_slope(order, at, length);
   if (!(std::fabs(slope) > FLAT)) return false;
   const double change = (length - search.radius) / slope;
   if (length < search.radius) search.high = std::min(search.high, search.ridge);
@@ -142,7 +142,8 @@ static bool correct(Search& search, long order, const LevmarWork& at, double len
   return true;
 }
 
-// Halves the way to the upper end while the length is no more than rounding.
+// Halves the way to the upper end while the length is no more than rounding. Deliberately upward,
+// also where the step is too short: radii of that size end the iteration.
 static bool bisect(Search& search) {
   const bool open = std::fabs(search.high - search.ridge) / search.high > HUNDRED_EPS;
   search.ridge = (search.high + search.ridge) / 2.0;
@@ -182,6 +183,7 @@ int getstep(MINSTR* str, double dgnm, LevmarStep* result) {
   at.d[0] = std::max(at.d[0], 0.0);
   str->ridg = chdec3(order, 0.0, at.d, at.e, at.dl, at.el, at.w);
   str->null = str->ridg > 0.0 ? 1 : 0;
+  if (!std::isfinite(str->ridg)) return -2;
   RidgeStep step = solve(str, at, order);
   str->gihg = step.slope;
   deliver(str, at, order);
@@ -191,9 +193,9 @@ int getstep(MINSTR* str, double dgnm, LevmarStep* result) {
   if (!(step.length > LONGEST * str->delt)) return 0;
   if (!(step.length > ROOT_TINY)) return -1;
 
-  Search search{str->delt, str->ridg, 0.0, dgnm / str->delt};
+  Search search{str->delt, str->ridg, 0.0, std::min(dgnm / str->delt, HUGE_VALUE)};
   if (str->ridg == 0.0) {
-    const double slope = -half_solve_squared(order, at) / step.length;
+    const double slope = length_slope(order, at, step.length);
     if (std::fabs(slope) > FLAT) search.low = -(step.length - str->delt) / slope;
   }
   const int code = search_ridge(str, at, order, search, &step);

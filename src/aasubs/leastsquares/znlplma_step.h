@@ -18,7 +18,8 @@ struct LevmarWork {
 };
 LevmarWork levmar_work(const MINSTR* str);
 
-// Is the Hessian diagonal in the reduced space too, so that there is nothing to transform?
+// Is the Hessian diagonal in the reduced space too, so that there is nothing to transform? It is
+// then factored and solved as a tridiagonal one without a sub-diagonal.
 inline bool diagonal_route(const MINSTR* str) { return str->hfrm == 2 && str->lincon == 0; }
 
 // Factors the tridiagonal matrix d, e of order n with sing added to its diagonal, in dl, el. What
@@ -37,7 +38,7 @@ struct LevmarStep {
 // ridg becomes the ridge that the Newton step needed (null 1 if any), gihg the slope along that
 // step, g'H^-1 g. dgnm: length of the reduced gradient, which gold holds in the tridiagonal basis
 // with the sign of descent. Returns 0; -1: the Newton step underflows and yet is too long; -2: more
-// than 100 trials.
+// than 100 trials, or a matrix that is no number.
 int getstep(MINSTR* str, double dgnm, LevmarStep* step);
 
 }  // namespace tqnlp

@@ -77,9 +77,10 @@ static bool clean_difference_hessian(MINSTR* str) {
 // scale to 1 while the matrix is not positive definite. At a start or restart point nothing has
 // been reduced yet, and the diagonal is counted instead: the root of a curvature of zero would make
 // a scale of 1e-8, in which no ridge and no radius is of use.
-static void update_scale(MINSTR* str, int form, long order, double* matrix) {
+static void update_scale(MINSTR* str, Scale scale, int form, long order, double* matrix) {
+  if (scale == Scale::kept || str->hesc == 0) return;
   const long counted = str->null;
-  if (str->itre == 0) {
+  if (scale == Scale::renewed && str->itre == 0) {
     str->null = 0;
     for (long i = 0; i < order; ++i) str->null += matrix[form != 0 ? i : zisub(i, i)] <= EPS;
   }
@@ -87,20 +88,20 @@ static void update_scale(MINSTR* str, int form, long order, double* matrix) {
   str->null = counted;
 }
 
-long newton_project(MINSTR* str, int form, bool rescale, double* norm) {
+long newton_project(MINSTR* str, int form, Scale scale, double* norm) {
   const bool linear = str->lincon != 0;
   double* matrix = linear ? str->hpro : str->hess;
   const long order = reduced_dimension(str);
   *norm = 0.0;
 
-  if (!linear && rescale && str->hesc != 0) update_scale(str, form, str->nvar, str->hess);
+  if (!linear) update_scale(str, scale, form, str->nvar, str->hess);
   if (str->nabc == str->nvar) {
     str->gmax = str->gcri = 0.0;
     return 0;
   }
   znlphgp(str, 1, form, linear ? str->gpro : str->gold, str->hess, matrix);
   if (order == 0) return 0;
-  if (linear && rescale && str->hesc != 0) update_scale(str, 0, order, matrix);
+  if (linear) update_scale(str, scale, 0, order, matrix);
   *norm = znlphs2(str, linear ? 0 : form, str->gold);
   return order;
 }
@@ -110,7 +111,7 @@ long newton_project_clean(MINSTR* str, int form, bool user_hessian, bool rescale
     vzfdl(1.0, str->dsca, str->nvar);
     rescale = false;
   }
-  return newton_project(str, form, rescale, norm);
+  return newton_project(str, form, rescale ? Scale::renewed : Scale::kept, norm);
 }
 
 }  // namespace tqnlp

@@ -15,12 +15,19 @@ int newton_derivatives(MINSTR* str, int user_hessian);
 // feasible point.
 int newton_load(MINSTR* str, int job, bool user_hessian);
 
+// What becomes of the scale dsca while it is wanted (hesc).
+enum class Scale {
+  kept,        // as it is
+  renewed,     // from the diagonal, at a start or restart only from one that is positive
+  as_counted,  // from the diagonal, which only null, the count of the last reduction, can forbid
+};
+
 // Projects gradient and Hessian into the free subspace (into hpro and gpro with linear constraints,
 // in hess otherwise) and scales them with dsca. gold receives the negative scaled reduced gradient,
 // *norm its length. form 0 packed, 1 sparse, 2 diagonal (with linear constraints the reduced matrix
-// is packed whatever form says). Without rescale dsca stays as it is. Returns the order of the
-// reduced problem; with 0 nothing but gmax and gcri is set, and *norm is 0.
-long newton_project(MINSTR* str, int form, bool rescale, double* norm);
+// is packed whatever form says). Returns the order of the reduced problem; with 0 nothing but gmax
+// and gcri is set, and *norm is 0.
+long newton_project(MINSTR* str, int form, Scale scale, double* norm);
 
 // The same for a Hessian that differences may have made. They leave noise where its elements are
 // zero, which the scaling (hesc) would blow up: elements below the noise of second differences

@@ -80,7 +80,8 @@ static bool scale_is_unit(const MINSTR* str) {
 // are computed here. Without rescale dsca stays as it is.
 static int reduce_problem(MINSTR* str, bool rescale = true) {
   double norm = 0.0;
-  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, rescale, &norm);
+  const long order =
+      newton_project(str, str->hfrm == 2 ? 2 : 0, rescale ? Scale::renewed : Scale::kept, &norm);
   if (order == 0) return 0;
   double* q = str->wrk2;
   if (diagonal_route(str)) {
