@@ -281,6 +281,17 @@ static Next settle(MINSTR* str, LevmarRun& run) {
   return evaluate_trial(str, run);
 }
 
+// Is the change of the objective rounding? So it is for certain at 100 rounding units; and where
+// the residuals are small differences of large numbers, so it is as soon as a change that even for
+// the Newton step should be tiny does not resemble the promise. Then the gradient has to judge;
+// deliberately no shorter trial is made.
+static bool change_is_rounding(const MINSTR* str, double actual) {
+  static constexpr double TINY_PROMISE = 1e-11;
+  if (str->pred <= HUNDRED_EPS && std::fabs(actual) <= HUNDRED_EPS) return true;
+  const bool resembles = actual > 0.25 * str->pred && actual < 2.0 * str->pred;
+  return !resembles && str->gihg <= TINY_PROMISE * str->cold;
+}
+
 // Judges the trial: solve_again with another radius, or go_on with the factor of the radius; 0 when
 // the iteration ended without a step.
 static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
@@ -303,8 +314,7 @@ static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
     return settle(str, run);
   }
   const double actual = (q * now.sq + 1.0) * (1.0 - q * now.sq);
-  // Deliberately no shorter trial where the values are equal to rounding: the gradient judges.
-  if (str->pred <= HUNDRED_EPS && std::fabs(actual) <= HUNDRED_EPS) {
+  if (change_is_rounding(str, actual)) {
     str->rhor = 1.0;
     *factor = 2.0;
     run.tie = true;
