@@ -8,7 +8,7 @@
 //
 // The ordering walks lists from vertex to vertex in no order of memory. Its indices are the 64-bit
 // ones of the patterns that it is given, those of the peer have 32 bits: from about n = 2e5 on our
-// graph fills the caches twice over, and the peer is ahead (0.6 to 0.75 of its speed), while both
+// graph fills the caches twice over, and the peer is ahead (0.6 to 0.8 of its speed), while both
 // are alike at n = 2500. To keep the quantities of a vertex side by side gained nothing that could
 // be measured at 2.5e5 and lost a twentieth at 2500. Only a copy of the pattern in short indices
 // would help, for which the caller's work arrays have no room.

@@ -420,6 +420,28 @@ void carry_out_rest(DGWSTR* d) {
   if (!(str->crit < str->cold)) return_to_xold(str);
 }
 
+Next judge_trial(DGWSTR* d, double limit, bool (*gives_up)(const DGWSTR& d), int* ij) {
+  MINSTR* str = d->minstr;
+  const bool singular_test = d->irc == SINGULAR_STEP;
+  if (!singular_test) measure_step(d);
+  assess(d);
+  const bool given_up = gives_up != nullptr && gives_up(*d);
+  carry_out_rest(d);
+  // The radius is that of the step which the verdict is about, not that of the test.
+  if (singular_test) str->delt = d->rtst;
+  if (given_up) return Next::restart;
+  if (d->irc == RETRY_MODEL || d->irc == RETRY) {
+    str->delt = d->dogleg ? d->radf * d->dstn : next_radius(d, d->dstn, limit);
+    return Next::solve_again;
+  }
+  if (d->irc == SINGULAR_STEP) {
+    d->rtst = str->delt;
+    str->delt = d->lmxs;
+    return Next::solve_again;
+  }
+  return d->irc > SINGULAR_STEP ? end_of_model(d, ij) : Next::go_on;
+}
+
 double next_radius(const DGWSTR* d, double length, double limit) {
   const double delt = d->minstr->delt;
   double radius = std::max(d->radf * length, RADIUS_FLOOR_SHARE * delt);

@@ -12,7 +12,7 @@
 //   trial              make a step of length at most delt that fills sdir, pred, lamb of the run
 //                      and dstn, gtst, dst0, nred here; where trial_is_wanted, evaluate at
 //                      x = xold + stub sdir (irc 6 asks for the model's value alone)
-//   verdict            measure_step, assess, carry_out_rest
+//   verdict            judge_trial, which goes through measure_step, assess, carry_out_rest and
 //   1, 5               delt by next_radius (or radf dstn), another trial from xold
 //   6                  a trial of length lmxs
 //   3, 4               x is the next point; after its gradient is known and irc was 3,
@@ -160,6 +160,12 @@ void carry_out_rest(DGWSTR* d);
 // The radius for another trial, or of the next iteration, from radf and the length of the step:
 // not above limit, and not more than four powers of ten below the present one.
 double next_radius(const DGWSTR* d, double length, double limit);
+
+// All of a verdict: measures and judges the trial, does what rest asks for, and sets the radius of
+// another one: radf dstn on the dogleg, else next_radius within limit. go_on: the step is taken;
+// solve_again: another trial from xold; restart: gives_up, asked about the verdict before rest is
+// carried out (null: never), wants no more retries; or what end_of_model answers.
+Next judge_trial(DGWSTR* d, double limit, bool (*gives_up)(const DGWSTR& d), int* ij);
 
 // After ACCEPT_TEST: the radius may grow when the gradient changed as the model says, mismatch (the
 // scaled length of their difference) being at most half of length, that of the gradient, or when

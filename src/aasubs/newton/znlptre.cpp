@@ -118,33 +118,12 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
   return Next::restart;
 }
 
-// What assess makes of the step. go_on: the step is taken.
-static Next judge(MINSTR* str, TruregRun& run) {
-  DGWSTR& d = run.d;
-  const bool singular_test = d.irc == SINGULAR_STEP;
-  if (!singular_test) measure_step(&d);
-  assess(&d);
-  carry_out_rest(&d);
-  // The radius is that of the step which the verdict is about, not that of the test.
-  if (singular_test) str->delt = d.rtst;
-  if (d.irc == RETRY_MODEL || d.irc == RETRY) {
-    str->delt = next_radius(&d, d.dstn, run.limit);
-    return Next::solve_again;
-  }
-  if (d.irc == SINGULAR_STEP) {
-    d.rtst = str->delt;
-    str->delt = d.lmxs;
-    return Next::solve_again;
-  }
-  return d.irc > SINGULAR_STEP ? end_of_model(&run.d, &run.ij) : Next::go_on;
-}
-
 // Makes the step of the present radius and the trial point, and judges it.
 static Next try_radius(MINSTR* str, TruregRun& run) {
   DGWSTR& d = run.d;
   gqtstp(&d);
   // The singular test asks for the model's value alone.
-  if (d.irc == SINGULAR_STEP) return judge(str, run);
+  if (d.irc == SINGULAR_STEP) return judge_trial(&d, run.limit, nullptr, &run.ij);
   std::copy_n(str->sdir, reduced_dimension(str), str->work);
   d.dpnm = znlpsp2(str, 1, str->work, str->sdir);
   str->stub = 1.0;
@@ -159,7 +138,7 @@ static Next try_radius(MINSTR* str, TruregRun& run) {
     zvaxpy(str->x, str->sdir, str->xold, str->nvar, str->stub);
     if (!evaluate_objective(str)) return shrink_radius(str, run, -1);
   }
-  return judge(str, run);
+  return judge_trial(&d, run.limit, nullptr, &run.ij);
 }
 
 // ---- Acceptance ---------------------------------------------------------------------------------

@@ -254,35 +254,14 @@ static Next limit_step(MINSTR* str, DoglegRun& run) {
 // Retries without end: the steps are rounding, or what wants to grow is held by a constraint.
 static bool retries_are_idle(const DGWSTR& d) {
   static constexpr long MOST_DECREASES = 20;
-  return d.rldx <= EPS && d.rinc < -MOST_DECREASES;
-}
-
-static bool growth_is_blocked(const MINSTR* str, const DGWSTR& d) {
   static constexpr double SHORT_CUT = 0.001;
-  return d.irc == RETRY && str->stub <= SHORT_CUT && str->itre > 0;
+  if (d.rldx <= EPS && d.rinc < -MOST_DECREASES) return true;
+  return d.irc == RETRY && d.minstr->stub <= SHORT_CUT && d.minstr->itre > 0;
 }
 
-// What assess makes of the step. go_on: the step is taken.
 static Next judge(MINSTR* str, DoglegRun& run) {
-  DGWSTR& d = run.d;
-  const bool singular_test = d.irc == SINGULAR_STEP;
-  if (!singular_test) measure_step(&d);
-  assess(&d);
-  const bool idle = retries_are_idle(d) || growth_is_blocked(str, d);
-  carry_out_rest(&d);
-  // The radius is that of the step which the verdict is about, not that of the test.
-  if (singular_test) str->delt = d.rtst;
-  if (idle) return start_over_without_hessian(str, run);
-  if (d.irc == RETRY_MODEL || d.irc == RETRY) {
-    str->delt = d.radf * d.dstn;
-    return Next::solve_again;
-  }
-  if (d.irc == SINGULAR_STEP) {
-    d.rtst = str->delt;
-    str->delt = d.lmxs;
-    return Next::solve_again;
-  }
-  return d.irc > SINGULAR_STEP ? end_of_model(&run.d, &run.ij) : Next::go_on;
+  const Next next = judge_trial(&run.d, HUGE_VALUE, retries_are_idle, &run.ij);
+  return next == Next::restart ? start_over_without_hessian(str, run) : next;
 }
 
 // Makes the step of the present radius and the trial point, and judges it.
