@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "kernels/dense.h"
 #include "kernels/matrices.h"
 
 namespace tqnlp::test {
@@ -306,55 +305,6 @@ TEST(SparseCholesky, SecondPatternFactorsThePrincipalSubmatrix) {
       EXPECT_LT(distance(x, y), 1e-11);
     }
   }
-}
-
-TEST(SparseCholesky, JobsOfTheDenseEntriesWorkThroughTheDescriptor) {
-  Sparse m = random_matrix(40, 0.1, 3);
-  const long n = m.n, f = 30;
-  Longs free = random_order(n, 7);
-  free.resize(f);
-  Reduced r(m, free);
-  MINSTR str{};
-  str.hfrm = 1;
-  str.shes = {m.ja[n],       m.ju[n],       m.ja.data(),   m.ju.data(),
-              m.perm.data(), m.iprm.data(), r.jasl.data(), r.jusl.data()};
-  double logdet = 9.0;
-  ASSERT_EQ(run(znlpcde, &str, 6, n, 0.0, &logdet, m.a, m.u, nullptr), 0);
-  double sum = 0.0;
-  for (long i = 0; i < n; ++i) sum += std::log(m.u[i]);
-  EXPECT_NEAR(logdet, sum, 1e-12);
-  const Vec b = random_vector(n, 2);
-  Vec x;
-  const auto on = [&](auto entry) {
-    x = b;
-    entry(&str, 6, n, m.u.data(), x.data());
-    return x;
-  };
-  EXPECT_LT(distance(m.dense() * on(znlpcso), b), 1e-12);
-  EXPECT_EQ(on(znlpilm), m.half(zslltli, 0, b));
-  EXPECT_EQ(on(znlpium), m.half(zslltui, 0, b));
-  EXPECT_EQ(on(znlpumu), m.half(zslltmu, 0, b));
-  EXPECT_EQ(on(znlplmu), m.half(zslltml, 0, b));
-  EXPECT_EQ(on(znlpmmu), m.half(zslltml, 0, m.half(zslltmu, 0, b)));
-
-  // Job 7 takes its order from the second pattern, also where all parameters are counted.
-  for (const long order : {f, n}) {
-    Vec ul(r.jusl.size()), reduced(b.begin(), b.begin() + f), ax(f);
-    const Vec right = reduced;
-    ASSERT_EQ(run(znlpcde, &str, 7, order, 0.0, &logdet, r.al, ul, nullptr), 0);
-    EXPECT_EQ(run(znlpcso, &str, 7, order, ul, reduced), 0);
-    run(zslltma, f, r.jasl, r.al, reduced, ax);
-    EXPECT_LT(distance(ax, right), 1e-12);
-    EXPECT_ANY_THROW(run(znlpium, &str, 7, order, ul, reduced));
-    EXPECT_ANY_THROW(run(znlpmmu, &str, 7, order, ul, reduced));
-  }
-
-  // A failed row is told by the code, without a determinant, and by every solve.
-  m.a[5] = -1.0;
-  EXPECT_LT(run(znlpcde, &str, 6, n, 0.0, &logdet, m.a, m.u, nullptr), 0);
-  EXPECT_EQ(logdet, 0.0);
-  EXPECT_EQ(run(znlpcso, &str, 6, n, m.u, x), 1);
-  EXPECT_EQ(run(znlpilm, &str, 6, n, m.u, x), 1);
 }
 
 TEST(SparseCholesky, UpdatesEqualFactorizationsAfresh) {

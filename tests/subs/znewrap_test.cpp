@@ -107,9 +107,8 @@ void expect_solution(const Newton& newton) {
     if (s.bound == 0) zvxay11(s.nvar, rest.data(), -p.pi[r], p.constr + c * s.nvar);
   }
   EXPECT_LE(zvamx(s.nvar, rest.data()), 1e-7);
-  for (long i = 0; i < s.nneq; ++i) {
+  for (long i = 0; i < s.nneq; ++i)
     EXPECT_GE(zinner(s.nvar, p.constr + i * s.nvar, p.xnew), p.values[i] - 1e-11);
-  }
   for (long j = 0; j < s.nvar; ++j)
     EXPECT_EQ(std::clamp(p.xnew[j], p.lowb[j], p.upb[j]), p.xnew[j]);
 }
@@ -137,40 +136,6 @@ TEST(OldNewton, SolvesRandomQuadraticsUnderBoundsAndRows) {
   }
 }
 
-// However often rows enter and leave, Q stays orthogonal and A Q = (T 0).
-TEST(OldNewton, ProjectorStaysOrthogonal) {
-  const long n = 12, count = 30;
-  std::mt19937 draw(3);
-  std::normal_distribution<> normal;
-  Newton newton(Vec(static_cast<std::size_t>(n), 0.0));
-  random_quadratic(newton, draw);
-  for (long i = 0; i < count; ++i) {
-    Vec a(static_cast<std::size_t>(n));
-    for (double& v : a) v = normal(draw) * std::pow(10.0, i % 7 - 3);
-    newton.add_row(a, -1e9);
-  }
-  ASSERT_EQ(newton.solve(), 0);
-  SIZE_S* s = &newton.s;
-  NRPTRS* p = &newton.p;
-  for (int change = 0; change < 20000; ++change) {
-    const long c = static_cast<long>(draw() % count);
-    if (zcondrp(s, p, c) == 0) continue;
-    const int full = s->nact == n ? 1 : 0;
-    EXPECT_EQ(zconadd(s, p, c), full);
-  }
-  EXPECT_GT(s->nact, n / 2);
-  const double* triangle = active_triangle(s, p);
-  for (long i = 0; i < n; ++i) {
-    for (long j = 0; j < n; ++j) {
-      EXPECT_NEAR(zvdotjj(n, n, p->proj + i, n, p->proj + j), i == j, 1e-12);
-      if (i >= s->nact) continue;
-      const double* row = p->constr + p->index[i] * n;
-      EXPECT_NEAR(zvdotj1(n, n, p->proj + j, row), j <= i ? triangle[zisub(i, j)] : 0.0,
-                  1e-12 * zvenorm(n, 1, row));
-    }
-  }
-}
-
 // The polynomial of one variable with these coefficients, with factors that spoil its derivatives.
 Newton line(double start, const Vec& c, double slope_factor = 1, double curvature_factor = 1) {
   Newton newton({start});
@@ -182,9 +147,8 @@ Newton line(double start, const Vec& c, double slope_factor = 1, double curvatur
     g[0] = h[0] = 0.0;
     for (int k = static_cast<int>(c.size()) - 1; k > 0; --k)
       g[0] = g[0] * x[0] + slope_factor * k * c[k];
-    for (int k = static_cast<int>(c.size()) - 1; k > 1; --k) {
+    for (int k = static_cast<int>(c.size()) - 1; k > 1; --k)
       h[0] = h[0] * x[0] + curvature_factor * k * (k - 1) * c[k];
-    }
   };
   return newton;
 }

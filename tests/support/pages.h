@@ -41,10 +41,9 @@ inline void expect_documented(const Table& table) {
   for (std::size_t at = page.find("\n| `" + table.name + "` |"); at != std::string::npos && !found;
        at = page.find("\n| `" + table.name + "` |", at + 1)) {
     const std::string row = page.substr(at + 1, page.find('\n', at + 1) - at - 1);
-    std::size_t place = row.find("| " + table.title) == std::string::npos &&
-                                row.find("; " + table.title) == std::string::npos
-                            ? std::string::npos
-                            : 0;
+    const bool titled = row.find("| " + table.title) != std::string::npos ||
+                        row.find("; " + table.title) != std::string::npos;
+    std::size_t place = titled ? 0 : std::string::npos;
     for (const std::string& column : table.columns) {
       const bool by_technique =
           table.name == "IterHist" && place != std::string::npos && row.find("`OptCrit`") <= place;

@@ -1,8 +1,12 @@
 #include "support/record.h"
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 
+#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/termination/znlptrm.h"
+#include "embed/task.h"
 #include "host/log.h"
 
 namespace tqnlp::test {
@@ -26,14 +30,8 @@ static int call_objective(MINSTR* str) {
 }
 
 static int finish_array(MINSTR* str, const double* values, long count) {
-  for (long i = 0; i < count; ++i) {
-    if (std::isnan(values[i])) {
-      str->tbig = 1.0;
-      return -11;
-    }
-  }
-  str->tbig = 0.0;
-  return 0;
+  str->tbig = std::any_of(values, values + count, [](double v) { return std::isnan(v); });
+  return str->tbig != 0.0 ? -11 : 0;
 }
 
 static int call_gradient(MINSTR* str) {
@@ -52,68 +50,35 @@ static int call_hessian(MINSTR* str) {
 }
 
 TestRecord::TestRecord(long n, int technique) : MINSTR{} {
-  nvar = n;
-  nnva = packed_size(n);
-  mequ = mfun = 1;
-  tech = technique;
-  vers = 2;
-  tupd = 1;
-  tlin = 2;
-  ider = 4;
+  nvar = n, nnva = packed_size(n);
+  mequ = mfun = tupd = zmsg = 1;
+  vers = tlin = 2;
+  tech = technique, ider = 4;
   dhes = damp = rtop = dfes = deat = MISSING;
   nres = NEVER;
-  ceps = ldct = sing = 1e-8;
-  salf = 1.0;
-  sigm = 0.4;
-  ssin = 1e20;
+  ceps = ldct = sing = gtol = 1e-8;
+  salf = 1.0, sigm = 0.4, ssin = 1e20;
   fdig = cdig = 15.653559774527022;
-  upti = HUGE_VALUE;
-  maxi = 200;
-  maxf = 500;
-  atol = -1.3407807929942999e154;
-  ftol = 2.2204460492503141e-16;
-  gtol = 1e-8;
-  agtl = 1e-5;
-  zmsg = 1;
-  uster = znlptrm;
-  acget = expand_row;
+  maxi = 200, maxf = 500, upti = HUGE_VALUE;
+  atol = -1.3407807929942999e154, ftol = 2.2204460492503141e-16, agtl = 1e-5;
+  uster = znlptrm, acget = expand_row;
 
-  toln = longs(30);
-  ipiv = longs(n);
-  iwk = longs(3 * n + 1);
-  ifxr = longs(n);
-  for (long i = 0; i < n; ++i) ifxr[i] = i;
+  toln = longs(30), ipiv = longs(n), iwk = longs(3 * n + 1), ifxr = longs(n);
+  std::iota(ifxr, ifxr + n, 0L);
   det = doubles(6 * n + 5);
-  x = det + 5;
-  work = x + n;
-  grad = work + n;
-  xold = grad + n;
-  gold = xold + n;
-  sdir = gold + n;
-  func = doubles(2);
-  fold = func + 1;
-  wrk2 = doubles(8 * n + 8);
-  hess = doubles(nnva);
-  hpro = doubles(nnva);
-  half = doubles(3 * nnva);
+  x = det + 5, work = x + n, grad = work + n, xold = grad + n, gold = xold + n, sdir = gold + n;
+  func = doubles(2), fold = func + 1;
+  wrk2 = doubles(8 * n + 8), hess = doubles(nnva), hpro = doubles(nnva), half = doubles(3 * nnva);
   hesalo = hpralo = hlfalo = 1;
-  dsca = doubles(n);
-  wfid = doubles(n + 2);
-  lag2 = doubles(2 * n);
+  dsca = doubles(n), wfid = doubles(n + 2), lag2 = doubles(2 * n);
   status_.assign(static_cast<std::size_t>(n) + 1, 0);
   iabc = status_.data();
-  lb = doubles(n);
-  ub = doubles(n);
+  lb = doubles(n), ub = doubles(n);
   vzfdl(-HUGE_VALUE, lb, n);
   vzfdl(HUGE_VALUE, ub, n);
   gpro = doubles(n * (n + 5) + nnva);
-  lagm = gpro + n;
-  dcds = lagm + n;
-  awrk = dcds + 2 * n;
-  qlcn = awrk + n;
-  llcn = qlcn + n * n;
-  iact = longs(2 * n);
-  liwk = iact + n;
+  lagm = gpro + n, dcds = lagm + n, awrk = dcds + 2 * n, qlcn = awrk + n, llcn = qlcn + n * n;
+  iact = longs(2 * n), liwk = iact + n;
 }
 
 double* TestRecord::doubles(long count) {
@@ -150,15 +115,10 @@ TestRecord& TestRecord::with_bounds(std::vector<double> lower, std::vector<doubl
 }
 
 TestRecord& TestRecord::with_rows(const std::vector<LinearRow>& rows) {
-  lincon = 1;
-  opro = 1;
-  aspa = 1;
-  ncon = static_cast<long>(rows.size());
-  neqc = 0;
-  alcn = doubles(ncon * nvar);
-  blcn = doubles(ncon);
-  naco = longs(ncon);
-  jalc = longs(ncon * nvar);
+  lincon = opro = aspa = 1;
+  ncon = static_cast<long>(rows.size()), neqc = 0;
+  alcn = doubles(ncon * nvar), jalc = longs(ncon * nvar);
+  blcn = doubles(ncon), naco = longs(ncon);
   long stored = 0;
   for (long i = 0; i < ncon; ++i) {
     const LinearRow& row = rows[static_cast<std::size_t>(i)];
@@ -176,7 +136,7 @@ TestRecord& TestRecord::with_rows(const std::vector<LinearRow>& rows) {
 }
 
 TestRecord& TestRecord::at(const std::vector<double>& start) {
-  for (long j = 0; j < nvar; ++j) x[j] = start[static_cast<std::size_t>(j)];
+  std::copy_n(start.begin(), nvar, x);
   return *this;
 }
 
@@ -195,6 +155,20 @@ void install(TestRecord& record, const Problem& problem) {
     problem.evaluate(x, g.data(), h);
   };
   record.with_callbacks().at(problem.start);
+}
+
+int run_technique(MINSTR& record) {
+  const int code = znlpdrv(&record, 1, 0, 0, 0);
+  return code != 0 ? code : znlpdrv(&record, 2, 0, 0, 0);
+}
+
+int exit_code_of(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const embed::ExitRequest& request) {
+    return request.code;
+  }
+  return 0;
 }
 
 }  // namespace tqnlp::test

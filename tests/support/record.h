@@ -51,4 +51,10 @@ struct TestRecord : MINSTR {
 void install(TestRecord& record, const Problem& problem);
 void install(TestRecord& record, Problem&& problem) = delete;
 
+// Prepares a run and lets the technique run: the first code that is not 0.
+int run_technique(MINSTR& record);
+
+// Code with which body ends the run; 0 when it returns.
+int exit_code_of(const std::function<void()>& body);
+
 }  // namespace tqnlp::test

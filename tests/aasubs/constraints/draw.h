@@ -1,45 +1,40 @@
-// What the tests of constraints share: random draws, small vectors, codes of ended runs.
+// What the tests of constraints share: random draws, small vectors.
 #pragma once
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <numeric>
 #include <random>
 #include <vector>
 
-#include "embed/task.h"
+#include "kernels/matrices.h"
 #include "support/record.h"
 
 namespace tqnlp::test {
 
-using Vec = std::vector<double>;
 inline constexpr double INF = HUGE_VALUE;
 
-class Random {
- public:
-  explicit Random(unsigned seed) : engine_(seed) {}
+struct Random {
+  std::mt19937 engine;
+
+  explicit Random(unsigned seed) : engine(seed) {}
   double within(double a, double b) {
-    return a + (b - a) * (static_cast<double>(engine_()) / 4294967296.0);
+    return a + (b - a) * (static_cast<double>(engine()) / 4294967296.0);
   }
   double uniform() { return within(-1.0, 1.0); }
-  long below(long n) { return static_cast<long>(engine_() % static_cast<unsigned long>(n)); }
+  long below(long n) { return static_cast<long>(engine() % static_cast<unsigned long>(n)); }
   bool one_in(long n) { return below(n) == 0; }
   Vec vector(long n, double size = 1.0) {
     Vec v(static_cast<std::size_t>(n));
     for (double& e : v) e = size * uniform();
     return v;
   }
-
- private:
-  std::mt19937 engine_;
 };
 
 inline double dot(const Vec& a, const double* b) {
   return std::inner_product(a.begin(), a.end(), b, 0.0);
 }
-inline double dot(const Vec& a, const Vec& b) { return dot(a, b.data()); }
 
 // Row i of the constraints of a record.
 inline Vec row_of(MINSTR& r, long i) {
@@ -50,12 +45,11 @@ inline Vec row_of(MINSTR& r, long i) {
 
 // A positive definite packed matrix: a product of random factors and a multiple of the identity.
 inline Vec random_hessian(Random& random, long n, double ridge) {
-  std::vector<Vec> g;
-  for (long i = 0; i < n; ++i) g.push_back(random.vector(n));
-  Vec h;
-  for (std::size_t i = 0; i < g.size(); ++i) {
-    for (std::size_t j = 0; j <= i; ++j) h.push_back(dot(g[i], g[j]) + (i == j ? ridge : 0.0));
-  }
+  Dense g(n, n);
+  std::ranges::copy(random.vector(n * n), g.a.begin());
+  Vec h = pack(g * transpose(g));
+  h.resize(packed_size(n));
+  for (long i = 0; i < n; ++i) h[zisub(i, i)] += ridge;
   return h;
 }
 
@@ -127,9 +121,8 @@ inline Polyhedron make_polyhedron(unsigned seed) {
   const long equalities = random.below(std::min(n, 12L));
   for (long i = 0; i < equalities; ++i) {
     Vec a = random_row(random, n, integer);
-    for (long j = 0; i > 0 && seed % 6 == 0 && j < n; ++j) {
+    for (long j = 0; i > 0 && seed % 6 == 0 && j < n; ++j)
       a[j] = p.rows[0].a[j] - 2 * p.rows[i - 1].a[j];
-    }
     p.rows.push_back({a, 0, dot(a, p.inside)});
     if (random.one_in(10)) p.rows.push_back(p.rows.back());
   }
@@ -147,16 +140,6 @@ inline Polyhedron make_polyhedron(unsigned seed) {
     p.rows.push_back(row);
   }
   return p;
-}
-
-// Code with which body ends the run; 0 when it returns.
-inline int exit_code_of(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const embed::ExitRequest& request) {
-    return request.code;
-  }
-  return 0;
 }
 
 }  // namespace tqnlp::test

@@ -4,11 +4,13 @@
 
 #include <array>
 #include <string>
+#include <utility>
 
 #include "aasubs/constraints/draw.h"
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
+#include "embed/task.h"
 #include "host/process.h"
 #include "kernels/dense.h"
 
@@ -19,25 +21,16 @@ constexpr long N = 6;
 
 // H v for a packed symmetric H.
 Vec times(const Vec& packed, const Vec& v) {
-  Vec result(v.size(), 0.0);
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    for (std::size_t j = 0; j < v.size(); ++j) result[i] += packed[zisub(i, j)] * v[j];
-  }
-  return result;
+  return unpack(static_cast<long>(v.size()), packed) * v;
 }
 
 // L D L' packed, with L in the lower triangle of the factor; ldl: its diagonal is D, else D = I.
 Vec multiply_out(const Vec& factor, long n, bool ldl) {
-  Vec result(packed_size(n), 0.0);
-  const auto l = [&](long i, long k) { return ldl && i == k ? 1.0 : factor[zisub(i, k)]; };
-  for (long i = 0; i < n; ++i) {
-    for (long j = 0; j <= i; ++j) {
-      for (long k = 0; k <= j; ++k) {
-        result[zisub(i, j)] += l(i, k) * l(j, k) * (ldl ? factor[zisub(k, k)] : 1.0);
-      }
-    }
-  }
-  return result;
+  Dense l = unpack(n, factor, true), d = identity(n);
+  for (long i = 0; ldl && i < n; ++i) d(i, i) = std::exchange(l(i, i), 1.0);
+  Vec product = pack(l * d * transpose(l));
+  product.resize(packed_size(n));
+  return product;
 }
 
 void expect_near(const Vec& a, const double* b, double tolerance, const char* what) {
@@ -60,10 +53,9 @@ class Frames : public testing::TestWithParam<Setting> {
     owner = std::make_unique<TestRecord>(N, s.tech);
     owner->at(random.vector(N, 2.0));
     r = owner.get();
-    if (s.bounds) {
+    if (s.bounds)
       owner->with_bounds({r->x[0], -INF, -INF, r->x[3] - 5.0, r->x[4], -INF},
                          {INF, INF, r->x[2], INF, INF, INF});
-    }
     std::vector<LinearRow> rows;
     for (int i = 0; i < (s.rows > 0 ? 3 : 0); ++i) {
       const Vec a = random.vector(N, 2.0);
@@ -81,9 +73,8 @@ class Frames : public testing::TestWithParam<Setting> {
     nz = reduced_dimension(r);
     ASSERT_EQ(N - (s.bounds ? 3 : 0) + (s.shuffled ? 1 : 0) - (s.rows == 2 ? 2 : 0), nz);
 
-    for (long i = free_count(r); i < N; ++i) {
+    for (long i = free_count(r); i < N; ++i)
       members.emplace_back(N, 0.0)[r->ifxr[i]] = r->iabc[r->ifxr[i]] < 0 ? -1.0 : 1.0;
-    }
     for (long i = 0; i < r->nalc; ++i) members.push_back(row_of(*r, r->iact[i]));
     for (long k = 0; k < nz; ++k) {
       Vec unit(N, 0.0);
@@ -202,54 +193,6 @@ TEST_P(Frames, Multipliers) {
   for (const Vec& member : members) EXPECT_NEAR(0.0, dot(member, step), 1e-10);
   r->sing = 1e30;
   EXPECT_EQ(3, znlplm2(r));
-}
-
-// A Newton step is the same with and without scaling, in every frame.
-TEST_P(Frames, ScaledNewtonStep) {
-  const bool linear = r->lincon != 0;
-  double* matrix = linear ? r->hpro : r->hess;
-  Vec step(nz), direction(N);
-  std::copy(hessian.begin(), hessian.end(), r->hess);
-  r->hesc = 1;
-  if (!linear) znlphsc(r, 0, N, r->hess);
-  znlphgp(r, 1, 0, r->gpro, r->hess, matrix);
-  if (linear) znlphsc(r, 0, nz, matrix);
-  const double length = znlphs2(r, 0, step.data());
-  EXPECT_NEAR(std::sqrt(dot(step, step)), length, 1e-12);
-  for (long k = 0; k < nz; ++k) EXPECT_NEAR(1.0, matrix[zisub(k, k)], 1e-12);
-
-  ASSERT_EQ(0, znlpcde(r, 2, nz, 1e-12, nullptr, matrix, matrix, nullptr));
-  ASSERT_EQ(0, znlpcso(r, 2, nz, matrix, step.data()));
-  const double scaled = std::sqrt(dot(step, step));
-  znlpscd(r, step.data());
-  expect_newton(step, "scaled");
-  for (double& component : step) component *= 1e-3;  // its length is measured in the scale
-  EXPECT_NEAR(1e-3 * scaled, znlpsp2(r, 1, step.data(), direction.data()), 1e-12);
-}
-
-// The start matrices of the quasi-Newton techniques: reduced in place and factored as each needs.
-TEST_P(Frames, StartMatrix) {
-  for (const int chol : {0, 1, 2}) {
-    Vec m = hessian;
-    ASSERT_EQ(0, znlphin(r, 2, 1, 0, chol, m.data()));
-    if (chol != 0) m = multiply_out(m, nz, chol == 1);
-    expect_near(wanted, m.data(), 1e-11, "factored");
-  }
-  Vec m = hessian;
-  r->dhes = 4.0;
-  znlphin(r, 1, 0, 0, 2, m.data());
-  ASSERT_EQ(0, znlphin(r, 2, 0, 0, 2, m.data()));
-  for (long k = 0; k < nz; ++k) EXPECT_NEAR(2.0, m[zisub(k, k)], 1e-15);
-
-  if (r->nalc == 0 && r->lincon != 0) return;  // technique 10 would leave the frame of the basis
-  r->tech = 10;
-  m = hessian;
-  const Vec v = random.vector(nz);
-  ASSERT_EQ(0, znlphin(r, 2, 1, 0, 2, m.data()));
-  expect_near(v, times(m, times(wanted, v)).data(), 1e-10, "inverse");
-  znlphin(r, 1, 0, 0, 2, m.data());
-  ASSERT_EQ(0, znlphin(r, 2, 0, 0, 2, m.data()));
-  for (long k = 0; k < nz; ++k) EXPECT_NEAR(0.25, m[zisub(k, k)], 1e-15);
 }
 
 TEST_P(Frames, ReducedSteps) {
@@ -387,31 +330,27 @@ TEST(Operators, StepIsBentAlongTheBounds) {
 }
 
 TEST(Operators, FirstTrialStep) {
-  TestRecord r(1);
-  r.stub = HUGE_VALUE;
-  r.sdir[0] = 1.0;
-  EXPECT_EQ(0.1, znlpalf(&r, -1.0));  // no expected decrease
-  r.dfes = 0.1;
-  EXPECT_DOUBLE_EQ(0.5, znlpalf(&r, -0.5));
-  r.dfes = 100.0;
-  EXPECT_EQ(1.0, znlpalf(&r, -1.0));  // salf
-  r.itre = 2, r.nlis = 5;
-  EXPECT_EQ(1.0, znlpalf(&r, -1.0));
-  r.nlis = 6;
-  EXPECT_EQ(10.0, znlpalf(&r, -1.0));
-  r.smit = 6, r.smax = 3.0;
-  EXPECT_EQ(3.0, znlpalf(&r, -1.0));
-  r.smit = 0, r.damp = 2.0, r.alfa = 0.2;
-  EXPECT_DOUBLE_EQ(0.4, znlpalf(&r, -1.0));
-  r.alfa = 4.0;
-  EXPECT_EQ(1.0, znlpalf(&r, -1.0));
-  // A step too small to move is lengthened, and only stub can shorten it again.
-  r.xold[0] = 4.0, r.sdir[0] = 1e-10;
-  EXPECT_DOUBLE_EQ(400.0, znlpalf(&r, -1.0));
-  r.stub = 7.0;
-  EXPECT_EQ(7.0, znlpalf(&r, -1.0));
-  r.sdir[0] = 0.0;
-  EXPECT_EQ(1.0, znlpalf(&r, -1.0));
+  const struct {
+    double dfes, slope, itre, nlis, smit, damp, alfa, xold, sdir, stub, wanted;
+  } rows[] = {{MISSING, -1, 0, 0, 0, MISSING, 0, 0, 1, INF, 0.1},  // no expected decrease
+              {0.1, -0.5, 0, 0, 0, MISSING, 0, 0, 1, INF, 0.5},
+              {100, -1, 0, 0, 0, MISSING, 0, 0, 1, INF, 1},  // salf
+              {100, -1, 2, 5, 0, MISSING, 0, 0, 1, INF, 1},
+              {100, -1, 2, 6, 0, MISSING, 0, 0, 1, INF, 10},
+              {100, -1, 2, 6, 6, MISSING, 0, 0, 1, INF, 3},  // smax
+              {100, -1, 2, 6, 0, 2, 0.2, 0, 1, INF, 0.4},
+              {100, -1, 2, 6, 0, 2, 4, 0, 1, INF, 1},
+              // A step too small to move is lengthened, and only stub can shorten it again.
+              {100, -1, 2, 6, 0, 2, 4, 4, 1e-10, INF, 400},
+              {100, -1, 2, 6, 0, 2, 4, 4, 1e-10, 7, 7},
+              {100, -1, 2, 6, 0, 2, 4, 4, 0, 7, 1}};
+  for (const auto& row : rows) {
+    TestRecord r(1);
+    r.dfes = row.dfes, r.itre = long(row.itre), r.nlis = long(row.nlis), r.smit = long(row.smit);
+    r.damp = row.damp, r.alfa = row.alfa, r.xold[0] = row.xold, r.sdir[0] = row.sdir;
+    r.stub = row.stub, r.smax = 3.0;
+    EXPECT_DOUBLE_EQ(row.wanted, znlpalf(&r, row.slope)) << &row - rows;
+  }
 }
 
 TEST(Operators, ScaleRules) {

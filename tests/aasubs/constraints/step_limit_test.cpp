@@ -6,14 +6,13 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
+#include "embed/task.h"
 #include "host/files.h"
 #include "kernels/dense.h"
 #include "kernels/sparse.h"
 
 namespace tqnlp::test {
 namespace {
-
-using Longs = std::vector<long>;
 
 // ---- znlpstl ------------------------------------------------------------------------------------
 
@@ -127,33 +126,6 @@ TEST(Dependence, EqualitiesAreJudgedOnTheFreeParameters) {
     far.with_rows({{{1, 1}, 0, 1}, {{1, 1 + 1e-6}, 0, 2}, {{2, 2}, 0, 3}, {{3, 3}, 0, 3}});
     znlpldc(&far, opro, 1, far.jalc, far.naco, far.alcn);
     EXPECT_EQ((Vec{1, 2, 3}), kept_sides(far));
-  }
-}
-
-TEST(Dependence, RankIsFound) {
-  for (unsigned seed = 0; seed < 60; ++seed) {
-    Random random(seed);
-    const long n = 2 + random.below(12);
-    const long rank = 1 + random.below(n);
-    const Vec solution = random.vector(n);
-    std::vector<LinearRow> rows;
-    Vec expected;
-    for (long i = 0; i < 2 * n; ++i) {
-      const long found = static_cast<long>(expected.size());
-      const bool fresh = found < rank && (found == 0 || random.one_in(2));
-      LinearRow row{fresh ? random.vector(n) : Vec(n, 0.0), 0, 0.0};
-      for (std::size_t k = 0; !fresh && k < rows.size(); ++k) {
-        const double weight = random.uniform();
-        for (long j = 0; j < n; ++j) row.a[j] += weight * rows[k].a[j];
-      }
-      row.b = dot(row.a, solution);
-      if (fresh) expected.push_back(row.b);
-      rows.push_back(row);
-    }
-    TestRecord r(n);
-    r.with_rows(rows);
-    EXPECT_EQ(0, znlpldc(&r, 1, 1, r.jalc, r.naco, r.alcn));
-    EXPECT_EQ(expected, kept_sides(r)) << "n " << n << " rank " << rank;
   }
 }
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <tuple>
 
 #include "aasubs/constraints/draw.h"
 #include "aasubs/constraints/znlpba0.h"
@@ -15,7 +14,6 @@
 namespace tqnlp::test {
 namespace {
 
-using Longs = std::vector<long>;
 constexpr int LINE_TECHNIQUE = 4;    // consults Q only while a general constraint is active
 constexpr int FRAME_TECHNIQUE = 11;  // full frame from the start
 
@@ -26,23 +24,14 @@ bool q_counts(const TestRecord& r) {
 // Column k of Q over all parameters; the null-space basis comes first.
 Vec column(const TestRecord& r, long k) {
   Vec z(static_cast<std::size_t>(r.nvar), 0.0);
-  for (long l = 0; l < free_count(&r); ++l) {
+  for (long l = 0; l < free_count(&r); ++l)
     z[r.ifxr[l]] = q_counts(r) ? r.qlcn[l * r.nvar + k] : (l == k ? 1.0 : 0.0);
-  }
   return z;
 }
 
 Vec fresh_projection(const TestRecord& r) {
-  Vec m;
-  for (long i = 0; i < reduced_dimension(&r); ++i) {
-    const Vec zi = column(r, i);
-    Vec hz(zi.size(), 0.0);
-    for (long a = 0; a < r.nvar; ++a) {
-      for (long b = 0; b < r.nvar; ++b) hz[a] += r.hess[zisub(a, b)] * zi[b];
-    }
-    for (long j = 0; j <= i; ++j) m.push_back(dot(hz, column(r, j)));
-  }
-  return m;
+  const Dense z(r.nvar, reduced_dimension(&r), [&](long i, long k) { return column(r, k)[i]; });
+  return pack(transpose(z) * unpack(r.nvar, Vec(r.hess, r.hess + r.nnva)) * z);
 }
 
 void expect_frame(TestRecord& r) {
@@ -55,9 +44,8 @@ void expect_frame(TestRecord& r) {
   EXPECT_EQ(std::count_if(r.ifxr, r.ifxr + nfre, [&](long j) { return r.iabc[j] != 0; }), r.nlbc);
   if (!q_counts(r)) return;
   for (long a = 0; a < nfre; ++a) {
-    for (long b = 0; b <= a; ++b) {
+    for (long b = 0; b <= a; ++b)
       ASSERT_NEAR(dot(column(r, a), column(r, b)), a == b ? 1.0 : 0.0, 1e-12);
-    }
   }
   for (long i = 0; i < r.nalc; ++i) {
     const Vec row = row_of(r, r.iact[i]);
@@ -70,9 +58,8 @@ void expect_frame(TestRecord& r) {
 }
 
 void expect_gradient(const TestRecord& r, const double* gpro) {
-  for (long k = 0; k < reduced_dimension(&r); ++k) {
+  for (long k = 0; k < reduced_dimension(&r); ++k)
     ASSERT_NEAR(gpro[k], dot(column(r, k), r.grad), 1e-11) << "component " << k;
-  }
 }
 
 // ches in the form job against the matrix m, both of the given order.
@@ -114,10 +101,7 @@ Vec load_hessian(Random& random, TestRecord& r, int job, long stride) {
 
 // ---- Random sequences --------------------------------------------------------------------------
 
-class Sequence : public testing::TestWithParam<std::tuple<int, int, bool>> {};
-
-TEST_P(Sequence, KeepsFrameGradientAndMatrix) {
-  const auto [technique, job, pass_order] = GetParam();
+void run_sequences(int technique, int job, bool pass_order) {
   for (unsigned seed = 1; seed <= 12; ++seed) {
     Random random(seed);
     const long n = 9;
@@ -171,14 +155,16 @@ TEST_P(Sequence, KeepsFrameGradientAndMatrix) {
         load_matrix(r, job, ches, fresh, nz);
       }
       expect_matrix(r, job, ches, fresh, nz);
-      if (HasFatalFailure()) FAIL() << "seed " << seed << " change " << change;
+      if (testing::Test::HasFatalFailure()) FAIL() << "seed " << seed << " change " << change;
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Forms, Sequence,
-                         testing::Combine(testing::Values(LINE_TECHNIQUE, FRAME_TECHNIQUE),
-                                          testing::Values(0, 1, 2), testing::Bool()));
+TEST(Sequences, KeepFrameGradientAndMatrix) {
+  for (const int technique : {LINE_TECHNIQUE, FRAME_TECHNIQUE})
+    for (const int job : {0, 1, 2})
+      for (const bool pass_order : {false, true}) run_sequences(technique, job, pass_order);
+}
 
 // A pivoted factor that covers three of five variables: it stays exact on what it still covers.
 TEST(ProjectedFactor, OfLowerRankShrinksAndGrows) {
@@ -240,8 +226,7 @@ TEST(Deferred, RowsAndBoundsWaitAndEnterAfterADrop) {
     ASSERT_EQ(znlpfta(&r, 0, 0, 0, nullptr, nullptr, nullptr), 0);
     ASSERT_EQ(add(0, 0, 0), 0);
     EXPECT_EQ(add(0, 1, 0), 1) << "bound like row 0";
-    EXPECT_EQ(r.nlbc, 1);
-    EXPECT_EQ(r.iabc[0], 1);
+    EXPECT_TRUE(r.nlbc == 1 && r.iabc[0] == 1);
     ASSERT_EQ(add(0, 0, 1), 0);
     EXPECT_EQ(add(1, 0, 2), 1);
     EXPECT_EQ(r.nldc, 0) << "a test changes nothing";
@@ -331,42 +316,6 @@ TEST(Detection, AddsWhatIsActiveAndCountsViolations) {
   EXPECT_EQ(r.chac, 0);
 }
 
-TEST(BoundsAlone, PermutationMatrixAndDrop) {
-  const long n = 6;
-  for (int job : {1, 2}) {
-    Random random(3);
-    TestRecord r(n);
-    r.with_bounds(Vec(n, 0.0), {1, 1, 1, 1, 1, 0});
-    r.at({0, 0.5, 1, 0.5, 0, 0});
-    std::ranges::copy(Vec{-1.0, 7.0, 1.0, -8.0, -0.5, -9.0}, r.grad);
-    Vec ches = load_hessian(random, r, job, 5);
-    const auto drop = [&](long* order, double* hess) {
-      return znlpdac(&r, job, 0, order, ches.data(), hess);
-    };
-    ASSERT_EQ(znlpfch(&r, 1, 0, 0), 0);
-    ASSERT_EQ(znlpfta(&r, 0, 0, job, nullptr, ches.data(), nullptr), 0);
-    EXPECT_EQ(Longs(r.ifxr, r.ifxr + n), (Longs{1, 3, 5, 4, 2, 0}));
-    EXPECT_EQ(r.gmax, 8.0);
-    expect_matrix(r, job, ches, fresh_projection(r), 2);
-
-    // The slopes of the bounds of 0 and 2 are equal: the first wins. Parameter 5 is fixed.
-    long order = 2;
-    EXPECT_EQ(drop(&order, r.hess), 1);
-    EXPECT_EQ((Longs{r.idac, r.chac, order}), (Longs{1, -1, 3}));
-    EXPECT_EQ(Longs(r.ifxr, r.ifxr + 3), (Longs{1, 3, 0}));
-    expect_matrix(r, job, ches, fresh_projection(r), 3);
-    EXPECT_EQ(drop(&order, r.hess), 3);
-    r.deat = 0.5;
-    EXPECT_EQ(drop(&order, r.hess), 0) << "the threshold is strict";
-    r.deat = MISSING;
-    EXPECT_EQ(drop(&order, nullptr), 5) << "a unit row is no failure";
-    EXPECT_EQ(ches[zisub(4, 4)], 1.0);
-    EXPECT_EQ(znlpact(&r, job, 0, &order, nullptr, ches.data()), 0);
-    EXPECT_EQ((Longs{r.nabc, r.chac}), (Longs{4, 3})) << "all that x stands on come back";
-    expect_matrix(r, job, ches, fresh_projection(r), 2);
-  }
-}
-
 // ---- Choice of what to drop --------------------------------------------------------------------
 
 // Is the projected descent direction feasible for everything active at x, and downhill?
@@ -391,35 +340,6 @@ void expect_feasible_descent(TestRecord& r) {
 void build_frame_at_x(TestRecord& r) {
   ASSERT_EQ(znlpfch(&r, 1, 1, 0), 0);
   ASSERT_EQ(znlpfta(&r, 0, 1, 0, nullptr, nullptr, nullptr), 0);
-}
-
-TEST(Choice, TakesTheMostNegativeMultiplierAtARegularPoint) {
-  for (unsigned seed = 1; seed <= 40; ++seed) {
-    Random random(seed);
-    const long n = 6;
-    std::vector<LinearRow> rows;
-    for (int i = 0; i < 3; ++i) rows.push_back({random.vector(n), i == 0 ? 0 : 1, 0.0});
-    TestRecord r(n, seed % 2 == 0 ? LINE_TECHNIQUE : FRAME_TECHNIQUE);
-    r.with_bounds({0, -5, -5, -5, -5, -5}, {5, 0, 5, 5, 5, 5}).with_rows(rows);
-    // g = sum of multipliers times normals: bounds of x1 and x0, the equality, rows 1 and 2.
-    const Vec multiplier{0.3, random.uniform(), -9.0, random.uniform(), random.uniform()};
-    r.grad[0] = multiplier[1];
-    r.grad[1] = -multiplier[0];
-    for (int i = 0; i < 3; ++i) zvxay11(n, r.grad, multiplier[2 + i], rows[i].a.data());
-    build_frame_at_x(r);
-    ASSERT_EQ(r.nabc + r.nalc, 5);
-    for (int k = 0; k < 5; ++k) EXPECT_NEAR(r.lagm[k], multiplier[k], 1e-9);
-    const double least = std::min({multiplier[1], multiplier[3], multiplier[4]});
-    const bool can_drop = least < -1e-6;
-    EXPECT_EQ(r.idac, can_drop ? -1 : 0) << "told, not done";
-    EXPECT_EQ(znlpdac(&r, 0, 0, nullptr, nullptr, nullptr), can_drop ? 1 : 0);
-    if (!can_drop) continue;
-    const long code = least == multiplier[1] ? 0 : n + (least == multiplier[3] ? 1 : 2);
-    EXPECT_EQ((Longs{r.idac, r.chac, r.iact[0]}), (Longs{code + 1, -1, 0})) << "equality first";
-    expect_frame(r);
-    expect_gradient(r, r.gpro);
-    expect_feasible_descent(r);
-  }
 }
 
 TEST(Choice, ThresholdFollowsTheDocumentedRule) {

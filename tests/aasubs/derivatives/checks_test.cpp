@@ -51,25 +51,22 @@ void smooth(DifferenceRecord& r, const Vec& factors = {1, 1, 1}) {
 }
 
 TEST(GradientTest, RightAndWrong) {
-  struct Case {
-    Vec factors;
-    const char* blamed;
-  };
-  for (const Case& c : {Case{{1, 1, 1}, nullptr}, Case{{2, 1, 1}, "parameter A "},
-                        Case{{1, -1, 1}, "parameter B "}, Case{{1, 1, 0}, "parameter C "},
-                        Case{{1, 1, 1.2}, "parameter C "}, Case{{-1, -1, -1}, "parameter B "}}) {
+  using Case = std::pair<Vec, const char*>;
+  for (const auto& [factors, blamed] :
+       {Case{{1, 1, 1}, nullptr}, Case{{2, 1, 1}, "parameter A "}, Case{{1, -1, 1}, "parameter B "},
+        Case{{1, 1, 1.2}, "parameter C "}, Case{{-1, -1, -1}, "parameter B "}}) {
     DifferenceRecord r(3, 1);
-    smooth(r, c.factors);
+    smooth(r, factors);
     r.start({0.5, -0.7, 2});
     r.usgrd(&r);
     const Vec grad(r.grad, r.grad + 3);
     const double crit = r.crit;
     int code = 9;
     const Logged log = logged([&] { code = znlpchd(&r, 0, nullptr); });
-    const bool right = c.blamed == nullptr;
+    const bool right = blamed == nullptr;
     EXPECT_EQ(code, right ? DERIVATIVES_AGREE : DERIVATIVES_DISAGREE);
     EXPECT_EQ(log.numbers, right ? Numbers{} : Numbers{47});
-    EXPECT_TRUE(right || log.text.find(c.blamed) != std::string::npos) << log.text;
+    EXPECT_TRUE(right || log.text.find(blamed) != std::string::npos) << log.text;
     EXPECT_EQ(r.point(), (Vec{0.5, -0.7, 2}));
     EXPECT_EQ(Vec(r.grad, r.grad + 3), grad);
     EXPECT_EQ(r.crit, crit);

@@ -28,13 +28,8 @@ struct DifferenceRecord : TestRecord {
     nnlc = c;
     nlicon = c > 0 ? 1 : 0;
     arrays_.assign(static_cast<std::size_t>(3 * m + std::max(m, n) + c * (n + 1) + 2 * n), MISSING);
-    func = arrays_.data();
-    fold = func + m;
-    wfid = fold + m;
-    fcon = wfid + m + std::max(m, n);
-    jcon = fcon + c;
-    hfwd = jcon + c * n;
-    hcnt = hfwd + n;
+    func = arrays_.data(), fold = func + m, wfid = fold + m;
+    fcon = wfid + m + std::max(m, n), jcon = fcon + c, hfwd = jcon + c * n, hcnt = hfwd + n;
     flags_.assign(static_cast<std::size_t>(n), 0);
     ofco = flags_.data();
     usfct = call_functions;

@@ -214,10 +214,9 @@ TEST(Scale, HugeAndTinyParameters) {
 TEST(Scale, SumsAreKeptInRange) {
   // f = 1e153 x twice: J'J overflows; as least squares the gradient does.
   DifferenceRecord r(1, 2);
-  r.functions = [](const double* x) -> Vec { return {1e153 * x[0], 1e153 * x[0]}; };
+  r.functions = [](const double* x) -> Vec { return Vec(2, 1e153 * x[0]); };
   r.start({1});
-  EXPECT_EQ(znlpfic(&r), -9);
-  EXPECT_EQ(znlpfc2(&r), -9);
+  EXPECT_EQ(znlpfic(&r) + znlpfc2(&r), -18);
   r.lsqu = 1;
   for (const auto run : {znlpfij, znlpfj2, znlpfic, znlpfc2, znlpfig, znlpfg2}) {
     r.start({1});
@@ -382,6 +381,16 @@ TEST(Retreat, EveryCallFails) {
       EXPECT_EQ(seen, bounded ? codes_shifted : codes);
     }
   }
+  // Only at mixed points of a Hessian, on the plus or the minus side of the first parameter.
+  for (const double side : {1.0, -1.0})
+    for (const auto run : {znlpfih, znlpfh2}) {
+      DifferenceRecord r(2, 1);
+      r.functions = [side](const double* x) -> Vec {
+        return {(x[0] - 2) * side > 0 && x[1] != 1 ? NAN : x[0]};
+      };
+      r.start({2, 1});
+      EXPECT_EQ(run(&r), side > 0 ? -4 : run == znlpfih ? 0 : -5);
+    }
 }
 
 // ---- Nonlinear constraints ---------------------------------------------------------------------

@@ -86,9 +86,8 @@ struct Line {
   // The first trials; all of them with `complete`.
   void expect_trials(const std::vector<double>& expected, bool complete) {
     EXPECT_TRUE(complete ? trials.size() == expected.size() : trials.size() > expected.size());
-    for (std::size_t k = 0; k < std::min(trials.size(), expected.size()); ++k) {
+    for (std::size_t k = 0; k < std::min(trials.size(), expected.size()); ++k)
       EXPECT_NEAR(trials[k], expected[k], 1e-8 * expected[k]) << testing::PrintToString(trials);
-    }
   }
 
   Curve curve;
@@ -97,12 +96,6 @@ struct Line {
   std::vector<double> trials;
   long slopes = 0;
 };
-
-TEST(LineSearch, IsSelectedByNumber) {
-  const Callback own[] = {znlpls1, znlpls2, znlpls3, znlpls4, znlpls5, znlpls6, znlpls7, znlpls8};
-  for (int tlin = 1; tlin <= 8; ++tlin) EXPECT_EQ(select_line_search(tlin), own[tlin - 1]);
-  for (const int tlin : {-1, 0, 9, 12}) EXPECT_EQ(select_line_search(tlin), &znlpls2);
-}
 
 // ---- Trials -------------------------------------------------------------------------------------
 

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 
 #include "aasubs/constraints/znlpbas.h"
-#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
 #include "embed/faults.h"
@@ -52,11 +52,6 @@ void arrive(TestRecord& r) {
   r.indf = IN_STOP_ANALYSIS;
   znlpfch(&r, 1, 0, 0);
   if (r.bounds != 0 || r.lincon != 0) znlpfta(&r, 0, 0, 0, nullptr, nullptr, nullptr);
-}
-
-int run(TestRecord& r) {
-  const int code = znlpdrv(&r, 1, 0, 0, 0);
-  return code < 0 ? code : znlpdrv(&r, 2, 0, 0, 0);
 }
 
 // A maximum of value 0 at 0, minima of value -1/4 at +-1.
@@ -105,7 +100,7 @@ TEST(StopAnalysis, ARunLeavesASaddlePointAndEndsAtAMinimum) {
         r.updat = znlpbfg;
         r.linse = znlpls2;
         r.rtop = rtop;
-        EXPECT_GT(run(r), 0);
+        EXPECT_GT(run_technique(r), 0);
         EXPECT_NEAR(r.crit, problem.minima[wzmis(rtop) ? 0 : 1], 1e-8);
         EXPECT_EQ(znlpfch(&r, 0, 0, 0), 0);
         EXPECT_LT(r.nfct, 120);
@@ -130,7 +125,7 @@ TEST(StopAnalysis, RunsEndWhateverTheObjectiveDoes) {
       r.f = objective;
       r.rtop = rtop;
       r.agtl = 0.0;
-      run(r);
+      run_technique(r);
       EXPECT_GT(r.nfct, 2);
       EXPECT_LT(r.nfct, r.maxf + 200);
     }
@@ -205,21 +200,22 @@ TEST(NoiseProbe, ASmallDecreaseIsLeftToALineSearch) {
 }
 
 TEST(NoiseProbe, AFailedBaseCountsAsTheLargestValue) {
-  const auto probe = [](std::function<double(const double*)> f, double left) {
+  using Function = std::function<double(const double*)>;
+  const std::tuple<Function, double, int> rows[] = {
+      {[](auto x) { return x[0] < 1.05 ? MISSING : 1e5 * x[0]; }, 1, 1},
+      {[](auto) { return MISSING; }, 1, 0},
+      // A stale mark of failure at a good point does not make its neighbours better.
+      {[](auto x) { return x[0] * x[0] + x[1] * x[1]; }, 0, 0}};
+  for (const auto& [f, left, found] : rows) {
     TestRecord r(2);
-    install_flat(r, std::move(f), {left, 0});
+    install_flat(r, f, {left, 0});
     r.tbig = 1.0;
     r.crit = MISSING;
     r.usgrd = [](MINSTR*) { return -11; };  // a better point stands without derivatives, too
-    const int found = znlpnoi(&r, 0);
+    EXPECT_EQ(znlpnoi(&r, 0), found);
     EXPECT_EQ(r.tbig, found != 0 ? 0.0 : 1.0);
     EXPECT_TRUE(wzmis(r.f(r.x)) || r.crit == r.f(r.x));
-    return found;
-  };
-  EXPECT_EQ(probe([](auto x) { return x[0] < 1.05 ? MISSING : 1e5 * x[0]; }, 1), 1);
-  EXPECT_EQ(probe([](auto) { return MISSING; }, 1), 0);
-  // A stale mark of failure at a good point does not make its neighbours better.
-  EXPECT_EQ(probe([](auto x) { return x[0] * x[0] + x[1] * x[1]; }, 0), 0);
+  }
 }
 
 // ---- znlpdnc ------------------------------------------------------------------------------------

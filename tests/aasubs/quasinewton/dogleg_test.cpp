@@ -35,9 +35,8 @@ struct Model {
     }
     for (long i = 0; i < 4; ++i) {
       g[i] = record.grad[order[i]];
-      for (long j = i; j < 4; ++j) {
+      for (long j = i; j < 4; ++j)
         record.hess[zisub(j, i)] = r[i][j] = normal(random) + (i == j ? 2.0 : 0.0);
-      }
     }
     d.minstr = &record;
     d.dogleg = true;
@@ -76,9 +75,9 @@ TEST(Dogleg, StepsAreThoseOfTheModel) {
       EXPECT_NEAR(record.pred, model.reduction(), 1e-11 * size);
       EXPECT_GE(record.pred, promise - 1e-12 * size);
       EXPECT_LE(record.lamb, lamb);
-      const double ranges[][2] = {{0, 0}, {0, 1}, {1, 2}, {2, HUGE_VALUE}};
-      EXPECT_GE(record.lamb, ranges[kind - 1][0] - 1e-12);
-      EXPECT_LE(record.lamb, ranges[kind - 1][1] + 1e-12);
+      const double ranges[] = {0, 0, 1, 2, HUGE_VALUE};
+      EXPECT_GE(record.lamb, ranges[kind - 1] - 1e-12);
+      EXPECT_LE(record.lamb, ranges[kind] + 1e-12);
       last = kind;
       promise = record.pred;
       lamb = record.lamb;
@@ -89,14 +88,12 @@ TEST(Dogleg, StepsAreThoseOfTheModel) {
   EXPECT_GT(*std::min_element(kinds + 1, kinds + 5), 500);
 }
 
-// No gradient, no step; and a curvature that is the same everywhere, where the path is straight and
-// the points on it differ by rounding.
+// A curvature that is the same everywhere, where the path is straight and the points on it differ
+// by rounding; and no gradient, no step.
 TEST(Dogleg, OfModelsWithoutADirection) {
   Model flat(1, 0.0);
   flat.record.delt = 1.0;
-  EXPECT_EQ(dbldog(&flat.d), NEWTON_STEP);
-  EXPECT_EQ(flat.d.dstn, 0.0);
-  EXPECT_EQ(flat.record.pred, 0.0);
+  EXPECT_EQ(dbldog(&flat.d) + flat.d.dstn + flat.record.pred, NEWTON_STEP);
   Model round(1, 1.0);
   for (long i = 0; i < 4; ++i) {
     for (long j = 0; j <= i; ++j) {

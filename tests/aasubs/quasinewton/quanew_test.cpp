@@ -4,7 +4,6 @@
 
 #include <cmath>
 
-#include "aasubs/driver/znlpdrv.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/quasinewton/znlpupd.h"
 #include "support/record.h"
@@ -17,16 +16,8 @@ constexpr int DOGLEG = 9, INVERSE = 10, FACTOR = 11;
 // Installs a problem with the settings that an entry gives a quasi-Newton run.
 void install_quasi_newton(TestRecord& record, const Problem& problem) {
   install(record, problem);
-  record.updat = znlpbfg;
-  record.linse = znlpls2;
-  record.sigm = MISSING;
-  record.maxi = 400;
-  record.maxf = 2000;
-}
-
-int run(TestRecord& record) {
-  const int code = znlpdrv(&record, 1, 0, 0, 0);
-  return code != 0 ? code : znlpdrv(&record, 2, 0, 0, 0);
+  record.updat = znlpbfg, record.linse = znlpls2;
+  record.sigm = MISSING, record.maxi = 400, record.maxf = 2000;
 }
 
 // Strictly convex, minimum at x_i = (i + 1)/2 where nothing constrains it; curvature grows with i.
@@ -56,7 +47,7 @@ TEST_P(Quanew, EndsWhereNothingIsFree) {
     if (kind == 0) record.with_bounds({1, 2, 3}, {1, 2, 3});
     if (kind > 0) record.with_rows({{{1, 0, 0}, 0, 1}, {{1, 1, 0}, 0, 2}, {{1, 1, 1}, 0, 3}});
     if (kind == 2) record.mini = 5;
-    EXPECT_GT(run(record), 0);
+    EXPECT_GT(run_technique(record), 0);
     EXPECT_EQ(record.nitr, 0.0);
     EXPECT_EQ(record.gmax, 0.0);
     EXPECT_NEAR(record.x[2], kind == 0 ? 3.0 : 1.0, 1e-12);
@@ -71,18 +62,15 @@ TEST_P(Quanew, AGivenHessianStartsTheMatrix) {
   for (int kind = 0; kind < 5; ++kind) {
     TestRecord record(14, GetParam());
     install_quasi_newton(record, problem);
-    record.dhes = 1.0;
-    record.load = kind > 0 ? 1 : 0;
-    if (kind == 2 || kind == 3) {
-      record.hfrm = 2;
+    record.dhes = 1.0, record.load = kind > 0 ? 1 : 0, record.hfrm = kind == 2 || kind == 3 ? 2 : 0;
+    if (record.hfrm == 2)
       record.h = [=](const double*, double* h) {
         for (long i = 0; i < 14; ++i) h[i] = (kind == 2 ? 2.0 : -2.0) * double(1 + i);
       };
-    }
     std::vector<double> row(14, 0.0);
     row.back() = -1.0;
     if (kind == 4) record.with_rows({{row, 1, -5.0}});
-    EXPECT_GT(run(record), 0);
+    EXPECT_GT(run_technique(record), 0);
     EXPECT_LE(record.gmax, 1e-3);
     EXPECT_EQ(record.nhes, record.load);
     iterations[kind] = record.nitr;
@@ -100,12 +88,11 @@ TEST_P(Quanew, RestartsWhenItsPeriodIsOver) {
   record.nres = 1;
   record.salf = 0.5;
   record.linse = [](MINSTR* str) {
-    for (long i = 1; i < 6; ++i) {
+    for (long i = 1; i < 6; ++i)
       EXPECT_NEAR(str->sdir[i] * str->grad[0], str->sdir[0] * str->grad[i], 1e-12 * str->gmax);
-    }
     return znlpls2(str);
   };
-  EXPECT_GT(run(record), 0);
+  EXPECT_GT(run_technique(record), 0);
   // The dogleg makes the iteration at the end of its period before it restarts.
   const double period = GetParam() == DOGLEG ? 2.0 : 1.0;
   EXPECT_GE(period * static_cast<double>(record.ires), record.nitr - period);
@@ -124,7 +111,7 @@ TEST_P(Quanew, EndsWhenNothingMoves) {
     if (kind == 0) record.uster = [](MINSTR*, int) { return 100; };
     if (kind == 1) record.linse = [](MINSTR* str) { return str->alfa = 0.0, 1; };
     if (kind == 2) record.usgrd = [](MINSTR* str) { return str->grad[0] = NAN, 0; };
-    const int code = run(record);
+    const int code = run_technique(record);
     EXPECT_TRUE(kind == 2 ? code < 0 : code == -5) << kind << " " << code;
     EXPECT_TRUE(kind == 0 || record.point() == problem.start);
   }

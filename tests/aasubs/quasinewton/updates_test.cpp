@@ -29,12 +29,6 @@ Dense read_back(long n, const Stored& m) {
   return l * right;
 }
 
-Dense identity(long n) {
-  Dense d(n, n);
-  for (long i = 0; i < n; ++i) d(i, i) = 1.0;
-  return d;
-}
-
 // Well-conditioned: for jobs 2 and 3 the factor is random, for job 1 the matrix M'M + I.
 Stored stored_matrix(long n, int job, unsigned seed) {
   const Dense random = job == 1 ? gram(n, n, seed) : random_dense(n, n, seed);
@@ -44,9 +38,7 @@ Stored stored_matrix(long n, int job, unsigned seed) {
 }
 
 Dense column(const Vec& v, long n) {
-  Dense d(n, 1);
-  std::copy_n(v.begin(), n, d.a.begin());
-  return d;
+  return {n, 1, [&v](long i, long) { return v[i]; }};
 }
 
 double inner(const Dense& a, const Dense& b) { return (transpose(a) * b)(0, 0); }

@@ -201,9 +201,8 @@ TEST(StepMeasures, AreGuardedAgainstOverflowAndNaN) {
               {0.0, 0.0, 0.0, 0.0},           {1e-305, 0.0, 0.0, 0.0},
               {1e-300, 0.0, 0.0, 1.0},        {0.5, -0.75, 0.0, 1.25 / 0.75},
               {large, -large, 0.0, infinite}, {1.0, 1.0, 0.0, 0.0}};
-  for (const auto& row : rows) {
+  for (const auto& row : rows)
     EXPECT_DOUBLE_EQ(reldx(1, row.xsiz, &row.x, &row.y), row.relative) << row.x << " " << row.y;
-  }
   const double x[] = {3e200, 0.0, 1.0}, y[] = {0.0, 4e200, 1.0}, lost[] = {NOT_A_NUMBER, 0, 1};
   EXPECT_EQ(reldx(3, 0.0, x, y), 1.0);
   EXPECT_DOUBLE_EQ(xdif(3, x, y), 5e200);
