@@ -8,7 +8,7 @@
 
 #include <cmath>
 
-#include "tqnlp/tqnlp.hpp"
+#include "support/rosenbrock.h"
 
 namespace tqnlp::test {
 namespace {
@@ -19,11 +19,7 @@ const Matrix NONE;
 const double M = missing;
 const Matrix START = Matrix::row({-1.2, 1});
 
-double rosenbrock(double a, double b) {
-  return 100 * (b - a * a) * (b - a * a) + (1 - a) * (1 - a);
-}
-
-enum class Way { none, nan, no_value, shape, foreign };
+enum class Way { none, nan, refused, shape, foreign };  // refused: by the host, any module
 
 struct Foreign {};
 
@@ -36,11 +32,10 @@ struct Plan {
   long calls = 0;
 
   Matrix spoil(const char* name, Matrix good) {
-    if (way == Way::none || name != module) return good;
+    if (way == Way::none || way == Way::refused || name != module) return good;
     const long call = calls++;
     if (call != k && !(onwards && call > k)) return good;
     if (way == Way::foreign) throw Foreign{};
-    if (way == Way::no_value) throw EvaluationFailed();
     if (way == Way::shape) return Matrix(good.rows() + 1, good.cols());
     good[good.size() - 1] = std::nan("");
     return good;
@@ -48,20 +43,10 @@ struct Plan {
   bool struck() const { return calls > k; }
 };
 
-const struct {
-  const char* name;
-  Matrix (*body)(const Matrix& x);
-} MODULES[] = {
-    {"F", [](const Matrix& x) { return Matrix::scalar(rosenbrock(x[0], x[1])); }},
-    {"G",
-     [](const Matrix& x) {
-       const double rise = x[1] - x[0] * x[0];
-       return Matrix::row({-400 * x[0] * rise - 2 * (1 - x[0]), 200 * rise});
-     }},
-    {"H",
-     [](const Matrix& x) {
-       return Matrix::of({{1200 * x[0] * x[0] - 400 * x[1] + 2, -400 * x[0]}, {-400 * x[0], 200}});
-     }},
+const std::vector<NamedModule> MODULES = {
+    ROSENBROCK[0],
+    ROSENBROCK[1],
+    ROSENBROCK[2],
     {"T",
      [](const Matrix& x) {
        return Matrix::of(
@@ -133,6 +118,8 @@ std::vector<Call> calls() {
       {"NLPCG", {"F", START, options(5, 3, 0, 2), bounds}},
       {"NLPDD", {"F", far, options(5, 1, 1, 0), rows, NONE, NONE, NONE, "G"}},
       {"NLPDD", {"F", START, options(0, 1, 0, 2), bounds}},
+      {"NLPTR", {"F", START, options(5, 1, 0, 0), rows, NONE, NONE, NONE, "G", "H"}},
+      {"NLPTR", {"F", START, options(0, 1, 0, 0), bounds}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},
@@ -226,13 +213,21 @@ TEST_P(Faults, OfTheHost) {
 // failures that do not end are reported as such.
 TEST_P(Faults, OfModules) {
   for (const auto& module : MODULES) {
-    for (const Way way : {Way::nan, Way::no_value, Way::shape, Way::foreign}) {
+    for (const Way way : {Way::nan, Way::refused, Way::shape, Way::foreign}) {
+      if (way == Way::refused && module.name != MODULES[0].name) continue;
       for (const bool onwards : {false, true}) {
         bool struck = true;
         for (long k = 0; struck && !HasFailure(); ++k) {
           SCOPED_TRACE(testing::Message() << module.name << " way " << int(way) << " call " << k);
           plan = {way, module.name, k, onwards};
+          const long before = embed::operations(session.task(), Fault::module_call);
+          if (way == Way::refused) {
+            embed::plan_fault(session.task(), Fault::module_call, k, onwards);
+            plan.calls = -before;
+          }
           const End end = run(session, call);
+          if (way == Way::refused)
+            plan.calls += embed::operations(session.task(), Fault::module_call);
           struck = plan.struck();
           if (!struck || way == Way::foreign) {
             EXPECT_EQ(end.error, struck ? -1 : 0);

@@ -18,9 +18,8 @@ TEST(Threads, EightSessionsSolveTheirOwnProblems) {
   for (std::size_t t = 0; t < threads; ++t) {
     running.emplace_back([&, t] {
       // Each starts elsewhere in the list, so that different problems run side by side.
-      for (std::size_t k = 0; k < problems.size(); ++k) {
+      for (std::size_t k = 0; k < problems.size(); ++k)
         found[t].push_back(solve(problems[(k + 4 * t) % problems.size()], "NLPNRR", 1e-6));
-      }
     });
   }
   for (std::thread& thread : running) thread.join();
