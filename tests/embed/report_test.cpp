@@ -17,17 +17,15 @@ constexpr double INFINITE = std::numeric_limits<double>::infinity();
 TEST(MatrixTest, RefusesWhatNoMatrixCanBe) {
   constexpr long HUGE_SIZE = std::numeric_limits<long>::max();
   const char* nothing = nullptr;
+  const std::vector<double> three(3);
+  const auto ragged = [] { return Matrix::of({{1, 2}, {3}}); };
   const std::function<Matrix()> bad_shapes[] = {[] { return Matrix(-1, 2); },
                                                 [] { return Matrix(0, -2); },
                                                 [] { return Matrix(HUGE_SIZE, HUGE_SIZE); },
                                                 [] { return Matrix(HUGE_SIZE / 8, 2); },
-                                                [] {
-                                                  return Matrix(2, 2, {1, 2, 3});
-                                                },
-                                                [] {
-                                                  return Matrix::of({{1, 2}, {3}});
-                                                },
-                                                [=] { return Matrix{nothing}; },
+                                                [&] { return Matrix(2, 2, three); },
+                                                ragged,
+                                                [=] { return Matrix(nothing); },
                                                 [] { return Matrix(Matrix::scalar(1).text()); },
                                                 [] { return Matrix::scalar(Matrix("A")(0, 0)); }};
   for (const auto& make : bad_shapes) EXPECT_THROW(make(), std::invalid_argument);

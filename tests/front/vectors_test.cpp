@@ -125,16 +125,15 @@ TEST(Termination, DefaultsByJob) {
   const double limits[] = {3000, 1000, 500};
   for (const int job : {0, 1, 2}) {
     WithVector call(job == 0 ? 14 : 11, {});
-    setterm(&call.str, job);
-    EXPECT_EQ(call.str.maxf, limits[job]);
-    EXPECT_EQ(call.str.atol, -ROOT_HUGE);
-    EXPECT_NEAR(call.str.ftol, 2.2204460492503141e-16, 1e-29);
-    EXPECT_EQ(call.str.agtl, job == 0 ? 0.0 : 1e-5);
-    call.str.nlicon = call.str.imax = 1;
-    setterm(&call.str, job);
-    EXPECT_EQ(call.str.atol, ROOT_HUGE);
-    EXPECT_EQ(call.str.fto2, 1e-6);
-    EXPECT_EQ(call.str.axtl, job == 0 ? 1e-4 : 0.0);
+    MINSTR& str = call.str;
+    setterm(&str, job);
+    EXPECT_EQ((Vector{str.maxf, str.atol}), (Vector{limits[job], -ROOT_HUGE}));
+    EXPECT_NEAR(str.ftol, 2.2204460492503141e-16, 1e-29);
+    EXPECT_EQ(str.agtl, job == 0 ? 0.0 : 1e-5);
+    str.nlicon = str.imax = 1;
+    setterm(&str, job);
+    EXPECT_EQ((Vector{str.atol, str.fto2}), (Vector{ROOT_HUGE, 1e-6}));
+    EXPECT_EQ(str.axtl, job == 0 ? 1e-4 : 0.0);
   }
 }
 
