@@ -200,14 +200,12 @@ TEST(Remarks, AResultWithoutAValueHasItsStatus) {
 
 // What this version lacks is told from the techniques that it has, and is no bad argument.
 TEST(Remarks, WhatIsNotBuiltIsNamed) {
-  const Matrix two_constraints = Matrix::row({0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
   MINSTR asked{};
-  asked.tech = QUANEW_DUAL;
-  asked.nlicon = 1;
+  asked.tech = QUANEW_DUAL, asked.nlicon = 1;
   const bool built = technique_is_built(&asked);
   Modules modules;
-  const std::string refusal =
-      modules.call("NLPQN", {"F", X, two_constraints, NONE, NONE, NONE, NONE, NONE, "N"});
+  const std::string refusal = modules.call(
+      "NLPQN", {"F", X, {0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, NONE, NONE, NONE, NONE, NONE, "N"});
   EXPECT_EQ(modules.count(178, 184), built ? 0 : 1);
   EXPECT_NE(contents("docs/calling.md").find("yes, without nonlinear") != std::string::npos, built);
   EXPECT_EQ(refusal.find("sequential quadratic programming") == std::string::npos, built);

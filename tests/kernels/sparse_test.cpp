@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kernels/dense.h"
 #include "kernels/matrices.h"
 
 namespace tqnlp::test {
@@ -305,6 +306,35 @@ TEST(SparseCholesky, SecondPatternFactorsThePrincipalSubmatrix) {
       EXPECT_LT(distance(x, y), 1e-11);
     }
   }
+}
+
+TEST(SparseCholesky, JobsOfTheDenseEntriesWorkThroughTheDescriptor) {
+  Sparse m = random_matrix(40, 0.1, 3);
+  const long n = m.n;
+  MINSTR str{};
+  str.hfrm = 1;
+  str.shes.jasp = m.ja.data(), str.shes.jusp = m.ju.data();
+  str.shes.perm = m.perm.data(), str.shes.iprm = m.iprm.data();
+  double logdet = 9.0, sum = 0.0;
+  ASSERT_EQ(run(znlpcde, &str, 6, n, 0.0, &logdet, m.a, m.u, nullptr), 0);
+  for (long i = 0; i < n; ++i) sum += std::log(m.u[i]);
+  EXPECT_NEAR(logdet, sum, 1e-12);
+  const Vec b = random_vector(n, 2);
+  const auto on = [&](auto entry) {
+    Vec x = b;
+    entry(&str, 6, n, m.u.data(), x.data());
+    return x;
+  };
+  EXPECT_EQ(on(znlpcso), m.whole(zslltso, b));
+  EXPECT_EQ(on(znlpilm), m.half(zslltli, 0, b));
+  EXPECT_EQ(on(znlpium), m.half(zslltui, 0, b));
+  EXPECT_EQ(on(znlpmmu), m.half(zslltml, 0, m.half(zslltmu, 0, b)));
+  // A failed row is told by the code, without a determinant, and by every solve.
+  m.a[5] = -1.0;
+  EXPECT_LT(run(znlpcde, &str, 6, n, 0.0, &logdet, m.a, m.u, nullptr), 0);
+  Vec x = b;
+  for (const auto entry : {znlpcso, znlpilm, znlpium})
+    EXPECT_EQ(logdet + run(entry, &str, 6, n, m.u, x), 1);
 }
 
 TEST(SparseCholesky, UpdatesEqualFactorizationsAfresh) {

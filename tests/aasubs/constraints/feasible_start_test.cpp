@@ -9,6 +9,7 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/constraints/znlpfea.h"
+#include "embed/task.h"
 
 namespace tqnlp::test {
 namespace {
@@ -123,15 +124,19 @@ TEST(FeasibleStart, EveryEnding) {
     for (std::size_t j = 0; j < e.end.size(); ++j)
       EXPECT_NEAR(e.end[j], r.x[j], e.code <= 0 ? 0.0 : 1e-14);
     EXPECT_EQ(e.code >= 0 ? 0 : -1, znlpfch(&r, 0, 0, r.ipre));
-    begin(&r);
-    if (e.code == -2 && e.lower.empty()) {  // equalities are told apart by phase one alone
-      EXPECT_EQ(e.rows[0].op == 0 ? -3 : -2, znlpfe1(&r.at(e.start), 0, -1));
-      continue;
-    }
     EXPECT_EQ(e.code == 3 || e.code < 0 ? -1 : 0, znlpfch(&r, 0, 0, r.ipre - 1));
+    if (e.code != -2 || !e.lower.empty()) continue;
+    begin(&r);  // phase one alone tells inconsistent equalities apart
+    EXPECT_EQ(e.rows[0].op == 0 ? -3 : -2, znlpfe1(&r, 0, -1));
   }
-  TestRecord unconstrained(2);
+  TestRecord unconstrained(2), refused(2);
   EXPECT_EQ(0, znlpfea(&unconstrained, 2));
+  refused.with_bounds({0, 0}, {9, 9}).with_rows(half).at({-3, -1});
+  refused.opro = 0;
+  refused.lagm = refused.gpro = refused.dcds = refused.qlcn = refused.llcn = nullptr;
+  embed::plan_fault(embed::current_task(), embed::Fault::allocation, 0);
+  EXPECT_EQ(-1, znlpfea(&refused, 2));
+  EXPECT_EQ((Vec{-3, -1}), refused.point());
 }
 
 // ---- The methods --------------------------------------------------------------------------------

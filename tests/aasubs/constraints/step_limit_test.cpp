@@ -126,6 +126,10 @@ TEST(Dependence, EqualitiesAreJudgedOnTheFreeParameters) {
     far.with_rows({{{1, 1}, 0, 1}, {{1, 1 + 1e-6}, 0, 2}, {{2, 2}, 0, 3}, {{3, 3}, 0, 3}});
     znlpldc(&far, opro, 1, far.jalc, far.naco, far.alcn);
     EXPECT_EQ((Vec{1, 2, 3}), kept_sides(far));
+    TestRecord independent(2);  // all but dependent, and consistent
+    independent.with_rows({{{1, 1}, 0, 1}, {{1, 1 + 1e-6}, 0, 1}});
+    znlpldc(&independent, opro, 1, independent.jalc, independent.naco, independent.alcn);
+    EXPECT_EQ(2, independent.ncon);
   }
 }
 

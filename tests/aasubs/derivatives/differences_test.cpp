@@ -456,14 +456,13 @@ TEST(Adaptive, CentralWhereTheSlopeIsSmall) {
   const auto gradient = [&](Vec (*f)(const double* x)) {
     r.functions = f;
     r.start({1e-5, 0.5});
-    r.grad[0] = 1e-5;
-    r.grad[1] = MISSING;
+    r.grad[0] = 1e-5, r.grad[1] = MISSING;
     const int code = znlpfg3(&r, 0.0, curvature, nullptr);
     EXPECT_EQ(r.point(), (Vec{1e-5, 0.5}));
     return code;
   };
-  EXPECT_EQ(gradient([](const double* x) -> Vec { return {5 + std::cosh(x[0]) + std::exp(x[1])}; }),
-            0);
+  const auto smooth = [](const double* x) -> Vec { return {5 + std::cosh(x[0]) + std::exp(x[1])}; };
+  EXPECT_EQ(gradient(smooth), 0);
   EXPECT_EQ(r.visited.size(), 3U);  // two for the first, one for the second
   EXPECT_NEAR(r.grad[0], std::sinh(1e-5), 1e-9);
   EXPECT_NEAR(r.grad[1], std::exp(0.5), 1e-6);

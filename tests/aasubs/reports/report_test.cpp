@@ -340,12 +340,14 @@ TEST_F(Reports, MessagesOfEveryEnd) {
   }
 }
 
-// The summary of a technique shows the criteria that it looks at and what the test compares: with
-// the tolerance just above or below the measure shown, the test answers the code or goes on.
+// The history of a technique has its columns. Its summary shows the criteria that it looks at and
+// what the test compares: with the tolerance just above or below the measure shown, the test
+// answers the code or goes on.
 class Summary : public Reports {
  protected:
   struct Kind {
     int technique, squares, nonlinear, frame;
+    std::string columns;  // of the history, behind those that all have
   };
   struct End {
     int code;
@@ -368,6 +370,8 @@ class Summary : public Reports {
     run.cold = run.crit, run.xold[0] = 1.0, run.xold[1] = 2.0;  // as a failed search leaves it
     znlptrm(&run, -5);
     znlpptm(&run, -8, 0);
+    const std::string active = kind.nonlinear != 0 ? "" : "Act|Ac2|";
+    EXPECT_EQ(header("IterHist"), "Iter|Ac1|Rest|NFun|" + active + "OptCrit|" + kind.columns);
     std::string met;
     for (const std::string& row : pairs("IterStop"))
       if (std::sscanf(row.c_str(), "%*[^=]=met %lf", &end.measure) == 1)
@@ -379,9 +383,20 @@ class Summary : public Reports {
 };
 
 TEST_F(Summary, FollowsTheTestOfEveryTechnique) {
-  const Kind kinds[] = {{2, 0, 0, 0},  {8, 1, 0, 0},  {4, 0, 0, 0},  {3, 0, 0, 0},  {7, 1, 0, 0},
-                        {12, 1, 0, 0}, {9, 0, 0, 0},  {10, 0, 0, 0}, {11, 0, 0, 0}, {13, 0, 0, 2},
-                        {11, 0, 1, 0}, {14, 0, 0, 0}, {14, 0, 1, 0}};
+  const std::string alfa = "DifCrit|MaxGrad|Alpha|Slope|";
+  const Kind kinds[] = {{2, 0, 0, 0, "DifCrit|MaxGrad|Lambda|Radius|"},
+                        {8, 1, 0, 0, "DifCrit|MaxGrad|Lambda|Rho|"},
+                        {4, 0, 0, 0, "DifCrit|MaxGrad|Ridge|Rho|"},
+                        {9, 0, 0, 0, "DifCrit|MaxGrad|Lambda|Slope|"},
+                        {11, 0, 1, 0, "ConMax|Pred|Alpha|LFGMax|"},
+                        {14, 0, 0, 0, "DifCrit|StdDev|Delta|Size|"},
+                        {14, 0, 1, 0, "ConMax|MeritF|DifMerit|Rho|"},
+                        {3, 0, 0, 0, alfa},
+                        {7, 1, 0, 0, alfa},
+                        {12, 1, 0, 0, alfa},
+                        {10, 0, 0, 0, alfa},
+                        {11, 0, 0, 0, alfa},
+                        {13, 0, 0, 2, alfa}};
   for (const Kind& kind : kinds) {
     for (const Criterion& on : CRITERIA) {
       SCOPED_TRACE(std::to_string(kind.technique) + " " + on.name);
