@@ -89,7 +89,8 @@ TEST(Objective, LeastSquares) {
   EXPECT_EQ(b.messages(), Numbers{149});
 }
 
-// With the sign of a maximum; what is asked for at the solution again is not counted.
+// With the sign of a maximum; the steps of differences, and what is asked for again at the
+// solution, are not counted.
 TEST(Objective, SignAndCounters) {
   Bridge b;
   b.prepare(CALL_OBJECTIVE).prepare(CALL_GRADIENT);
@@ -100,6 +101,9 @@ TEST(Objective, SignAndCounters) {
   EXPECT_EQ(b.str.crit, -HUGE_VALUE);
   EXPECT_EQ(b.call(nlpgrad, Matrix::row({1, -2})), 0);
   EXPECT_EQ(b.grad, (Vector{-1, 2}));
+  b.str.indf = GRADIENT_STEP;
+  EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)), 0);
+  b.str.indf = AT_SOLUTION;
   b.argm.dncf = b.argm.dncg = 1;
   EXPECT_EQ(b.call(nlpfunc, Matrix::scalar(3)) + b.call(nlpgrad, Matrix::row({1, 2})), 0);
   EXPECT_EQ((Counts{b.str.nfct, b.str.ngrd}), (Counts{2, 1}));

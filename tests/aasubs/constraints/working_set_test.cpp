@@ -316,6 +316,28 @@ TEST(Detection, AddsWhatIsActiveAndCountsViolations) {
   EXPECT_EQ(r.chac, 0);
 }
 
+TEST(BoundsAlone, PermutationMatrixAndDrop) {
+  const long n = 6;
+  for (int job : {1, 2}) {
+    Random random(3);
+    TestRecord r(n);
+    r.with_bounds(Vec(n, 0.0), {1, 1, 1, 1, 1, 0}).at({0, 0.5, 1, 0.5, 0, 0});
+    std::ranges::copy(Vec{-1.0, 7.0, 1.0, -8.0, -0.5, -9.0}, r.grad);
+    Vec ches = load_hessian(random, r, job, 5), gpro(n);
+    ASSERT_EQ(znlpfch(&r, 1, 0, 0), 0);
+    ASSERT_EQ(znlpfta(&r, 0, 0, job, nullptr, ches.data(), nullptr), 0);
+    EXPECT_EQ(Longs(r.ifxr, r.ifxr + n), (Longs{1, 3, 5, 4, 2, 0}));
+    // The slopes of the bounds of 0 and 2 are equal: the first wins. Parameter 5 is fixed.
+    long order = 2;
+    EXPECT_EQ(znlpdac(&r, job, 0, &order, ches.data(), r.hess), 1);
+    EXPECT_EQ((Longs{r.idac, r.chac, order, r.ifxr[2]}), (Longs{1, -1, 3, 0}));
+    expect_matrix(r, job, ches, fresh_projection(r), 3);
+    EXPECT_EQ(znlpdod(&r, job, -1, 2, &order, gpro.data(), ches.data(), r.hess), 0);
+    EXPECT_EQ(gpro[3], r.grad[2]);
+    expect_matrix(r, job, ches, fresh_projection(r), 4);
+  }
+}
+
 // ---- Choice of what to drop --------------------------------------------------------------------
 
 // Is the projected descent direction feasible for everything active at x, and downhill?
