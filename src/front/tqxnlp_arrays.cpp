@@ -87,7 +87,7 @@ static long technique_work(const MINSTR* str, long n) {
     case QUANEW_DUAL:
       return n;
     case HYQUAN:
-      return std::max(2 * n, str->secstr->igmod != 0 ? str->mequ : 0);
+      return std::max(3 * n, str->secstr->igmod != 0 ? str->mequ : 0);
     case CONGRA:
       return str->tupd < 2 ? 3 * n : n;
     default:
@@ -130,6 +130,7 @@ static long hess_length(const Sizes& s) {
 // The Hessian of the Lagrangian and its companions; for TRUREG and NEWRAP the factor and two copies
 // of the matrix, of which the sparse form needs the factor alone.
 static long half_length(const Sizes& s) {
+  if (s.str->tech == HYQUAN) return s.packed;
   const bool second_copy = s.str->tech == TRUREG || s.str->tech == NEWRAP;
   if (!s.nonlinear && !second_copy) return 0;
   if (!keeps_form(s)) return 3 * s.packed;
@@ -140,6 +141,7 @@ static long half_length(const Sizes& s) {
 // the diagonal form that of the test for negative curvature.
 static long hpro_length(const Sizes& s) {
   if (s.str->tech == LEVMAR) return s.linear ? s.packed : 0;
+  if (s.str->tech == HYQUAN) return keeps_form(s) ? s.n : s.packed;
   if (!second_order(s)) return 0;
   if (keeps_form(s)) return s.str->hfrm == 2 || s.bounds ? hessian_length(s.str) : 0;
   return s.str->tech == NRRIDG || s.linear ? s.packed : 0;

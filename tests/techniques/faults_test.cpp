@@ -56,6 +56,10 @@ const std::vector<NamedModule> MODULES = {
      [](const Matrix& x) {
        return Matrix::col({10 * (x[1] - x[0] * x[0]), 1 - x[0], x[0] * x[1]});
      }},
+    {"K",
+     [](const Matrix& x) {
+       return Matrix::of({{-20 * x[0], 10}, {-1, 0}, {x[1], x[0]}});
+     }},
     {"STEEP",
      [](const Matrix& x) {
        double sum = 1;
@@ -120,6 +124,9 @@ std::vector<Call> calls() {
       {"NLPDD", {"F", START, options(0, 1, 0, 2), bounds}},
       {"NLPTR", {"F", START, options(5, 1, 0, 0), rows, NONE, NONE, NONE, "G", "H"}},
       {"NLPTR", {"F", START, options(0, 1, 0, 0), bounds}},
+      {"NLPHQN", {"R", START, Matrix::row({3, 5}), bounds}},
+      {"NLPHQN", {"R", far, Matrix::row({3, 1, M, 2, 2, 1, 1}), rows, NONE, NONE, NONE, "K"}},
+      {"NLPHQN", {"R", START, Matrix::row({3, 5}), NONE, NONE, NONE, NONE, "K"}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},

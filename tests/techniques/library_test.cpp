@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 namespace tqnlp::test {
 namespace {
 
@@ -139,6 +141,25 @@ const Exceptions MARQUARDT = {
     {{"Penalty II 10"}, {3}, -8, SLOW_SCALE},
     {{"Watson 9"}, {1, 2, 3}, 3, "a flat valley: ABSGCONV is met with f 2e-6 above"}};
 
+// Variants: 1 version 1, 2 the default, 3, 4, 7 line searches 2, 4, 7, 5 load, 8 DFP.
+const Exceptions HYBRID = {
+    {{"HS25"}, {ANY}, 3, FLAT},
+    {{"Wood"}, {2, 3, 4}, 6, "Gauss-Newton leads to a saddle, where GCONV is met"},
+    {{"Gulf research"},
+     {1, 2, 5, 7, 8},
+     SOME_CODE,
+     "the first steps lead into a valley that falls towards f = 0.4 for ever"},
+    {{"Penalty I 10"}, {2, 3, 4}, 3, "a flat valley: ABSGCONV is met with f 2e-6 to 6e-5 above"},
+    {{"Penalty II 10"},
+     {1, 3, 4, 5, 7},
+     SOME_CODE,
+     "a flat valley: ABSGCONV or a limit is met with f 1e-6 above"},
+    {{"Bard", "Brown almost-linear"},
+     {8},
+     3,
+     "flat regions far from the start, or another minimum"},
+    {{"Meyer"}, {8}, -8, STIFF}};
+
 struct Row {
   const char* subroutine;
   Matrix opt;
@@ -172,6 +193,13 @@ const Row ROWS[] = {
     {"NLPLM", options_of({{3, 2}}), MARQUARDT, 2, 3400},
     {"NLPLM", options_of({{3, 3}}), MARQUARDT, 3, 3700},
     {"NLPLM", options_of({{3, 0}}), MARQUARDT, 4, 2600},
+    {"NLPHQN", options_of({}), HYBRID, 2, 4000},
+    {"NLPHQN", options_of({{6, 1}}), HYBRID, 1, 4100},
+    {"NLPHQN", options_of({{5, 2}}), HYBRID, 3, 4900},
+    {"NLPHQN", options_of({{5, 4}}), HYBRID, 4, 6000},
+    {"NLPHQN", options_of({{7, 1}}), HYBRID, 5, 4200},
+    {"NLPHQN", options_of({{5, 7}}), HYBRID, 7, 6700},
+    {"NLPHQN", options_of({{4, 2}}), HYBRID, 8, 5400},
     {"NLPCG", options_of({{4, 1}}), CONJUGATE, 1, 17800, 0.05},
     {"NLPCG", options_of({{4, 2}}), CONJUGATE, 2, 30700, 0.05},
     {"NLPCG", options_of({{4, 3}}), CONJUGATE, 3, 26800, 0.05},
@@ -185,6 +213,35 @@ TEST_P(Library, EndsAsExpected) {
   EXPECT_LE(run_library(row.subroutine, row.opt, row.exceptions, row.variant, row.variant <= 2,
                         row.by_gconv),
             row.most_calls);
+}
+
+// Least squares where bounds and a row cut the way to the minimum. A parameter that comes to its
+// bound in a step must not spoil what the updates know of the others.
+TEST(ConstrainedSquares, EndAtFirstOrderPoints) {
+  Matrix tight(1, 7, std::vector<double>(7, missing));
+  tight(0, 3) = 1e-14;
+  for (Problem p : more_garbow_hillstrom()) {
+    // Helical valley has a jump in this box; what is left of Meyer's gradient is relative to 1e4.
+    if (p.m == 0 || p.n > 9 || p.name == "Helical valley" || p.name == "Meyer") continue;
+    LinearRow sum{std::vector<double>(p.start.size(), 1.0), -1, 0.2};
+    p.lower = p.upper = p.start;
+    for (std::size_t j = 0; j < p.start.size(); ++j) {
+      p.lower[j] -= 0.3 * (1.0 + std::fabs(p.start[j]));
+      p.upper[j] += 0.5 * (1.0 + std::fabs(p.start[j]));
+      sum.b += p.start[j];
+    }
+    for (const bool row : {false, true}) {
+      if (row) p.rows = {sum};
+      for (const Matrix& opt : {options_of({}), options_of({{6, 1}}), options_of({{4, 2}}),
+                                options_of({{5, 2}}), options_of({{7, 1}})}) {
+        const Outcome run = solve(p, "NLPHQN", 1e-6, opt, tight);
+        SCOPED_TRACE(p.name + (row ? ", row, code " : ", code ") + std::to_string(run.code));
+        EXPECT_TRUE(run.code > 0 || run.code == -5);
+        EXPECT_LE(run.infeasible, 1e-7);
+        EXPECT_TRUE(run.unexplained_relative <= 1e-4 || run.unexplained <= 1e-4);
+      }
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Library, testing::ValuesIn(ROWS), [](const auto& row) {

@@ -17,6 +17,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/leastsquares/znlphqn.h"
 #include "aasubs/leastsquares/znlplma.h"
 #include "aasubs/newton/znlpnra.h"
 #include "aasubs/newton/znlpnrl.h"
@@ -57,6 +58,8 @@ static Callback technique_code(int tech) {
       return znlpqun;
     case QUANEW_DUAL:
       return znlpdqn;
+    case HYQUAN:
+      return znlphqn;
     case CONGRA:
       return znlpcog;
     default:

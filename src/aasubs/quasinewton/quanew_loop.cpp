@@ -27,7 +27,7 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/loop/search_steps.h"
-#include "aasubs/quasinewton/secant_load.h"
+#include "aasubs/loop/secant_load.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {

@@ -28,8 +28,8 @@
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/loop/loads.h"
+#include "aasubs/loop/secant_load.h"
 #include "aasubs/loop/technique_loop.h"
-#include "aasubs/quasinewton/secant_load.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"
 

@@ -9,8 +9,8 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/loop/loads.h"
+#include "aasubs/loop/secant_load.h"
 #include "aasubs/quasinewton/quanew_loop.h"
-#include "aasubs/quasinewton/secant_load.h"
 
 namespace tqnlp {
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "aasubs/constraints/znlpba0.h"
+#include "aasubs/linesearch/znlpl12.h"
 #include "aasubs/linesearch/znlplis.h"
 #include "support/record.h"
 
@@ -69,6 +70,7 @@ struct Line {
   }
   // Method 0 is the rescue, with the first trial as its step.
   int search(int method) {
+    if (method == 12) return znlpl12(&record);
     if (method == 0) return bisect(&record, f0, g0, record.gmax, 1.0);
     return method == 9 ? znlpls9(&record) : select_line_search(method)(&record);
   }
@@ -156,6 +158,12 @@ TEST(LineSearch, ChoosesItsTrialsAsTheMethodSays) {
       {{7}, parabola(0.54), 0.4, {1, 0.5}},
       {{7}, falling(3.6, 1.0), 0.4, {1, 5, 3, 4, 3.5, 3.75}, false},
       {{7}, falling(5e-4, 1.0), 0.4, halvings},
+      // By cubics, at most ninefold or by three, four, nine; up to a failure, no further.
+      {{12}, parabola(0.51), 0.1, {1, 0.51}},
+      {{12}, parabola(100.0), 0.1, {1, 9, 81}},
+      {{12}, falling(), 0.1, {1, 3, 12, 108, 972}, false},
+      {{12}, falling(0.35), 0.1, {1, 0.1}},
+      {{12}, constant, 0.1, {1, 0.2113248654}},
       // The rescue shortens the faster the larger the rise, then doubles up to a failure or a
       // minimum.
       {{0}, rising(1e5), 0.4, {0.1, 1e-4}, false},
@@ -222,7 +230,7 @@ TEST(LineSearch, FailuresRestoreTheStart) {
       {"zero slope", [](double t) { return -t * t; }, [](double t) { return -2 * t; }},
   };
   for (const Curve& c : curves) {
-    for (int method = 1; method <= 9; ++method) {
+    for (const int method : {1, 2, 3, 4, 5, 6, 7, 8, 9, 12}) {
       for (const double x0 : {0.0, 3.0}) {
         SCOPED_TRACE(c.name + ", method " + std::to_string(method));
         Line line({"", [&](double x) { return c.phi(x - x0); },
@@ -232,7 +240,8 @@ TEST(LineSearch, FailuresRestoreTheStart) {
         if (c.name == "no room") line.record.stub = 0.0;
         const bool tries_nothing = c.name == "no room" || c.name == "zero slope";
         const int code = tries_nothing && method >= 6 ? 0 : method == 2 ? -1 : 1;
-        EXPECT_EQ(line.search(method), code);
+        const int answer = line.search(method);
+        EXPECT_TRUE(method == 12 ? answer < 0 : answer == code) << answer;
         EXPECT_EQ(line.trials.empty(), tries_nothing || c.name == "uphill");
         line.expect_end(1);
       }
@@ -242,7 +251,7 @@ TEST(LineSearch, FailuresRestoreTheStart) {
 
 // Lets evaluations fail from the k-th on, and the k-th alone, until the run no longer meets it.
 TEST(LineSearch, SurvivesAFailureAtAnyEvaluation) {
-  for (int method = 1; method <= 8; ++method) {
+  for (const int method : {1, 2, 3, 4, 5, 6, 7, 8, 12}) {
     for (const bool once : {true, false}) {
       bool met = true;
       for (long k = 1; met; ++k) {

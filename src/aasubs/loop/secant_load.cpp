@@ -1,5 +1,5 @@
 // Load of the techniques on a quasi-Newton matrix. Contracts in secant_load.h.
-#include "aasubs/quasinewton/secant_load.h"
+#include "aasubs/loop/secant_load.h"
 
 #include <algorithm>
 
