@@ -47,7 +47,7 @@ void expect_optimal(const Problem& p, const Outcome& run, double by_gconv) {
     EXPECT_LE(run.unexplained, 1e-5 * std::sqrt(double(p.n))) << p.name;
   } else {
     // Meyer's parameters of size 1e4, in a valley of condition 1e13, blow the relative measure up.
-    EXPECT_LE(run.unexplained_relative, p.name == "Meyer" ? 20.0 : by_gconv)
+    EXPECT_LE(run.unexplained_relative, p.name == "Meyer" ? 0.2 : by_gconv)
         << p.name << " code " << run.code;
   }
 }
@@ -60,8 +60,10 @@ long run_library(const std::string& subroutine, const Matrix& opt, const Excepti
     if (squares && p.m == 0) continue;
     Outcome run = solve(p, subroutine, 1e-6, opt);
     if (squares) run.unexplained /= 2.0;  // half the sum
-    judge(p, run, find(exceptions, p.name, variant));
-    if (run.solved && run.code > 0) expect_optimal(p, run, by_gconv);
+    const Exception* exception = find(exceptions, p.name, variant);
+    judge(p, run, exception);
+    const bool near = exception != nullptr && exception->code == NEAR;
+    if (run.solved && run.code > 0 && !near) expect_optimal(p, run, by_gconv);
     EXPECT_EQ(run.reported.at("Function calls") + 1, double(run.functions)) << p.name;
     if (squares) {
       // The driver's own two are gradients.

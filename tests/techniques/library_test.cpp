@@ -158,7 +158,8 @@ const Exceptions HYBRID = {
      {8},
      3,
      "flat regions far from the start, or another minimum"},
-    {{"Meyer"}, {8}, -8, STIFF}};
+    {{"Meyer"}, {8}, -8, STIFF},
+    {{"Meyer"}, {ANY}, NEAR, "a valley of condition 1e13: GCONV is met beside its floor", 1e-4}};
 
 struct Row {
   const char* subroutine;
