@@ -225,8 +225,8 @@ static bool copy_point(const MINSTR* str, double* point) {
   return copy_and_look(str->nvar, str->x, point);
 }
 
-// Remembers which module could not be evaluated, for the message at the end of the run.
-static int module_failed(MINSTR* str, const TQLSS* ss, int* flag) {
+// For the message at the end of the run.
+int module_failed(MINSTR* str, const TQLSS* ss, int* flag) {
   str->secstr->failed = kind_of(str->secstr, ss);
   return end_evaluation(str, flag, EVALUATION_FAILED);
 }

@@ -77,6 +77,9 @@ enum class Elements { any, present, finite };
 int run_module(MINSTR* str, TQLSS* ss, const ResultShape& shape, Elements elements, int message,
                int* flag);
 
+// Ends an evaluation of a module that has no usable value, and remembers which one it was. -11.
+int module_failed(MINSTR* str, const TQLSS* ss, int* flag);
+
 // Ends an evaluation: sets tbig and the error flag by code, and returns code.
 int end_evaluation(MINSTR* str, int* flag, int code);
 
@@ -111,8 +114,6 @@ struct DifferenceServices {
   Callback crossproduct[2];         // forward, central
   Callback hessian[4];              // forward and central from functions, then from gradients
   Callback constraint_jacobian[2];  // forward, central
-  // Writes column jc of the Jacobian, elements inc apart, to its store. Form 0: nonzeros only.
-  int (*write_jacobian)(MINSTR* str, int form, long jc, long inc, double* column);
 };
 extern const DifferenceServices DIFFERENCE_SERVICES;
 

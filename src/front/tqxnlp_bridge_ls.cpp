@@ -2,19 +2,19 @@
 // the difference services are plugged in.
 //
 // Least squares: the module "jac" gives the m x n Jacobian J of the functions; the gradient of half
-// the sum of squares is J'f, and J itself goes to the Jacobian store by columns.
+// the sum of squares is J'f. J itself stays where the module put it, for those who read the
+// Jacobian store, until the module runs again.
 #include <algorithm>
 #include <cmath>
 
 #include "aasubs/derivatives/znlpfid.h"
 #include "front/tqxnlp_bridge.h"
-#include "kernels/vector.h"
+#include "kernels/crossproduct.h"
 
 namespace tqnlp {
 
 static constexpr int MESSAGE_CONSTRAINTS = 148;
 static constexpr int MESSAGE_MATRIX = 150;
-static constexpr int STORE_NONZEROS = 0;  // form of a column in the Jacobian store
 
 // ---- Difference services ------------------------------------------------------------------------
 
@@ -25,7 +25,6 @@ const DifferenceServices DIFFERENCE_SERVICES = {
     .crossproduct = {znlpfic, znlpfc2},
     .hessian = {znlpfih, znlpfh2, znlpfh3, znlpfh4},
     .constraint_jacobian = {znlpfcj, znlpfcc},
-    .write_jacobian = znlpjwt,
 };
 
 Callback difference_service(const MINSTR* str, int digit) {
@@ -47,13 +46,15 @@ Callback difference_service(const MINSTR* str, int digit) {
   }
 }
 
+static bool all_finite(const double* values, long count) {
+  return std::all_of(values, values + count, [](double value) { return std::isfinite(value); });
+}
+
 // A service may answer 0 and leave missing what it could not compute, from a point at a bound for
 // instance; and a quotient may overflow where no value did.
 static bool differences_finite(const MINSTR* str, int digit) {
-  const bool constraints = digit == DIGIT_CONSTRAINT_JACOBIAN;
-  const double* values = constraints ? str->jcon : str->grad;
-  const long count = constraints ? str->nnlc * str->nvar : str->nvar;
-  return std::all_of(values, values + count, [](double value) { return std::isfinite(value); });
+  return digit == DIGIT_CONSTRAINT_JACOBIAN ? all_finite(str->jcon, str->nnlc * str->nvar)
+                                            : all_finite(str->grad, str->nvar);
 }
 
 int run_difference_service(MINSTR* str, int digit, int* flag) {
@@ -73,62 +74,40 @@ int run_difference_service(MINSTR* str, int digit, int* flag) {
 
 // ---- Least squares ------------------------------------------------------------------------------
 
-// Gradient J'f, row after row.
-static void form_gradient(MINSTR* str, const double* jacobian) {
-  const long n = str->nvar;
-  vzfdl(0.0, str->grad, n);
-  for (long i = 0; i < str->mequ; ++i) zvxay11(n, str->grad, str->func[i], jacobian + i * n);
-}
-
-static bool store_jacobian(MINSTR* str, double* jacobian) {
-  const auto write = DIFFERENCE_SERVICES.write_jacobian;
-  const long n = str->nvar;
-  for (long j = 0; j < n; ++j) {
-    if (write(str, STORE_NONZEROS, j, n, jacobian + j) != 0) return false;
-  }
-  return true;
-}
-
-// Packed J'J as a sum over the rows of J. Returns false when an element overflows.
-static bool form_crossproduct(MINSTR* str, const double* jacobian) {
-  const long n = str->nvar;
-  vzfdl(0.0, str->hess, str->nnva);
-  for (long i = 0; i < str->mequ; ++i) {
-    const double* row = jacobian + i * n;
-    for (long j = 0; j < n; ++j) {
-      if (row[j] != 0.0) zvxay11(j + 1, str->hess + packed_size(j), row[j], row);
-    }
-  }
-  return std::all_of(str->hess, str->hess + str->nnva, [](double h) { return std::isfinite(h); });
-}
-
-// What the three callbacks share: Jacobian by module or by differences, gradient, store.
-static int load_jacobian(MINSTR* str, int digit, int* flag, long* counter) {
+// What the three callbacks share: Jacobian by module or by differences, gradient, store; with a
+// module also the packed J'J where crossproduct is not null.
+static int load_jacobian(MINSTR* str, int digit, int* flag, long* counter, double* packed) {
   ARGMTS* argm = str->secstr;
   if (argm->dncg == 0 && str->fidi == 0) ++*counter;
   if (argm->igmod == 0) return run_difference_service(str, digit, flag);
-  const int code = run_module(str, argm->ssgrd, {str->mequ, str->nvar, false}, Elements::finite,
+  let_go_jacobian(str);
+  const int code = run_module(str, argm->ssgrd, {str->mequ, str->nvar, false}, Elements::any,
                               MESSAGE_MATRIX, flag);
   if (code != EVALUATED) return code;
-  form_gradient(str, argm->arg2.data);
-  const bool stored = store_jacobian(str, argm->arg2.data);
-  return end_evaluation(str, flag, stored ? EVALUATED : EVALUATION_FAILED);
+  double* jacobian = argm->arg2.data;
+  crossproduct(str->mequ, str->nvar, jacobian, str->func, str->grad, packed);
+  // An element that is not finite makes those of the gradient so that it takes part in: the
+  // Jacobian itself, much longer, need be looked at only then.
+  if (!all_finite(str->grad, str->nvar) && !all_finite(jacobian, str->mequ * str->nvar)) {
+    return module_failed(str, argm->ssgrd, flag);
+  }
+  hold_jacobian(str, jacobian);
+  return end_evaluation(str, flag, EVALUATED);
 }
 
 int nlpjgrd(MINSTR* str) {
-  return load_jacobian(str, DIGIT_GRADIENT, &str->secstr->grjer, &str->ngrd);
+  return load_jacobian(str, DIGIT_GRADIENT, &str->secstr->grjer, &str->ngrd, nullptr);
 }
 
 int nlpjacm(MINSTR* str) {
-  return load_jacobian(str, DIGIT_JACOBIAN, &str->secstr->jacer, &str->nhes);
+  return load_jacobian(str, DIGIT_JACOBIAN, &str->secstr->jacer, &str->nhes, nullptr);
 }
 
 int nlpcrpj(MINSTR* str) {
   ARGMTS* argm = str->secstr;
-  const int code = load_jacobian(str, DIGIT_CROSSPRODUCT, &argm->cpjer, &str->nhes);
-  if (code != EVALUATED || argm->igmod == 0) return code;
-  const bool finite = form_crossproduct(str, argm->arg2.data);
-  return end_evaluation(str, &argm->cpjer, finite ? EVALUATED : NORM_TOO_LARGE);
+  const int code = load_jacobian(str, DIGIT_CROSSPRODUCT, &argm->cpjer, &str->nhes, str->hess);
+  if (code != EVALUATED || argm->igmod == 0 || all_finite(str->hess, str->nnva)) return code;
+  return end_evaluation(str, &argm->cpjer, NORM_TOO_LARGE);
 }
 
 // ---- Nonlinear constraints ----------------------------------------------------------------------

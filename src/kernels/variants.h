@@ -23,11 +23,11 @@
 
 namespace tqnlp {
 
-// 0 base, 1 AVX2, 2 AVX-512.
+// 0 base, 1 AVX2 and FMA, 2 AVX-512.
 inline const int vector_level = [] {
   __builtin_cpu_init();
   if (__builtin_cpu_supports("avx512f")) return 2;
-  return __builtin_cpu_supports("avx2") ? 1 : 0;
+  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") ? 1 : 0;
 }();
 
 }  // namespace tqnlp
@@ -44,7 +44,7 @@ inline const int vector_level = [] {
   [[gnu::target(TQNLP_AVX512)]] static result name##_avx512 parameters {      \
     return name##_body<8> arguments;                                          \
   }                                                                           \
-  [[gnu::target("avx2")]] static result name##_avx2 parameters {              \
+  [[gnu::target("avx2,fma")]] static result name##_avx2 parameters {          \
     return name##_body<4> arguments;                                          \
   }                                                                           \
   static result name##_base parameters { return name##_body<2> arguments; }   \

@@ -61,4 +61,11 @@ int znlpjdt(MINSTR* str, long jc, const double* func, const double* jcol, double
 // jacm (m x n) := J.
 int znlpjrd(MINSTR* str, double* jacm);
 
+// Makes a Jacobian by rows, without missing values, the one that is read, in place of writing it.
+// It belongs to the caller, who calls let_go_jacobian before it changes or goes away: where
+// Jacobians of the run are read, it is written to utjacm then. Readers get the same numbers either
+// way.
+void hold_jacobian(MINSTR* str, double* jacobian);
+void let_go_jacobian(MINSTR* str);
+
 }  // namespace tqnlp

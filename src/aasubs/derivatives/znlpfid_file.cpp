@@ -5,6 +5,10 @@
 //           1 dense column    m doubles
 //           2 dense row       n doubles
 //         one record a column (row), in increasing order
+//
+// The Jacobian that a module gives is in memory already, by rows, and stays there until the module
+// runs again: jacm. Readers take it from there, with the same entries as from a file, and most
+// techniques never read it at all. Only where one does is it written before the next one comes.
 #include <algorithm>
 #include <cmath>
 
@@ -39,17 +43,10 @@ static void read(WorkFile* file, T* values, long count) {
   check(xcread(file, values, count * static_cast<long>(sizeof(T))));
 }
 
-static int rewind_and_read_layout(WorkFile* file) {
-  int layout = 0;
-  check(xcpoint(file, 0));
-  read(file, &layout, 1);
-  return layout;
-}
-
 // ---- Pieces ------------------------------------------------------------------------------------
 
 // The file is asked for a piece at a time, because a service of the host costs more than an entry.
-static constexpr long PIECE = 64;
+static constexpr long PIECE = 4096;
 
 namespace {
 
@@ -63,131 +60,178 @@ static_assert(sizeof(Word) == 8);
 // Words that are read ahead of their use, or wait to be written.
 struct Piece {
   WorkFile* file;
-  long columns;    // reading: columns that are not yet read to their end
+  long left;       // reading: words of the file behind the piece
   long count = 0;  // words in the piece
   long at = 0;     // reading: the next one
-  Word words[PIECE] = {};
+  Word words[PIECE];
+
+  Piece(WorkFile* f, long rest) : file(f), left(rest) {}
 };
 
 }  // namespace
 
-static void put(Piece& piece, Word word) {
-  piece.words[piece.count++] = word;
-  if (piece.count < PIECE) return;
+static void flush(MINSTR* str, Piece& piece) {
   write(piece.file, piece.words, piece.count);
+  str->jacend += piece.count * static_cast<long>(sizeof(Word));
   piece.count = 0;
 }
 
-// The next word of the columns; due is 1 for a value, of which the file holds one more word than
-// the columns' closing ones. How long a column is, is not known beforehand; but every column still
-// to come has its closing word, and a row number has its value behind it. So many words can be read
-// without going beyond the last column, where the next one is to be written.
-static Word take(Piece& piece, long due) {
+static void put(MINSTR* str, Piece& piece, Word word) {
+  if (piece.count == PIECE) flush(str, piece);
+  piece.words[piece.count++] = word;
+}
+
+static Word take(Piece& piece) {
   if (piece.at == piece.count) {
-    piece.count = std::min(PIECE, piece.columns + due);
+    piece.count = std::min(PIECE, piece.left);
+    if (piece.count < 1) xexit(EXIT_INCONSISTENT, 0);  // more columns are asked for than there are
     read(piece.file, piece.words, piece.count);
+    piece.left -= piece.count;
     piece.at = 0;
   }
   return piece.words[piece.at++];
 }
 
-// Calls use(row, value) for each entry of the next sparse column.
-template <typename F>
-static void read_sparse_column(Piece& piece, F use) {
-  for (;;) {
-    const long row = take(piece, 0).row;
-    if (row == END_OF_COLUMN) break;
-    use(row, take(piece, 1).value);
-  }
-  --piece.columns;
-}
-
-// Calls use(k, value) for the next count values of the file.
-template <typename F>
-static void read_values(WorkFile* file, long count, F use) {
-  double values[PIECE];
-  for (long first = 0; first < count; first += PIECE) {
-    const long piece = std::min(PIECE, count - first);
-    read(file, values, piece);
-    for (long k = 0; k < piece; ++k) use(first + k, values[k]);
-  }
-}
-
 // Calls use(row, value) for the entries of the next column, in either form.
 template <typename F>
-static void read_column(MINSTR* str, int layout, Piece& piece, F use) {
+static void read_column(const MINSTR* str, int layout, Piece& piece, F use) {
   if (layout == sparse_columns) {
-    read_sparse_column(piece, use);
+    for (long row = take(piece).row; row != END_OF_COLUMN; row = take(piece).row) {
+      use(row, take(piece).value);
+    }
   } else {
-    read_values(str->utjacm, str->mequ, use);
+    for (long i = 0; i < str->mequ; ++i) use(i, take(piece).value);
   }
 }
 
-static void write_sparse_column(MINSTR* str, long inc, double* column) {
+// The layout of the file, which stands at its first column (row) then.
+static int rewind_and_read_layout(const MINSTR* str) {
+  if (str->jacend == 0) xexit(EXIT_INCONSISTENT, 0);  // there is no Jacobian
+  int layout = 0;
+  check(xcpoint(str->utjacm, 0));
+  read(str->utjacm, &layout, 1);
+  return layout;
+}
+
+static Piece from_the_front(const MINSTR* str) {
+  constexpr auto head = static_cast<long>(sizeof(int));
+  return {str->utjacm, (str->jacend - head) / static_cast<long>(sizeof(Word))};
+}
+
+// ---- Writing -----------------------------------------------------------------------------------
+
+// Entries not above this are rounding beside the largest one of their column.
+static double least_entry(double largest) {
+  return std::max(ENTRY_TO_COLUMN * largest, LEAST_ENTRY);
+}
+
+static void put_sparse_column(MINSTR* str, Piece& piece, long inc, double* column) {
   double largest = 0.0;
   for (long i = 0; i < str->mequ; ++i) {
     double& value = column[i * inc];
     if (wzmis(value)) value = 0.0;
     largest = std::max(largest, std::fabs(value));
   }
-  const double least = std::max(ENTRY_TO_COLUMN * largest, LEAST_ENTRY);
-  Piece piece{str->utjacm, 1};
+  const double least = least_entry(largest);
   for (long i = 0; i < str->mequ; ++i) {
     const double value = column[i * inc];
     if (!(std::fabs(value) > least)) continue;
-    put(piece, {.row = i});
-    put(piece, {.value = value});
+    put(str, piece, {.row = i});
+    put(str, piece, {.value = value});
   }
-  put(piece, {.row = END_OF_COLUMN});
-  write(piece.file, piece.words, piece.count);
+  put(str, piece, {.row = END_OF_COLUMN});
 }
 
+// A reader may stand anywhere in the file, so that the position is set for each column.
 int znlpjwt(MINSTR* str, int job, long jc, long inc, double* jcol) {
   if (jc == 0) {
+    str->jacm = nullptr;
     check(xcpoint(str->utjacm, 0));
     write(str->utjacm, &job, 1);
-  }
-  if (job == sparse_columns) {
-    write_sparse_column(str, inc, jcol);
-    return 0;
-  }
-  const long count = job == dense_rows ? str->nvar : str->mequ;
-  if (inc == 1) {
-    write(str->utjacm, jcol, count);
+    str->jacend = sizeof job;
   } else {
-    for (long i = 0; i < count; ++i) write(str->utjacm, &jcol[i * inc], 1);
+    check(xcpoint(str->utjacm, str->jacend));
   }
+  Piece piece(str->utjacm, 0);
+  if (job == sparse_columns) {
+    put_sparse_column(str, piece, inc, jcol);
+  } else {
+    const long count = job == dense_rows ? str->nvar : str->mequ;
+    for (long i = 0; i < count; ++i) put(str, piece, {.value = jcol[i * inc]});
+  }
+  flush(str, piece);
   return 0;
 }
 
-int znlpjve(MINSTR* str, const double* vec, double* res) {
-  const int layout = rewind_and_read_layout(str->utjacm);
-  vzfdl(0.0, res, str->mequ);
-  if (layout == dense_rows) {
+// ---- A Jacobian that stays in memory
+// -------------------------------------------------------------
+
+void hold_jacobian(MINSTR* str, double* jacobian) { str->jacm = jacobian; }
+
+// A technique that reads the Jacobian may want it again when the next one cannot be had.
+void let_go_jacobian(MINSTR* str) {
+  double* jacobian = str->jacm;
+  if (jacobian == nullptr) return;
+  str->jacm = nullptr;
+  str->jacend = 0;
+  for (long j = 0; str->jacrd != 0 && j < str->nvar; ++j) {
+    znlpjwt(str, sparse_columns, j, str->nvar, jacobian + j);
+  }
+}
+
+// Calls use(row, column, value) for the entries of the Jacobian in memory, those of a row in
+// ascending order: the same entries that its columns on file would have. By strips of columns.
+template <typename F>
+static void read_held(MINSTR* str, F use) {
+  static constexpr long STRIP = 64;
+  str->jacrd = 1;
+  const long n = str->nvar;
+  for (long first = 0; first < n; first += STRIP) {
+    const long width = std::min(STRIP, n - first);
+    double least[STRIP] = {};
     for (long i = 0; i < str->mequ; ++i) {
-      read_values(str->utjacm, str->nvar, [&](long j, double value) { res[i] += value * vec[j]; });
+      const double* row = str->jacm + i * n + first;
+      for (long k = 0; k < width; ++k) least[k] = std::max(least[k], std::fabs(row[k]));
     }
-  } else {
-    Piece piece{str->utjacm, str->nvar};
-    for (long j = 0; j < str->nvar; ++j) {
-      read_column(str, layout, piece, [&](long i, double value) { res[i] += value * vec[j]; });
+    for (double& bound : least) bound = least_entry(bound);
+    for (long i = 0; i < str->mequ; ++i) {
+      const double* row = str->jacm + i * n + first;
+      for (long k = 0; k < width; ++k) {
+        if (std::fabs(row[k]) > least[k]) use(i, first + k, row[k]);
+      }
     }
   }
+}
+
+// ---- Reading -----------------------------------------------------------------------------------
+
+// Calls use(row, column, value) for the entries of the Jacobian, wherever it is.
+template <typename F>
+static void read_jacobian(MINSTR* str, F use) {
+  if (str->jacm != nullptr) return read_held(str, use);
+  const int layout = rewind_and_read_layout(str);
+  Piece piece = from_the_front(str);
+  if (layout == dense_rows) {
+    for (long i = 0; i < str->mequ; ++i) {
+      for (long j = 0; j < str->nvar; ++j) use(i, j, take(piece).value);
+    }
+  } else {
+    for (long j = 0; j < str->nvar; ++j) {
+      read_column(str, layout, piece, [&](long i, double value) { use(i, j, value); });
+    }
+  }
+}
+
+int znlpjve(MINSTR* str, const double* vec, double* res) {
+  vzfdl(0.0, res, str->mequ);
+  read_jacobian(str, [&](long i, long j, double value) { res[i] += value * vec[j]; });
   return 0;
 }
 
 int znlpjrd(MINSTR* str, double* jacm) {
   const long n = str->nvar;
-  const int layout = rewind_and_read_layout(str->utjacm);
-  if (layout == dense_rows) {
-    read(str->utjacm, jacm, str->mequ * n);
-    return 0;
-  }
   vzfdl(0.0, jacm, str->mequ * n);
-  Piece piece{str->utjacm, n};
-  for (long j = 0; j < n; ++j) {
-    read_column(str, layout, piece, [&](long i, double value) { jacm[i * n + j] = value; });
-  }
+  read_jacobian(str, [&](long i, long j, double value) { jacm[i * n + j] = value; });
   return 0;
 }
 
@@ -219,23 +263,24 @@ int hupd(const MINSTR* str, double* sum, double f, double a, double b) {
   return add_crossproduct_term(str, sum, negate ? -f : f, a, b);
 }
 
-// All columns are read even after an overflow, so that the file stands behind them: there the next
-// column is written.
 int znlpjdt(MINSTR* str, long jc, const double* func, const double* jcol, double* res) {
-  const int layout = rewind_and_read_layout(str->utjacm);
+  str->jacrd = 1;
+  let_go_jacobian(str);
+  const int layout = rewind_and_read_layout(str);
   if (layout != sparse_columns && layout != dense_columns) xexit(EXIT_INCONSISTENT, 0);
   const bool plain = str->icpj == 0;
-  Piece piece{str->utjacm, jc + 1};
-  bool overflow = false;
+  Piece piece = from_the_front(str);
   for (long c = 0; c <= jc; ++c) {
     double sum = 0.0;
+    bool overflow = false;
     read_column(str, layout, piece, [&](long i, double value) {
       overflow |= (plain ? tstsum2(&sum, jcol[i], value)
                          : add_crossproduct_term(str, &sum, func[i], jcol[i], value)) != 0;
     });
     res[c] = sum;
+    if (overflow) return -1;
   }
-  return overflow ? -1 : 0;
+  return 0;
 }
 
 }  // namespace tqnlp

@@ -136,6 +136,8 @@ struct MINSTR {
   double ddif;       // tolerance of the symmetry check of a quadratic matrix
   int clod;          // nonzero: the quadratic's factor is loaded from the utility file
   WorkFile* utjacm;  // file with the Jacobian by columns; or null
+  long jacend;       // [bytes] of the Jacobian in utjacm; 0 there is none
+  int jacrd;         // nonzero: a Jacobian of this run has been read
   int fsav;          // nonzero: call the function again after a derivative call (see ifdr)
   int ifdr;          // highest order last evaluated at x: 1 function, 2 gradient, 3 Hessian
 
@@ -181,7 +183,7 @@ struct MINSTR {
   double* fold;  // mfun; previous function values
   double* hess;  // by hfrm; Hessian, quasi-Newton matrix or factor
   double* half;  // 3 nnva (hfrm 1: mxju, hfrm 2: 3n); Hessian of the Lagrangian, or factor
-  double* jacm;  // m x n; Jacobian when it is held in memory
+  double* jacm;  // m x n; Jacobian when it is held in memory (the host's); null: in utjacm
   double* dsca;  // n; diagonal scale: by parameter without linear constraints, else by component
   double* qvec;  // n; linear term of the quadratic
   short* ofco;   // n; code of a parameter's difference interval
