@@ -16,6 +16,7 @@
 // one thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <functional>
 #include <initializer_list>
@@ -314,6 +315,13 @@ class Session {
   // When on, a division by zero, an invalid operation or an overflow in a module is written to the
   // log and counts as a failed evaluation, whatever the module returns. Off at first.
   void trap_math_errors(bool on);
+
+  // Bytes of memory that the work files of a call may take together, 1 GiB at first. They hold the
+  // Jacobian of a least-squares run without a Jacobian module (about 16 bytes a nonzero), and
+  // matrices of quadratics. A file that would grow beyond goes to a file without a name in the
+  // directory of temporary files (TMPDIR), with the same results, and leaves nothing behind there.
+  // A disk that is full or cannot be written ends the call with FatalError; the log tells why.
+  void work_file_memory(std::size_t bytes);
 
   // The subroutines that can be called.
   static std::vector<Subroutine> subroutines();

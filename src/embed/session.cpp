@@ -461,6 +461,8 @@ void Session::debug_option(std::string name, int value) {
   live().debug_options[std::move(name)] = value;
 }
 
+void Session::work_file_memory(std::size_t bytes) { live().work_file_memory = bytes; }
+
 void Session::trap_math_errors(bool on) { live().math_error = on ? znlpmer : nullptr; }
 
 }  // namespace tqnlp

@@ -32,6 +32,10 @@
 
 namespace tqnlp {
 
+namespace embed {
+struct Task;
+}
+
 // An argument of a call.
 struct TQLARG {
   Matrix value;
@@ -62,9 +66,17 @@ struct TQLCALL {
   Matrix result;
 };
 
-// An unnamed work file, kept in memory.
+// An unnamed work file, in memory or on the disk.
 struct WorkFile {
-  std::vector<char> bytes;
+  explicit WorkFile(embed::Task& task) : owner(task) {}
+  ~WorkFile();
+  WorkFile(const WorkFile&) = delete;
+  WorkFile& operator=(const WorkFile&) = delete;
+
+  embed::Task& owner;
+  std::vector<char> bytes;  // in memory: the contents
+  int disk = -1;            // on the disk: descriptor
+  std::size_t size = 0;
   std::size_t position = 0;
 };
 
@@ -191,7 +203,10 @@ struct Task {
 
   Frame& frame() { return frames.back(); }
 
-  std::deque<Frame> frames;  // the bottom frame and one a running call; addresses stay
+  std::size_t work_file_memory = std::size_t{1} << 30;  // [bytes] of work files that stay in memory
+  std::size_t work_file_bytes = 0;  // [bytes] that they take; declared before the frames, whose
+                                    // files count down at their end
+  std::deque<Frame> frames;         // the bottom frame and one a running call; addresses stay
   std::map<std::string, std::shared_ptr<TQLMOD>> modules;
   std::map<std::string, TQLSYM> variables;
   std::map<std::string, int> debug_options;

@@ -14,6 +14,7 @@
 #include "aasubs/termination/znlptrm.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "front/tqxnlp_remarks.h"
 #include "host/log.h"
 #include "host/memory.h"
 #include "host/process.h"
@@ -180,6 +181,8 @@ static void log_wrong_shape(const ARGMTS* argm, const TQLSS* ss, const ResultSha
          {call_name(argm).text, module_name(argm, *kind_of(argm, ss)).text, ss->result->rows,
           ss->result->cols, ss->result->kind == NUMERIC ? "numeric" : "character", shape.rows,
           shape.cols});
+  remark_transposed(argm, module_name(argm, *kind_of(argm, ss)).text, *ss->result, shape.rows,
+                    shape.cols);
 }
 
 int end_evaluation(MINSTR* str, int* flag, int code) {

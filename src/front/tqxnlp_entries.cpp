@@ -263,6 +263,7 @@ static int decode_call(MINSTR* str, long narg, const SubroutineRow& sub, long* n
   setparm(str, sub.job.setparm);
   remark_parameters(str, sub.job.setparm);
   remark_feasibility_tolerance(str, 3);
+  remark_few_functions(str);
   setterm(str, sub.job.setterm);
   return 0;
 }

@@ -160,6 +160,18 @@ void remark_forgotten_bound_rows(const ARGMTS* argm) {
   }
 }
 
+// A row of a vector is no transposed column: where either form is good, neither is remarked on.
+void remark_transposed(const ARGMTS* argm, const char* module, const TQLSYM& result, long rows,
+                       long cols) {
+  if (result.kind != NUMERIC || result.rows != cols || result.cols != rows) return;
+  xpmlog(CALLING_SURFACE, 208, {call_name(argm).text, module, rows, cols});
+}
+
+void remark_few_functions(const MINSTR* str) {
+  if (str->lsqu == 0 || str->mequ >= str->nvar) return;
+  xpmlog(CALLING_SURFACE, 209, {call_name(str->secstr).text, str->mequ, str->nvar});
+}
+
 // Printed, not logged: it heads the tables of a run.
 void announce_run(const MINSTR* str) {
   if (str->dbug == 0.0) return;

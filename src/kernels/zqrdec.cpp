@@ -18,6 +18,7 @@
 // date: the column of the pivot and row l. The products with columns that lack pending reflections
 // are put right by the overlaps v_l'v_t (Quintana-Orti, Sun and Bischof 1998, SIAM J. Sci.
 // Comput. 19).
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -54,23 +55,36 @@ struct PendingReflections {
   long start = 0;
   long count = 0;
   double s[MOST * STRIDE];  // s_t of column j at s[t*STRIDE + j]
+  double products[STRIDE];  // of the column in hand with column j
+
+  // What a walk over the rows has still to do before it looks at them.
+  double scale = 0.0;  // nonzero: the factor of the column of the last reflection, below its row
+  long exchanged = 0;  // column that changes places with the one in hand, or that column
 };
 
 // Narrower matrices are updated after every reflection: their rows are too short to repay the
 // corrections.
-static constexpr long LAZY_COLUMNS = 32;
+static constexpr long LAZY_COLUMNS = 8;
 static constexpr int ROWS_TOGETHER = 8;
 
 // ---- Order of the columns -----------------------------------------------------------------------
 
-// Exchanges whole columns, also the part of R above: ipiv stays the order of all that stands in u.
-static void swap_columns(const PivotedQr& f, long j, long k) {
+static void swap_rows(const PivotedQr& f, long first, long last, long j, long k) {
   if (j == k) return;
+  double* row = f.u + first * f.incu;
+  for (long i = first; i < last; ++i, row += f.incu) std::swap(row[j], row[k]);
+}
+
+static void swap_places(const PivotedQr& f, long j, long k) {
   std::swap(f.alfa[j], f.alfa[k]);
   std::swap(f.sum[j], f.sum[k]);
   std::swap(f.ipiv[j], f.ipiv[k]);
-  double* row = f.u;
-  for (long i = 0; i < f.m; ++i, row += f.incu) std::swap(row[j], row[k]);
+}
+
+// Exchanges whole columns, also the part of R above: ipiv stays the order of all that stands in u.
+static void swap_columns(const PivotedQr& f, long j, long k) {
+  swap_places(f, j, k);
+  swap_rows(f, 0, f.m, j, k);
 }
 
 // Brings the column marked with each position from..to-1 (marks count from 1) to its place. Returns
@@ -107,17 +121,38 @@ static double column_norm(const PivotedQr& f, long j, long from) {
   return zvenorm(f.m - from, f.incu, f.u + from * f.incu + j);
 }
 
-// Brings the free column with the largest remaining norm, the last of equals, to place l. The
-// products of pending reflections with the two columns change places too.
+// The norms of all columns in one walk along the rows; those whose squares are not safe one by one.
+// Without pivoting nobody asks for them before a step has passed the last row.
+static void form_norms(const PivotedQr& f) {
+  static constexpr double LEAST = 1e-280, MOST = 1e280;
+  if (f.ipiv == nullptr && f.n <= f.m) return;
+  vzfdl(0.0, f.alfa, f.n);
+  for (long i = 0; i < f.m; ++i) {
+    const double* row = f.u + i * f.incu;
+    for (long j = 0; j < f.n; ++j) f.alfa[j] += row[j] * row[j];
+  }
+  for (long j = 0; j < f.n; ++j) {
+    const bool safe = f.alfa[j] > LEAST && f.alfa[j] < MOST;
+    f.alfa[j] = safe ? std::sqrt(f.alfa[j]) : column_norm(f, j, 0);
+    if (f.ipiv != nullptr) f.sum[j] = f.alfa[j];
+  }
+}
+
+// Brings the free column with the largest remaining norm, the last of equals, to place l: at once
+// in the finished rows, where the others are walked over in them. The products of pending
+// reflections with the two columns change places too.
 static void choose_pivot(const PivotedQr& f, PendingReflections& w, long l) {
+  w.exchanged = l;
   if (f.ipiv == nullptr || l < f.first_free || l >= f.end_free) return;
   long best = l;
   for (long j = l + 1; j < f.end_free; ++j) best = f.alfa[j] >= f.alfa[best] ? j : best;
-  swap_columns(f, l, best);
+  swap_places(f, l, best);
+  swap_rows(f, 0, l, l, best);
   for (long t = 0; t < w.count; ++t) {
     double* s = w.s + t * PendingReflections::STRIDE;
     std::swap(s[l], s[best]);
   }
+  w.exchanged = best;
 }
 
 template <typename T>
@@ -147,36 +182,59 @@ static void clear_norms(const PivotedQr& f, long l) {
 
 // Turns column l, of norm t from row l down, into the reflection vector v = x/t + e with the sign
 // of the first element in t: nothing cancels, and 1 <= v_l <= 2. Then v'v = 2 v_l, so that I -
-// v v'/v_l is a reflection and takes x to -t e.
-static void make_reflection(const PivotedQr& f, long l, double t) {
+// v v'/v_l is a reflection and takes x to -t e. The rows below wait for the next walk, unless the
+// reciprocal of t is not safe.
+static void make_reflection(const PivotedQr& f, PendingReflections& w, long l, double t) {
+  static constexpr double LEAST_INVERTED = 1e-290;
   double* top = f.u + l * f.incu + l;
   if (*top < 0.0) t = -t;
-  double* element = top;
-  for (long i = l; i < f.m; ++i, element += f.incu) *element /= t;
-  *top += 1.0;
+  *top = *top / t + 1.0;
   f.alfa[l] = -t;
   if (f.ipiv != nullptr) f.sum[l] = -*top;
+  if (std::fabs(t) > LEAST_INVERTED) {
+    w.scale = 1.0 / t;
+    return;
+  }
+  double* element = top;
+  for (long i = l + 1; i < f.m; ++i) *(element += f.incu) /= t;
 }
 
-// products[j - from] += sum of v[i] matrix(i,j) over the rows l..m-1, columns from..to-1. v is
-// column l of f. Eight rows at a time, so that the products are read and written once for eight.
+static void scale_rows(const PivotedQr& f, const PendingReflections& w, long l, long first,
+                       long last) {
+  if (w.scale == 0.0) return;
+  double* element = f.u + first * f.incu + l;
+  for (long i = first; i < last; ++i, element += f.incu) *element *= w.scale;
+}
+
+// Completes the reflection of column l where no walk comes that would.
+static void complete_reflection(const PivotedQr& f, PendingReflections& w, long l) {
+  scale_rows(f, w, l, l + 1, f.m);
+  w.scale = 0.0;
+}
+
+// products[j - from] += sum of v[i] matrix(i,j) over the rows first..last-1, columns from..to-1. v
+// is column l of f. Eight rows at a time, so that the products are read and written once for eight.
+// The last columns, less than a group, are summed as the end of the group that ends with them,
+// which reaches back to columns whose sums are known.
 template <int W>
-TQNLP_BODY void gather_body(const PivotedQr& f, long l, const double* matrix, long inc, long from,
-                            long to, double* products) {
+TQNLP_BODY void gather_body(const PivotedQr& f, long l, long first, long last, const double* matrix,
+                            long inc, long from, long to, double* products) {
   constexpr int R = ROWS_TOGETHER;
-  Lanes<W> total, element, factor[R];
+  Lanes<W> total, element, end, factor[R];
   const double* rows[R];
   double v[R];
-  long i = l;
-  for (; i + R <= f.m; i += R) {
+  const long groups = (to - from) / LANES * LANES;
+  const bool end_group = groups < to - from && to >= LANES;
+  end.clear();
+  long i = first;
+  for (; i + R <= last; i += R) {
 #pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
       v[r] = f.u[(i + r) * f.incu + l];
       rows[r] = matrix + (i + r) * inc + from;
       factor[r].fill(v[r]);
     }
-    long j = 0;
-    for (; j + LANES <= to - from; j += LANES) {
+    for (long j = 0; j < groups; j += LANES) {
       total.load(products + j);
 #pragma GCC unroll 8
       for (int r = 0; r < R; ++r) {
@@ -185,22 +243,34 @@ TQNLP_BODY void gather_body(const PivotedQr& f, long l, const double* matrix, lo
       }
       total.store(products + j);
     }
+    if (end_group) {
+#pragma GCC unroll 8
+      for (int r = 0; r < R; ++r) {
+        element.load(rows[r] + (to - from - LANES));
+        end.add_product(factor[r], element);
+      }
+      continue;
+    }
 #pragma GCC unroll 1
-    for (; j < to - from; ++j) {
+    for (long j = groups; j < to - from; ++j) {
       double sum = products[j];
 #pragma GCC unroll 8
       for (int r = 0; r < R; ++r) sum += v[r] * rows[r][j];
       products[j] = sum;
     }
   }
-  for (; i < f.m; ++i) {
+  for (; i < last; ++i) {
     axpy_lanes<W>(to - from, products, products, f.u[i * f.incu + l], matrix + i * inc + from);
   }
+  if (!end_group) return;
+  double sums[LANES];
+  end.store(sums);
+  for (long j = groups; j < to - from; ++j) products[j] += sums[j - (to - from - LANES)];
 }
 TQNLP_DISPATCH(void, gather,
-               (const PivotedQr& f, long l, const double* matrix, long inc, long from, long to,
-                double* products),
-               (f, l, matrix, inc, from, to, products))
+               (const PivotedQr& f, long l, long first, long last, const double* matrix, long inc,
+                long from, long to, double* products),
+               (f, l, first, last, matrix, inc, from, to, products))
 
 // ---- Reflections --------------------------------------------------------------------------------
 
@@ -219,7 +289,7 @@ static void reflect(const PivotedQr& f, long l, double* matrix, long inc, long f
         zvxay11(width, products, f.u[i * f.incu + l], matrix + i * inc + start);
       }
     } else {
-      gather(f, l, matrix, inc, start, start + width, products);
+      gather(f, l, l, f.m, matrix, inc, start, start + width, products);
     }
     for (long k = 0; k < width; ++k) products[k] /= -top;
     for (long i = l; i < f.m; ++i) {
@@ -302,42 +372,85 @@ TQNLP_DISPATCH(void, apply_rows,
 
 // Applies what is pending to the rows and columns after the last reflection; step is the next one.
 static void apply_pending(const PivotedQr& f, PendingReflections& w, long step) {
-  if (w.count > 0) apply_rows(f, w, w.start + w.count, f.m, w.start + w.count);
+  if (w.count > 0) {
+    complete_reflection(f, w, w.start + w.count - 1);
+    apply_rows(f, w, w.start + w.count, f.m, w.start + w.count);
+  }
   w.start = step;
   w.count = 0;
 }
 
-// Brings column l up to date from row l down: the pivot's column must be right before its norm is
-// taken. The rest of the matrix is left as it is.
-static void refresh_column(const PivotedQr& f, const PendingReflections& w, long l) {
+// Brings column l up to date in the rows first..last-1.
+static void refresh_column(const PivotedQr& f, const PendingReflections& w, long l, long first,
+                           long last) {
   if (w.count == 0) return;
   double s[PendingReflections::MOST];
   for (long t = 0; t < w.count; ++t) s[t] = w.s[t * PendingReflections::STRIDE + l];
-  double* row = f.u + l * f.incu;
-  for (long i = l; i < f.m; ++i, row += f.incu) {
+  double* row = f.u + first * f.incu;
+  for (long i = first; i < last; ++i, row += f.incu) {
     const double* v = row + w.start;
-    double sum = row[l];
-    for (long t = 0; t < w.count; ++t) sum += v[t] * s[t];
-    row[l] = sum;
+    double even = row[l], odd = 0.0;
+    long t = 0;
+    for (; t + 2 <= w.count; t += 2) {
+      even += v[t] * s[t];
+      odd += v[t + 1] * s[t + 1];
+    }
+    if (t < w.count) even += v[t] * s[t];
+    row[l] = even + odd;
   }
 }
 
-// Adds reflection l to the pending ones: its products with the columns to the right, in which those
-// pending before it take part, and row l brought up to date. Row l of R is final then, since later
-// reflections begin below it; the downdating of the norms reads it.
-static void add_reflection(const PivotedQr& f, PendingReflections& w, long l) {
+// Walks over the rows from l on: brings column l, x there, up to date, and gathers all that its
+// reflection needs in the same walk: w.products, x'u for the columns from the first pending
+// reflection on, which are overlaps, then x'x, then the products with the columns to the right. By
+// chunks of rows that stay in the cache.
+static void survey_column(const PivotedQr& f, PendingReflections& w, long l) {
+  static constexpr long CHUNK_ELEMENTS = 2048;
+  const long chunk = std::max(CHUNK_ELEMENTS / ROWS_TOGETHER / f.incu, 1L) * ROWS_TOGETHER;
+  vzfdl(0.0, w.products + w.start, f.n - w.start);
+  for (long first = l; first < f.m; first += chunk) {
+    const long last = std::min(first + chunk, f.m);
+    scale_rows(f, w, l - 1, first, last);
+    swap_rows(f, first, last, l, w.exchanged);
+    refresh_column(f, w, l, first, last);
+    gather(f, l, first, last, f.u, f.incu, w.start, f.n, w.products + w.start);
+  }
+  w.scale = 0.0;
+  w.exchanged = l;
+}
+
+// Are the products with column l free of overflow, and its square of underflow?
+static bool products_are_safe(const PivotedQr& f, const PendingReflections& w, long l) {
+  static constexpr double LEAST = 1e-280, MOST = 1e280;
+  double size = 0.0;
+  for (long j = w.start; j < f.n; ++j) size += std::fabs(w.products[j]);
+  return w.products[l] > LEAST && size < MOST;
+}
+
+// Makes column l, of norm t, a reflection and adds it to the pending ones: its products with the
+// columns to the right, in which those pending before it take part, and row l brought up to date.
+// Row l of R is final then, since later reflections begin below it; the downdating of the norms
+// reads it. From v = x/t + e follows v'u = x'u/t + u_l; where x'u is not safe, v'u is formed.
+static void add_reflection(const PivotedQr& f, PendingReflections& w, long l, double t) {
+  const bool safe = products_are_safe(f, w, l);
   const long from = l + 1;
   const long width = f.n - from;
-  double* s = w.s + w.count * PendingReflections::STRIDE + from;
-  vzfdl(0.0, s, width);
-  gather(f, l, f.u, f.incu, from, f.n, s);
-  for (long t = 0; t < w.count; ++t) {
-    const long column = w.start + t;
-    const double overlap =
-        zvdotjj(f.m - l, f.incu, f.u + l * f.incu + l, f.incu, f.u + l * f.incu + column);
-    zvxay11(width, s, overlap, w.s + t * PendingReflections::STRIDE + from);
+  make_reflection(f, w, l, t);
+  const double* row = f.u + l * f.incu;
+  double* products = w.products;
+  if (safe) {
+    const double reciprocal = -1.0 / f.alfa[l];
+    for (long j = w.start; j < f.n; ++j) products[j] = products[j] * reciprocal + row[j];
+  } else {
+    complete_reflection(f, w, l);
+    vzfdl(0.0, products + w.start, f.n - w.start);
+    gather(f, l, l, f.m, f.u, f.incu, w.start, f.n, products + w.start);
   }
-  zvscl11(width, s, -1.0 / f.u[l * f.incu + l]);
+  for (long k = 0; k < w.count; ++k) {
+    zvxay11(width, products + from, products[w.start + k],
+            w.s + k * PendingReflections::STRIDE + from);
+  }
+  zvz111(width, w.s + w.count * PendingReflections::STRIDE + from, -1.0 / row[l], products + from);
   ++w.count;
   apply_rows(f, w, l, l + 1, from);
 }
@@ -373,20 +486,24 @@ static void flush_behind(const PivotedQr& f, PendingReflections& w, long l) {
   w.start = l;
 }
 
+static double surveyed_norm(const PivotedQr& f, PendingReflections& w, long l) {
+  survey_column(f, w, l);
+  return products_are_safe(f, w, l) ? std::sqrt(w.products[l]) : column_norm(f, l, l);
+}
+
 // The norm of column l from row l down, after null columns have been moved away; not above sing
 // when none is left. A null column makes no reflection, so that the pending ones would no longer be
 // in sequence: they are applied first.
-static double next_column(PivotedQr& f, PendingReflections& w, long l, double sing) {
-  clear_norms(f, l);
-  refresh_column(f, w, l);
-  double t = column_norm(f, l, l);
-  if (!(t > sing)) flush_behind(f, w, l);
-  while (!(t > sing) && f.ipiv != nullptr && l < f.end_free - 1) {
-    retire_column(f, l);
+static double next_column(PivotedQr& f, PendingReflections& w, long l, double sing, bool lazy) {
+  for (;;) {
     clear_norms(f, l);
-    t = column_norm(f, l, l);
+    if (!lazy) swap_rows(f, l, f.m, l, std::exchange(w.exchanged, l));
+    const double t = lazy ? surveyed_norm(f, w, l) : column_norm(f, l, l);
+    if (t > sing) return t;
+    flush_behind(f, w, l);
+    if (f.ipiv == nullptr || l >= f.end_free - 1) return t;
+    retire_column(f, l);
   }
-  return t;
 }
 
 long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sing, double* u,
@@ -396,32 +513,31 @@ long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sin
     const long failed = place_columns(f);
     if (failed != 0) return failed;
   }
-  for (long j = 0; j < n; ++j) {
-    alfa[j] = column_norm(f, j, 0);
-    if (ipiv != nullptr) sum[j] = alfa[j];
-  }
+  form_norms(f);
   PendingReflections w;
   const bool lazy = n >= LAZY_COLUMNS && n <= PendingReflections::COLUMNS;
   long nullity = 0;
   for (long l = 0; l < (m < n ? m : n); ++l) {
     choose_pivot(f, w, l);
-    const double t = next_column(f, w, l, sing);
+    const double t = next_column(f, w, l, sing, lazy);
     if (!(t > sing)) {
       ++nullity;
       u[l * incu + l] = 0.0;
       w.start = l + 1;
       continue;
     }
-    make_reflection(f, l, t);
     if (lazy) {
-      add_reflection(f, w, l);
+      add_reflection(f, w, l, t);
     } else {
+      make_reflection(f, w, l, t);
+      complete_reflection(f, w, l);
       reflect(f, l, u, incu, l + 1, n);
       w.start = l + 1;
     }
     downdate_norms(f, w, l);
     if (w.count == PendingReflections::MOST) apply_pending(f, w, l + 1);
     // Q'b needs each reflection once; the right sides are few.
+    if (f.p > 0) complete_reflection(f, w, l);
     reflect(f, l, b, incb, 0, f.p);
   }
   if (w.count > 0) apply_pending(f, w, n);

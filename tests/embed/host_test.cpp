@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <filesystem>
 #include <limits>
 #include <string>
 #include <thread>
@@ -70,24 +73,42 @@ TEST_F(Host, PlannedFailuresStrikeTheKthOperation) {
 }
 
 TEST_F(Host, WorkFileReadsBackWhatWasWritten) {
-  WorkFile* file = nullptr;
-  ASSERT_EQ(xcopen(&file, nullptr), 0);
-  const double out[] = {1.0, 2.0, 3.0};
-  double in[3];
-  const auto read = [&](long place, long bytes) {
-    std::fill(in, in + 3, -1.0);
-    return xcpoint(file, place) == 0 && xcread(file, in, bytes) == 0;
-  };
-  const auto write = [&](long bytes) { return xcwrite(file, out, bytes) == 0; };
-  EXPECT_TRUE(write(24));
-  EXPECT_NE(xcread(file, in, 1), 0) << "nothing is left to read";
-  EXPECT_TRUE(read(8, 16) && in[0] == 2.0 && in[1] == 3.0);
-  EXPECT_FALSE(read(40, 0)) << "beyond the end";
-  EXPECT_TRUE(write(8));
-  EXPECT_TRUE(read(24, 24) && in[1] == 0.0 && in[2] == 1.0) << "a gap reads as zero";
-  EXPECT_FALSE(read(-1, 8) || write(-1));
-  EXPECT_EQ(xcclose(file, 1), 0);
-  EXPECT_EQ(xcclose(nullptr, 1), 0);
+  const std::filesystem::path here = testing::TempDir() + "work_files";
+  std::filesystem::create_directory(here);
+  for (const std::size_t limit : {1000, 0, 24, 39}) {
+    SCOPED_TRACE(limit);
+    setenv("TMPDIR", here.c_str(), 1);
+    task.log.clear();
+    task.work_file_memory = limit;
+    WorkFile* file = nullptr;
+    ASSERT_EQ(xcopen(&file, nullptr), 0);
+    const double out[] = {1.0, 2.0, 3.0};
+    double in[3];
+    const auto read = [&](long place, long bytes) {
+      std::fill(in, in + 3, -1.0);
+      return xcpoint(file, place) == 0 && xcread(file, in, bytes) == 0;
+    };
+    const auto write = [&](long bytes) { return xcwrite(file, out, bytes) == 0; };
+    EXPECT_TRUE(write(24));
+    EXPECT_NE(xcread(file, in, 1), 0) << "nothing is left to read";
+    EXPECT_TRUE(read(8, 16) && in[0] == 2.0 && in[1] == 3.0);
+    EXPECT_FALSE(read(40, 0)) << "beyond the end";
+    EXPECT_TRUE(write(8));
+    EXPECT_TRUE(read(24, 24) && in[1] == 0.0 && in[2] == 1.0) << "a gap reads as zero";
+    EXPECT_FALSE(read(-1, 8) || write(-1));
+    EXPECT_EQ(xcclose(file, 1), 0);
+    EXPECT_EQ(xcclose(nullptr, 1), 0);
+    EXPECT_EQ(task.work_file_bytes, 0u);
+    EXPECT_TRUE(std::filesystem::is_empty(here));
+
+    setenv("TMPDIR", "/dev/null", 1);
+    ASSERT_EQ(xcopen(&file, nullptr), 0);
+    EXPECT_EQ(write(24), limit >= 24);
+    EXPECT_EQ(task.log.empty(), limit >= 24) << "a disk that fails is told of";
+    EXPECT_EQ(xcclose(file, 1), 0);
+  }
+  unsetenv("TMPDIR");
+  std::filesystem::remove(here);
 }
 
 TEST_F(Host, LogKeepsMessagesWithoutATextAndLiteralLines) {
