@@ -2,8 +2,9 @@
 // operation/ours/n and operation/peer/n; bench/report makes ratios of them. Factorizations work on
 // a fresh copy of the matrix in every iteration, on both sides.
 //
-// Where the peer is not beaten: it fuses each product with its sum into one operation and one
-// rounding, which ours must not, since a run is to have the same bits on processors that cannot. So
+// The crossproduct names the fused operation, on processors that have it and on others. Where the
+// peer is not beaten: it fuses each product with its sum into one operation and one
+// rounding, which ours do not, since processors without that operation would be slow at it. So
 // dot and axpy beside it (n >= 500), the pivoted QR (n >= 500) and the pivoted Cholesky (n = 1000),
 // whose large updates are nothing but products and sums, issue twice its instructions and stay
 // between 0.9 and 1.0 by what they save elsewhere. The tridiagonal Cholesky is a chain of one
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "aasubs/record/packed.h"
+#include "kernels/crossproduct.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"
 
@@ -209,6 +211,79 @@ void qr_peer(benchmark::State& state) {
                   p.work.data(), &length, &p.info);
   }
 }
+// ---- Tall matrices: rows and columns -----------------------------------------------------------
+
+struct Tall {
+  int m, n, info = 0;
+  Vec a, work, result, diagonal, sum;
+
+  explicit Tall(const benchmark::State& state)
+      : m(static_cast<int>(state.range(0))),
+        n(static_cast<int>(state.range(1))),
+        a(random_vector(long{m} * n)),
+        work(64 * a.size() / static_cast<std::size_t>(m) + 1000),
+        result(static_cast<std::size_t>(n) * static_cast<std::size_t>(n)),
+        diagonal(n),
+        sum(n) {}
+};
+
+void crossproduct_ours(benchmark::State& state) {
+  Tall t(state);
+  for (auto _ : state) {
+    crossproduct(t.m, t.n, t.a.data(), nullptr, nullptr, t.result.data());
+    benchmark::ClobberMemory();
+  }
+}
+void crossproduct_peer(benchmark::State& state) {
+  Tall t(state);
+  for (auto _ : state) {
+    cblas_dsyrk(CblasRowMajor, CblasLower, CblasTrans, t.n, t.m, 1.0, t.a.data(), t.n, 0.0,
+                t.result.data(), t.n);
+    benchmark::ClobberMemory();
+  }
+}
+// Each in its own order of the elements; the numbers are random in both.
+void tall_qr_ours(benchmark::State& state) {
+  Tall t(state);
+  Vec u;
+  for (auto _ : state) {
+    u = t.a;
+    zqrdec(t.m, t.n, 0, t.n, 1, nullptr, 0.0, u.data(), nullptr, t.diagonal.data(), t.sum.data());
+  }
+}
+void tall_qr_peer(benchmark::State& state) {
+  Tall t(state);
+  int length = static_cast<int>(t.work.size());
+  Vec u;
+  for (auto _ : state) {
+    u = t.a;
+    LAPACK_dgeqrf(&t.m, &t.n, u.data(), &t.m, t.diagonal.data(), t.work.data(), &length, &t.info);
+  }
+}
+void tall_pivoted_ours(benchmark::State& state) {
+  Tall t(state);
+  Vec u;
+  std::vector<long> ipiv(static_cast<std::size_t>(t.n));
+  for (auto _ : state) {
+    u = t.a;
+    std::fill(ipiv.begin(), ipiv.end(), 0);
+    zqrdec(t.m, t.n, 0, t.n, 1, ipiv.data(), 0.0, u.data(), nullptr, t.diagonal.data(),
+           t.sum.data());
+  }
+}
+void tall_pivoted_peer(benchmark::State& state) {
+  Tall t(state);
+  int length = static_cast<int>(t.work.size());
+  Vec u;
+  std::vector<int> jpvt(static_cast<std::size_t>(t.n));
+  for (auto _ : state) {
+    u = t.a;
+    std::fill(jpvt.begin(), jpvt.end(), 0);
+    LAPACK_dgeqp3(&t.m, &t.n, u.data(), &t.m, jpvt.data(), t.diagonal.data(), t.work.data(),
+                  &length, &t.info);
+  }
+}
+
 // R by rows is L = R' by columns for the peer: the same memory is walked by both.
 void triangular_solve_ours(benchmark::State& state) {
   Problem p(state);
@@ -320,6 +395,18 @@ void compare(const std::string& name, Body ours, Body peer) {
   }
 }
 
+// The report pairs rows by one size: the shape stands in the name.
+void compare_tall(const std::string& name, Body ours, Body peer) {
+  constexpr std::pair<long, long> SHAPES[] = {{20, 5},      {200, 10},    {10000, 10},
+                                              {100000, 10}, {100000, 50}, {500, 200}};
+  for (const auto& [m, n] : SHAPES) {
+    const std::string shaped = name + ", " + std::to_string(m) + " rows";
+    const std::string size = "/" + std::to_string(n);
+    benchmark::RegisterBenchmark((shaped + "/ours" + size).c_str(), ours)->Args({m, n});
+    benchmark::RegisterBenchmark((shaped + "/peer" + size).c_str(), peer)->Args({m, n});
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -331,6 +418,9 @@ int main(int argc, char** argv) {
   compare("znlpcso 2 : dpptrs", cholesky_solve_ours, cholesky_solve_peer);
   compare("znlpcde 4 : dpstrf", pivoted_ours, pivoted_peer);
   compare("zqrdec : dgeqp3", qr_ours, qr_peer);
+  compare_tall("crossproduct : dsyrk", crossproduct_ours, crossproduct_peer);
+  compare_tall("zqrdec : dgeqrf", tall_qr_ours, tall_qr_peer);
+  compare_tall("zqrdec : dgeqp3", tall_pivoted_ours, tall_pivoted_peer);
   compare("zqrsol : dtrtrs", triangular_solve_ours, triangular_solve_peer);
   compare("ztred3 : dsptrd", reduction_ours, reduction_peer);
   compare("ztrapp3 : dopmtr", transform_ours, transform_peer);

@@ -181,6 +181,7 @@ static void log_wrong_shape(const ARGMTS* argm, const TQLSS* ss, const ResultSha
          {call_name(argm).text, module_name(argm, *kind_of(argm, ss)).text, ss->result->rows,
           ss->result->cols, ss->result->kind == NUMERIC ? "numeric" : "character", shape.rows,
           shape.cols});
+  if (message != MESSAGE_MATRIX) return;
   remark_transposed(argm, module_name(argm, *kind_of(argm, ss)).text, *ss->result, shape.rows,
                     shape.cols);
 }

@@ -7,7 +7,7 @@
 // Lane k belongs to element k modulo 8 at every width, and lanes meet in sum() alone. So a kernel
 // that is written with these operations rounds alike at every width, and a run does not depend on
 // the model of the CPU. Products and sums are two roundings: a fused one would differ between
-// variants (the build forbids the contraction).
+// variants (the build forbids the contraction), unless it is asked for by name (add_fused).
 //
 // Everything is passed by reference and inlined into the variant's own function: no vector ever
 // crosses a call, where its form would depend on the caller's instruction set. Loads and stores

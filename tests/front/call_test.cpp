@@ -71,6 +71,57 @@ TEST(Call, AFailedStartNamesTheModule) {
   }
 }
 
+// Least squares of three functions: the first answers of F and J go wrong from call `good` on.
+TEST(Call, LeastSquaresFromBadModules) {
+  const Matrix start = Matrix::row({1, 2}), three = Matrix::row({3});
+  const struct {
+    const char* module;
+    Matrix answer;
+    long good;
+    double code;
+    std::vector<int> messages;
+  } cases[] = {{"F", Matrix(2, 1), 0, -1, {149}},
+               {"F", Matrix::col({1, MISSING, 1}), 0, -1, {192}},
+               {"F", Matrix::col({1, 1e155, 1}), 0, -1, {192}},
+               {"F", Matrix::col({MISSING, MISSING, MISSING}), 2, -3, {194}},
+               {"J", Matrix(2, 3), 0, -2, {150, 208}},
+               {"J", Matrix(3, 2, {1, 0, MISSING, 1, 1, 1}), 0, -2, {192}}};
+  for (const auto& c : cases) {
+    Session session;
+    long calls = 0;
+    const auto define = [&](const char* name, auto right) {
+      session.module(name, [&calls, &c, name, right](const Matrix& x) {
+        return std::string(name) == c.module && calls++ >= c.good ? c.answer : right(x);
+      });
+    };
+    define("F", [](const Matrix& x) {
+      return Matrix::col({x[0] * x[0] - 4, x[1] - 3, x[0] * x[1] - 6});
+    });
+    define("J", [](const Matrix& x) { return Matrix(3, 2, {2 * x[0], 0, 0, 1, x[1], x[0]}); });
+    const Answer answer = enter(session, tqxlm, {"F", start, three, NONE, NONE, NONE, NONE, "J"});
+    ASSERT_EQ(answer.code, 0);
+    EXPECT_EQ(answer.results[0](0, 0), c.code);
+    EXPECT_EQ(answer.messages, c.messages);
+  }
+}
+
+// The Jacobian's file on disk gives the bits of the one in memory; more parameters than functions
+// are remarked on.
+TEST(Call, WorkFilesOnDiskChangeNothing) {
+  std::vector<Matrix> runs;
+  for (const std::size_t memory : {std::size_t{1} << 30, std::size_t{0}}) {
+    Session session;
+    session.work_file_memory(memory);
+    session.module("F", [](const Matrix& x) {
+      return Matrix::col({x[0] * x[1] - 6, std::exp(x[2]) - x[0]});
+    });
+    const Answer answer = enter(session, tqxlm, {"F", Matrix::row({1, 2, 1}), Matrix::row({2})});
+    EXPECT_EQ(answer.messages, std::vector<int>{209});
+    runs.push_back(answer.results.at(1));
+  }
+  for (long j = 0; j < 3; ++j) EXPECT_EQ(runs[0][j], runs[1][j]);
+}
+
 // A module that never gives a code must not keep a run going that has come to rest.
 TEST(Call, ATerminationModuleThatNeverStopsIsOverruled) {
   for (const double code : {0.0, 100.0}) {

@@ -6,6 +6,7 @@
 
 #include <array>
 
+#include "kernels/crossproduct.h"
 #include "kernels/dense.h"
 #include "kernels/matrices.h"
 
@@ -76,6 +77,27 @@ TEST(VectorKernels, NormIsFreeOfOverflowAndUnderflow) {
 }
 
 // ---- Packed matrices ---------------------------------------------------------------------------
+
+TEST(Crossproduct, AgreesWithPlainSumsInEveryShape) {
+  for (const long n : {1L, 5L, 8L, 17L, 40L, 300L}) {
+    for (const long m : {1L, 3L, 127L, 300L}) {
+      SCOPED_TRACE(std::to_string(m) + " by " + std::to_string(n));
+      const Vec j = random_vector(m * n, 3), f = random_vector(m, 4);
+      Vec gradient(n), packed(packed_size(n) + 1, 7.0);
+      crossproduct(m, n, j.data(), f.data(), gradient.data(), packed.data());
+      EXPECT_EQ(packed.back(), 7.0);
+      double error = 0.0;
+      for (long r = 0; r <= n; ++r) {
+        for (long c = 0; c < (r < n ? r + 1 : n); ++c) {
+          double sum = r < n ? -packed[packed_size(r) + c] : -gradient[c];
+          for (long i = 0; i < m; ++i) sum += (r < n ? j[i * n + r] : f[i]) * j[i * n + c];
+          error = std::max(error, std::fabs(sum));
+        }
+      }
+      EXPECT_LE(error, 1e-15 * m);
+    }
+  }
+}
 
 TEST(PackedEdits, SixJobs) {
   const long n = 6;

@@ -25,14 +25,16 @@ TEST(JacobianFile, ComesBackInEveryForm) {
   for (const auto& [m, n] : {std::pair{3L, 2L}, std::pair{31L, 3L}, std::pair{200L, 70L}}) {
     DifferenceRecord r(n, m);
     const Vec matrix = sample(m, n);
-    for (const int job : {0, 1, 2, 0}) {
+    constexpr int HELD = 3;  // in memory, with the entries of job 0
+    for (const int job : {0, 1, 2, HELD, 0}) {
       const bool rows = job == 2;
       Vec source = matrix;
-      for (long k = 0; k < (rows ? m : n); ++k) {
+      if (job == HELD) hold_jacobian(&r, source.data());
+      for (long k = 0; job != HELD && k < (rows ? m : n); ++k) {
         znlpjwt(&r, job, k, rows ? 1 : n, source.data() + (rows ? n * k : k));
       }
       Vec expected = matrix;
-      if (job == 0) expected[static_cast<std::size_t>(2 * n)] = 0.0;
+      if (job == 0 || job == HELD) expected[static_cast<std::size_t>(2 * n)] = 0.0;
       Vec back(matrix.size(), 9), product(static_cast<std::size_t>(m), 9), sums(product.size());
       znlpjrd(&r, back.data());
       EXPECT_EQ(back, expected);
@@ -44,6 +46,13 @@ TEST(JacobianFile, ComesBackInEveryForm) {
       const auto crossproduct = [&, last = n - 1] {
         znlpjdt(&r, last, sums.data(), column.data(), row.data());
       };
+      if (job == HELD) {  // readers find it after its owner took it away
+        let_go_jacobian(&r);
+        source.assign(source.size(), 9);
+        Vec again(matrix.size(), 9);
+        znlpjrd(&r, again.data());
+        EXPECT_EQ(again, expected);
+      }
       for (std::size_t i = 0; i < column.size(); ++i)
         column[i] = expected[(i + 1) * vec.size() - 1];
       if (rows) {
