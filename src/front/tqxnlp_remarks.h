@@ -1,6 +1,6 @@
 // Remarks on a call (source tqxnlp): what is right by the rules and may not be what was meant, or is
-// wrong in a way that can be told. None
-// of them changes a run; each is a message of the log that names the element and what came of it.
+// wrong in a way that can be told. None of them changes a run; each is a message of the log that
+// names the element and what came of it.
 #pragma once
 
 #include "aasubs/record/minstr.h"
