@@ -1,5 +1,5 @@
-// Remarks on a call (source tqxnlp): what is right by the rules and may not be what was meant, or is
-// wrong in a way that can be told. None of them changes a run; each is a message of the log that
+// Remarks on a call (source tqxnlp): what is right by the rules and may not be what was meant, or
+// is wrong in a way that can be told. None of them changes a run; each is a message of the log that
 // names the element and what came of it.
 #pragma once
 
