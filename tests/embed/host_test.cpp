@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <filesystem>
 #include <limits>
 #include <string>
 #include <thread>
