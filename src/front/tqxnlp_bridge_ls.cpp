@@ -5,7 +5,8 @@
 // the sum of squares is J'f. J itself stays where the module put it, for those who read the
 // Jacobian store, until the module runs again.
 #include <algorithm>
-#include <cmath>
+#include <bit>
+#include <cstdint>
 
 #include "aasubs/derivatives/znlpfid.h"
 #include "front/tqxnlp_bridge.h"
@@ -46,8 +47,16 @@ Callback difference_service(const MINSTR* str, int digit) {
   }
 }
 
+// Are all exponents below the largest, that of infinities and NaN? By sums of bits, without a
+// branch for each of the many elements of a Jacobian.
 static bool all_finite(const double* values, long count) {
-  return std::all_of(values, values + count, [](double value) { return std::isfinite(value); });
+  static constexpr std::uint64_t EXPONENT = 0x7FF0000000000000;
+  static constexpr std::uint64_t LOWEST_OF_IT = 0x0010000000000000;
+  std::uint64_t carries = 0;  // the sign bit: an exponent overflowed
+  for (long i = 0; i < count; ++i) {
+    carries |= (std::bit_cast<std::uint64_t>(values[i]) & EXPONENT) + LOWEST_OF_IT;
+  }
+  return (carries >> 63) == 0;
 }
 
 // A service may answer 0 and leave missing what it could not compute, from a point at a bound for
@@ -85,12 +94,9 @@ static int load_jacobian(MINSTR* str, int digit, int* flag, long* counter, doubl
                               MESSAGE_MATRIX, flag);
   if (code != EVALUATED) return code;
   double* jacobian = argm->arg2.data;
+  // A failure leaves the gradient as it was.
+  if (!all_finite(jacobian, str->mequ * str->nvar)) return module_failed(str, argm->ssgrd, flag);
   crossproduct(str->mequ, str->nvar, jacobian, str->func, str->grad, packed);
-  // An element that is not finite makes those of the gradient so that it takes part in: the
-  // Jacobian itself, much longer, need be looked at only then.
-  if (!all_finite(str->grad, str->nvar) && !all_finite(jacobian, str->mequ * str->nvar)) {
-    return module_failed(str, argm->ssgrd, flag);
-  }
   hold_jacobian(str, jacobian);
   return end_evaluation(str, flag, EVALUATED);
 }

@@ -149,7 +149,7 @@ const Exceptions HYBRID = {
      {1, 2, 5, 7, 8},
      SOME_CODE,
      "the first steps lead into a valley that falls towards f = 0.4 for ever"},
-    {{"Penalty I 10"}, {2, 3, 4}, 3, "a flat valley: ABSGCONV is met with f 2e-6 to 6e-5 above"},
+    {{"Penalty I 10"}, {ANY}, NEAR, "a flat valley: ABSGCONV is met on its floor", 1e-4},
     {{"Penalty II 10"},
      {1, 3, 4, 5, 7},
      SOME_CODE,

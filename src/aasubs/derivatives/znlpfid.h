@@ -56,6 +56,8 @@ int znlphlf(MINSTR* str, double* hess, long lmax);
 int znlpjwt(MINSTR* str, int job, long jc, long inc, double* jcol);
 // res (m) := J vec (n).
 int znlpjve(MINSTR* str, const double* vec, double* res);
+// res (n) := J'vec, vec of m.
+int znlpjtv(MINSTR* str, const double* vec, double* res);
 // res[0..jc] := row jc of the crossproduct matrix, from the columns on file and column jcol.
 int znlpjdt(MINSTR* str, long jc, const double* func, const double* jcol, double* res);
 // jacm (m x n) := J.
@@ -63,8 +65,8 @@ int znlpjrd(MINSTR* str, double* jacm);
 
 // Makes a Jacobian by rows, without missing values, the one that is read, in place of writing it.
 // It belongs to the caller, who calls let_go_jacobian before it changes or goes away: where
-// Jacobians of the run are read, it is written to utjacm then. Readers get the same numbers either
-// way.
+// Jacobians of the run are read as a whole, it is written to utjacm then. Readers get the same
+// numbers either way.
 void hold_jacobian(MINSTR* str, double* jacobian);
 void let_go_jacobian(MINSTR* str);
 

@@ -163,12 +163,12 @@ int znlpjwt(MINSTR* str, int job, long jc, long inc, double* jcol) {
   return 0;
 }
 
-// ---- A Jacobian that stays in memory
-// -------------------------------------------------------------
+// ---- A Jacobian that stays in memory -----------------------------------------------------------
 
 void hold_jacobian(MINSTR* str, double* jacobian) { str->jacm = jacobian; }
 
-// A technique that reads the Jacobian may want it again when the next one cannot be had.
+// Who has read all of a Jacobian may want it again when the next one cannot be had. (Products with
+// it are made at once or not at all.)
 void let_go_jacobian(MINSTR* str) {
   double* jacobian = str->jacm;
   if (jacobian == nullptr) return;
@@ -184,7 +184,6 @@ void let_go_jacobian(MINSTR* str) {
 template <typename F>
 static void read_held(MINSTR* str, F use) {
   static constexpr long STRIP = 64;
-  str->jacrd = 1;
   const long n = str->nvar;
   for (long first = 0; first < n; first += STRIP) {
     const long width = std::min(STRIP, n - first);
@@ -228,8 +227,15 @@ int znlpjve(MINSTR* str, const double* vec, double* res) {
   return 0;
 }
 
+int znlpjtv(MINSTR* str, const double* vec, double* res) {
+  vzfdl(0.0, res, str->nvar);
+  read_jacobian(str, [&](long i, long j, double value) { res[j] += value * vec[i]; });
+  return 0;
+}
+
 int znlpjrd(MINSTR* str, double* jacm) {
   const long n = str->nvar;
+  str->jacrd = 1;
   vzfdl(0.0, jacm, str->mequ * n);
   read_jacobian(str, [&](long i, long j, double value) { jacm[i * n + j] = value; });
   return 0;

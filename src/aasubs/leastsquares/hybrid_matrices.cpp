@@ -101,9 +101,10 @@ static int load_start(MINSTR* str, HybridRun& run) {
   }
   while (!factor_crossproduct(str, run)) {
     run.load = 0;  // a unit matrix beside one that needs a ridge would be no better
-    if (!secant_raise_shift(str)) return -1;
+    if (!secant_raise_shift(str)) return NO_PROGRESS;
   }
-  run.nohs = false;
+  run.nohs = run.twins = false;
+  // With constraints the frame is new, and a B in the old one of no use.
   if (run.stale || run.load != 0 || has_constraints(str)) start_quasi_newton(str, run);
   return 0;
 }
@@ -115,6 +116,8 @@ static int load_step(MINSTR* str, HybridRun& run) {
     if (const int code = load_crossproduct(str, 0); code != 0) return code;
   }
   revise_working_set(str, REVISE_FACTOR, false, str->half);
+  str->ridg = 0.0;  // that of the start is no part of A any more
+  run.twins = false;
   run.nohs = !factor_crossproduct(str, run);
   return 0;
 }

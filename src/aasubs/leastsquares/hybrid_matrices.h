@@ -44,8 +44,8 @@ void choose_forms(const MINSTR* str, HybridRun& run);
 
 // Function, gradient and J'J at x, the working set, and A factored. job 1: at a start or restart,
 // everything afresh, the ridge raised until A can be factored, and B where it is to be made anew.
-// job 0: after a step; an A that cannot be factored sets nohs. Returns 0, -1 function failed or
-// ridge at its limit, -2 derivatives, -6 no feasible point.
+// job 0: after a step; an A that cannot be factored sets nohs. Returns 0, -1 function failed, -2
+// derivatives, -5 ridge at its limit, -6 no feasible point.
 int actcon(MINSTR* str, int job, HybridRun& run);
 
 // B := I.

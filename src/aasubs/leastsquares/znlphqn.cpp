@@ -21,10 +21,8 @@
 // Work       wrk2 = reduced step spro (n) | second direction (n) | J(xold)'r(x) (n); fold =
 //            residuals at xold (m) | J sdir (m); xold, gold receive the differences once an
 //            iteration is over
-// Ends       codes of uster; -1, -2 function or derivatives failed at the start, or no ridge makes
-// A
-//            positive definite there; -3, -4 final evaluation failed, or derivatives; -5 no
-//            progress; -6 feasibility lost
+// Ends       codes of uster; -1, -2 function or derivatives failed at the start; -3, -4 later on;
+//            -5 no progress, or no ridge makes A positive definite at a start; -6 feasibility lost
 //
 //   1  load derivatives, working set and both matrices; form both directions
 //   2  limit the step by the constraints, search along the first direction, or the second
@@ -61,8 +59,8 @@ static int gradient_of_run(MINSTR* str) {
   HybridRun& run = *static_cast<HybridRun*>(str->thdstr);
   if (run.gradients < 0) return run.usgrd(str);
   const bool first = run.gradients++ == 0;
-  run.has_old = first && stores_jacobian(str) && str->icpj == 0 &&
-                znlpjdt(str, str->nvar - 1, str->func, str->func, old_gradient(str)) == 0;
+  run.has_old = first && stores_jacobian(str) && str->icpj == 0;
+  if (run.has_old) znlpjtv(str, str->func, old_gradient(str));
   str->ifdr = ORDER_HESSIAN;
   const int code = str->ushes(str);
   run.at_hand = code == 0 && str->tbig == 0.0;
@@ -112,6 +110,12 @@ static void swap_directions(MINSTR* str, HybridRun& run) {
 
 // ---- Start and restart --------------------------------------------------------------------------
 
+// The code of a start or restart that failed.
+static int load_failure(const MINSTR* str, int code) {
+  if (code == NO_PROGRESS || code == -6 || str->nitr == 0.0) return code;
+  return code == -2 ? -4 : FUNCTION_FAILED;
+}
+
 static Next load_start(MINSTR* str, HybridRun& run) {
   str->alfa = str->salf;
   open_restart(str);
@@ -121,7 +125,7 @@ static Next load_start(MINSTR* str, HybridRun& run) {
   if (!restart_makes_progress(str, run.guard)) return Next::finish;
   const int code = actcon(str, 1, run);
   if (code < 0 || str->tbig != 0.0) {
-    run.ij = code;  // after an iteration the final evaluation may have a better name for it
+    run.ij = load_failure(str, code);
     return Next::finish;
   }
   str->cold = str->crit;
@@ -142,10 +146,11 @@ static Next restart_afresh(HybridRun& run) {
 // One search along sdir. The Jacobian in store is that of xold.
 static bool search_once(MINSTR* str, HybridRun& run) {
   const bool residual_search = str->tlin == RESIDUAL_SEARCH;
-  if (residual_search && stores_jacobian(str)) znlpjve(str, str->sdir, str->fold + str->mequ);
+  const bool modelled = residual_search && !run.nohs;
+  if (modelled && stores_jacobian(str)) znlpjve(str, str->sdir, str->fold + str->mequ);
   run.has_old = run.at_hand = false;
   run.gradients = 0;
-  const bool found = search_along(str, residual_search && !run.nohs ? znlpl12 : str->linse);
+  const bool found = search_along(str, modelled ? znlpl12 : str->linse);
   run.gradients = -1;
   return found;
 }
@@ -159,10 +164,15 @@ static Next search(MINSTR* str, HybridRun& run) {
       run.blocked = true;
       return restart_afresh(run);
     }
-    run.blocked = false;
-    if (search_once(str, run)) return Next::go_on;
+    if (search_once(str, run)) {
+      run.blocked = false;
+      return Next::go_on;
+    }
     if (!run.isd2) break;
-    if (!evaluate_objective(str) || !evaluate_gradient(str)) return restart_afresh(run);
+    // The Jacobian too: that of a trial is in store.
+    if (!evaluate_objective(str) || !evaluate(str, ORDER_HESSIAN, str->ushes)) {
+      return restart_afresh(run);
+    }
     secant_measure(str);
     swap_directions(str, run);
   }

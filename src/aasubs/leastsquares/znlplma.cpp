@@ -258,12 +258,12 @@ static double radius_factor(const MINSTR* str, LevmarRun& run) {
   return factor;
 }
 
-// Trials have shrunk to rounding, though the Newton step still promises much: the gradient is not
-// that of the objective.
+// Trials have shrunk to rounding, though the residuals are far from orthogonal to the columns of J:
+// the gradient is not that of the objective. (The promise of the Newton step would be no measure:
+// it is large, too, where J loses rank at the solution.)
 static bool shrunk_in_vain(const MINSTR* str, const LevmarRun& run) {
-  static constexpr double MUCH = 1e-6;  // of the objective
-  return run.kind == Trial::shorter && str->lamb > str->ridg &&
-         str->gihg > std::max(MUCH, str->gtol) * str->cold;
+  static constexpr double FAR = 0.01;  // cosine of an angle
+  return run.kind == Trial::shorter && str->lamb > str->ridg && str->gcri > FAR;
 }
 
 // The model promises nothing but rounding: the better of trial and xold is the next point.
@@ -315,6 +315,7 @@ static Next judge(MINSTR* str, LevmarRun& run, double* factor) {
   }
   const double actual = (q * now.sq + 1.0) * (1.0 - q * now.sq);
   if (change_is_rounding(str, actual)) {
+    if (shrunk_in_vain(str, run)) return settle(str, run);
     str->rhor = 1.0;
     *factor = 2.0;
     run.tie = true;
