@@ -138,7 +138,8 @@ TEST(Pages, MessagesAreThoseOfTheCode) {
 
 // Messages that other pages speak of exist.
 TEST(Pages, NumbersOfMessagesExist) {
-  for (const char* name : {"return-codes", "calling", "modules", "reports", "algorithms"}) {
+  for (const char* name :
+       {"return-codes", "calling", "modules", "reports", "algorithms", "regression"}) {
     const std::string page = contents("docs/" + std::string(name) + ".md");
     for (const int group : {CALLING_SURFACE, OPTIMIZATION}) {
       const std::string mark = std::to_string(group) + "/";
