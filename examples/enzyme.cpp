@@ -161,19 +161,14 @@ static void assess(Fit& fit, const Measurements& data, const Matrix& blc) {
   fit.gradient = Matrix(1, n);
   fit.covariance = Matrix(n, n);
   fit.df = r.rows();
-  std::vector<bool> free;
-  for (long j = 0; j < n; ++j) {
-    free.push_back(fit.x(0, j) != blc(0, j) && fit.x(0, j) != blc(1, j));
-    if (free.back()) --fit.df;
-  }
+  const auto is_free = [&](long j) { return fit.x(0, j) != blc(0, j) && fit.x(0, j) != blc(1, j); };
+  for (long j = 0; j < n; ++j) fit.df -= is_free(j);
   for (long i = 0; i < r.rows(); ++i) {
     fit.sum += r(i, 0) * r(i, 0);
     for (long j = 0; j < n; ++j) {
       fit.gradient(0, j) += jac(i, j) * r(i, 0);
       for (long k = 0; k < n; ++k) {
-        if (free[static_cast<std::size_t>(j)] && free[static_cast<std::size_t>(k)]) {
-          fit.covariance(j, k) += jac(i, j) * jac(i, k);
-        }
+        if (is_free(j) && is_free(k)) fit.covariance(j, k) += jac(i, j) * jac(i, k);
       }
     }
   }
