@@ -76,6 +76,7 @@ struct LevmarRun {
   double first = 0.0;        // t: radius at the head of the iteration
   double cap = HUGE_VALUE;   // of the radius at a restart whose last radius led to a failed load
   Trial kind = Trial::first;
+  int ties = 0;      // steps of this iteration, so far, that only the gradient could judge
   bool tie = false;  // the values at xold and the trial are equal to rounding
   long good = 0;     // itgd: good steps in a row
   int idle = 0;      // iterations without a step in a row
@@ -382,8 +383,10 @@ static Next accept_step(MINSTR* str, LevmarRun& run, double factor) {
     run.user_hessian = true;
     return next;
   }
-  str->nitr += 1.0;
-  ++str->itre;
+  if (run.ties == 0) {
+    str->nitr += 1.0;
+    ++str->itre;
+  }
   const bool slope_test = str->rhor > 0.25 && factor < 2.0 && run.kind == Trial::first &&
                           str->lamb > 1.1 * str->ridg && str->stub >= 1.0;
   const double slope = slope_along_step(str);
@@ -453,15 +456,15 @@ static Next take_step(MINSTR* str, LevmarRun& run) {
   return accept_step(str, run, factor);
 }
 
-// Steps that the objective cannot judge any more are taken in a row, while each brings the gradient
-// down: the last digits of the parameters.
+// Steps that the objective cannot judge any more are taken in a row, as one iteration, while each
+// brings the gradient down: the last digits of the parameters.
 static Next one_iteration(MINSTR* str, LevmarRun& run) {
   static constexpr int MOST_TIES = 20;
   static constexpr double CLEAR_FALL = 0.75;
   if (str->itre == 0) run.good = 0;
   str->ridg = 0.0;
   run.first = str->delt;
-  for (int ties = 0; ties < MOST_TIES; ++ties) {
+  for (run.ties = 0; run.ties < MOST_TIES; ++run.ties) {
     const double norm = run.norm;
     if (const Next next = take_step(str, run); next != Next::go_on) return next;
     if (!run.tie || !(run.norm < CLEAR_FALL * norm)) break;
