@@ -31,6 +31,7 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
+#include "aasubs/constraints/znlpbas.h"
 #include "aasubs/leastsquares/znlplma_step.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/loop/newton_load.h"
@@ -149,9 +150,23 @@ static Next cut_radius(MINSTR* str, LevmarRun& run, double share, int code) {
   return Next::finish;
 }
 
+// Constraints that left the working set at xold, where their multipliers are those of an unfinished
+// descent in its subspace, and that the step now runs into at once, come back: the descent goes on
+// in the subspace. False: there are none.
+static bool readmit_constraints(MINSTR* str, LevmarRun& run) {
+  if (str->chac >= 0) return false;
+  return_to_xold(str);
+  znlpact(str, 1, 0, nullptr, nullptr, nullptr);
+  if (str->chac == 0) return false;
+  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, Scale::kept, &run.norm);
+  if (order > 0) reduce_problem(str, order);
+  return true;
+}
+
 // A constraint that is not in the working set blocks at once. Where no radius helps, the scale is
 // given up, and the next start goes along the gradient.
 static Next retreat_from_constraint(MINSTR* str, LevmarRun& run) {
+  if (readmit_constraints(str, run)) return Next::solve_again;
   run.kind = Trial::shorter;
   str->delt *= AFTER_FAILURE;
   if (!(str->delt < STEEPEST_FALL * run.first)) return Next::solve_again;
