@@ -34,6 +34,8 @@ struct Problem {
   long m = 0;
   std::function<void(const double* x, double* r)> residuals;
   std::function<void(const Jet* x, Jet* r)> residual_jets;
+  // Jacobian by hand, as jacobian() below; stands in for residual_jets there when it is not empty.
+  std::function<void(const double* x, double* by_rows)> jacobian_by_hand;
   // Bounds (empty: none; NONE and -NONE absent) and linear rows.
   std::vector<double> lower;
   std::vector<double> upper;
