@@ -31,7 +31,6 @@
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
-#include "aasubs/constraints/znlpbas.h"
 #include "aasubs/leastsquares/znlplma_step.h"
 #include "aasubs/loop/loads.h"
 #include "aasubs/loop/newton_load.h"
@@ -122,15 +121,21 @@ static int reduce_problem(MINSTR* str, long order) {
   return static_cast<int>(std::count_if(at.d, at.d + order, [](double d) { return !(d > EPS); }));
 }
 
+// Projects, scales and reduces; a start makes the first radius on the way. Returns as
+// reduce_problem.
+static int project_problem(MINSTR* str, Scale scale, LevmarRun& run, bool start = false) {
+  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, scale, &run.norm);
+  if (order == 0) return 0;
+  if (start) str->delt = first_radius(str, run);
+  return reduce_problem(str, order);
+}
+
 // Loads derivatives at x and reduces the problem; job 1 at a start or restart, with the first
 // radius. Returns -1, -2, -6, else the count of reduce_problem.
 static int gethes(MINSTR* str, int job, LevmarRun& run) {
   const int code = newton_load(str, job, run.user_hessian);
   if (code != 0) return code;
-  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, Scale::as_counted, &run.norm);
-  if (order == 0) return 0;
-  if (job == 1) str->delt = first_radius(str, run);
-  return reduce_problem(str, order);
+  return project_problem(str, Scale::as_counted, run, job == 1);
 }
 
 // ---- The trial ----------------------------------------------------------------------------------
@@ -150,23 +155,13 @@ static Next cut_radius(MINSTR* str, LevmarRun& run, double share, int code) {
   return Next::finish;
 }
 
-// Constraints that left the working set at xold, where their multipliers are those of an unfinished
-// descent in its subspace, and that the step now runs into at once, come back: the descent goes on
-// in the subspace. False: there are none.
-static bool readmit_constraints(MINSTR* str, LevmarRun& run) {
-  if (str->chac >= 0) return false;
-  return_to_xold(str);
-  znlpact(str, 1, 0, nullptr, nullptr, nullptr);
-  if (str->chac == 0) return false;
-  const long order = newton_project(str, str->hfrm == 2 ? 2 : 0, Scale::kept, &run.norm);
-  if (order > 0) reduce_problem(str, order);
-  return true;
-}
-
 // A constraint that is not in the working set blocks at once. Where no radius helps, the scale is
 // given up, and the next start goes along the gradient.
 static Next retreat_from_constraint(MINSTR* str, LevmarRun& run) {
-  if (readmit_constraints(str, run)) return Next::solve_again;
+  if (newton_readmit(str)) {
+    project_problem(str, Scale::kept, run);
+    return Next::solve_again;
+  }
   run.kind = Trial::shorter;
   str->delt *= AFTER_FAILURE;
   if (!(str->delt < STEEPEST_FALL * run.first)) return Next::solve_again;

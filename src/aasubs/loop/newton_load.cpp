@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpbas.h"
 #include "aasubs/loop/loads.h"
 
 namespace tqnlp {
@@ -26,15 +27,28 @@ int newton_derivatives(MINSTR* str, int user_hessian) {
   return evaluate_gradient(str) ? 0 : -2;
 }
 
+static constexpr int REVISE_NOTHING = 1;
+
 int newton_load(MINSTR* str, int job, bool user_hessian) {
   static constexpr int REPAIR = 0;
-  static constexpr int REVISE_NOTHING = 1;
   str->chac = 0;
   if (job == 1) return load_feasible_point(str, REPAIR, newton_derivatives, user_hessian ? 1 : 0);
   const int code = newton_derivatives(str, user_hessian ? 1 : 0);
   if (code != 0) return code;
   revise_working_set(str, REVISE_NOTHING, str->ulm2 != 0, nullptr);
   return 0;
+}
+
+bool newton_readmit(MINSTR* str) {
+  if (str->chac >= 0 || str->itre == 0) return false;
+  return_to_xold(str);
+  znlpact(str, REVISE_NOTHING, 0, nullptr, nullptr, nullptr);
+  // More than the one that left: a degenerate point, where the choice among them is not this one's.
+  if (str->chac == 1 && reduced_dimension(str) > 0) return true;
+  if (str->chac != 0) {
+    znlpdac(str, REVISE_NOTHING, str->ulm2 != 0 ? 1 : 0, nullptr, nullptr, nullptr);
+  }
+  return false;
 }
 
 // ---- Noise of differences -----------------------------------------------------------------------

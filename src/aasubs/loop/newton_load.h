@@ -15,6 +15,12 @@ int newton_derivatives(MINSTR* str, int user_hessian);
 // feasible point.
 int newton_load(MINSTR* str, int job, bool user_hessian);
 
+// A step is blocked at once. The constraint that left the working set at xold, where its multiplier
+// was that of an unfinished descent in the subspace, comes back when it is the only one that holds
+// with equality there and is free: the descent goes on in the subspace, whose problem the caller
+// projects anew. x is xold then. False: there is none, or it would leave no freedom.
+bool newton_readmit(MINSTR* str);
+
 // What becomes of the scale dsca while it is wanted (hesc).
 enum class Scale {
   kept,        // as it is

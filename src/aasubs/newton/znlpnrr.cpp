@@ -177,6 +177,10 @@ static Next limit_step(MINSTR* str, RidgeRun& run) {
   zero_negligible_components(str, str->sdir);
   long blocking = -1;
   znlpstl(str, 0, 0, 0, str->xold, str->sdir, &blocking, nullptr);
+  if (run.user_hessian && str->stub <= HUNDRED_EPS && newton_readmit(str)) {
+    reduce_problem(str, false);
+    return Next::solve_again;
+  }
   if (run.user_hessian && str->stub <= ROOT_TINY) return restart_with_identity(str, run);
   if (run.user_hessian && str->stub <= HUNDRED_EPS) {
     if (raise_ridge(str, run, RAISE_BLOCKED)) return Next::solve_again;

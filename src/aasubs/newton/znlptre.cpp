@@ -111,6 +111,11 @@ static Next limit_step(MINSTR* str, TruregRun& run) {
     cut_step(&run.d);
     return Next::go_on;
   }
+  if (run.d.irc == ACCEPT && newton_readmit(str)) {
+    reduce_problem(str, run.user_hessian, false, &run.d.dgnm);
+    open_step_search(&run.d);
+    return Next::solve_again;
+  }
   str->delt /= AFTER_FAILURE;
   if (str->delt > EPS * run.first) return Next::solve_again;
   return_to_xold(str);
