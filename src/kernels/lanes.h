@@ -63,15 +63,18 @@ struct Lanes {
   [[gnu::always_inline]] inline void add_fused(const Lanes& a, const Lanes& b) {
 #pragma GCC unroll 4
     for (int k = 0; k < PARTS; ++k) {
+#ifndef __clang__  // which makes the instruction of the elements, and takes no vector in an asm
+                   // here
       if constexpr (W > 2) {
         const Vector factor = a.part[k], other = b.part[k];
         Vector sum = part[k];  // an element of an array would be kept in memory
         asm("vfmadd231pd %1, %2, %0" : "+v"(sum) : "v"(factor), "v"(other));
         part[k] = sum;
-      } else {
-        for (int e = 0; e < W; ++e) {
-          part[k][e] = __builtin_fma(a.part[k][e], b.part[k][e], part[k][e]);
-        }
+        continue;
+      }
+#endif
+      for (int e = 0; e < W; ++e) {
+        part[k][e] = __builtin_fma(a.part[k][e], b.part[k][e], part[k][e]);
       }
     }
   }
