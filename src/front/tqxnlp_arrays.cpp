@@ -79,6 +79,8 @@ static long technique_work(const MINSTR* str, long n) {
       return 2 * n;
     case NRRIDG:
       return 6 * n;
+    case GAUNEW:
+      return 2 * n;
     case LEVMAR:
       return std::max(7 * n, str->secstr->igmod != 0 ? str->mequ : 0);
     case DBLDOG:
@@ -105,8 +107,14 @@ static long work_length(const Sizes& s) {
 // func and, behind it, fold; the quadratic line search keeps two more copies.
 static long function_values(const Sizes& s) {
   if (s.str->lsqu == 0) return 2;
-  const bool search_keeps = s.str->tech == HYQUAN && s.str->tlin == QUADRATIC_SEARCH;
+  const bool search_keeps =
+      s.str->tech == GAUNEW || (s.str->tech == HYQUAN && s.str->tlin == QUADRATIC_SEARCH);
   return (search_keeps ? 4 : 2) * s.str->mequ;
+}
+
+// The Jacobian in memory; other techniques leave it in the file.
+static long jacobian_length(const Sizes& s) {
+  return s.str->tech == GAUNEW && s.str->lsqu != 0 ? s.str->mequ * s.n : 0;
 }
 
 // wfid: saved function values and one column of differences.
@@ -222,10 +230,12 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::hess, [](const Sizes& s) { return s.late ? 0 : hess_length(s); }, mark_hess},
     {&MINSTR::dsca,
      [](const Sizes& s) {
-       const bool scaled = s.str->tech == DBLDOG || s.str->tech == LEVMAR || second_order(s);
+       const bool scaled = s.str->tech == DBLDOG || s.str->tech == LEVMAR ||
+                           s.str->tech == GAUNEW || second_order(s);
        return scaled ? s.n : 0;
      },
      nullptr},
+    {&MINSTR::jacm, jacobian_length, nullptr},
     {&MINSTR::wfid, difference_work, nullptr},
     {&MINSTR::hfwd, [](const Sizes& s) { return s.str->cfdh != 0 ? 2 * s.n : 0; },
      divide_intervals},

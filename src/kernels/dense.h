@@ -87,6 +87,16 @@ int znlpcin(MINSTR* str, int job, long n, double sing, double* c, double* cc, do
 long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sing, double* u,
             double* b, double* alfa, double* sum);
 
+// Q of the first n columns of a matrix that zqrdec factored (u, m rows of stride incu), times p
+// columns y(i,k) at y[i*incy + k]; b, rs and ab have the same layout.
+//   job 3   b := Q'y. rs (null: not wanted): the residual of y on those columns, Q(0; b from row n);
+//           ab (null: not wanted): its fit, Q(b to row n; 0). With null columns they are those of
+//           the reflections made.
+//   job 4   b := Q y
+// b may be y. h: p doubles of work. Any other job ends the run.
+void zqrform(int job, long m, long n, long p, long incu, long incy, const double* u,
+             const double* y, double* b, double* rs, double* ab, double* h);
+
 // Triangular systems (jobs 1 to 8) and products (jobs 11 to 18, the same table) for p right sides.
 //
 //   job   matrix     operation     right side element (i,k)    result element (i,k)

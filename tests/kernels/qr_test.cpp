@@ -47,6 +47,20 @@ TEST(Qr, FactorsMatricesOfEveryShape) {
       const double tolerance = 1e-14 * static_cast<double>(m + 1);
       EXPECT_LE(distance(f.b * transpose(f.b), identity(m)), tolerance);
       EXPECT_LE(f.residual(a), tolerance * size(a));
+      // The reflections alone: Q'I is what b became, Q takes that back, and what the columns leave
+      // of the identity is orthogonal to them.
+      Dense forward = identity(m), fit(m, m), rest(m, m);
+      Vec h(m + 1);
+      const auto form = [&](int job, Dense& to, double* residual, double* fitted) {
+        run(zqrform, job, m, std::min(m, n), m, n, m, f.u.a, forward.a, to.a, residual, fitted, h);
+      };
+      form(3, forward, rest.a.data(), fit.a.data());
+      EXPECT_LE(distance(forward, f.b), tolerance);
+      form(4, forward, nullptr, nullptr);
+      EXPECT_LE(distance(forward, identity(m)), tolerance);
+      EXPECT_LE(size(transpose(rest) * a), tolerance * size(a) * static_cast<double>(m + n));
+      for (std::size_t k = 0; k < fit.a.size(); ++k) fit.a[k] += rest.a[k];
+      EXPECT_LE(distance(fit, identity(m)), tolerance);
       for (long l = 0; l + 1 < std::min(m, n) && pivoting; ++l)
         EXPECT_GE(std::fabs(f.alfa[l]) * (1 + 1e-7), std::fabs(f.alfa[l + 1]));
     }

@@ -4,10 +4,13 @@
 #include <cmath>
 #include <numeric>
 
+#include "aasubs/derivatives/znlpfid.h"
 #include "aasubs/driver/znlpdrv.h"
 #include "aasubs/termination/znlptrm.h"
 #include "embed/task.h"
+#include "host/files.h"
 #include "host/log.h"
+#include "kernels/vector.h"
 
 namespace tqnlp::test {
 
@@ -47,6 +50,26 @@ static int call_hessian(MINSTR* str) {
   record->h(str->x, str->hess);
   if (finish_array(str, str->grad, str->nvar) != 0) return -11;
   return finish_array(str, str->hess, str->nnva);
+}
+
+static int call_residuals(MINSTR* str) {
+  if (str->indf < GRADIENT_STEP) ++str->nfct;
+  static_cast<TestRecord*>(str)->res(str->x, str->func);
+  str->crit = 0.5 * zvdot11(str->mequ, str->func, str->func);
+  return finish_array(str, str->func, str->mequ);
+}
+
+static int call_jacobian(MINSTR* str) {
+  const long n = str->nvar;
+  const long m = str->mequ;
+  ++str->nhes;
+  std::vector<double> jacobian(static_cast<std::size_t>(m * n));
+  static_cast<TestRecord*>(str)->jac(str->x, jacobian.data());
+  vzfdl(0.0, str->grad, n);
+  for (long i = 0; i < m; ++i) zvxay11(n, str->grad, str->func[i], jacobian.data() + i * n);
+  if (finish_array(str, jacobian.data(), m * n) != 0) return -11;
+  for (long k = 0; k < n; ++k) znlpjwt(str, 0, k, n, jacobian.data() + k);
+  return 0;
 }
 
 TestRecord::TestRecord(long n, int technique) : MINSTR{} {
@@ -135,6 +158,24 @@ TestRecord& TestRecord::with_rows(const std::vector<LinearRow>& rows) {
   return *this;
 }
 
+TestRecord& TestRecord::with_residuals(long m, Body residuals, Body jacobian) {
+  lsqu = 1;
+  ider = 2;
+  mequ = mfun = m;
+  func = doubles(4 * m);
+  fold = func + m;
+  wfid = doubles(2 * m + nvar);
+  jacm = doubles(m * nvar);
+  res = std::move(residuals);
+  jac = std::move(jacobian);
+  usfct = call_residuals;
+  usgrd = usjac = call_jacobian;
+  xcopen(&utjacm, nullptr);
+  return *this;
+}
+
+TestRecord::~TestRecord() { xcclose(utjacm, 1); }
+
 TestRecord& TestRecord::at(const std::vector<double>& start) {
   std::copy_n(start.begin(), nvar, x);
   return *this;
@@ -169,6 +210,12 @@ int exit_code_of(const std::function<void()>& body) {
     return request.code;
   }
   return 0;
+}
+
+void install_residuals(TestRecord& record, const Problem& problem) {
+  record.with_residuals(problem.m, problem.residuals,
+                        [&](const double* x, double* jacobian) { problem.jacobian(x, jacobian); });
+  record.at(problem.start);
 }
 
 }  // namespace tqnlp::test

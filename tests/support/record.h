@@ -16,6 +16,7 @@ using namespace problems;
 struct TestRecord : MINSTR {
   // All bounds absent, no constraints; technique 4, tolerances and limits at their defaults.
   explicit TestRecord(long n, int technique = 4);
+  ~TestRecord();
   TestRecord(const TestRecord&) = delete;
   TestRecord& operator=(const TestRecord&) = delete;
 
@@ -24,6 +25,10 @@ struct TestRecord : MINSTR {
   // Sets the linear constraints (equality or at least) as the calling surface stores them, sparse
   // by rows, opro 1.
   TestRecord& with_rows(const std::vector<LinearRow>& rows);
+  // Makes the record one of least squares: m residuals, crit half the sum of their squares; usjac
+  // writes the Jacobian to the store, and both derivative callbacks leave the gradient in grad.
+  using Body = std::function<void(const double* point, double* values)>;
+  TestRecord& with_residuals(long m, Body residuals, Body jacobian);
   TestRecord& at(const std::vector<double>& point);
 
   // Objective pieces; an absent one leaves the callback null. A value that is missing or NaN counts
@@ -31,6 +36,8 @@ struct TestRecord : MINSTR {
   std::function<double(const double* point)> f;
   std::function<void(const double* point, double* gradient)> g;
   std::function<void(const double* point, double* hessian_packed)> h;
+  Body res;  // residuals
+  Body jac;  // m rows of n
   // Installs callbacks for the pieces that are set.
   TestRecord& with_callbacks();
 
@@ -50,6 +57,8 @@ struct TestRecord : MINSTR {
 // standard start.
 void install(TestRecord& record, const Problem& problem);
 void install(TestRecord& record, Problem&& problem) = delete;
+// The same for the residuals of a problem and their Jacobian.
+void install_residuals(TestRecord& record, const Problem& problem);
 
 // Prepares a run and lets the technique run: the first code that is not 0.
 int run_technique(MINSTR& record);

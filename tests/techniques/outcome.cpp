@@ -205,10 +205,14 @@ static int observed_test(MINSTR* str, int job) {
   return answer;
 }
 
-Outcome solve_by_number(const Problem& p, int technique, double tolerance,
-                        const Observer& observe) {
+Outcome solve_by_number(const Problem& p, int technique, double tolerance, const Observer& observe,
+                        const Preparation& prepare) {
   TestRecord record(p.n, technique);
-  install(record, p);
+  if (technique == GAUNEW) {
+    install_residuals(record, p);
+  } else {
+    install(record, p);
+  }
   if (!p.lower.empty()) {
     const auto finite = [](std::vector<double> bounds) {
       for (double& bound : bounds) bound = std::clamp(bound, -HUGE_VALUE, HUGE_VALUE);
@@ -225,6 +229,7 @@ Outcome solve_by_number(const Problem& p, int technique, double tolerance,
   if (!rows.empty()) record.with_rows(rows);
   observer = observe;
   record.uster = observed_test;
+  if (prepare) prepare(record);
   Outcome outcome;
   outcome.code = znlpdrv(&record, 1, 0, 0, 0);
   if (outcome.code == 0) outcome.code = znlpdrv(&record, 2, 0, 0, 0);

@@ -37,11 +37,13 @@ Outcome solve(const Problem& problem, const std::string& subroutine, double tole
               Modules modules = Modules::all);
 
 // Runs a technique that no subroutine selects, by its number, on a record with all derivatives and
-// the default tolerances. observe (may be empty) sees the record after each call of the termination
-// test, with its job and its answer.
+// the default tolerances; one of least squares gets residuals and Jacobian. observe (may be empty)
+// sees the record after each call of the termination test, with its job and its answer; prepare
+// (may be empty) may change the record before the run.
 using Observer = std::function<void(const MINSTR& record, int job, int answer)>;
+using Preparation = std::function<void(MINSTR& record)>;
 Outcome solve_by_number(const Problem& problem, int technique, double tolerance,
-                        const Observer& observe = nullptr);
+                        const Observer& observe = nullptr, const Preparation& prepare = nullptr);
 
 // The matrix of bounds and linear constraints of a problem; empty when it has none.
 Matrix constraint_matrix(const Problem& problem);

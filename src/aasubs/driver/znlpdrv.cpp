@@ -17,6 +17,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/leastsquares/znlpgan.h"
 #include "aasubs/leastsquares/znlphqn.h"
 #include "aasubs/leastsquares/znlplma.h"
 #include "aasubs/newton/znlpnra.h"
@@ -50,6 +51,8 @@ static Callback technique_code(int tech) {
       return znlpnrr;
     case NRLINS:
       return znlpnrl;
+    case GAUNEW:
+      return znlpgan;
     case LEVMAR:
       return znlplma;
     case DBLDOG:
