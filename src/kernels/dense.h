@@ -89,7 +89,7 @@ long zqrdec(long m, long n, long p, long incu, long incb, long* ipiv, double sin
 
 // Q of the first n columns of a matrix that zqrdec factored (u, m rows of stride incu), times p
 // columns y(i,k) at y[i*incy + k]; b, rs and ab have the same layout.
-//   job 3   b := Q'y. rs (null: not wanted): the residual of y on those columns, Q(0; b from row n);
+//   job 3   b := Q'y. rs (null: not wanted): the residual of y on those columns, Q(0; b from n on);
 //           ab (null: not wanted): its fit, Q(b to row n; 0). With null columns they are those of
 //           the reflections made.
 //   job 4   b := Q y
