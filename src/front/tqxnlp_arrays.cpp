@@ -112,11 +112,6 @@ static long function_values(const Sizes& s) {
   return (search_keeps ? 4 : 2) * s.str->mequ;
 }
 
-// The Jacobian in memory; other techniques leave it in the file.
-static long jacobian_length(const Sizes& s) {
-  return s.str->tech == GAUNEW && s.str->lsqu != 0 ? s.str->mequ * s.n : 0;
-}
-
 // wfid: saved function values and one column of differences.
 static long difference_work(const Sizes& s) {
   if (s.str->fidi == 0) return 0;
@@ -235,7 +230,6 @@ static constexpr RunArray ARRAYS[] = {
        return scaled ? s.n : 0;
      },
      nullptr},
-    {&MINSTR::jacm, jacobian_length, nullptr},
     {&MINSTR::wfid, difference_work, nullptr},
     {&MINSTR::hfwd, [](const Sizes& s) { return s.str->cfdh != 0 ? 2 * s.n : 0; },
      divide_intervals},

@@ -165,7 +165,6 @@ TestRecord& TestRecord::with_residuals(long m, Body residuals, Body jacobian) {
   func = doubles(4 * m);
   fold = func + m;
   wfid = doubles(2 * m + nvar);
-  jacm = doubles(m * nvar);
   res = std::move(residuals);
   jac = std::move(jacobian);
   usfct = call_residuals;

@@ -56,6 +56,7 @@ struct GNSTR {
   bool joined;     // the column of imax stands at place full - 1
   double reach;    // largest step along sdir, after derivatives that failed beyond it
   double rs;       // first ridge of a Newton matrix that is not positive definite
+  double* jac;     // m x n; Jacobian at x
   double* qr;      // m x n; factors, as zqrdec leaves them
   double* qf;      // m; -Q'F
   double* diag;    // n; diagonal of R

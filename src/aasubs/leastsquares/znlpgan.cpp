@@ -9,12 +9,12 @@
 //            xtol, maxi, maxf, fsav, usjac and utjacm (without them differences stand in)
 // Writes     x, crit, func, grad, gmax, gcri, pred, alfa, stub, dfes, ridg, speed, dsca, iabc,
 //            ifxr, ipiv, chac, idac, null (1 while kod is negative), counters
-// Arrays     jacm (m x n), dsca (n, with hesc), func of 4m with fold in its second quarter, iwk,
+// Arrays     dsca (n, with hesc), func of 4m with fold in its second quarter, iwk,
 //            ipiv (n), wrk2 (2n); hess (packed) where Newton steps are allowed
 // Work       fold = F at xold | J sdir | work of the search (m each)
 //            wrk2 = steps (n) | sums (n) of the second differences; iwk = free variables
-//            taken from the host for the run, and given back on every path: factors and vectors of
-//            GNSTR
+//            taken from the host for the run, and given back on every path: Jacobian, factors,
+//            vectors of GNSTR
 // Ends       codes of uster; 10 all variables at bounds; -1 start or memory, -2 its Jacobian; -3,
 //            -4 evaluations failed later; -5 no progress. Where the technique ends by itself its
 //            own code is in speed (see termuc)
@@ -320,11 +320,11 @@ static int load_end(MINSTR* str) {
 
 static int end_stage(MINSTR* str, GaunewRun& run) { return finish_run(str, run.ij, load_end); }
 
-// Takes the memory of a run in one block, which starts at qr. False: it was refused.
+// Takes the memory of a run in one block, which starts at jac. False: it was refused.
 static bool take_memory(MINSTR* str, GNSTR* g) {
   const long n = str->nvar;
   const long m = str->mequ;
-  const long doubles = m * n + 2 * m + 7 * n + str->nnva;
+  const long doubles = 2 * m * n + 2 * m + 7 * n + str->nnva;
   const std::size_t bytes = static_cast<std::size_t>(doubles) * sizeof(double) +
                             static_cast<std::size_t>(n) * sizeof(int);
   auto* block = static_cast<double*>(vmalloc_handler(bytes, 0));
@@ -337,6 +337,7 @@ static bool take_memory(MINSTR* str, GNSTR* g) {
     block += count;
     return array;
   };
+  g->jac = take(m * n);
   g->qr = take(m * n);
   g->qf = take(m);
   g->column = take(m);
@@ -351,8 +352,8 @@ static bool take_memory(MINSTR* str, GNSTR* g) {
 // The entries of the calling surface do not select this technique: a record that it cannot run is
 // the mistake of the code that made it.
 static void check_record(const MINSTR* str) {
-  if (str->lsqu != 0 && str->lincon == 0 && str->nlicon == 0 && str->jacm != nullptr) return;
-  xpslog("GAUNEW takes least squares with bounds, and a Jacobian in memory.");
+  if (str->lsqu != 0 && str->lincon == 0 && str->nlicon == 0) return;
+  xpslog("GAUNEW takes least squares with bounds alone.");
   xexit(EXIT_INCONSISTENT, 0);
 }
 
@@ -380,7 +381,7 @@ int znlpgan(MINSTR* str) {
   str->thdstr = &run.g;
   const int code = technique_loop<GaunewRun>(str, run, {load_start, one_iteration, end_stage});
   str->thdstr = outer_run;
-  vmfree_handler(run.g.qr);
+  vmfree_handler(run.g.jac);
   return code;
 }
 

@@ -14,7 +14,7 @@ int znlpgan(MINSTR* str);
 
 // ---- Direction (znlpgan_solve.cpp) --------------------------------------------------------------
 
-// Solve at x: Jacobian (jacm) and gradient, the factors over the free variables, the bound variable
+// Solve at x: Jacobian and gradient, the factors over the free variables, the bound variable
 // whose release promises most (imax), and the full Gauss-Newton step in sdir. *prank: its pseudo
 // rank, *d1sqs its predicted reduction of |F|^2, *beta the root of that, *gnrm the norm of the
 // gradient of the free variables. Also sets gmax, gcri, nabc, ifxr, ipiv, snrm. Returns 0; -1 the
@@ -52,9 +52,9 @@ int evreuc(GNSTR* gnstr, int error);
 // evaluated. Uses work and wrk2 (2n).
 int hesse(MINSTR* str, const double* fcur);
 
-// jacm := Jacobian by forward differences, zero for fixed variables. func is put back, from the m
-// places behind fold. Returns 0, or -1 when a point could not be evaluated.
-int jacdif(MINSTR* str);
+// jac (m x n) := Jacobian by forward differences, zero for fixed variables. func is put back, from
+// the m places behind fold. Returns 0, or -1 when a point could not be evaluated.
+int jacdif(MINSTR* str, double* jac);
 
 // ---- Ends (znlpgan.cpp) -------------------------------------------------------------------------
 

@@ -175,7 +175,7 @@ static void form_newton_matrix(GNSTR* g) {
     long column = 0;
     for (long k = 0; k <= j; ++k) {
       if (!is_free(str, k)) continue;
-      const double product = zvdotjj(str->mequ, n, str->jacm + j, n, str->jacm + k);
+      const double product = zvdotjj(str->mequ, n, g->jac + j, n, g->jac + k);
       const double scale = variable_scale(str, j) * variable_scale(str, k);
       row[column++] = (str->hess[zisub(j, k)] + product) / scale;
     }

@@ -13,7 +13,7 @@ static constexpr double ROOT_EPS = 1.053671212772351e-08;    // root of the roun
 static constexpr double FOURTH_ROOT_EPS = 1.0264848818e-04;  // its fourth root
 static constexpr int MOST_HALVINGS = 10;
 
-int jacdif(MINSTR* str) {
+int jacdif(MINSTR* str, double* jac) {
   const double indf = str->indf;
   const double crit = str->crit;
   str->indf = GRADIENT_STEP;
@@ -21,7 +21,7 @@ int jacdif(MINSTR* str) {
   double* base = str->fold + str->mequ;  // the place of J sdir, which is made for a search only
   std::copy_n(str->func, str->mequ, base);
   int code = 0;
-  vzfdl(0.0, str->jacm, str->mequ * str->nvar);
+  vzfdl(0.0, jac, str->mequ * str->nvar);
   for (long j = 0; j < str->nvar && code == 0; ++j) {
     // A fixed variable has no step, and its column is never asked for.
     if (str->bounds != 0 && str->iabc[j] == 2) continue;
@@ -34,7 +34,7 @@ int jacdif(MINSTR* str) {
     }
     const double step = str->x[j] - xj;
     for (long i = 0; i < str->mequ && good; ++i) {
-      str->jacm[i * str->nvar + j] = (str->func[i] - base[i]) / step;
+      jac[i * str->nvar + j] = (str->func[i] - base[i]) / step;
     }
     str->x[j] = xj;
     if (!good || step == 0.0) code = -1;

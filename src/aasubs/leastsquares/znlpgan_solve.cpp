@@ -37,10 +37,11 @@ static double rank_tolerance(const MINSTR* str) {
   return supplied ? HUNDRED_EPS : std::max(HUNDRED_EPS, str->sing);
 }
 
-static bool load_jacobian(MINSTR* str) {
-  if (!has_jacobian(str)) return jacdif(str) == 0;
+static bool load_jacobian(GNSTR* g) {
+  MINSTR* str = g->minstr;
+  if (!has_jacobian(str)) return jacdif(str, g->jac) == 0;
   if (!evaluate(str, ORDER_GRADIENT, str->usjac)) return false;
-  znlpjrd(str, str->jacm);
+  znlpjrd(str, g->jac);
   return true;
 }
 
@@ -49,10 +50,10 @@ static bool measure_columns(GNSTR* g) {
   MINSTR* str = g->minstr;
   const long n = str->nvar;
   vzfdl(0.0, str->grad, n);
-  for (long i = 0; i < str->mequ; ++i) zvxay11(n, str->grad, str->func[i], str->jacm + i * n);
+  for (long i = 0; i < str->mequ; ++i) zvxay11(n, str->grad, str->func[i], g->jac + i * n);
   bool finite = true;
   for (long j = 0; j < n; ++j) {
-    g->norms[j] = zvenorm(str->mequ, n, str->jacm + j);
+    g->norms[j] = zvenorm(str->mequ, n, g->jac + j);
     finite = finite && std::isfinite(g->norms[j]) && std::isfinite(str->grad[j]);
     if (str->hesc != 0) str->dsca[j] = g->norms[j] > 0.0 ? g->norms[j] : 1.0;
   }
@@ -97,9 +98,10 @@ static void measure_gradient(GNSTR* g, double* gnrm) {
 // ---- Factors ------------------------------------------------------------------------------------
 
 // Column j of J, scaled, with stride inc.
-static void scaled_column(const MINSTR* str, long j, long inc, double* target) {
+static void scaled_column(const GNSTR* g, long j, long inc, double* target) {
+  const MINSTR* str = g->minstr;
   const double scale = variable_scale(str, j);
-  for (long i = 0; i < str->mequ; ++i) target[i * inc] = str->jacm[i * str->nvar + j] / scale;
+  for (long i = 0; i < str->mequ; ++i) target[i * inc] = g->jac[i * str->nvar + j] / scale;
 }
 
 // The factors over the free variables.
@@ -110,7 +112,7 @@ static void factor_free(GNSTR* g) {
   list_free(g);
   double largest = 0.0;
   for (long k = 0; k < g->free; ++k) {
-    scaled_column(str, str->iwk[k], n, g->qr + k);
+    scaled_column(g, str->iwk[k], n, g->qr + k);
     largest = std::max(largest, zvenorm(m, n, g->qr + k));
     str->ipiv[k] = 0;
   }
@@ -128,7 +130,7 @@ static double gain_of_release(GNSTR* g, long j) {
   MINSTR* str = g->minstr;
   const long m = str->mequ;
   const long rest = m - g->full;
-  scaled_column(str, j, 1, g->column);
+  scaled_column(g, j, 1, g->column);
   const double length = zvenorm(m, 1, g->column);
   if (rest <= 0 || !(length > TINY)) return 0.0;
   zqrform(TO_QT, m, g->full, 1, str->nvar, 1, g->qr, g->column, g->column, nullptr, nullptr, g->h);
@@ -146,7 +148,7 @@ static void join_column(GNSTR* g, long j) {
   const long n = str->nvar;
   const long m = str->mequ;
   const long place = g->full;
-  scaled_column(str, j, 1, g->column);
+  scaled_column(g, j, 1, g->column);
   zqrform(TO_QT, m, place, 1, n, 1, g->qr, g->column, g->column, nullptr, nullptr, g->h);
   for (long i = 0; i < m; ++i) {
     g->qr[i * n + g->free] = g->qr[i * n + place];
@@ -203,7 +205,7 @@ static void measure_dimensions(GNSTR* g) {
 int soliuc(GNSTR* g, long* prank, double* d1sqs, double* beta, double* gnrm) {
   MINSTR* str = g->minstr;
   if (!refresh_saved_results(str)) return -1;
-  if (!load_jacobian(str) || !measure_columns(g)) return -2;
+  if (!load_jacobian(g) || !measure_columns(g)) return -2;
   factor_free(g);
   if (str->bounds != 0) release_one(g);
   measure_dimensions(g);

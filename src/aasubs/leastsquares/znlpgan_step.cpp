@@ -31,10 +31,11 @@ static double room_to_bounds(const MINSTR* str) {
 }
 
 // J sdir, behind fold.
-static void multiply_direction(MINSTR* str) {
+static void multiply_direction(GNSTR* g) {
+  MINSTR* str = g->minstr;
   double* product = str->fold + str->mequ;
   for (long i = 0; i < str->mequ; ++i) {
-    product[i] = zvdot11(str->nvar, str->jacm + i * str->nvar, str->sdir);
+    product[i] = zvdot11(str->nvar, g->jac + i * str->nvar, str->sdir);
   }
 }
 
@@ -105,7 +106,7 @@ int stepuc(GNSTR* g) {
   if (g->kod == GN_NEWTON) {
     error = fixed_step(str);
   } else {
-    multiply_direction(str);
+    multiply_direction(g);
     expect_decrease(g);
     error = znlpl11(str);
     if (error == FATAL_EVALUATION) error = FATAL_SEARCH;
