@@ -51,7 +51,7 @@ const Variant VARIANTS[] = {
       {"Penalty II 10", -8},
       {"HS25", 3},
       {"Jennrich and Sampson", -5},
-      {"Gulf research", -8},
+      {"Gulf research", -5},
       {"Brown badly scaled", 6}}},
     // Meyer's condition is above 1e10, and the Jacobian good to eight digits.
     {"differences",

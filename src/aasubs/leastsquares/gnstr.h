@@ -54,6 +54,7 @@ struct GNSTR {
   long free;       // free variables
   long full;       // pseudo rank
   bool joined;     // the column of imax stands at place full - 1
+  double alfa;     // length of the step before the present one
   double reach;    // largest step along sdir, after derivatives that failed beyond it
   double rs;       // first ridge of a Newton matrix that is not positive definite
   double* jac;     // m x n; Jacobian at x

@@ -78,7 +78,7 @@ int termuc(GNSTR* g, int error) {
   if (g->imax != 0 || g->rest != 0) {
     return static_cast<double>(str->nfct) > str->maxf || str->nitr > str->maxi ? -2 : 0;
   }
-  if (g->kod1 == GN_SUBSPACE && !(g->alfnoi > NOISE) && error == 0) return 0;
+  if (g->kod1 == GN_SUBSPACE && !(g->alfnoi > NOISE)) return 0;
   int code = g->d1sqs <= str->ftol * str->ftol * g->fsum ? 10000 : 0;
   if (g->fsum <= str->aftl) code += 2000;
   // With xtol 0, its default, the first xdif is 0 too: there is no step to judge yet.
@@ -144,6 +144,10 @@ static Next load_start(MINSTR* str, GaunewRun& run) {
   str->alfa = str->salf;
   str->ridg = 0.0;
   g->icount = g->rest = run.error = 0;
+  g->kod = g->kod1;
+  g->reach = HUGE_VALUE;
+  g->bestpg = 0.0;
+  g->irank = 0;
   int code = load_function(str);
   if (code == 0 && !(str->dfes > 0.0)) str->dfes = std::fabs(str->crit / 20.0);
   if (code == 0) code = soliuc(g, &g->prank, &g->d1sqs, &g->beta, &g->gnrm);
@@ -172,6 +176,7 @@ static void measure_point(GNSTR* g) {
 static void note_point(GNSTR* g) {
   MINSTR* str = g->minstr;
   start_iteration(str);
+  g->alfa = str->alfa;
   std::copy_n(str->func, str->mequ, str->fold);
   if (str->bounds != 0) std::copy_n(str->iabc, str->nvar, g->held);
 }
@@ -182,9 +187,12 @@ static int return_to_point(GNSTR* g, bool solved) {
   MINSTR* str = g->minstr;
   ++g->icount;
   return_to_xold(str);
+  str->alfa = g->alfa;
   str->tbig = 0.0;
   str->chac = 0;
   if (str->bounds != 0) {
+    // The factors are made with the released variable at its bound, from where it is released anew.
+    if (solved && g->imax != 0) g->held[g->imax - 1] = g->ival;
     std::copy_n(g->held, str->nvar, str->iabc);
     str->nabc = std::count_if(g->held, g->held + str->nvar, [](int state) { return state != 0; });
     znlpinc(str, 0);
@@ -259,6 +267,8 @@ static Next accept(MINSTR* str, GaunewRun& run, const Solved& solved) {
   ++str->itre;
   g->icount = 0;
   g->reach = HUGE_VALUE;
+  g->bestpg = 0.0;
+  g->irank = 0;
   shift_history(g, solved.length);
   relax_ridge(g);
   g->prank = solved.rank;

@@ -104,13 +104,12 @@ static long dimension_after_full(const GNSTR* g) {
 }
 
 // After a step at a lower dimension: lower still when that step was a bad one; the same while it
-// removes enough and stops where the steps become long; otherwise raised until it removes enough.
+// removes enough; otherwise raised until it does.
 static long dimension_after_subspace(const GNSTR* g) {
   static constexpr double BAD_STEP = 0.2;
   static constexpr double BAD_PROGRESS = 0.3;  // against what the step promised
   static constexpr double BAD_SHARE = 0.1;     // against beta
   static constexpr double ENOUGH_REMOVED = 0.7;
-  static constexpr double LONGER = 2.0;
   const double progress = std::sqrt(std::max(g->fsq1 - g->fsum, 0.0));
   const long last = std::min(g->rng1, g->full);
   const bool bad = g->alf1 < BAD_STEP && progress <= BAD_PROGRESS * std::sqrt(g->d1m1) &&
@@ -118,7 +117,6 @@ static long dimension_after_subspace(const GNSTR* g) {
   if (bad && last > 1 && removed_at(g, last - 1) > LEAST_REMOVED * g->beta) return last - 1;
   const double enough = ENOUGH_REMOVED * g->beta;
   if (last < 1 || last == g->full) return g->full;
-  if (removed_at(g, last) > enough && step_at(g, last + 1) > LONGER * step_at(g, last)) return last;
   long k = last;
   while (k < g->full && removed_at(g, k) <= enough) ++k;
   return k;

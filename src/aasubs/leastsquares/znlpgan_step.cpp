@@ -40,12 +40,12 @@ static void multiply_direction(GNSTR* g) {
 }
 
 // The first step of a search: the full step once the method runs, but no more than a few times the
-// last one. znlpalf tries 2.5 dfes / |slope|; the start has its own dfes.
+// last one. znlpalf tries 2.5 dfes / |slope|, at least 0.1; the start has its own dfes.
 static void expect_decrease(GNSTR* g) {
   static constexpr double FULL_STEP_SHARE = 0.4;
   static constexpr double GROWTH = 3.0;
   static constexpr double GROWTH_AT_LOWER_RANK = 6.0;
-  if (g->minstr->itre == 0 || g->icount > 0) return;
+  if (g->minstr->itre == 0) return;
   const double growth = g->prank < g->rng1 ? GROWTH_AT_LOWER_RANK : GROWTH;
   g->minstr->dfes = FULL_STEP_SHARE * g->d1sqs * std::min(1.0, growth * g->alf1);
 }
