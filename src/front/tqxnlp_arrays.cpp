@@ -23,6 +23,7 @@
 #include <type_traits>
 #include <variant>
 
+#include "aasubs/direct/simplex.h"
 #include "aasubs/post/znlpspm.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
@@ -92,6 +93,9 @@ static long technique_work(const MINSTR* str, long n) {
       return std::max(3 * n, str->secstr->igmod != 0 ? str->mequ : 0);
     case CONGRA:
       return str->tupd < 2 ? 3 * n : n;
+    case NMSIMP:
+    case NMSIM2:
+      return simplex_work(n);
     default:
       return 0;
   }
@@ -125,7 +129,8 @@ static long difference_work(const Sizes& s) {
 static bool keeps_form(const Sizes& s) { return s.str->hfrm != 0 && !s.linear; }
 
 static long hess_length(const Sizes& s) {
-  const bool used = has_technique(s) ? s.str->tech != CONGRA : wants_hessian(s);
+  const bool none = s.str->tech == CONGRA || is_simplex(s.str->tech);
+  const bool used = has_technique(s) ? !none : wants_hessian(s);
   if (!used) return 0;
   return s.str->hfrm == 0 ? s.packed : hessian_length(s.str);
 }

@@ -227,6 +227,7 @@ Outcome solve_by_number(const Problem& p, int technique, double tolerance, const
     row = {row.a, 1, -row.b};
   }
   if (!rows.empty()) record.with_rows(rows);
+  if (is_simplex(technique)) record.maxi = record.maxf = 20000;
   observer = observe;
   record.uster = observed_test;
   if (prepare) prepare(record);

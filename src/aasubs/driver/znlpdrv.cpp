@@ -17,6 +17,8 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/direct/znlpnm2.h"
+#include "aasubs/direct/znlpnms.h"
 #include "aasubs/leastsquares/znlpgan.h"
 #include "aasubs/leastsquares/znlphqn.h"
 #include "aasubs/leastsquares/znlplma.h"
@@ -65,14 +67,18 @@ static Callback technique_code(int tech) {
       return znlphqn;
     case CONGRA:
       return znlpcog;
+    case NMSIMP:
+      return znlpnms;
+    case NMSIM2:
+      return znlpnm2;
     default:
       return nullptr;
   }
 }
 
 bool technique_is_built(const MINSTR* str) {
-  // The form of QUANEW for nonlinear constraints is another technique under the same number.
-  if (str->tech == QUANEW_DUAL && str->nlicon != 0) return false;
+  // With nonlinear constraints these numbers stand for other techniques.
+  if ((str->tech == QUANEW_DUAL || str->tech == NMSIMP) && str->nlicon != 0) return false;
   // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
   return !is_technique(str->tech) || technique_code(str->tech) != nullptr ||
          str->tech == NO_TECHNIQUE || str->tech == OLDRAP;
