@@ -127,6 +127,7 @@ std::vector<Call> calls() {
       {"NLPHQN", {"R", START, Matrix::row({3, 5}), bounds}},
       {"NLPHQN", {"R", far, Matrix::row({3, 1, M, 2, 2, 1, 1}), rows, NONE, NONE, NONE, "K"}},
       {"NLPHQN", {"R", START, Matrix::row({3, 5}), NONE, NONE, NONE, NONE, "K"}},
+      {"NLPNMS", {"F", START, options(5, 1, 0, 0), bounds, Matrix::row({M, M, M, M, 1e-12})}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},
@@ -282,6 +283,8 @@ TEST(BadInput, EndsSoonWithAReason) {
   const auto steep_kink = [](double a, double b) { return 1e304 * (std::fabs(a) + std::fabs(b)); };
   const auto needs_positive = [](double a, double b) { return a - std::log(a) + b * b; };
   const auto plane = [](double a, double b) { return 3 * a - 2 * b; };
+  const auto flat = [](double, double) { return 3.0; };
+  const auto only_there = [](double a, double b) { return a == 1 && b == 1 ? 0.0 : M; };
   const Bad rows[] = {
       {"NLPQN", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
       {"NLPNRR", {-1.2, 1}, rosenbrock, uphill, nullptr, 0, -5, "check the derivatives"},
@@ -300,6 +303,10 @@ TEST(BadInput, EndsSoonWithAReason) {
       {"NLPNRR", {0, 0}, steep_kink, none, nullptr, 0, -2, "module F (objective)"},
       {"NLPQN", {5, 2}, needs_positive, none, nullptr, 2, 3, "ABSGCONV"},
       {"NLPQN", {-1.2, 1}, plane, constant(3, -2), nullptr, 0, 6, "seems to be unbounded"},
+      // A simplex that sees nothing, however large; a value at the start alone.
+      {"NLPNMS", {-1.2, 1}, flat, none, nullptr, 0, -5, "No step lowers"},
+      {"NLPNMS", {1, 1}, only_there, none, nullptr, 0, -3, "run is F (objective)"},
+      {"NLPNMS", {5, 2}, needs_positive, none, nullptr, 0, 8, "FCONV2"},
   };
   for (const Bad& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &row - rows);

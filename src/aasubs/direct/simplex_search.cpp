@@ -42,14 +42,16 @@ struct SearchRun {
   const SimplexForm* form = nullptr;
   Simplex s;
   RestartGuard guard;
-  bool started = false;    // the first load is over
-  bool rebuild = true;     // the simplex is to be built at the best point
-  bool may_grow = true;    // no evaluation failed while the simplex grew on a flat start
-  int rebuilds = 0;        // since the last iteration
-  int nbi = OPERATIONS;    // countdown to the next iteration
-  double limit = 0.0;      // moves up to it are none
-  double last_size = 1.0;  // gmax of the last iteration
-  int ij = 0;              // code in hand
+  bool started = false;           // the first load is over
+  bool rebuild = true;            // the simplex is to be built at the best point
+  bool may_grow = true;           // no evaluation failed while the simplex grew on a flat start
+  bool bent = false;              // a bound stopped a trial since the simplex was built
+  double confirmed = HUGE_VALUE;  // what a doubted point must be below to be doubted once more
+  int rebuilds = 0;               // since the last iteration
+  int nbi = OPERATIONS;           // countdown to the next iteration
+  double limit = 0.0;             // moves up to it are none
+  double last_size = 1.0;         // gmax of the last iteration
+  int ij = 0;                     // code in hand
 };
 
 }  // namespace
@@ -163,6 +165,18 @@ static Next after_rebuilding(SearchRun& run, double factor) {
   return rebuild_with(run, factor);
 }
 
+// A simplex that bounds have bent may have lost a direction: it then shrinks to a point that is no
+// minimum, and meets a criterion there. A new simplex must confirm such a point, and lower it by no
+// more than the spread of the old one. What a module of the user says is not doubted.
+static bool is_doubtful(const MINSTR* str, SearchRun& run, int answer) {
+  const bool criterion = answer > FIRST_CRITERION && answer <= LAST_CRITERION;
+  if (!criterion || answer == str->tcod) return false;
+  if (!run.bent || !(run.s.ybest < run.confirmed)) return false;
+  run.confirmed = run.s.ybest - str->pred;
+  run.last_size = LARGEST_SIZE;  // its size is as doubtful
+  return true;
+}
+
 static Next end_iteration(MINSTR* str, SearchRun& run) {
   Simplex& s = run.s;
   present_simplex(str, run);
@@ -171,7 +185,9 @@ static Next end_iteration(MINSTR* str, SearchRun& run) {
   str->nitr += 1.0;
   run.rebuilds = 0;
   const int answer = ask_test(str, run, TEST_ITERATION);
-  if (answer == STOP_OVERRULED) return after_rebuilding(run, AFTER_OVERRULE);
+  if (answer == STOP_OVERRULED || is_doubtful(str, run, answer)) {
+    return after_rebuilding(run, AFTER_OVERRULE);
+  }
   if (answer != 0) return Next::finish;
   if (lies_flat(str, s)) return after_rebuilding(run, AFTER_COLLAPSE);
   if (run.form->counts_trials) str->chac = 0;
@@ -268,7 +284,7 @@ static Next build_simplex(MINSTR* str, SearchRun& run) {
   if (!place_vertices(str, s)) return shrink_after_failure(str, run);
   rank_vertices(s);
   if (is_flat(*run.form, s, base)) return answer_flat_simplex(str, run);
-  run.rebuild = false;
+  run.rebuild = run.bent = false;
   return Next::go_on;
 }
 
@@ -283,7 +299,8 @@ static void point_along(const Simplex& s, double* to, const double* from, const 
 // A trial point, with its count of moved parameters.
 static long try_counted(MINSTR* str, SearchRun& run, double* p, double* y) {
   const long moved = try_point(str, run.s, p, y);
-  if (run.form->counts_trials && moved > 0) str->chac += moved;
+  if (moved > 0) run.bent = true;
+  if (moved > 0 && run.form->counts_trials) str->chac += moved;
   return moved;
 }
 
