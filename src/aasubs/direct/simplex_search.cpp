@@ -196,10 +196,12 @@ static Next end_iteration(MINSTR* str, SearchRun& run) {
   return Next::go_on;
 }
 
-// The simplex has shrunk to nothing. A criterion that it meets is the reason of the end.
+// The simplex has shrunk to nothing. A criterion that it meets is the reason of the end; only a
+// stop that does not stand, or a lower point beside a corner, lets the search go on.
 static Next end_search(MINSTR* str, SearchRun& run) {
+  const double before = run.s.ybest;
   const Next next = end_iteration(str, run);
-  if (next != Next::go_on || run.ij != 0) return next;
+  if (next != Next::go_on || run.ij != 0 || run.s.ybest < before) return next;
   return stop_without_progress(str, run);
 }
 
