@@ -13,14 +13,24 @@ double Problem::evaluate(const double* x, double* gradient, double* hessian) con
   return result.value();
 }
 
+// Jacobian of m functions of n parameters, by rows.
+static void jacobian_of(const std::function<void(const Jet* x, Jet* r)>& functions, long m, long n,
+                        const double* x, double* by_rows) {
+  std::vector<Jet> point, values(static_cast<std::size_t>(m));
+  for (long j = 0; j < n; ++j) point.push_back(Jet::slope(x[j], j, n));
+  functions(point.data(), values.data());
+  for (const Jet& value : values) {
+    for (long j = 0; j < n; ++j) *by_rows++ = value.gradient(j);
+  }
+}
+
 void Problem::jacobian(const double* x, double* by_rows) const {
   if (jacobian_by_hand) return jacobian_by_hand(x, by_rows);
-  std::vector<Jet> point, r(static_cast<std::size_t>(m));
-  for (long j = 0; j < n; ++j) point.push_back(Jet::slope(x[j], j, n));
-  residual_jets(point.data(), r.data());
-  for (const Jet& residual : r) {
-    for (long j = 0; j < n; ++j) *by_rows++ = residual.gradient(j);
-  }
+  jacobian_of(residual_jets, m, n, x, by_rows);
+}
+
+void Problem::constraint_jacobian(const double* x, double* by_rows) const {
+  jacobian_of(constraint_jets, constraints, n, x, by_rows);
 }
 
 Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,

@@ -40,6 +40,11 @@ struct Problem {
   std::vector<double> lower;
   std::vector<double> upper;
   std::vector<LinearRow> rows;
+  // Nonlinear constraints, the first `equalities` c(x) = 0, the others c(x) >= 0.
+  long constraints = 0;
+  long equalities = 0;
+  std::function<void(const double* x, double* c)> constraint_values;
+  std::function<void(const Jet* x, Jet* c)> constraint_jets;
 
   // Value, gradient and packed Hessian at x.
   double evaluate(const double* x, double* gradient, double* hessian) const;
@@ -49,6 +54,8 @@ struct Problem {
   }
   // Jacobian of the residuals at x, m x n by rows.
   void jacobian(const double* x, double* by_rows) const;
+  // Jacobian of the nonlinear constraints at x, constraints x n by rows.
+  void constraint_jacobian(const double* x, double* by_rows) const;
 };
 
 // A problem whose objective is a generic callable f(x), x an array of numbers or jets.
@@ -84,6 +91,17 @@ Problem residual_problem(std::string name, long m, std::vector<double> start,
   return p;
 }
 
+// The problem with nonlinear constraints, given by a generic callable c(x, values), equalities
+// first.
+template <typename F>
+Problem constrained(Problem p, long equalities, long inequalities, F c) {
+  p.equalities = equalities;
+  p.constraints = equalities + inequalities;
+  p.constraint_values = [c](const double* x, double* values) { c(x, values); };
+  p.constraint_jets = [c](const Jet* x, Jet* values) { c(x, values); };
+  return p;
+}
+
 // The type of the elements of a generic callable's argument: number or jet.
 template <typename T>
 using Number = std::remove_cvref_t<decltype(*std::declval<T>())>;
@@ -108,6 +126,9 @@ std::vector<Problem> more_garbow_hillstrom();
 // Hock and Schittkowski, Test Examples for Nonlinear Programming Codes (1981): those that have only
 // bounds and linear constraints, all but number 105.
 std::vector<Problem> hock_schittkowski_linear();
+
+// The same source: 48 of those with nonlinear constraints.
+std::vector<Problem> hock_schittkowski_nonlinear();
 
 // Schittkowski, More Test Examples for Nonlinear Programming Codes (1987): kinds that the two
 // collections above lack.

@@ -24,6 +24,7 @@
 #include <variant>
 
 #include "aasubs/direct/simplex.h"
+#include "aasubs/direct/znlpcob.h"
 #include "aasubs/post/znlpspm.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
@@ -101,9 +102,13 @@ static long technique_work(const MINSTR* str, long n) {
   }
 }
 
+// NMSIMP with constraints is COBYLA, whose arrays are those of a simplex.
+static bool linear_models(const Sizes& s) { return s.nonlinear && s.str->tech == NMSIMP; }
+
 // With nonlinear constraints wrk2 holds the quadratic subproblem's matrix and vectors.
 static long work_length(const Sizes& s) {
   if (!s.nonlinear) return technique_work(s.str, s.n);
+  if (linear_models(s)) return cobyla_work(s.str->nvar, s.str->ntco);
   const long ntco = s.str->ntco;
   return s.packed + 4 * ntco + 3 * s.n + 2 * std::max(s.n, ntco);
 }
@@ -191,7 +196,20 @@ static long working_set(const Sizes& s) { return std::max(s.str->ntco, s.n); }
 
 static void divide_iact(MINSTR* str, const Sizes& s) { str->liwk = str->iact + working_set(s); }
 
-static void divide_fcon(MINSTR* str, const Sizes& s) { str->jcon = str->fcon + s.str->nnlc; }
+// Values and their Jacobian; COBYLA keeps the values of all constraints, and a simplex of them.
+static long constraint_values(const Sizes& s) {
+  return linear_models(s) ? s.str->ntco : s.str->nnlc;
+}
+
+static long constraint_length(const Sizes& s) {
+  if (!s.nonlinear) return 0;
+  if (linear_models(s)) return constraint_values(s) + cobyla_values(s.str->nvar, s.str->ntco);
+  return (s.n + 1) * s.str->nnlc;
+}
+
+static void divide_fcon(MINSTR* str, const Sizes& s) {
+  str->jcon = str->fcon + constraint_values(s);
+}
 
 static void mark_hess(MINSTR* str, const Sizes&) { str->hesalo = 1; }
 static void mark_hpro(MINSTR* str, const Sizes&) { str->hpralo = 1; }
@@ -256,8 +274,7 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::hpro, [](const Sizes& s) { return s.late ? 0 : hpro_length(s); }, mark_hpro},
     {&MINSTR::qvec, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
     {&MINSTR::grlf, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
-    {&MINSTR::fcon, [](const Sizes& s) { return s.nonlinear ? (s.n + 1) * s.str->nnlc : 0; },
-     divide_fcon},
+    {&MINSTR::fcon, constraint_length, divide_fcon},
 };
 
 // Takes count elements for a field. False, with a line in the log, when the host refuses or the

@@ -17,6 +17,7 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
+#include "aasubs/direct/znlpcob.h"
 #include "aasubs/direct/znlpnm2.h"
 #include "aasubs/direct/znlpnms.h"
 #include "aasubs/leastsquares/znlpgan.h"
@@ -43,8 +44,8 @@ namespace tqnlp {
 
 // The code of a technique; null for those that are not built, and for the two numbers of the list
 // that stand for no code at all.
-static Callback technique_code(int tech) {
-  switch (tech) {
+static Callback technique_code(const MINSTR* str) {
+  switch (str->tech) {
     case TRUREG:
       return znlptre;
     case NEWRAP:
@@ -68,7 +69,7 @@ static Callback technique_code(int tech) {
     case CONGRA:
       return znlpcog;
     case NMSIMP:
-      return znlpnms;
+      return str->nlicon != 0 ? znlpcob : znlpnms;
     case NMSIM2:
       return znlpnm2;
     default:
@@ -77,11 +78,11 @@ static Callback technique_code(int tech) {
 }
 
 bool technique_is_built(const MINSTR* str) {
-  // With nonlinear constraints these numbers stand for other techniques.
-  if ((str->tech == QUANEW_DUAL || str->tech == NMSIMP) && str->nlicon != 0) return false;
+  // The form of QUANEW for nonlinear constraints is another technique under the same number.
+  if (str->tech == QUANEW_DUAL && str->nlicon != 0) return false;
   // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
-  return !is_technique(str->tech) || technique_code(str->tech) != nullptr ||
-         str->tech == NO_TECHNIQUE || str->tech == OLDRAP;
+  return !is_technique(str->tech) || technique_code(str) != nullptr || str->tech == NO_TECHNIQUE ||
+         str->tech == OLDRAP;
 }
 
 static int run_technique(MINSTR* str) {
@@ -89,7 +90,7 @@ static int run_technique(MINSTR* str) {
     xpslog("Technique %s is not part of this version.", technique_name(str->tech));
     xexit(EXIT_INCONSISTENT, 0);
   }
-  const Callback technique = technique_code(str->tech);
+  const Callback technique = technique_code(str);
   const int code = technique != nullptr ? technique(str) : 0;
   // A technique that was told to start over hands that request back when the derivatives cannot be
   // loaded there. A run must not report it as success.

@@ -214,8 +214,8 @@ struct MINSTR {
   double* ywrk;  // n; one row in work of the range-space frame
   double* uvwg;  // 4n; range-space frame
   const char* cnam;  // constraint names; null
-  double* fcon;      // nnlc; nonlinear constraint values
-  double* jcon;      // nnlc x n; their Jacobian
+  double* fcon;      // nnlc; nonlinear constraint values; COBYLA: ntco, of all constraints
+  double* jcon;      // nnlc x n; their Jacobian; COBYLA: values at the vertices
   double* grlf;      // n; gradient of the Lagrangian
   short hesalo;      // 1: hess was allocated
   short hpralo;      // 1: hpro was allocated
