@@ -127,7 +127,7 @@ std::vector<Problem> more_garbow_hillstrom();
 // bounds and linear constraints, all but number 105.
 std::vector<Problem> hock_schittkowski_linear();
 
-// The same source: 48 of those with nonlinear constraints.
+// The same source: 54 of those with nonlinear constraints.
 std::vector<Problem> hock_schittkowski_nonlinear();
 
 // Schittkowski, More Test Examples for Nonlinear Programming Codes (1987): kinds that the two

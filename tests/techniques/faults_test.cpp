@@ -60,6 +60,7 @@ const std::vector<NamedModule> MODULES = {
      [](const Matrix& x) {
        return Matrix::of({{-20 * x[0], 10}, {-1, 0}, {x[1], x[0]}});
      }},
+    {"C", [](const Matrix& x) { return Matrix::scalar(x[1] - x[0] * x[0]); }},
     {"STEEP",
      [](const Matrix& x) {
        double sum = 1;
@@ -103,6 +104,8 @@ std::vector<Call> calls() {
                                      {M, M, 4.75, M, M},
                                      {0, -0.75, 0.75, -1, 1.9375},
                                      {-1, 0, -1.5, 1, -9.625}});
+  const Matrix equality = Matrix::row({0, 4, M, M, M, M, M, M, M, 1, 1});
+  const Matrix close = Matrix::row({M, M, M, M, M, M, M, M, 1e-5});
   return {
       {"NLPQN", {"F", START, options(0, 1, 0, 0), NONE, NONE, NONE, NONE, "G"}},
       {"NLPQN", {"F", far, options(5, 2, 1, 0), rows, NONE, NONE, NONE, "G"}},
@@ -128,6 +131,8 @@ std::vector<Call> calls() {
       {"NLPHQN", {"R", far, Matrix::row({3, 1, M, 2, 2, 1, 1}), rows, NONE, NONE, NONE, "K"}},
       {"NLPHQN", {"R", START, Matrix::row({3, 5}), NONE, NONE, NONE, NONE, "K"}},
       {"NLPNMS", {"F", START, options(5, 1, 0, 0), bounds, Matrix::row({M, M, M, M, 1e-12})}},
+      {"NLPNMS", {"F", Matrix::row({0.8, 0.1}), NONE, rows, close}},
+      {"NLPNMS", {"F", START, equality, bounds, close, NONE, NONE, "C"}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},

@@ -50,12 +50,34 @@ static double worst_violation(const Problem& p, const std::vector<double>& x) {
     if (row.op == -1) residual = -residual;
     worst = std::max(worst, -residual / (1 + std::fabs(row.b)));
   }
+  std::vector<double> values(static_cast<std::size_t>(p.constraints));
+  if (p.constraints > 0) p.constraint_values(x.data(), values.data());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    worst = std::max(worst, long(i) < p.equalities ? std::fabs(values[i]) : -values[i]);
+  }
   return worst;
+}
+
+// The nonlinear constraints as they are to first order at x.
+static void append_linearized(const Problem& p, const std::vector<double>& x,
+                              std::vector<LinearRow>& rows) {
+  if (p.constraints == 0) return;
+  std::vector<double> values(static_cast<std::size_t>(p.constraints));
+  std::vector<double> jacobian(values.size() * x.size());
+  p.constraint_values(x.data(), values.data());
+  p.constraint_jacobian(x.data(), jacobian.data());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const auto* row = jacobian.data() + i * x.size();
+    LinearRow linear{{row, row + x.size()}, long(i) < p.equalities ? 0 : 1, -values[i]};
+    for (std::size_t j = 0; j < x.size(); ++j) linear.b += row[j] * x[j];
+    rows.push_back(linear);
+  }
 }
 
 // The constraints that hold with equality at x, each as its normal into the feasible side.
 static std::vector<LinearRow> active_constraints(const Problem& p, const std::vector<double>& x) {
   std::vector<LinearRow> all = p.rows, active;
+  append_linearized(p, x, all);
   for (std::size_t j = 0; j < p.lower.size(); ++j) {
     LinearRow bound{std::vector<double>(x.size()), 1, p.lower[j]};
     bound.a[j] = 1.0;
@@ -176,6 +198,11 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
     }
     return h;
   });
+  tql.module("C", [&](const Matrix& x) {
+    Matrix values(1, p.constraints);
+    p.constraint_values(x.data(), values.data());
+    return values;
+  });
   const bool squares = subroutine == "NLPLM" || subroutine == "NLPHQN";
   if (squares) set_residual_modules(tql, p, outcome);
   const bool second_order = subroutine == "NLPNRR" || subroutine == "NLPTR" ||  //
@@ -184,7 +211,8 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
   if (squares) options(0, 0) = double(p.m);
   std::vector<Matrix> arguments = {
       "F", Matrix::row(p.start), options, constraint_matrix(p), tc, Matrix(), Matrix(), "G"};
-  if (modules == Modules::none) arguments.pop_back();
+  if (modules == Modules::none || subroutine == "NLPNMS") arguments.pop_back();
+  if (subroutine == "NLPNMS" && p.constraints > 0) arguments.emplace_back("C");
   if (second_order && modules == Modules::all) arguments.emplace_back("H");
   const auto results = tql.call(subroutine, arguments);
   outcome.code = results[0](0, 0);
