@@ -37,11 +37,12 @@ TEST(Qr, FactorsMatricesOfEveryShape) {
   } shapes[] = {{0, 0, 1},   {1, 1, 1},     {5, 1, 1},     {1, 4, 1},
                 {6, 6, 1},   {9, 5, 0.1},   {20, 20, 0.5}, {40, 33, 1},
                 {12, 30, 1}, {60, 70, 0.9}, {90, 80, 1e3}, {6, 1030, 1}};
-  for (const auto& [m, n, grade] : shapes)
+  for (const auto& shape : shapes)
     for (const bool pivoting : {false, true}) {
+      const long m = shape.m, n = shape.n;
       Dense a = random_dense(m, n, 51);
       for (long i = 0; i < m; ++i)
-        for (long j = 0; j < n; ++j) a(i, j) *= std::pow(grade, (j * 7) % n);
+        for (long j = 0; j < n; ++j) a(i, j) *= std::pow(shape.grade, (j * 7) % n);
       const Qr f(a, pivoting, 0.0);
       EXPECT_EQ(f.nullity, 0);
       const double tolerance = 1e-14 * static_cast<double>(m + 1);
