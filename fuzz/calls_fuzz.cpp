@@ -148,14 +148,18 @@ static void define_modules(State& state, Bytes& bytes) {
   Session& session = state.session;
   const Misbehaviour fault = read_misbehaviour(bytes);
   state.lies = fault.kind == Misbehaviour::gives_huge || fault.kind == Misbehaviour::gives_nonsense;
-  session.module("FUN", faulty(state, fault, [&state](const Matrix& x) {
+  // A start of another length than the problem has: the modules know nothing there.
+  const auto knows = [&problem](const Matrix& x) { return x.size() == problem.n; };
+  session.module("FUN", faulty(state, fault, [&state, knows](const Matrix& x) {
+                   if (!knows(x)) return Matrix{missing};
                    return state.squares ? state.problem.residuals(x)
                                         : Matrix{state.problem.objective(x)};
                  }));
   const auto define = [&](const char* name, auto method) {
-    session.module(name,
-                   faulty(state, read_misbehaviour(bytes),
-                          [&problem, method](const Matrix& x) { return (problem.*method)(x); }));
+    session.module(
+        name, faulty(state, read_misbehaviour(bytes), [&problem, method, knows](const Matrix& x) {
+          return knows(x) ? (problem.*method)(x) : Matrix{missing};
+        }));
   };
   define("GRD", &Problem::gradient);
   define("HES", &Problem::hessian);

@@ -120,7 +120,7 @@ int nlpcrpj(MINSTR* str) {
 
 int nlpnlco(MINSTR* str) {
   ARGMTS* argm = str->secstr;
-  if (str->nlicon == 0 || argm->icmod == 0) return EVALUATED;
+  if (str->nnlc == 0 || argm->icmod == 0) return EVALUATED;
   if (str->indf < GRADIENT_STEP) ++str->nfnc;
   const int code = run_module(str, argm->ssnlc, {1, str->nnlc, true}, Elements::finite,
                               MESSAGE_CONSTRAINTS, &argm->nlcer);
@@ -131,7 +131,7 @@ int nlpnlco(MINSTR* str) {
 
 int nlpjcon(MINSTR* str) {
   ARGMTS* argm = str->secstr;
-  if (str->nlicon == 0 || argm->icmod == 0) return EVALUATED;
+  if (str->nnlc == 0 || argm->icmod == 0) return EVALUATED;
   if (argm->jcmod == 0) {
     return run_difference_service(str, DIGIT_CONSTRAINT_JACOBIAN, &argm->jncer);
   }

@@ -308,7 +308,7 @@ static void set_common_callbacks(MINSTR* str) {
   str->updat = str->tupd == DFP ? znlpdfp : znlpbfg;
   str->linse = select_line_search(str->tlin);
   str->acget = nlpaget;
-  if (str->nlicon != 0 && str->secstr->icmod != 0) {
+  if (str->nnlc != 0 && str->secstr->icmod != 0) {
     str->usnlc = nlpnlco;
     if (str->usgrd != nullptr) str->usjnc = nlpjcon;
   }
