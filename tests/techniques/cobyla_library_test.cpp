@@ -1,6 +1,8 @@
 // NLPNMS with constraints (COBYLA) over the problems with nonlinear constraints.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "techniques/library.h"
 
 namespace tqnlp::test {
@@ -36,6 +38,20 @@ TEST(CobylaLibrary, EndsAsExpected) {
     calls += run.functions;
   }
   EXPECT_LE(calls, 24000);  // 22734 when this was written
+}
+
+// A row makes the call constrained; a module without its number (opt element 10) stays uncalled.
+TEST(Cobyla, LeavesAModuleWithoutItsNumberAlone) {
+  Session tql;
+  tql.module("F", [](const Matrix& x) { return Matrix::scalar(x[0] * x[0] + x[1] * x[1]); });
+  tql.module("C", [](const Matrix&) -> Matrix { throw std::logic_error("called"); });
+  const Matrix none, rows = Matrix::of({{missing, missing, missing, missing},
+                                        {missing, missing, missing, missing},
+                                        {1, 1, 1, 2}});
+  const auto results =
+      tql.call("NLPNMS", {"F", Matrix::row({3, 3}), none, rows, none, none, none, "C"});
+  EXPECT_GT(results[0][0], 0);
+  EXPECT_NEAR(results[1][0] + results[1][1], 2.0, 1e-3);
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ long bcfun(MINSTR* str) {
   }
   if (!evaluate_objective(str)) return -1;
   if (std::isfinite(str->crit)) return moved;
-  str->tbig = 1.0;  // no simplex can be ranked by it
+  str->tbig = 1.0;  // means and deviations of the simplex could not be formed with it
   return -1;
 }
 

@@ -220,6 +220,10 @@ static bool place_vertices(MINSTR* str, Simplex& s) {
       const double above = str->ub[s.free[i]] - base[i];
       if (step > above && below > above) step = -step;
     }
+    // A vertex that rounding leaves at the base would hide its parameter from the search.
+    if (base[i] + step == base[i]) {
+      step = std::copysign(2.0 * MACHINE_PRECISION * std::fabs(base[i]), step);
+    }
     std::copy_n(base, s.nmask, s.p1);
     s.p1[i] += step;
     double y = 0.0;
@@ -328,8 +332,10 @@ static Next shrink(MINSTR* str, SearchRun& run) {
     }
     for (long j = 0; j < s.nmask; ++j) after += std::fabs(from[j] - lowest[j]);
   }
-  if (taken == 0) return shrink_after_failure(str, run);
-  if (largest <= run.limit) return end_search(str, run);
+  // Vertices that could not be moved may be far away though the others hardly moved.
+  const bool nothing_moved = largest <= run.limit;
+  if (nothing_moved && taken < s.nmask) return shrink_after_failure(str, run);
+  if (nothing_moved) return end_search(str, run);
   if (run.form->strict && after > DRAWN_TOGETHER * before) {
     rank_vertices(s);
     go_to_best(str, s);
