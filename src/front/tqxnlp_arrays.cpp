@@ -13,6 +13,7 @@
 //   alcn   N | blcn ncon                  naco   ncon | jalc N
 //   gpro   n | lagm n | dcds 2n | awrk n | qlcn n x n | llcn packed n
 //   iact   w | liwk w                     fcon   nnlc | jcon nnlc x n
+//   qvec   n | product of a quadratic's matrix n
 //
 // One piece of memory for what is always taken together means fewer refusals to handle; the price
 // is that only the first field of a block may be given back.
@@ -97,6 +98,8 @@ static long technique_work(const MINSTR* str, long n) {
     case NMSIMP:
     case NMSIM2:
       return simplex_work(n);
+    case QUADAS:
+      return 6 * n;
     default:
       return 0;
   }
@@ -140,10 +143,14 @@ static long hess_length(const Sizes& s) {
   return s.str->hfrm == 0 ? s.packed : hessian_length(s.str);
 }
 
+// A factor in the form of the matrix that it belongs to, other than packed.
+static long factor_length(const MINSTR* str) { return str->hfrm == 1 ? str->shes.mxju : str->nvar; }
+
 // The Hessian of the Lagrangian and its companions; for TRUREG and NEWRAP the factor and two copies
 // of the matrix, of which the sparse form needs the factor alone.
 static long half_length(const Sizes& s) {
   if (s.str->tech == HYQUAN) return s.packed;
+  if (s.str->tech == QUADAS) return keeps_form(s) ? factor_length(s.str) : s.packed;
   const bool second_copy = s.str->tech == TRUREG || s.str->tech == NEWRAP;
   if (!s.nonlinear && !second_copy) return 0;
   if (!keeps_form(s)) return 3 * s.packed;
@@ -155,6 +162,7 @@ static long half_length(const Sizes& s) {
 static long hpro_length(const Sizes& s) {
   if (s.str->tech == LEVMAR) return s.linear ? s.packed : 0;
   if (s.str->tech == HYQUAN) return keeps_form(s) ? s.n : s.packed;
+  if (s.str->tech == QUADAS) return s.str->hfrm == 1 && s.bounds ? hessian_length(s.str) : 0;
   if (!second_order(s)) return 0;
   if (keeps_form(s)) return s.str->hfrm == 2 || s.bounds ? hessian_length(s.str) : 0;
   return s.str->tech == NRRIDG || s.linear ? s.packed : 0;
@@ -272,7 +280,10 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
     {&MINSTR::half, [](const Sizes& s) { return s.late ? 0 : half_length(s); }, mark_half},
     {&MINSTR::hpro, [](const Sizes& s) { return s.late ? 0 : hpro_length(s); }, mark_hpro},
-    {&MINSTR::qvec, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
+    {&MINSTR::qvec,
+     [](const Sizes& s) { return s.str->fqad != 0 ? 2 * s.n
+                                 : s.nonlinear    ? s.n
+                                                  : 0; }, nullptr},
     {&MINSTR::grlf, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
     {&MINSTR::fcon, constraint_length, divide_fcon},
 };

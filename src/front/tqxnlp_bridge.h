@@ -99,11 +99,41 @@ int nlphstr(MINSTR* str);
 // Elements of hess in the form in use.
 long hessian_length(const MINSTR* str);
 
-// The module's hrow rows into hess, in the form in use. Rows with a missing value are skipped, what
-// no row names is zero. False, with a line in the log that names the row and the element, for one
-// outside the pattern of the run, for a value that is no finite number, and for two rows that
-// disagree about an element.
+// Place of element (i, j), i not below j, in hess; -1 outside the pattern.
+long hessian_place(const MINSTR* str, long i, long j);
+
+// What is wrong with a row (i, j, value).
+enum class RowFault { none, outside, no_number, disagrees };
+struct RowsTaken {
+  RowFault fault = RowFault::none;
+  long row = -1;
+  double other = MISSING;  // disagrees: the value that an earlier row gave
+};
+
+// hrow rows into hess, in the form in use: rows with a missing value are skipped, what no row names
+// is zero. Stops at the first row that cannot be meant.
+RowsTaken take_hessian_rows(MINSTR* str, const double* values);
+
+// The same for the rows that the Hessian's module gave. False, with a line in the log that names
+// the row and the element, for one that cannot be meant.
 bool take_sparse_hessian(MINSTR* str, const double* values);
+
+// ---- Quadratic (tqxnlp_bridge_quadratic.cpp) ----------------------------------------------------
+
+// Looks at the matrix and the linear term of a quadratic and chooses the form of hess, with its
+// pattern. Returns 0; 6, with a line in the log that names the element or row, for what cannot be
+// meant; 1 when memory is refused.
+int prepare_quadratic(MINSTR* str);
+
+// Matrix, linear term and constant into the arrays, negated when the run maximizes. Returns 0 or 6
+// as above.
+int load_quadratic(MINSTR* str);
+
+// Objective and gradient of the quadratic. 0, or -11 for a value that is not finite. Counts as
+// nlpfunc and nlpgrad. The matrix stands in hess for the run, so that nlpgqad also stands for
+// ushes.
+int nlpfqad(MINSTR* str);
+int nlpgqad(MINSTR* str);
 
 // ---- Difference services ------------------------------------------------------------------------
 

@@ -34,8 +34,7 @@ long hessian_length(const MINSTR* str) {
   }
 }
 
-// Place of element (i, j), i not below j, in hess; -1 outside the pattern.
-static long hessian_place(const MINSTR* str, long i, long j) {
+long hessian_place(const MINSTR* str, long i, long j) {
   if (str->hfrm == DIAGONAL) return i == j ? i : -1;
   if (str->hfrm != SPARSE) return zisub(i, j);
   if (i == j) return i;
@@ -58,7 +57,7 @@ static bool refuse_row(const MINSTR* str, int message, const double* values, lon
   return false;
 }
 
-bool take_sparse_hessian(MINSTR* str, const double* values) {
+RowsTaken take_hessian_rows(MINSTR* str, const double* values) {
   const long length = hessian_length(str);
   vzfdl(MISSING, str->hess, length);
   for (long row = 0; row < str->secstr->hrow; ++row) {
@@ -67,18 +66,31 @@ bool take_sparse_hessian(MINSTR* str, const double* values) {
     const long i = index_of(triple[0], str->nvar);
     const long j = index_of(triple[1], str->nvar);
     const long place = i < 0 || j < 0 ? -1 : hessian_place(str, std::max(i, j), std::min(i, j));
-    if (place < 0) return refuse_row(str, MESSAGE_OUTSIDE_PATTERN, values, row);
-    if (!std::isfinite(triple[2])) return refuse_row(str, MESSAGE_NO_NUMBER, values, row);
+    if (place < 0) return {RowFault::outside, row, MISSING};
+    if (!std::isfinite(triple[2])) return {RowFault::no_number, row, MISSING};
     double& element = str->hess[place];
-    if (!values_agree(str, element, triple[2])) {
-      return refuse_row(str, MESSAGE_ROWS_DISAGREE, values, row, element);
-    }
+    if (!values_agree(str, element, triple[2])) return {RowFault::disagrees, row, element};
     element = triple[2];
   }
   for (long k = 0; k < length; ++k) {
     if (wzmis(str->hess[k])) str->hess[k] = 0.0;
   }
-  return true;
+  return {};
+}
+
+bool take_sparse_hessian(MINSTR* str, const double* values) {
+  const RowsTaken taken = take_hessian_rows(str, values);
+  switch (taken.fault) {
+    case RowFault::none:
+      return true;
+    case RowFault::outside:
+      return refuse_row(str, MESSAGE_OUTSIDE_PATTERN, values, taken.row);
+    case RowFault::no_number:
+      return refuse_row(str, MESSAGE_NO_NUMBER, values, taken.row);
+    case RowFault::disagrees:
+      break;
+  }
+  return refuse_row(str, MESSAGE_ROWS_DISAGREE, values, taken.row, taken.other);
 }
 
 int nlphstr(MINSTR* str) {

@@ -179,9 +179,15 @@ static int second_order_digits(const ARGMTS* argm, int choice) {
   return hessian ? digit : HESSIAN_DIGIT * digit + digit;
 }
 
-// A sparse Hessian must come from a module. ratio: density above which the dense form is kept; with
-// linear constraints the projection fills the matrix, so that it is always dense, and TRUREG has no
-// sparse factor.
+// ratio: density above which the dense form is kept; with linear constraints the projection fills
+// the matrix, so that it is always dense, and TRUREG has no sparse factor.
+static void settle_sparse_form(MINSTR* str) {
+  str->ratio = str->lincon == 0 && str->tech != TRUREG ? 0.5 : 0.0;
+  str->tzer = 1.1102230246251569e-15;
+  str->ddif = 1e-6;
+}
+
+// A sparse Hessian must come from a module.
 static int settle_second_order(MINSTR* str, long* nonzeros) {
   ARGMTS* argm = str->secstr;
   str->fidi = second_order_digits(argm, str->fidi);
@@ -191,9 +197,7 @@ static int settle_second_order(MINSTR* str, long* nonzeros) {
     return ENTRY_BAD_ARGUMENT;
   }
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
-  str->ratio = str->lincon == 0 && str->tech != TRUREG ? 0.5 : 0.0;
-  str->tzer = 1.1102230246251569e-15;
-  str->ddif = 1e-6;
+  settle_sparse_form(str);
   return rc;
 }
 
@@ -238,15 +242,20 @@ static int settle_simplex(MINSTR* str, long* nonzeros) {
 
 static void set_simplex_callbacks(MINSTR* str) { str->usfct = nlpfunc; }
 
-// The derivatives of a quadratic are known.
+// The derivatives of a quadratic are known. The sparse form as for second-order techniques.
 static int settle_quadratic(MINSTR* str, long* nonzeros) {
   str->fidi = str->cfdh = 0;
   str->fqad = str->secstr->qlin != 0 ? 2 : 1;
-  return settle_constraints(str, CONS_LINEAR, nonzeros);
+  const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
+  settle_sparse_form(str);
+  return rc;
 }
 
-// The callbacks of the quadratic come with its technique.
-static void set_quadratic_callbacks(MINSTR*) {}
+static void set_quadratic_callbacks(MINSTR* str) {
+  str->usfct = nlpfqad;
+  str->usgrd = nlpgqad;
+  str->ushes = nlpgqad;
+}
 
 // ---- The road -----------------------------------------------------------------------------------
 
@@ -421,7 +430,9 @@ static int make_results(MINSTR* str, int code) {
 
 // Arrays, start point, constraints, run, results, report.
 static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
+  if (const int rc = str->fqad != 0 ? prepare_quadratic(str) : 0; rc != 0) return rc;
   if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
+  if (const int rc = str->fqad != 0 ? load_quadratic(str) : 0; rc != 0) return rc;
   announce_run(str);
   copy_start(str);
   if (str->tech == DBLDOG) vzfdl(1.0, str->dsca, str->nvar);

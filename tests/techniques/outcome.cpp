@@ -97,6 +97,12 @@ static std::vector<LinearRow> active_constraints(const Problem& p, const std::ve
   return active;
 }
 
+std::vector<std::vector<double>> active_normals(const Problem& p, const std::vector<double>& x) {
+  std::vector<std::vector<double>> normals;
+  for (const LinearRow& row : active_constraints(p, x)) normals.push_back(row.a);
+  return normals;
+}
+
 // The part of the gradient that the active constraints leave: nonnegative least squares by cyclic
 // descent, which is slow on nearly dependent normals, but too simple to be wrong.
 static std::vector<double> unexplained_gradient(const Problem& p, const std::vector<double>& x) {
@@ -146,8 +152,7 @@ static std::map<std::string, double> summary(const Session& tql) {
   return numbers;
 }
 
-// Certificates of x, and whether it is a known minimum.
-static void judge(const Problem& p, double tolerance, Outcome& outcome) {
+void judge(const Problem& p, double tolerance, Outcome& outcome) {
   outcome.infeasible = worst_violation(p, outcome.x);
   certify(p, outcome);
   for (double minimum : p.minima) {

@@ -46,6 +46,13 @@ using Preparation = std::function<void(MINSTR& record)>;
 Outcome solve_by_number(const Problem& problem, int technique, double tolerance,
                         const Observer& observe = nullptr, const Preparation& prepare = nullptr);
 
+// Certificates of x, and whether it is a known minimum; outcome.f is the value there.
+void judge(const Problem& problem, double tolerance, Outcome& outcome);
+
+// Unit normals of the constraints that hold with equality at x.
+std::vector<std::vector<double>> active_normals(const Problem& problem,
+                                                const std::vector<double>& x);
+
 // The matrix of bounds and linear constraints of a problem; empty when it has none.
 Matrix constraint_matrix(const Problem& problem);
 

@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/constraints/members.h"
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
@@ -51,13 +52,6 @@ struct Quadratic {
   bool bland = false;           // many steps of length zero: take the first candidate, not the best
   bool keep_residuals = false;  // leave members where they are within tolerance
   long passes = 0;
-};
-
-// A constraint outside or inside the working set: koc 0 general constraint ic, otherwise the bound
-// of parameter ic with status koc.
-struct Member {
-  int koc = 0;
-  long ic = -1;
 };
 
 // ---- The quadratic ------------------------------------------------------------------------------
@@ -113,62 +107,6 @@ static int solve_reduced(const Quadratic& q, double* b) {
 
 // ---- The working set ----------------------------------------------------------------------------
 
-static double bound_value(const MINSTR* str, long j, int koc) {
-  return koc < 0 ? str->ub[j] : str->lb[j];
-}
-
-static bool may_leave(const MINSTR* str, const Member& m) {
-  if (m.koc != 0) return m.koc != 2;
-  return m.ic >= str->ncon ? m.ic - str->ncon >= str->nlec : m.ic >= str->neqc;
-}
-
-// Member number i in the order of the multipliers.
-static Member member(const MINSTR* str, long i) {
-  if (i >= str->nabc) return {0, str->iact[i - str->nabc]};
-  const long j = str->ifxr[free_count(str) + i];
-  return {str->iabc[j], j};
-}
-
-// Gradient of constraint m in awrk.
-static const double* gradient_of(MINSTR* str, const Member& m) {
-  if (m.koc != 0) {
-    vzfdl(0.0, str->awrk, str->nvar);
-    str->awrk[m.ic] = m.koc < 0 ? -1.0 : 1.0;
-  } else if (m.ic >= str->ncon) {
-    std::copy_n(str->jcon + (m.ic - str->ncon) * str->nvar, str->nvar, str->awrk);
-  } else {
-    str->acget(str, m.ic, str->awrk);
-  }
-  return str->awrk;
-}
-
-// Residual n'x - b, given the gradient; a nonlinear member counts as satisfied where it stands.
-static double residual_of(const MINSTR* str, const Member& m, const double* row) {
-  if (m.koc != 0) return row[m.ic] * (str->x[m.ic] - bound_value(str, m.ic, m.koc));
-  if (m.ic >= str->ncon) return 0.0;
-  return zvdot11(str->nvar, row, str->x) - str->blcn[m.ic];
-}
-
-// Constraints that were set aside as dependent are ordinary outsiders here, but for equalities.
-static void forget_deferred(MINSTR* str) {
-  const long free = free_count(str);
-  for (long k = 0; str->bounds != 0 && k < free; ++k) {
-    int& status = str->iabc[str->ifxr[k]];
-    if (status == 0 || status == 2) continue;
-    status = 0;
-    --str->nlbc;
-  }
-  long kept = str->nalc;
-  for (long k = str->nalc; k < str->nalc + str->nldc; ++k) {
-    if (!may_leave(str, {0, str->iact[k]})) str->iact[kept++] = str->iact[k];
-  }
-  str->nldc = kept - str->nalc;
-}
-
-static bool is_dependent(MINSTR* str, const Member& m) {
-  return znlpupd(str, 1, 0, 0, m.koc, m.ic, nullptr, nullptr, nullptr) != 0;
-}
-
 // Enters m; false, with nothing changed, when it depends on the members.
 // Its bound is taken exactly, so that members do not carry the tolerance of the step limit along.
 static bool enter(Quadratic& q, const Member& m) {
@@ -183,18 +121,6 @@ static bool enter(Quadratic& q, const Member& m) {
 static void leave(Quadratic& q, const Member& m) {
   znlpdod(q.str, 0, m.koc, m.ic, nullptr, nullptr, nullptr, nullptr);
   q.factored = q.keep_residuals = false;
-}
-
-// Multipliers of the members that fit v, also where only bounds exist.
-static void multipliers(MINSTR* str, const double* v, double* lambda) {
-  if (str->lincon != 0 || str->nlicon != 0) {
-    znlpglm(str, 0, v, lambda);
-    return;
-  }
-  for (long i = 0; i < str->nabc; ++i) {
-    const Member m = member(str, i);
-    lambda[i] = m.koc < 0 ? -v[m.ic] : v[m.ic];
-  }
 }
 
 // The member that leaves a minimizer: most negative multiplier, or the first one under Bland's
@@ -217,36 +143,6 @@ static long worst_member(const Quadratic& q) {
 }
 
 // ---- One solve with the present working set -----------------------------------------------------
-
-// Range part of the step: sdir such that x + sdir satisfies the members. -1 for a zero pivot.
-static int satisfy_members(MINSTR* str) {
-  const long n = str->nvar;
-  const long free = free_count(str);
-  double* u = str->dcds;
-  vzfdl(0.0, str->sdir, n);
-  for (long i = 0; i < str->nabc; ++i) {
-    const Member m = member(str, i);
-    str->sdir[m.ic] = bound_value(str, m.ic, m.koc) - str->x[m.ic];
-  }
-  // T stands in reversed columns: its row r begins with the pivot, on column free - 1 - r of Q.
-  for (long r = 0; r < str->nalc; ++r) {
-    const Member m{0, str->iact[r]};
-    const double* row = gradient_of(str, m);
-    double rest = -residual_of(str, m, row);
-    for (long l = free; l < n; ++l) rest -= row[str->ifxr[l]] * str->sdir[str->ifxr[l]];
-    const double* t = str->llcn + packed_size(r);
-    for (long k = 1; k <= r; ++k) rest -= t[k] * u[r - k];
-    if (!(std::fabs(t[0]) > TINY)) return NO_STEP;
-    u[r] = rest / t[0];
-  }
-  for (long l = 0; l < free && str->nalc > 0; ++l) {
-    const double* last = str->qlcn + l * n + free - 1;
-    double sum = 0.0;
-    for (long r = 0; r < str->nalc; ++r) sum += last[-r] * u[r];
-    str->sdir[str->ifxr[l]] = sum;
-  }
-  return 0;
-}
 
 // The step sdir from x to the minimizer on the working set.
 static int lsolv(Quadratic& q) {
@@ -295,13 +191,6 @@ static bool out_of_passes(Quadratic& q) {
 }
 
 // ---- Primal method, from a feasible point -------------------------------------------------------
-
-static Member blocking_member(const MINSTR* str, long code) {
-  const long n = str->nvar;
-  if (code < n) return {1, code};
-  if (code < 2 * n) return {-1, code - n};
-  return {0, code - 2 * n};
-}
 
 // Enters the constraint that limits the step along sdir to stub: the one with this code, or at a
 // step of zero the first one listed that is independent of the members. There the single code may

@@ -28,6 +28,7 @@
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/newton/znlptre.h"
 #include "aasubs/post/stop_analysis.h"
+#include "aasubs/quadratic/znlpqas.h"
 #include "aasubs/quasinewton/znlpcog.h"
 #include "aasubs/quasinewton/znlpddl.h"
 #include "aasubs/quasinewton/znlpdqn.h"
@@ -72,14 +73,20 @@ static Callback technique_code(const MINSTR* str) {
       return str->nlicon != 0 ? znlpcob : znlpnms;
     case NMSIM2:
       return znlpnm2;
+    case QUADAS:
+      return znlpqas;
     default:
       return nullptr;
   }
 }
 
+static constexpr int BARRIER_FORM = 1;  // vers
+
 bool technique_is_built(const MINSTR* str) {
   // The form of QUANEW for nonlinear constraints is another technique under the same number.
   if (str->tech == QUANEW_DUAL && str->nlicon != 0) return false;
+  // So is the barrier form of QUADAS.
+  if (str->tech == QUADAS && str->vers == BARRIER_FORM) return false;
   // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
   return !is_technique(str->tech) || technique_code(str) != nullptr || str->tech == NO_TECHNIQUE ||
          str->tech == OLDRAP;

@@ -1,0 +1,605 @@
+// znlpqas: QUADratic Active Set (QUADAS), technique 16.
+//
+// Model      q(x) = c + g'x + x'Hx / 2 is the objective itself: H is constant, and the step to the
+//            minimizer on the working set is exact. A constraint that cuts it enters the set; at a
+//            minimizer the constraint with the most negative multiplier leaves. Where the reduced
+//            Hessian has no minimizer, the step follows a direction of zero or negative curvature
+//            to the next constraint, and without one the objective is unbounded.
+// Reference  Gill and Murray (1978), Mathematical Programming 14; Gill, Murray and Wright (1981),
+//            section 5.3; Harris (1973), Mathematical Programming 5, for the ratio test; Bertsekas
+//            (1982), SIAM J. Control 20, for the step that is bent along the bounds
+// Reads      hess in the form hfrm, bounds, lincon, isqp, deat, ssin; termination group
+// Writes     x, crit, grad, gmax, pred, dfes, alfa, stub, null, chac, mini, counters
+// Work       wrk2 = reduced step spro (n) | work of znlpqas_factor (4n) | reduced gradient (n)
+//            half = factor of Z'HZ; hpro = its sparse matrix; ipiv, iwk, work; lagm, awrk, dcds
+// Ends       codes of uster; -1, -2, -6 failed loads; -5 unbounded (said in the log), or no step
+//
+//   1  load derivatives, the working set and the factor at the start or restart point
+//   2  direction; at a minimizer of the working set a constraint leaves
+//   3  ratio test; a step of length zero only changes the working set, and is no iteration
+//   4  step, bent along the bounds where it gains; the objective must fall
+//   5  gradient, change of the working set, termination test
+//
+// The termination test sees chac nonzero, and tests no criterion, until x is a minimizer on its
+// working set, no constraint wants to leave it and no curvature in it is negative.
+#include "aasubs/quadratic/znlpqas.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/members.h"
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpba1.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/quadratic/znlpqas_factor.h"
+#include "host/log.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+static constexpr double MULTIPLIER_ZERO = 1e-10;     // of the gradient's size
+static constexpr double NEGLIGIBLE_STEP = 1e-14;     // of the size of a parameter
+static constexpr double ROUNDING_SLOPE = 1e-11;      // of the lengths of row and step
+static constexpr double RATIO_TOLERANCE = 0.01;      // of the feasibility tolerance
+static constexpr double ROUNDING_CURVATURE = 1e-13;  // of the matrix and the squared step
+static constexpr double ENOUGH_DECREASE = 1e-4;      // of the slope, along a bent step
+static constexpr double CUT = 0.1;                   // a step that failed
+static constexpr double CLEAR_UPDATE = 1e-8;  // a smaller new pivot is made anew, to be sure of it
+static constexpr int MOST_UPDATES = 100;      // changes of one factor before it is made anew
+static constexpr int MOST_REFINEMENTS = 2;    // full steps on one working set
+
+// What the iterations of one run share.
+struct QuadraticRun {
+  int ij = 0;  // code in hand
+  ReducedHessian reduced;
+  double* rg = nullptr;        // reduced gradient
+  double gradient_size = 0.0;  // largest of what the gradient is the sum of
+  double value_size = 0.0;     // the same for the objective
+  double gs = 0.0;             // slope of the direction
+  Course course = Course::none;
+  double natural = 1.0;   // length at which the model is lowest along the direction
+  int updates = 0;        // changes since the factor was made
+  int full_steps = 0;     // to the minimizer, on this working set
+  bool restored = false;  // were the members satisfied exactly on this working set?
+  bool blocks = true;     // may several bounds leave at once?
+  long idle = 0;          // changes of the working set since x moved
+  bool untested = false;  // has the termination test not yet looked at x as a solution?
+  unsigned lots = 1;
+  RestartGuard guard;
+};
+
+static bool bounds_alone(const MINSTR* str) { return str->lincon == 0 && str->bounds != 0; }
+
+// Many changes in place: not the best candidate leaves and enters, but any. The rule by which a
+// cycle goes round is broken then, and with it the cycle.
+static bool cycling(const MINSTR* str, const QuadraticRun& run) { return run.idle > str->nvar; }
+
+// How much a candidate is worth then.
+static double lot(QuadraticRun& run) {
+  run.lots = run.lots * 1664525U + 1013904223U;
+  return static_cast<double>(run.lots >> 8U) + 1.0;
+}
+
+static bool exhausted(const MINSTR* str, const QuadraticRun& run) {
+  return run.idle > 100 + 20 * (str->nvar + str->ncon);
+}
+
+// ---- Values at a point --------------------------------------------------------------------------
+
+// Reduced gradient, gmax, and the sizes against which rounding is judged.
+static void measure_point(MINSTR* str, QuadraticRun& run) {
+  const long n = str->nvar;
+  znlpgmx(str, 1, run.rg);
+  double* product = str->wrk2 + n;
+  multiply_hessian(str, str->x, product);
+  const double of_product = run.reduced.size * zvamx(n, str->x);
+  run.gradient_size = TINY;
+  run.value_size = std::fabs(str->crit);
+  for (long j = 0; j < n; ++j) {
+    const double size = std::max(of_product, std::fabs(str->grad[j] - product[j]));
+    run.gradient_size = std::max(run.gradient_size, size);
+    run.value_size += std::fabs(str->x[j]) * size;
+  }
+}
+
+static double value_rounding(const MINSTR* str, const QuadraticRun& run) {
+  return (10.0 + static_cast<double>(str->nvar)) * EPS * run.value_size;
+}
+
+// ---- The working set ----------------------------------------------------------------------------
+
+static void set_changed(QuadraticRun& run) {
+  run.full_steps = 0;
+  run.restored = false;
+}
+
+// The factor follows one change, unless it cannot or has followed too many.
+static double* factor_to_update(MINSTR* str, QuadraticRun& run) {
+  const ReducedHessian& reduced = run.reduced;
+  const bool follows =
+      reduced.current && reduced.updatable && reduced.order > 0 && ++run.updates <= MOST_UPDATES;
+  return follows ? str->half : nullptr;
+}
+
+static void after_change(MINSTR* str, QuadraticRun& run, bool followed) {
+  ReducedHessian& reduced = run.reduced;
+  reduced.current = followed;
+  reduced.order = reduced.nosi = reduced_dimension(str);
+  if (!followed) run.updates = 0;
+  set_changed(run);
+}
+
+static constexpr int FACTOR = 1;  // form of ches
+
+// A constraint that cut a step depends on the members by no more than a rounding tolerance, if at
+// all: its slope was clearly negative. It enters without the test then.
+static void enter_row(MINSTR* str, QuadraticRun& run, const Member& m) {
+  if (m.koc != 0) str->x[m.ic] = bound_value(str, m.ic, m.koc);
+  double* ches = factor_to_update(str, run);
+  const int trust = is_dependent(str, m) ? 1 : 0;
+  znlpupd(str, 0, FACTOR, trust, m.koc, m.ic, nullptr, nullptr, ches);
+  after_change(str, run, ches != nullptr);
+  ++str->chac;
+}
+
+static void index_bounds(MINSTR* str, QuadraticRun& run) {
+  znlpinc(str, 0);
+  after_change(str, run, false);
+}
+
+// All free parameters that stand on the bound that the step leads to.
+static long enter_bounds(MINSTR* str, QuadraticRun& run) {
+  long entered = 0;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] != 0 || str->sdir[j] == 0.0) continue;
+    const int koc = str->sdir[j] < 0.0 ? 1 : -1;
+    if (str->x[j] != bound_value(str, j, koc)) continue;
+    str->iabc[j] = koc;
+    ++entered;
+  }
+  str->nabc += entered;
+  str->chac += entered;
+  if (entered > 0) index_bounds(str, run);
+  return entered;
+}
+
+static double multiplier_tolerance(const MINSTR* str, const QuadraticRun& run) {
+  if (!wzmis(str->deat) && str->deat > 0.0) return str->deat;
+  return MULTIPLIER_ZERO * run.gradient_size;
+}
+
+// Bounds alone: those with the wrong sign leave together, as long as that does not lead to a step
+// that is blocked at once.
+static bool release_bounds(MINSTR* str, QuadraticRun& run) {
+  const double tolerance = multiplier_tolerance(str, run);
+  long worst = -1;
+  double highest = 0.0;
+  long left = 0;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] == 0 || str->iabc[j] == 2) continue;
+    const double lambda = str->iabc[j] * str->grad[j];
+    if (!(lambda < -tolerance)) continue;
+    if (run.blocks && run.idle == 0) {
+      str->iabc[j] = 0;
+      ++left;
+    } else if (const double worth = cycling(str, run) ? lot(run) : -lambda; worth > highest) {
+      worst = j;
+      highest = worth;
+    }
+  }
+  if (worst >= 0) {
+    str->iabc[worst] = 0;
+    left = 1;
+  }
+  if (left == 0) return false;
+  str->nabc -= left;
+  index_bounds(str, run);
+  return true;
+}
+
+// The member with the most negative multiplier, each for a gradient of unit length.
+static bool release_member(MINSTR* str, QuadraticRun& run) {
+  const long count = str->nabc + str->nalc;
+  if (count == 0) return false;
+  multipliers(str, str->grad, str->lagm);
+  const double tolerance = multiplier_tolerance(str, run);
+  long worst = -1;
+  double highest = 0.0;
+  for (long i = 0; i < count; ++i) {
+    const Member m = member(str, i);
+    if (!may_leave(str, m) || !(str->lagm[i] < 0.0)) continue;
+    const double length = m.koc != 0 ? 1.0 : zvenorm(str->nvar, 1, gradient_of(str, m));
+    const double lambda = length * str->lagm[i];
+    if (!(lambda < -tolerance)) continue;
+    const double worth = cycling(str, run) ? lot(run) : -lambda;
+    if (worth <= highest) continue;
+    worst = i;
+    highest = worth;
+  }
+  if (worst < 0) return false;
+  const Member m = member(str, worst);
+  double* ches = factor_to_update(str, run);
+  const int status = znlpdod(str, FACTOR, m.koc, m.ic, nullptr, nullptr, ches, str->hess);
+  const bool followed = ches != nullptr && status == 0 &&
+                        pivot_is_clear(ches, reduced_dimension(str) - 1, CLEAR_UPDATE);
+  after_change(str, run, followed);
+  return true;
+}
+
+// At a minimizer of the working set: what wants to leave it, leaves. False: nothing does.
+static bool release(MINSTR* str, QuadraticRun& run) {
+  if (!has_constraints(str)) return false;
+  str->mini = static_cast<long>(str->nitr);
+  const bool released = bounds_alone(str) ? release_bounds(str, run) : release_member(str, run);
+  if (!released) return false;
+  str->chac = -1;
+  measure_point(str, run);
+  return true;
+}
+
+// ---- Direction ----------------------------------------------------------------------------------
+
+// Rounding moves nothing: is the step too small to be one?
+static bool step_is_negligible(const MINSTR* str) {
+  for (long j = 0; j < str->nvar; ++j) {
+    const double size = std::max(1.0, std::fabs(str->x[j]));
+    if (std::fabs(str->sdir[j]) > NEGLIGIBLE_STEP * size) return false;
+  }
+  return true;
+}
+
+// Does a step of this length move x, or is it the rounding of a step of length zero?
+static bool moves(const MINSTR* str, double length) {
+  for (long j = 0; j < str->nvar; ++j) {
+    const double size = std::max(1.0, std::fabs(str->x[j]));
+    if (std::fabs(length * str->sdir[j]) > 10.0 * NEGLIGIBLE_STEP * size) return true;
+  }
+  return false;
+}
+
+// False: x is a minimizer on the working set.
+static bool choose_direction(MINSTR* str, QuadraticRun& run) {
+  run.course = find_course(str, run.reduced, run.rg, run.gradient_size);
+  if (run.course == Course::none) return false;
+  run.gs = zvdot11(str->nvar, str->grad, str->sdir);
+  run.natural = 1.0;
+  if (run.course == Course::newton) {
+    const bool refined = run.full_steps >= MOST_REFINEMENTS;
+    return !refined && run.gs < -SMALLEST_TOLERANCE && !step_is_negligible(str);
+  }
+  run.natural = HUGE_VALUE;
+  if (run.course == Course::straight) {
+    double* product = str->wrk2 + str->nvar;
+    multiply_hessian(str, str->sdir, product);
+    const double curvature = zvdot11(str->nvar, str->sdir, product);
+    const double length = zvenorm(str->nvar, 1, str->sdir);
+    if (curvature > ROUNDING_CURVATURE * run.reduced.size * length * length) {
+      run.natural = -run.gs / curvature;
+    }
+  }
+  return true;
+}
+
+// ---- Ratio test ---------------------------------------------------------------------------------
+
+namespace {
+
+// One constraint that the direction approaches.
+struct Approach {
+  Member m;
+  double slope;      // n'd, negative
+  double steepness;  // against the length of n
+  double residual;
+  double tolerance;
+};
+
+}  // namespace
+
+// Calls visit for every constraint outside the working set that the direction approaches.
+template <class Visit>
+static void visit_approached(MINSTR* str, Visit visit) {
+  const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, str->ipre);
+  const double length = zvenorm(str->nvar, 1, str->sdir);
+  for (long k = 0; str->bounds != 0 && k < free_count(str); ++k) {
+    const long j = str->ifxr[k];
+    const double d = str->sdir[j];
+    if (str->iabc[j] == 2 || !(std::fabs(d) > ROUNDING_SLOPE * length)) continue;
+    const int koc = d < 0.0 ? 1 : -1;
+    const double bound = bound_value(str, j, koc);
+    if (!lower_exists(bound) || !upper_exists(bound)) continue;
+    visit(Approach{{koc, j},
+                   -std::fabs(d),
+                   std::fabs(d),
+                   koc * (str->x[j] - bound),
+                   (std::fabs(bound) + 1.0) * eps});
+  }
+  for (long i = str->neqc; str->lincon != 0 && i < str->ncon; ++i) {
+    if (std::find(str->iact, str->iact + str->nalc, i) != str->iact + str->nalc) continue;
+    const Member m{0, i};
+    const double* row = gradient_of(str, m);
+    const double slope = zvdot11(str->nvar, row, str->sdir);
+    if (!(slope < 0.0)) continue;
+    const double norm = zvenorm(str->nvar, 1, row);
+    if (!(slope < -ROUNDING_SLOPE * norm * length)) continue;
+    visit(Approach{m, slope, -slope / norm, residual_of(str, m, row),
+                   (std::fabs(str->blcn[i]) + 1.0) * eps});
+  }
+}
+
+// Largest step in stub (the largest double: nothing blocks), and the constraint that it meets.
+// Among those met within a tolerance the one that the direction meets most steeply is taken: a
+// vertex of nearly dependent constraints then keeps the working set well conditioned.
+static Member limit_step(MINSTR* str, QuadraticRun& run) {
+  double reach = HUGE_VALUE;
+  visit_approached(str, [&reach](const Approach& a) {
+    reach = std::min(reach, (std::max(a.residual, 0.0) + a.tolerance) / -a.slope);
+  });
+  Member met;
+  double highest = 0.0;
+  str->stub = HUGE_VALUE;
+  if (!(reach < HUGE_VALUE)) return met;
+  visit_approached(str, [&](const Approach& a) {
+    const double step = std::max(a.residual, 0.0) / -a.slope;
+    if (step > reach) return;
+    const double worth = cycling(str, run) ? lot(run) : a.steepness;
+    if (worth <= highest) return;
+    met = a.m;
+    highest = worth;
+    str->stub = step;
+  });
+  return met;
+}
+
+// ---- The step -----------------------------------------------------------------------------------
+
+// x := xold + alfa sdir, kept inside the bounds.
+static void move_to(MINSTR* str, double alfa) {
+  str->alfa = alfa;
+  zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa);
+  for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
+    if (str->iabc[j] == 0) str->x[j] = std::clamp(str->x[j], str->lb[j], str->ub[j]);
+  }
+}
+
+// The objective at the trial point. A rise that is rounding counts as no change, by way of cold.
+static bool value_falls(MINSTR* str, const QuadraticRun& run, double least) {
+  if (!evaluate_objective(str)) return false;
+  str->dfes = str->cold - str->crit;
+  if (str->dfes >= least) return true;
+  if (str->dfes < -value_rounding(str, run)) return false;
+  if (str->dfes < 0.0) {
+    str->cold = str->crit;
+    str->dfes = 0.0;
+  }
+  return least <= 0.0;
+}
+
+// The step bent along the bounds: true when it was taken. Otherwise all is as before.
+static bool take_bent_step(MINSTR* str, QuadraticRun& run) {
+  if (!bounds_alone(str) || run.course != Course::newton || cycling(str, run)) return false;
+  const double limit = str->stub;
+  double gs = run.gs;
+  if (znlppro(str, 0, &gs) == 1) {
+    move_to(str, std::min(str->stub, 1.0));
+    const double least = -ENOUGH_DECREASE * str->alfa * gs;
+    if (step_moves(str, str->sdir) && value_falls(str, run, std::max(least, 0.0)) &&
+        str->crit < str->cold) {
+      run.gs = gs;
+      return true;
+    }
+    return_to_xold(str);
+    str->tbig = 0.0;
+    znlpvex(str, str->spro, str->sdir);
+  }
+  str->stub = limit;
+  return false;
+}
+
+// The step to the limit, or to the minimizer along the direction. The quadratic falls along it; a
+// callback that says otherwise, or fails, gets shorter steps until they are rounding.
+static bool take_step(MINSTR* str, QuadraticRun& run) {
+  for (double alfa = std::min(run.natural, str->stub);; alfa *= CUT) {
+    move_to(str, alfa);
+    if (value_falls(str, run, 0.0)) return true;
+    if (!(reldx(str->nvar, 1.0, str->x, str->xold) > EPS)) return false;
+  }
+}
+
+// ---- Solutions ----------------------------------------------------------------------------------
+
+// Rows entered where they were met within tolerance. At a solution the members are satisfied
+// exactly, as far as that keeps x feasible. True when x moved.
+static bool restore_members(MINSTR* str, QuadraticRun& run) {
+  if (run.restored || str->nalc == 0) return false;
+  run.restored = true;
+  if (satisfy_members(str) != 0 || step_is_negligible(str)) return false;
+  std::copy_n(str->x, str->nvar, str->work);
+  for (long j = 0; j < str->nvar; ++j) str->x[j] += str->sdir[j];
+  const bool good = znlpfch(str, 0, 0, str->ipre) == 0 && evaluate_objective(str);
+  if (!good) std::copy_n(str->work, str->nvar, str->x);
+  if (!good && !evaluate_objective(str)) return false;
+  str->cold = str->crit;
+  run.full_steps = 0;
+  if (!evaluate_gradient(str)) return false;
+  measure_point(str, run);
+  return good;
+}
+
+// Nothing moves and nothing wants to leave: only the tolerances are left to say so. Asked again,
+// the test compares x with itself; if not even that ends the run, nothing will.
+static Next at_solution(MINSTR* str, QuadraticRun& run) {
+  static constexpr int WITHOUT_HISTORY = 2;
+  str->chac = 0;
+  if (!run.untested) start_iteration(str);
+  const bool last_word = !run.untested;
+  run.untested = false;
+  run.ij = str->uster(str, WITHOUT_HISTORY);
+  if (run.ij != 0) return Next::stop;
+  if (!last_word) return Next::solve_again;
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+static Next report_unbounded(MINSTR* str, QuadraticRun& run) {
+  static constexpr int UNBOUNDED_BELOW = 40;
+  static constexpr int UNBOUNDED_ABOVE = 41;
+  str->alfa = str->ssin;
+  if (str->unbd == 0) xpmlog(OPTIMIZATION, str->imax != 0 ? UNBOUNDED_ABOVE : UNBOUNDED_BELOW);
+  str->unbd = 1;
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// ---- One iteration ------------------------------------------------------------------------------
+
+// Changes the working set at x until a direction is found that the members allow, or x is a
+// solution. go_on: direction, stub and, if one blocks, the constraint met.
+static Next settle(MINSTR* str, QuadraticRun& run, Member* met) {
+  for (; !exhausted(str, run); ++run.idle) {
+    if (choose_direction(str, run)) {
+      *met = limit_step(str, run);
+      return Next::go_on;
+    }
+    if (release(str, run)) {
+      run.untested = true;
+    } else if (!restore_members(str, run)) {
+      return at_solution(str, run);
+    }
+  }
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// A step of length zero: what blocks it enters the working set. Of several bounds that left
+// together one should have stayed then.
+static void enter_at_once(MINSTR* str, QuadraticRun& run, const Member& met) {
+  ++run.idle;
+  run.untested = true;
+  if (bounds_alone(str)) {
+    run.blocks = false;
+    str->x[met.ic] = bound_value(str, met.ic, met.koc);
+    str->iabc[met.ic] = met.koc;
+    ++str->nabc;
+    index_bounds(str, run);
+  } else {
+    enter_row(str, run, met);
+  }
+  measure_point(str, run);
+}
+
+// The working set at the new point, and chac, which tells the termination test whether x is the
+// minimizer on it.
+static void revise_set(MINSTR* str, QuadraticRun& run, const Member& met, bool bent) {
+  const bool blocked = met.ic >= 0 && !bent && str->alfa >= str->stub;
+  if (blocked && bounds_alone(str)) str->x[met.ic] = bound_value(str, met.ic, met.koc);
+  if (blocked && !bounds_alone(str)) enter_row(str, run, met);
+  if ((blocked || bent) && bounds_alone(str)) enter_bounds(str, run);
+  measure_point(str, run);
+  const bool minimizer = run.course == Course::newton && !bent && !blocked && str->alfa >= 1.0;
+  if (minimizer) ++run.full_steps;
+  if (!minimizer && reduced_dimension(str) > 0) {
+    if (str->chac == 0) str->chac = 1;
+  } else if (!release(str, run) && restore_members(str, run)) {
+    str->chac = 1;
+  }
+}
+
+// Moves x. go_on: x has moved to a lower value, bent or by alfa sdir.
+static Next move_on(MINSTR* str, QuadraticRun& run, Member* met, bool* bent) {
+  for (;;) {
+    if (const Next next = settle(str, run, met); next != Next::go_on) return next;
+    const double length = std::min(run.natural, str->stub);
+    if (!(length < HUGE_VALUE)) return report_unbounded(str, run);
+    const bool blocked = str->stub < run.natural && !moves(str, length);
+    if (!blocked || bounds_alone(str)) start_iteration(str);
+    *bent = take_bent_step(str, run);
+    if (*bent) return Next::go_on;
+    if (blocked) {
+      enter_at_once(str, run, *met);
+      continue;
+    }
+    if (take_step(str, run)) return Next::go_on;
+    return_to_xold(str);
+    str->tbig = 0.0;
+    if (run.course == Course::newton && -run.gs <= 100.0 * value_rounding(str, run)) {
+      run.full_steps = MOST_REFINEMENTS;  // x is the minimizer, as far as values tell
+      continue;
+    }
+    run.ij = NO_PROGRESS;
+    return Next::finish;
+  }
+}
+
+static Next one_iteration(MINSTR* str, QuadraticRun& run) {
+  Member met;
+  bool bent = false;
+  Next next = move_on(str, run, &met, &bent);
+  if (next != Next::go_on) return next == Next::solve_again ? Next::go_on : next;
+  run.idle = 0;
+  str->chac = 0;
+  str->pred = -run.gs;
+  str->nitr += 1.0;
+  if (!evaluate_gradient(str)) {
+    return_to_xold(str);
+    run.ij = NO_PROGRESS;
+    return Next::finish;
+  }
+  revise_set(str, run, met, bent);
+  next = keep_feasible(str, &run.ij);
+  if (next != Next::go_on) return next;
+  ++str->itre;
+  run.untested = str->chac != 0;
+  run.ij = str->uster(str, TEST_ITERATION);
+  return run.ij == 0 ? Next::go_on : Next::stop;
+}
+
+// ---- The technique ------------------------------------------------------------------------------
+
+// Gradient and Hessian at x.
+static int gethes(MINSTR* str, int) { return evaluate(str, ORDER_HESSIAN, str->ushes) ? 0 : -2; }
+
+static int load_point(MINSTR* str) {
+  static constexpr int REPAIR = -1;
+  if (str->isqp == 0) return load_feasible_point(str, REPAIR, gethes, 0);
+  const int code = load_function(str);
+  return code != 0 ? code : gethes(str, 0);
+}
+
+static Next load_start(MINSTR* str, QuadraticRun& run) {
+  open_restart(str);
+  str->ridg = 0.0;
+  run.ij = load_point(str);
+  if (run.ij != 0) return Next::leave;
+  if (!restart_makes_progress(str, run.guard)) {
+    run.ij = NO_PROGRESS;
+    return Next::finish;
+  }
+  if (has_constraints(str)) forget_deferred(str);
+  if (bounds_alone(str)) znlpinc(str, 0);
+  run.rg = str->lincon != 0 ? str->gpro : str->wrk2 + (QUADAS_WORK - 1) * str->nvar;
+  measure_hessian(str, run.reduced);
+  run.reduced.current = false;
+  set_changed(run);
+  measure_point(str, run);
+  // A gradient of zero makes no solution: x may be a saddle point, or leave its constraints.
+  const bool minimizer = !choose_direction(str, run) && !release(str, run);
+  run.untested = !minimizer;
+  if (!minimizer && str->chac == 0) str->chac = 1;
+  return Next::go_on;
+}
+
+static int end_stage(MINSTR* str, QuadraticRun& run) {
+  return finish_run(str, run.ij, [](MINSTR* s) { return gethes(s, 0); });
+}
+
+int znlpqas(MINSTR* str) {
+  open_run(str);
+  str->ngrd = 0;
+  str->stub = HUGE_VALUE;
+  str->spro = str->wrk2;
+  QuadraticRun run;
+  return technique_loop<QuadraticRun>(str, run, {load_start, one_iteration, end_stage});
+}
+
+}  // namespace tqnlp

@@ -1,0 +1,227 @@
+// NLPQUA: random quadratic programs with a solution built in, of any inertia and in every form of
+// the matrix, judged by certificates; and what it says of those that have none.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <random>
+
+#include "techniques/outcome.h"
+
+namespace tqnlp::test {
+namespace {
+
+using Point = std::vector<double>;
+enum class Kind { definite, semidefinite, indefinite };
+enum class Form { dense, rows, both_triangles };
+
+struct Program {
+  Problem p;
+  Matrix h, linear;  // of x'Hx / 2 + g'x + c
+};
+
+// Its matrix and callbacks; a program over bounds, rows, or both, with x* = minima in value. Many
+// rows meet in the solution, some with a multiplier of zero, some repeated or summed.
+Program make_program(unsigned seed, long n, Kind kind) {
+  std::mt19937 random(seed);
+  const auto uniform = [&] { return std::uniform_real_distribution<double>(-1, 1)(random); };
+  const auto below = [&](long k) { return static_cast<long>(random() % std::size_t(k)); };
+  const bool integer = below(3) == 0, boxed = kind == Kind::indefinite;
+  const auto draw = [&] { return integer ? std::round(2 * uniform()) : uniform(); };
+  Program q;
+  q.h = Matrix(n, n);
+  const long rank = kind == Kind::semidefinite ? below(n + 1) : n;
+  for (long k = 0; k < rank; ++k) {
+    Point v(static_cast<std::size_t>(n));
+    for (double& e : v) e = draw();
+    const double sign = boxed ? uniform() : 1.0;
+    for (long i = 0; i < n * n; ++i) q.h[i] += sign * v[std::size_t(i / n)] * v[std::size_t(i % n)];
+  }
+  for (long i = 0; kind == Kind::definite && i < n; ++i) q.h(i, i) += 0.1;
+
+  Point x(static_cast<std::size_t>(n)), pull = x, start = x;
+  for (double& e : x) e = draw();
+  for (double& e : start) e = below(4) == 0 ? 0.0 : 3 * uniform();
+  Problem& p = q.p;
+  p.n = n;
+  p.start = below(4) == 0 ? x : start;
+  const long mode = below(3);
+  if (boxed || mode != 1) {
+    p.lower.assign(std::size_t(n), boxed ? -5.0 : -NONE);
+    p.upper.assign(std::size_t(n), boxed ? 5.0 : NONE);
+    for (std::size_t j = 0; j < x.size(); ++j) {
+      const double multiplier = below(4) == 0 ? 0.0 : std::fabs(uniform());
+      const long side = below(4);
+      if (side == 0) p.lower[j] = x[j], pull[j] += multiplier;
+      if (side == 1) p.upper[j] = x[j], pull[j] -= multiplier;
+    }
+  }
+  for (long i = 0; mode != 0 && n > 1 && i < 3 * n; ++i) {
+    LinearRow row{Point(static_cast<std::size_t>(n)), i < n / 4 ? 0 : 1, 0.0};
+    for (double& a : row.a) a = draw();
+    if (!p.rows.empty() && below(6) == 0) row.a = p.rows[std::size_t(below(long(p.rows.size())))].a;
+    for (std::size_t j = 0; j < x.size(); ++j) row.b += row.a[j] * x[j];
+    if (std::ranges::count(row.a, 0.0) > n - 2) continue;
+    const bool active = row.op == 0 || below(2) == 0;
+    const double multiplier = !active || below(3) == 0 ? 0.0 : std::fabs(uniform());
+    for (std::size_t j = 0; j < x.size(); ++j) pull[j] += multiplier * row.a[j];
+    if (!active) row.b -= std::fabs(uniform());
+    if (row.op == 1 && below(4) == 0) {
+      row = {row.a, -1, -row.b};
+      for (double& a : row.a) a = -a;
+    }
+    p.rows.push_back(row);
+  }
+  q.linear = Matrix(n + 1, 1);
+  for (long i = 0; i < n; ++i) {
+    q.linear[i] = boxed ? uniform() : pull[std::size_t(i)];
+    for (long j = 0; j < n && !boxed; ++j) q.linear[i] -= q.h(i, j) * x[std::size_t(j)];
+  }
+  q.linear[n] = uniform();
+  p.by_hand = [h = q.h, g = q.linear, n](const double* at, double* gradient) {
+    double f = g[n];
+    for (long i = 0; i < n; ++i) {
+      double product = 0.0;
+      for (long j = 0; j < n; ++j) product += h(i, j) * at[j];
+      f += at[i] * (0.5 * product + g[i]);
+      if (gradient != nullptr) gradient[i] = product + g[i];
+    }
+    return f;
+  };
+  p.value = [f = p.by_hand](const double* at) { return f(at, nullptr); };
+  if (!boxed) p.minima = {p.value(x.data())};
+  return q;
+}
+
+Matrix in_form(const Matrix& h, Form form) {
+  if (form == Form::dense || h.rows() < 4) return h;
+  std::vector<double> rows;
+  for (long i = 0; i < h.rows(); ++i) {
+    for (long j = 0; j < (form == Form::rows ? i + 1 : h.rows()); ++j) {
+      if (h(i, j) != 0.0 || i == j) rows.insert(rows.end(), {i + 1.0, j + 1.0, h(i, j)});
+    }
+  }
+  const long count = static_cast<long>(rows.size()) / 3;
+  return Matrix(count, 3, std::move(rows));
+}
+
+Outcome solve(const Program& q, Form form, bool maximize, std::string* log = nullptr) {
+  Matrix h = in_form(q.h, form), linear = q.linear;
+  for (long k = 0; maximize && k < linear.size(); ++k) linear[k] = -linear[k];
+  for (long k = 0; maximize && k < h.size(); ++k) {
+    if (form == Form::dense || q.p.n < 4 || k % 3 == 2) h[k] = -h[k];
+  }
+  Session tql;
+  const auto results =
+      tql.call("NLPQUA", {h, Matrix::row(q.p.start), Matrix::row({maximize ? 1.0 : 0.0}),
+                          constraint_matrix(q.p), Matrix(), Matrix(), Matrix(), linear});
+  Outcome outcome;
+  outcome.code = results[0][0];
+  outcome.x.assign(results[1].data(), results[1].data() + q.p.n);
+  outcome.f = q.p.value(outcome.x.data());
+  judge(q.p, 1e-10, outcome);
+  for (const LogRecord& line : tql.log()) {
+    if (log != nullptr) *log += line.text + "\n";
+  }
+  return outcome;
+}
+
+TEST(Quadratic, ConvexProgramsEndInTheirSolution) {
+  for (unsigned seed = 0; seed < 600; ++seed) {
+    const long n = seed % 20 == 19 ? 60 : 1 + seed % 9;
+    const Kind kind = seed % 2 == 0 ? Kind::definite : Kind::semidefinite;
+    const Program q = make_program(seed, n, kind);
+    const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
+    EXPECT_TRUE(outcome.solved && outcome.code > 0)
+        << "seed " << seed << ", n " << n << ": code " << outcome.code << ", f " << outcome.f
+        << " for " << q.p.minima[0] << ", violation " << outcome.infeasible;
+  }
+}
+
+// The start or the end of a run may be a saddle point: no direction that keeps the active
+// constraints may have negative curvature. Random directions in a small space find one.
+TEST(Quadratic, IndefiniteProgramsEndInAPointOfSecondOrder) {
+  std::mt19937 random(7);
+  std::normal_distribution<double> normal;
+  for (unsigned seed = 0; seed < 300; ++seed) {
+    const Program q = make_program(seed, 2 + seed % 6, Kind::indefinite);
+    const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
+    EXPECT_TRUE(outcome.code > 0 && outcome.infeasible < 1e-7) << "seed " << seed;
+    std::vector<Point> basis;  // of the normals
+    const auto outside = [&basis](Point d) {
+      for (int pass = 0; pass < 2; ++pass) {
+        for (const Point& a : basis) {
+          const double along = std::inner_product(a.begin(), a.end(), d.begin(), 0.0);
+          for (std::size_t j = 0; j < d.size(); ++j) d[j] -= along * a[j];
+        }
+      }
+      return d;
+    };
+    for (const Point& normal_of : active_normals(q.p, outcome.x)) {
+      Point d = outside(normal_of);
+      const double size = std::sqrt(std::inner_product(d.begin(), d.end(), d.begin(), 0.0));
+      for (double& e : d) e /= size;
+      if (size > 1e-9) basis.push_back(d);
+    }
+    for (int k = 0; k < 100; ++k) {
+      Point d(outcome.x.size());
+      for (double& e : d) e = normal(random);
+      d = outside(d);
+      double curvature = 0.0;
+      for (long i = 0; i < q.p.n * q.p.n; ++i) {
+        curvature += q.h[i] * d[std::size_t(i / q.p.n)] * d[std::size_t(i % q.p.n)];
+      }
+      ASSERT_GT(curvature, -1e-6) << "seed " << seed;
+    }
+  }
+}
+
+// Programs without a solution, saddle points at the start, and what cannot be meant.
+TEST(Quadratic, SaysWhatIsWrong) {
+  const Matrix none, x = {1, 1, 1, 1}, zero(1, 4);
+  const Matrix flat = {{1, 1, 2}}, saddle = {{1, 1, 2}, {2, 2, 2}, {3, 3, 2}, {4, 1, 1}, {4, 4, 0}};
+  const Matrix above = {{0, 0, 0, 0}, {missing, missing, missing, missing}};
+  const struct {
+    const char* what;
+    Matrix h, start, blc, linear;
+    double code;  // 0: refused
+    const char* message;
+  } rows[] = {
+      {"linear in three parameters", flat, x, none, {0, 0, 1, 0}, -5, "unbounded below"},
+      {"the same, bounded", flat, x, above, {0, 0, 1, 0}, 3, "parameter 2, nor 2 other"},
+      {"bounded by the other side", flat, x, above, {0, 0, -1, 0}, -5, "unbounded below"},
+      {"a saddle point at the start", saddle, zero, none, zero, -5, "unbounded below"},
+      {"not symmetric", {{1, 2}, {3, 1}}, {1, 1}, none, none, 0, "element (2, 1) is 3"},
+      {"no number", {{1, 2}, {missing, HUGE_VAL}}, {1, 1}, none, none, 0, "(2, 2) of argument 1"},
+      {"missing on both sides",
+       {{1, missing}, {missing, 1}},
+       {1, 1},
+       none,
+       none,
+       0,
+       "missing both"},
+      {"a place outside", {{1, 5, 1}}, x, none, none, 0, "names the element (1, 5)"},
+      {"half a place", {{1, 1.5, 1}}, x, none, none, 0, "whole numbers from 1 to 4"},
+      {"an infinite row", {{1, 1, HUGE_VAL}}, x, none, none, 0, "a finite number"},
+      {"two values", {{2, 1, 3}, {1, 2, 4}}, x, none, none, 0, "row before it gave 3"},
+      {"infinite term", flat, x, none, {0, HUGE_VAL, 0, 0}, 0, "element 2 of argument 8"},
+  };
+  for (const auto& row : rows) {
+    Session tql;
+    double code = 0.0;
+    try {
+      code =
+          tql.call("NLPQUA", {row.h, row.start, none, row.blc, none, none, none, row.linear})[0][0];
+    } catch (const CallError& error) {
+      EXPECT_EQ(error.code(), 6) << row.what;
+    }
+    std::string log;
+    for (const LogRecord& line : tql.log()) log += line.text + "\n";
+    EXPECT_EQ(code, row.code) << row.what << ": " << log;
+    EXPECT_NE(log.find(row.message), std::string::npos) << row.what << ": " << log;
+  }
+}
+
+}  // namespace
+}  // namespace tqnlp::test
