@@ -27,6 +27,7 @@
 #include "aasubs/direct/simplex.h"
 #include "aasubs/direct/znlpcob.h"
 #include "aasubs/post/znlpspm.h"
+#include "aasubs/sqp/vmcstr.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_modules.h"
@@ -112,8 +113,7 @@ static bool linear_models(const Sizes& s) { return s.nonlinear && s.str->tech ==
 static long work_length(const Sizes& s) {
   if (!s.nonlinear) return technique_work(s.str, s.n);
   if (linear_models(s)) return cobyla_work(s.str->nvar, s.str->ntco);
-  const long ntco = s.str->ntco;
-  return s.packed + 4 * ntco + 3 * s.n + 2 * std::max(s.n, ntco);
+  return sqp_work(s.str->nvar, s.str->nnlc + s.str->ncon, s.bounds);
 }
 
 // func and, behind it, fold; the quadratic line search keeps two more copies.

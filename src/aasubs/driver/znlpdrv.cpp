@@ -35,6 +35,7 @@
 #include "aasubs/quasinewton/znlpqun.h"
 #include "aasubs/record/covstr.h"
 #include "aasubs/reports/znlppre.h"
+#include "aasubs/sqp/znlpdq2.h"
 #include "aasubs/termination/znlptrm.h"
 #include "host/language.h"
 #include "host/log.h"
@@ -64,7 +65,7 @@ static Callback technique_code(const MINSTR* str) {
     case QUANEW:
       return znlpqun;
     case QUANEW_DUAL:
-      return znlpdqn;
+      return str->nlicon != 0 ? znlpdq2 : znlpdqn;
     case HYQUAN:
       return znlphqn;
     case CONGRA:
@@ -83,9 +84,7 @@ static Callback technique_code(const MINSTR* str) {
 static constexpr int BARRIER_FORM = 1;  // vers
 
 bool technique_is_built(const MINSTR* str) {
-  // The form of QUANEW for nonlinear constraints is another technique under the same number.
-  if (str->tech == QUANEW_DUAL && str->nlicon != 0) return false;
-  // So is the barrier form of QUADAS.
+  // The barrier form of QUADAS is another technique under the same number.
   if (str->tech == QUADAS && str->vers == BARRIER_FORM) return false;
   // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
   return !is_technique(str->tech) || technique_code(str) != nullptr || str->tech == NO_TECHNIQUE ||

@@ -217,7 +217,9 @@ static void warn_if_unbounded(MINSTR* str, int job) {
 static int verdict(MINSTR* str, int job, const Measures& m) {
   // At a vertex nothing can move, whatever a technique made of it: this goes before every failure
   // deliberately. Values that cannot be had there fail again when the driver evaluates the result.
-  if (job != TEST_START && str->nabc + str->nalc == str->nvar) return ALL_PARAMETERS_ACTIVE;
+  // A vertex of nonlinear constraints is one of their linearization alone, and moves.
+  const bool vertex = str->nabc + str->nalc == str->nvar && str->nlicon == 0;
+  if (job != TEST_START && vertex) return ALL_PARAMETERS_ACTIVE;
   if (job < 0) return stop_code(str, job);
   if (str->tbig != 0.0) return FUNCTION_FAILED;
   if (job == TEST_LIMITS_ONLY || working_set_is_moving(str, m)) return 0;

@@ -1,0 +1,498 @@
+// znlpdq2: Dual Quasi-Newton (QUANEW) under nonlinear constraints, technique 11 with nlicon.
+//
+// Model      q(d) = g'd + d'Bd/2 under the linearized constraints; B positive definite, by damped
+//            BFGS updates from the differences of the gradient of the Lagrangian
+// Method     Sequential quadratic programming: the step of the model, a line search on the merit
+//            function psi = f + weighted violations, an update of B. Watchdog: steps may raise psi
+//            as long as they lower the Lagrangian, for a few iterations; if that does not pay, the
+//            run goes back to the best point.
+// Reference  Powell (1978), Numerical Analysis Dundee 1977, Lecture Notes in Mathematics 630;
+//            Chamberlain, Powell, Lemarechal and Pedersen (1982), Mathematical Programming Study
+//            16, for the watchdog; Powell (1985), Report DAMTP NA4, for the weights
+// Reads      vers, salf, nres, load, dhes, max2, bounds, lincon; nonlinear constraints
+// Writes     x, crit, grad, fcon, jcon, grlf, gmlf, gmax, cmax, crlf, cpsi, pred, alfa, hess (the
+//            factor L of B = LL'), working set, counters
+// Work       wrk2 as open_terms lays it out; half = the subproblem's matrices; xold = start of the
+//            search; gold = gradient of the Lagrangian there; sdir = d
+// Ends       codes of uster; -1, -2 failed start; -3, -4 evaluations; -5 no progress
+//
+//   1  load values, derivatives and matrix at the start or restart point; the first step
+//   2  raise the weights, search along the step
+//   3  derivatives, update of B, state of the watchdog
+//   4  best point, present point or back to the best one; the next step; termination test
+#include "aasubs/sqp/znlpdq2.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpfnc.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/sqp/chmod.h"
+#include "aasubs/sqp/conred.h"
+#include "aasubs/sqp/qpsub.h"
+#include "aasubs/sqp/terms.h"
+#include "host/log.h"
+#include "kernels/dense.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+static constexpr int AVERAGED_WEIGHTS = 1;     // vers
+static constexpr double PATIENCE = 6.0;        // iterations without a better point
+static constexpr double SHORT_PATIENCE = 2.0;  // if the last step kept little of its promise
+static constexpr double SHARE_OF_PROMISE = 0.1;
+static constexpr double LARGE_VIOLATION = 0.1;  // at a start: worth a first phase
+static constexpr double CLEAR_VIOLATION = 0.0001;
+
+namespace {
+
+// What the first phase has done.
+enum class Phase { none, reduced, failed };
+
+// What the iterations of one run share.
+struct ConstrainedRun {
+  VMCSTR v;
+  int ij = 0;          // code in hand
+  int load = 0;        // nonzero: the user's Hessian starts the matrix
+  bool fresh = false;  // no step has been made since the start or restart
+  Phase phase = Phase::none;
+  bool lswd = true;     // the line search must lower the merit function
+  double gs = 0.0;      // slope of the objective along the step
+  double psiopt = 0.0;  // merit at the best point
+  double fopt = 0.0;    // objective there
+  double cmxopt = 0.0;  // largest violation there
+  double target = 0.0;  // merit that releases the line search
+  double iopt = 0.0;    // iteration of the best point
+  double wdit = 0.0;    // iteration of the last return to it
+  bool slid = false;    // has a step been made along constraints that contradict each other?
+  double restored = HUGE_VALUE;  // largest violation before the last restoration
+};
+
+}  // namespace
+
+static bool averaged(const MINSTR* str) { return str->vers == AVERAGED_WEIGHTS; }
+
+// ---- Points -------------------------------------------------------------------------------------
+
+static void keep_best(MINSTR* str, ConstrainedRun& run) {
+  run.fopt = str->crit;
+  run.psiopt = str->cpsi;
+  run.cmxopt = str->cmax;
+  run.iopt = str->nitr;
+  std::copy_n(str->x, str->nvar, run.v.xopt);
+  std::copy_n(run.v.vcon, run.v.terms, run.v.vopt);
+}
+
+static void measure_merit(MINSTR* str, const ConstrainedRun& run) {
+  str->cpsi = str->crit + penalty(run.v, run.v.vcon);
+  str->cmax = largest_violation(run.v, run.v.vcon);
+}
+
+// Values, then derivatives at x. Returns 0, or the code of what failed.
+static int load_point(MINSTR* str, ConstrainedRun& run, int values_code, int derivatives_code) {
+  str->tbig = 0.0;
+  if (!evaluate_values(str, run.v)) return values_code;
+  measure_merit(str, run);
+  return evaluate_derivatives(str) ? 0 : derivatives_code;
+}
+
+// Lagrangian and what the termination test measures, with the multipliers of the last step.
+static void reset(MINSTR* str, ConstrainedRun& run) {
+  run.gs = zvdot11(str->nvar, str->grad, str->sdir);
+  str->crlf = lagrangian(str, run.v);
+  lagrangian_gradient(str, run.v);
+  // Where a constraint with a multiplier is still far, the gradient of the Lagrangian says nothing.
+  str->gmlf = str->gmax = std::max(str->gmlf, complementarity(run.v));
+  str->pred = std::fabs(run.gs);
+  for (long i = 0; i < run.v.terms; ++i) {
+    if (run.v.vlam[i] != 0.0) str->pred += std::fabs(run.v.vlam[i] * run.v.vcon[i]);
+  }
+  // A point that violates its constraints is no solution, whatever the multipliers promise.
+  if (str->cmax > feasibility_tolerance(str, str->ipre)) {
+    str->pred = std::max(str->pred, str->cmax * std::max(1.0, std::fabs(str->crit)));
+  }
+}
+
+// False: the subproblem has no step. Once in a run, one that leaves all violations as they are will
+// do: it may lead where the linearized constraints no longer contradict each other.
+static bool make_step(MINSTR* str, ConstrainedRun& run) {
+  const Subproblem answer = qpsub(str, run.v);
+  if (answer == Subproblem::failed) return false;
+  if (answer == Subproblem::inconsistent) {
+    if (run.slid || !(zvamx(str->nvar, str->sdir) > 0.0)) return false;
+    run.slid = true;
+  }
+  reset(str, run);
+  return true;
+}
+
+// ---- Start and restart --------------------------------------------------------------------------
+
+// L with LL' = H for the user's Hessian H, made positive definite.
+static int factor_user_hessian(MINSTR* str) {
+  if (!refresh_saved_results(str)) return -1;
+  if (!evaluate(str, ORDER_HESSIAN, str->ushes)) return -2;
+  chmod(str->nvar, str->sing, str->hess);
+  return 0;
+}
+
+static int load_matrix(MINSTR* str, ConstrainedRun& run) {
+  if (run.load != 0) return factor_user_hessian(str);
+  if (!wzmis(str->dhes) && str->dhes <= SMALLEST_TOLERANCE) str->dhes = SMALLEST_TOLERANCE;
+  const long nabc = str->nabc;
+  const long nalc = str->nalc;
+  str->nabc = str->nalc = 0;
+  znlphin(str, 1, 0, 0, 2, str->hess);
+  str->nabc = nabc;
+  str->nalc = nalc;
+  const double first = str->hess[0];
+  for (long j = 0; j < str->nvar; ++j) {
+    double& d = str->hess[zisub(j, j)];
+    d = first < 1.0 ? 1.0 : std::sqrt(d);
+  }
+  return 0;
+}
+
+static Next load_start(MINSTR* str, ConstrainedRun& run) {
+  open_restart(str);
+  str->null = 0;
+  run.lswd = !averaged(str);
+  run.fresh = true;
+  run.v.warm = false;
+  start_iteration(str);
+  const double first_weight = std::max(0x1p-106 * std::max(1.0, std::fabs(str->crit)), 1e-20);
+  vzfdl(first_weight, run.v.vmu, run.v.terms);
+  vzfdl(0.0, run.v.vlam, run.v.terms);
+  run.ij = load_point(str, run, -1, -1);
+  if (run.ij != 0) {
+    std::copy_n(str->xold, str->nvar, str->x);
+    return Next::leave;
+  }
+  if (run.phase == Phase::none) keep_best(str, run);
+  double norm = 0.0;
+  for (long i = 0; i < run.v.terms; ++i)
+    norm = std::hypot(norm, violation(run.v, i, run.v.vcon[i]));
+  if (run.phase == Phase::none && str->max2 > 0.0 && norm > LARGE_VIOLATION) {
+    run.phase = conred(str, run.v) ? Phase::reduced : Phase::failed;
+    return Next::restart;
+  }
+  znlpfch(str, 1, 1, str->ipre);
+  znlpfta(str, 0, 1, 0, nullptr, nullptr, nullptr);
+  // The frame keeps members whose multiplier has the wrong sign, and would call such a point
+  // stationary.
+  take_multipliers(str, run.v, term_index);
+  str->crlf = lagrangian(str, run.v);
+  lagrangian_gradient(str, run.v);
+  return Next::go_on;
+}
+
+// Names the constraint that is violated most.
+static void report_contradiction(const MINSTR* str, const VMCSTR& v) {
+  static constexpr int CONTRADICTION = 144;
+  long worst = 0;
+  for (long i = 1; i < v.rows; ++i) {
+    if (violation(v, i, v.vcon[i]) > violation(v, worst, v.vcon[worst])) worst = i;
+  }
+  const long g = general_index(str, v, worst);
+  const bool linear = g < str->ncon;
+  xpmlog(OPTIMIZATION, CONTRADICTION,
+         {violation(v, worst, v.vcon[worst]), linear ? "linear" : "nonlinear",
+          linear ? g + 1 : g - str->ncon + 1});
+}
+
+// Where the linearized constraints contradict each other, a step against the sum of the squared
+// violations may still help. It must, or the run ends.
+static Next restore(MINSTR* str, ConstrainedRun& run) {
+  static constexpr double WORTH = 0.9;
+  const double before = str->cmax;
+  const bool moved = before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
+  run.restored = before;
+  str->nabc = str->nalc = str->nldc = str->nlbc = 0;
+  if (moved) return Next::restart;
+  report_contradiction(str, run.v);
+  vzfdl(0.0, str->sdir, str->nvar);
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// The matrix and the first step, once the termination test has seen the start.
+static Next first_step(MINSTR* str, ConstrainedRun& run) {
+  run.fresh = false;
+  str->nabc = str->nalc = str->nldc = 0;
+  run.ij = load_matrix(str, run);
+  if (run.ij != 0) return Next::leave;
+  if (!make_step(str, run)) return restore(str, run);
+  if (run.phase == Phase::reduced) keep_best(str, run);
+  run.wdit = run.iopt - PATIENCE;
+  return Next::go_on;
+}
+
+// ---- Weights ------------------------------------------------------------------------------------
+
+static void revise_weights(MINSTR* str, ConstrainedRun& run) {
+  if (averaged(str)) {
+    average_weights(run.v);
+  } else if (!raise_weights(run.v, run.gs)) {
+    return;
+  }
+  str->cpsi = str->crit + penalty(run.v, run.v.vcon);
+  run.psiopt = run.fopt + penalty(run.v, run.v.vopt);
+  if (run.iopt < str->nitr && str->cpsi <= run.psiopt) keep_best(str, run);
+}
+
+// ---- Line search --------------------------------------------------------------------------------
+
+namespace {
+
+// One line search.
+struct Search {
+  double psi0;  // merit, Lagrangian and objective at its start
+  double crlf0;
+  double crit0;
+  double psip;  // merit that the linear model promises
+  double rrho;  // kept share of the promise
+  int counted = 0;
+
+  double flat() const { return psi0 - std::fabs(psi0) * HUNDRED_EPS; }
+};
+
+enum class Verdict { accept, shorten, uphill };
+
+}  // namespace
+
+// x := xold + alfa d inside the bounds. False: rounding moved nothing.
+static bool move_along(MINSTR* str) {
+  bool moved = false;
+  for (long j = 0; j < str->nvar; ++j) {
+    const double from = str->xold[j];
+    double& to = str->x[j];
+    to = from + str->alfa * str->sdir[j];
+    if (str->bounds != 0 && from >= str->lb[j] && from <= str->ub[j]) {
+      to = std::clamp(to, str->lb[j], str->ub[j]);
+    }
+    moved = moved || std::fabs(to - from) > (std::fabs(to) + std::fabs(from)) * HUNDRED_EPS;
+  }
+  return moved;
+}
+
+// Share of the promise that the merit function kept.
+static double kept_share(const Search& s, double psi) {
+  const double promised = std::fabs(s.psi0 - s.psip);
+  const double got = std::fabs(s.psi0 - psi);
+  if (promised <= SMALLEST_TOLERANCE) return 1.0;
+  if (got <= promised * EPS || got <= SMALLEST_TOLERANCE) return 0.0;
+  return (s.psi0 - psi) / (s.psi0 - s.psip);
+}
+
+// Wanted share: more of the first steps from a fresh matrix, whose length says nothing yet.
+static double wanted_share(const MINSTR* str, const Search& s) {
+  static constexpr int DEMANDING_TRIALS = 6;
+  if (s.counted >= DEMANDING_TRIALS || str->itre > 1) return SHARE_OF_PROMISE;
+  return str->itre == 0 ? 0.5 : 0.2;
+}
+
+static Verdict judge_trial(const MINSTR* str, Search& s, bool lswd) {
+  if (!lswd && (str->cpsi <= s.psi0 || str->crlf <= s.crlf0)) return Verdict::accept;
+  if (s.flat() < s.psip) {
+    if (!lswd || str->cpsi > s.psi0) return Verdict::uphill;
+    s.rrho = 0.0;
+    s.psip = s.flat();
+    return Verdict::accept;
+  }
+  ++s.counted;
+  s.rrho = kept_share(s, str->cpsi);
+  return s.rrho >= wanted_share(str, s) ? Verdict::accept : Verdict::shorten;
+}
+
+static void shorten(MINSTR* str, const Search& s) {
+  static constexpr double CUT = 0.1;
+  const bool hopeless = str->itre == 0 && s.rrho < 0.01;
+  str->alfa *= hopeless ? CUT : std::max(CUT, 0.5 / (1.0 - s.rrho));
+}
+
+// Searches along sdir from x. Returns 0, -3 or -5.
+static int lines(MINSTR* str, ConstrainedRun& run, Search& s) {
+  static constexpr int MOST_TRIALS = 26;
+  static constexpr double LEAST_STEP = 2.225073858507202e-303;
+  static constexpr double CUT = 0.1;
+  VMCSTR& v = run.v;
+  str->alfa = str->nitr < 5.0 || str->itre == 0 ? str->salf : 1.0;
+  std::copy_n(v.vcon, v.terms, v.cbeg);
+  for (int trial = 0; trial < MOST_TRIALS; ++trial) {
+    const bool moved = move_along(str);
+    str->tbig = 0.0;
+    if (!evaluate_values(str, v)) {
+      if (str->alfa <= LEAST_STEP) return FUNCTION_FAILED;
+      ++s.counted;
+      str->alfa *= CUT;
+      continue;
+    }
+    measure_merit(str, run);
+    str->crlf = lagrangian(str, v);
+    if (moved) {
+      s.psip = model_merit(v, s.crit0, run.gs, str->alfa);
+    } else if (trial > 0 && str->cpsi >= s.psi0) {
+      s.psip = s.flat();
+    }
+    switch (judge_trial(str, s, run.lswd)) {
+      case Verdict::accept:
+        return 0;
+      case Verdict::shorten:
+        shorten(str, s);
+        break;
+      case Verdict::uphill:
+        s.rrho = 0.0;
+        if (run.gs > 0.0 || str->alfa <= LEAST_STEP) return NO_PROGRESS;
+        ++s.counted;
+        str->alfa *= CUT;
+        break;
+    }
+  }
+  return NO_PROGRESS;
+}
+
+// The point before the search.
+static void return_to_start(MINSTR* str, ConstrainedRun& run, const Search& s) {
+  return_to_xold(str);
+  str->tbig = 0.0;
+  std::copy_n(run.v.cbeg, run.v.terms, run.v.vcon);
+  str->cpsi = s.psi0;
+  str->crlf = s.crlf0;
+  str->cmax = largest_violation(run.v, run.v.vcon);
+}
+
+static Next search(MINSTR* str, ConstrainedRun& run, Search& s) {
+  run.ij = lines(str, run, s);
+  if (run.ij == 0) return Next::go_on;
+  return_to_start(str, run, s);
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// ---- After a step -------------------------------------------------------------------------------
+
+// B by the change of the gradient of the Lagrangian over the step, both ends with the multipliers
+// of this iteration.
+static void update_matrix(MINSTR* str, ConstrainedRun& run) {
+  static constexpr int FACTOR = 3;
+  const long n = str->nvar;
+  lagrangian_gradient(str, run.v);
+  double* step = str->work;
+  for (long j = 0; j < n; ++j) {
+    step[j] = str->x[j] - str->xold[j];
+    str->gold[j] = str->grlf[j] - str->gold[j];
+  }
+  const long nabc = str->nabc;
+  const long nalc = str->nalc;
+  str->nabc = str->nalc = 0;
+  MINSTR& inner = run.v.inner;
+  const int code =
+      str->updat(str, FACTOR, 0, step, str->gold, str->hess, inner.work, inner.xold, inner.gold);
+  str->nabc = nabc;
+  str->nalc = nalc;
+  str->null = code != 0 ? 1 : 0;
+  if (code == 0) ++str->nhup;
+}
+
+// The search is free of the merit function after a step that kept a tenth of its promise against
+// the best point, but for some iterations after a return to it.
+static void set_watchdog(MINSTR* str, ConstrainedRun& run, const Search& s) {
+  if (str->nitr <= run.iopt) {
+    run.target = run.psiopt - SHARE_OF_PROMISE * (run.psiopt - s.psip);
+  }
+  run.lswd = str->cpsi > run.target || str->nitr < run.wdit + PATIENCE;
+  if (averaged(str)) run.lswd = false;
+}
+
+static bool is_better(const MINSTR* str, const ConstrainedRun& run) {
+  return (str->crit <= run.fopt && str->cmax <= run.cmxopt) || str->cmax < 0.5 * run.cmxopt ||
+         str->cpsi <= run.psiopt;
+}
+
+static bool watchdog_fires(const MINSTR* str, const ConstrainedRun& run, const Search& s) {
+  const bool poor = s.rrho > 0.0 && s.rrho < SHARE_OF_PROMISE;
+  return run.iopt + PATIENCE <= str->nitr || (run.iopt + SHORT_PATIENCE < str->nitr && poor);
+}
+
+// Back to the best point. Returns 0, -3 or -4.
+static int return_to_best(MINSTR* str, ConstrainedRun& run) {
+  std::copy_n(run.v.xopt, str->nvar, str->x);
+  const int code = load_point(str, run, FUNCTION_FAILED, -4);
+  run.wdit = str->nitr;
+  return code;
+}
+
+static Next settle_point(MINSTR* str, ConstrainedRun& run, const Search& s) {
+  static constexpr long SETTLED = 3;
+  if (is_better(str, run)) {
+    keep_best(str, run);
+    if (str->itre > SETTLED) run.phase = Phase::none;
+  } else if (watchdog_fires(str, run, s)) {
+    run.ij = return_to_best(str, run);
+    if (run.ij != 0) return Next::finish;
+  }
+  if (make_step(str, run)) return Next::go_on;
+  run.load = 0;
+  return Next::restart;
+}
+
+static Next one_iteration(MINSTR* str, ConstrainedRun& run) {
+  if (run.fresh) {
+    const Next next = first_step(str, run);
+    if (next != Next::go_on) return next;
+  }
+  revise_weights(str, run);
+  start_iteration(str);
+  std::copy_n(str->grlf, str->nvar, str->gold);
+  Search s{str->cpsi, str->crlf, str->crit, str->cpsi, -4.0};
+  Next next = search(str, run, s);
+  if (next != Next::go_on) return next;
+  if (!evaluate_derivatives(str)) {
+    run.ij = -4;
+    return Next::finish;
+  }
+  update_matrix(str, run);
+  set_watchdog(str, run, s);
+  str->nitr += 1.0;
+  ++str->itre;
+  next = settle_point(str, run, s);
+  if (next != Next::go_on) return next;
+  run.ij = str->uster(str, TEST_ITERATION);
+  if (run.ij == STOP_OVERRULED) run.load = 0;
+  if (run.ij != 0) return Next::stop;
+  return static_cast<double>(str->itre) >= str->nres ? Next::restart : Next::go_on;
+}
+
+// ---- The technique ------------------------------------------------------------------------------
+
+static int end_stage(MINSTR* str, ConstrainedRun& run) {
+  if (run.psiopt < str->cpsi) std::copy_n(run.v.xopt, str->nvar, str->x);
+  const int failed = load_point(str, run, FUNCTION_FAILED, FUNCTION_FAILED);
+  if (failed != 0) return str->uster(str, failed);
+  reset(str, run);
+  const int code = str->uster(str, run.ij);
+  const bool hopeful = run.phase == Phase::none && code == NO_PROGRESS && str->max2 > 0.0 &&
+                       str->cmax > CLEAR_VIOLATION;
+  if (hopeful && conred(str, run.v)) {
+    run.phase = Phase::reduced;
+    return STOP_OVERRULED;
+  }
+  return code == 0 ? run.ij : code;
+}
+
+int znlpdq2(MINSTR* str) {
+  open_run(str);
+  if (!(str->salf > 0.0 && str->salf <= 1.0)) str->salf = 1.0;
+  if (!(str->nres > 0.0)) str->nres = NEVER;
+  str->nlis = str->nhup = str->ngrd = 0;
+  str->chac = str->nldc = str->nlbc = str->nalc = str->nabc = 0;
+  ConstrainedRun run;
+  run.load = str->load != 0 ? 1 : 0;
+  open_terms(str, run.v);
+  open_subproblem(str, run.v);
+  return technique_loop<ConstrainedRun>(str, run, {load_start, one_iteration, end_stage});
+}
+
+}  // namespace tqnlp
