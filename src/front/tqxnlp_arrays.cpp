@@ -339,9 +339,11 @@ static void announce_memory(const Sizes& sizes) {
 // Takes the arrays of the table that are not there yet. The first refusal ends it; what stands
 // until then is given back by the entry's clean-up.
 static int take_arrays(MINSTR* str, long nonzeros, bool late) {
-  const long n = str->nvar + (str->nlicon != 0 ? 1 : 0);
-  const Sizes sizes{
-      str, n, packed_size(n), late, nonzeros, str->bounds != 0, str->lincon != 0, str->nlicon != 0};
+  // VMCWD solves the subproblem without nonlinear constraints too.
+  const bool nonlinear = str->nlicon != 0 || str->tech == VMCWD;
+  const long n = str->nvar + (nonlinear ? 1 : 0);
+  const Sizes sizes{str,      n, packed_size(n), late, nonzeros, str->bounds != 0, str->lincon != 0,
+                    nonlinear};
   announce_memory(sizes);
   for (const RunArray& array : ARRAYS) {
     const long count = missing_count(sizes, array);

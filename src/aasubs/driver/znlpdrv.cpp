@@ -36,6 +36,7 @@
 #include "aasubs/record/covstr.h"
 #include "aasubs/reports/znlppre.h"
 #include "aasubs/sqp/znlpdq2.h"
+#include "aasubs/sqp/znlpvmc.h"
 #include "aasubs/termination/znlptrm.h"
 #include "host/language.h"
 #include "host/log.h"
@@ -76,6 +77,8 @@ static Callback technique_code(const MINSTR* str) {
       return znlpnm2;
     case QUADAS:
       return znlpqas;
+    case VMCWD:
+      return znlpvmc;
     default:
       return nullptr;
   }

@@ -25,17 +25,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/constraints/znlpba0.h"
-#include "aasubs/constraints/znlpbas.h"
-#include "aasubs/constraints/znlpfnc.h"
 #include "aasubs/loop/loads.h"
-#include "aasubs/sqp/chmod.h"
 #include "aasubs/sqp/conred.h"
-#include "aasubs/sqp/qpsub.h"
-#include "aasubs/sqp/terms.h"
-#include "host/log.h"
-#include "kernels/dense.h"
-#include "kernels/vector.h"
+#include "aasubs/sqp/steps.h"
 
 namespace tqnlp {
 
@@ -52,108 +44,18 @@ namespace {
 enum class Phase { none, reduced, failed };
 
 // What the iterations of one run share.
-struct ConstrainedRun {
-  VMCSTR v;
-  int ij = 0;          // code in hand
-  int load = 0;        // nonzero: the user's Hessian starts the matrix
-  bool fresh = false;  // no step has been made since the start or restart
+struct ConstrainedRun : SequentialRun {
   Phase phase = Phase::none;
   bool lswd = true;     // the line search must lower the merit function
-  double gs = 0.0;      // slope of the objective along the step
-  double psiopt = 0.0;  // merit at the best point
-  double fopt = 0.0;    // objective there
-  double cmxopt = 0.0;  // largest violation there
   double target = 0.0;  // merit that releases the line search
-  double iopt = 0.0;    // iteration of the best point
   double wdit = 0.0;    // iteration of the last return to it
-  bool slid = false;    // has a step been made along constraints that contradict each other?
-  double restored = HUGE_VALUE;  // largest violation before the last restoration
 };
 
 }  // namespace
 
 static bool averaged(const MINSTR* str) { return str->vers == AVERAGED_WEIGHTS; }
 
-// ---- Points -------------------------------------------------------------------------------------
-
-static void keep_best(MINSTR* str, ConstrainedRun& run) {
-  run.fopt = str->crit;
-  run.psiopt = str->cpsi;
-  run.cmxopt = str->cmax;
-  run.iopt = str->nitr;
-  std::copy_n(str->x, str->nvar, run.v.xopt);
-  std::copy_n(run.v.vcon, run.v.terms, run.v.vopt);
-}
-
-static void measure_merit(MINSTR* str, const ConstrainedRun& run) {
-  str->cpsi = str->crit + penalty(run.v, run.v.vcon);
-  str->cmax = largest_violation(run.v, run.v.vcon);
-}
-
-// Values, then derivatives at x. Returns 0, or the code of what failed.
-static int load_point(MINSTR* str, ConstrainedRun& run, int values_code, int derivatives_code) {
-  str->tbig = 0.0;
-  if (!evaluate_values(str, run.v)) return values_code;
-  measure_merit(str, run);
-  return evaluate_derivatives(str) ? 0 : derivatives_code;
-}
-
-// Lagrangian and what the termination test measures, with the multipliers of the last step.
-static void reset(MINSTR* str, ConstrainedRun& run) {
-  run.gs = zvdot11(str->nvar, str->grad, str->sdir);
-  str->crlf = lagrangian(str, run.v);
-  lagrangian_gradient(str, run.v);
-  // Where a constraint with a multiplier is still far, the gradient of the Lagrangian says nothing.
-  str->gmlf = str->gmax = std::max(str->gmlf, complementarity(run.v));
-  str->pred = std::fabs(run.gs);
-  for (long i = 0; i < run.v.terms; ++i) {
-    if (run.v.vlam[i] != 0.0) str->pred += std::fabs(run.v.vlam[i] * run.v.vcon[i]);
-  }
-  // A point that violates its constraints is no solution, whatever the multipliers promise.
-  if (str->cmax > feasibility_tolerance(str, str->ipre)) {
-    str->pred = std::max(str->pred, str->cmax * std::max(1.0, std::fabs(str->crit)));
-  }
-}
-
-// False: the subproblem has no step. Once in a run, one that leaves all violations as they are will
-// do: it may lead where the linearized constraints no longer contradict each other.
-static bool make_step(MINSTR* str, ConstrainedRun& run) {
-  const Subproblem answer = qpsub(str, run.v);
-  if (answer == Subproblem::failed) return false;
-  if (answer == Subproblem::inconsistent) {
-    if (run.slid || !(zvamx(str->nvar, str->sdir) > 0.0)) return false;
-    run.slid = true;
-  }
-  reset(str, run);
-  return true;
-}
-
 // ---- Start and restart --------------------------------------------------------------------------
-
-// L with LL' = H for the user's Hessian H, made positive definite.
-static int factor_user_hessian(MINSTR* str) {
-  if (!refresh_saved_results(str)) return -1;
-  if (!evaluate(str, ORDER_HESSIAN, str->ushes)) return -2;
-  chmod(str->nvar, str->sing, str->hess);
-  return 0;
-}
-
-static int load_matrix(MINSTR* str, ConstrainedRun& run) {
-  if (run.load != 0) return factor_user_hessian(str);
-  if (!wzmis(str->dhes) && str->dhes <= SMALLEST_TOLERANCE) str->dhes = SMALLEST_TOLERANCE;
-  const long nabc = str->nabc;
-  const long nalc = str->nalc;
-  str->nabc = str->nalc = 0;
-  znlphin(str, 1, 0, 0, 2, str->hess);
-  str->nabc = nabc;
-  str->nalc = nalc;
-  const double first = str->hess[0];
-  for (long j = 0; j < str->nvar; ++j) {
-    double& d = str->hess[zisub(j, j)];
-    d = first < 1.0 ? 1.0 : std::sqrt(d);
-  }
-  return 0;
-}
 
 static Next load_start(MINSTR* str, ConstrainedRun& run) {
   open_restart(str);
@@ -178,50 +80,20 @@ static Next load_start(MINSTR* str, ConstrainedRun& run) {
     run.phase = conred(str, run.v) ? Phase::reduced : Phase::failed;
     return Next::restart;
   }
-  znlpfch(str, 1, 1, str->ipre);
-  znlpfta(str, 0, 1, 0, nullptr, nullptr, nullptr);
-  // The frame keeps members whose multiplier has the wrong sign, and would call such a point
-  // stationary.
-  take_multipliers(str, run.v, term_index);
-  str->crlf = lagrangian(str, run.v);
-  lagrangian_gradient(str, run.v);
+  measure_start(str, run);
   return Next::go_on;
 }
 
-// Names the constraint that is violated most.
-static void report_contradiction(const MINSTR* str, const VMCSTR& v) {
-  static constexpr int CONTRADICTION = 144;
-  long worst = 0;
-  for (long i = 1; i < v.rows; ++i) {
-    if (violation(v, i, v.vcon[i]) > violation(v, worst, v.vcon[worst])) worst = i;
-  }
-  const long g = general_index(str, v, worst);
-  const bool linear = g < str->ncon;
-  xpmlog(OPTIMIZATION, CONTRADICTION,
-         {violation(v, worst, v.vcon[worst]), linear ? "linear" : "nonlinear",
-          linear ? g + 1 : g - str->ncon + 1});
-}
-
-// Where the linearized constraints contradict each other, a step against the sum of the squared
-// violations may still help. It must, or the run ends.
-static Next restore(MINSTR* str, ConstrainedRun& run) {
-  static constexpr double WORTH = 0.9;
-  const double before = str->cmax;
-  const bool moved = before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
-  run.restored = before;
-  str->nabc = str->nalc = str->nldc = str->nlbc = 0;
-  if (moved) return Next::restart;
-  report_contradiction(str, run.v);
-  vzfdl(0.0, str->sdir, str->nvar);
-  run.ij = NO_PROGRESS;
-  return Next::finish;
+// Multiple of the identity that starts the matrix: one, or more where the user says so.
+static double start_unit(const MINSTR* str) {
+  return wzmis(str->dhes) ? 1.0 : std::max(str->dhes, 1.0);
 }
 
 // The matrix and the first step, once the termination test has seen the start.
 static Next first_step(MINSTR* str, ConstrainedRun& run) {
   run.fresh = false;
   str->nabc = str->nalc = str->nldc = 0;
-  run.ij = load_matrix(str, run);
+  run.ij = load_matrix(str, run, start_unit(str));
   if (run.ij != 0) return Next::leave;
   if (!make_step(str, run)) return restore(str, run);
   if (run.phase == Phase::reduced) keep_best(str, run);
@@ -261,21 +133,6 @@ struct Search {
 enum class Verdict { accept, shorten, uphill };
 
 }  // namespace
-
-// x := xold + alfa d inside the bounds. False: rounding moved nothing.
-static bool move_along(MINSTR* str) {
-  bool moved = false;
-  for (long j = 0; j < str->nvar; ++j) {
-    const double from = str->xold[j];
-    double& to = str->x[j];
-    to = from + str->alfa * str->sdir[j];
-    if (str->bounds != 0 && from >= str->lb[j] && from <= str->ub[j]) {
-      to = std::clamp(to, str->lb[j], str->ub[j]);
-    }
-    moved = moved || std::fabs(to - from) > (std::fabs(to) + std::fabs(from)) * HUNDRED_EPS;
-  }
-  return moved;
-}
 
 // Share of the promise that the merit function kept.
 static double kept_share(const Search& s, double psi) {
@@ -373,29 +230,6 @@ static Next search(MINSTR* str, ConstrainedRun& run, Search& s) {
 
 // ---- After a step -------------------------------------------------------------------------------
 
-// B by the change of the gradient of the Lagrangian over the step, both ends with the multipliers
-// of this iteration.
-static void update_matrix(MINSTR* str, ConstrainedRun& run) {
-  static constexpr int FACTOR = 3;
-  const long n = str->nvar;
-  lagrangian_gradient(str, run.v);
-  double* step = str->work;
-  for (long j = 0; j < n; ++j) {
-    step[j] = str->x[j] - str->xold[j];
-    str->gold[j] = str->grlf[j] - str->gold[j];
-  }
-  const long nabc = str->nabc;
-  const long nalc = str->nalc;
-  str->nabc = str->nalc = 0;
-  MINSTR& inner = run.v.inner;
-  const int code =
-      str->updat(str, FACTOR, 0, step, str->gold, str->hess, inner.work, inner.xold, inner.gold);
-  str->nabc = nabc;
-  str->nalc = nalc;
-  str->null = code != 0 ? 1 : 0;
-  if (code == 0) ++str->nhup;
-}
-
 // The search is free of the merit function after a step that kept a tenth of its promise against
 // the best point, but for some iterations after a return to it.
 static void set_watchdog(MINSTR* str, ConstrainedRun& run, const Search& s) {
@@ -483,15 +317,8 @@ static int end_stage(MINSTR* str, ConstrainedRun& run) {
 }
 
 int znlpdq2(MINSTR* str) {
-  open_run(str);
-  if (!(str->salf > 0.0 && str->salf <= 1.0)) str->salf = 1.0;
-  if (!(str->nres > 0.0)) str->nres = NEVER;
-  str->nlis = str->nhup = str->ngrd = 0;
-  str->chac = str->nldc = str->nlbc = str->nalc = str->nabc = 0;
   ConstrainedRun run;
-  run.load = str->load != 0 ? 1 : 0;
-  open_terms(str, run.v);
-  open_subproblem(str, run.v);
+  open_sequential_run(str, run);
   return technique_loop<ConstrainedRun>(str, run, {load_start, one_iteration, end_stage});
 }
 

@@ -1,0 +1,186 @@
+// Steps of the sequential quadratic techniques. Contracts in steps.h.
+#include "aasubs/sqp/steps.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpfnc.h"
+#include "aasubs/loop/loads.h"
+#include "aasubs/sqp/chmod.h"
+#include "aasubs/sqp/qpsub.h"
+#include "host/log.h"
+#include "kernels/dense.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+void open_sequential_run(MINSTR* str, SequentialRun& run) {
+  open_run(str);
+  if (!(str->salf > 0.0 && str->salf <= 1.0)) str->salf = 1.0;
+  if (!(str->nres > 0.0)) str->nres = NEVER;
+  str->nlis = str->nhup = str->ngrd = 0;
+  str->chac = str->nldc = str->nlbc = str->nalc = str->nabc = 0;
+  run.load = str->load != 0 ? 1 : 0;
+  open_terms(str, run.v);
+  open_subproblem(str, run.v);
+}
+
+// ---- Points -------------------------------------------------------------------------------------
+
+void keep_best(MINSTR* str, SequentialRun& run) {
+  run.fopt = str->crit;
+  run.psiopt = str->cpsi;
+  run.cmxopt = str->cmax;
+  run.iopt = str->nitr;
+  std::copy_n(str->x, str->nvar, run.v.xopt);
+  std::copy_n(run.v.vcon, run.v.terms, run.v.vopt);
+}
+
+void measure_merit(MINSTR* str, const SequentialRun& run) {
+  str->cpsi = str->crit + penalty(run.v, run.v.vcon);
+  str->cmax = largest_violation(run.v, run.v.vcon);
+}
+
+int load_point(MINSTR* str, SequentialRun& run, int values_code, int derivatives_code) {
+  str->tbig = 0.0;
+  if (!evaluate_values(str, run.v)) return values_code;
+  measure_merit(str, run);
+  return evaluate_derivatives(str) ? 0 : derivatives_code;
+}
+
+void reset(MINSTR* str, SequentialRun& run) {
+  run.gs = zvdot11(str->nvar, str->grad, str->sdir);
+  str->crlf = lagrangian(str, run.v);
+  lagrangian_gradient(str, run.v);
+  // Where a constraint with a multiplier is still far, the gradient of the Lagrangian says nothing.
+  str->gmlf = str->gmax = std::max(str->gmlf, complementarity(run.v));
+  str->pred = std::fabs(run.gs);
+  for (long i = 0; i < run.v.terms; ++i) {
+    if (run.v.vlam[i] != 0.0) str->pred += std::fabs(run.v.vlam[i] * run.v.vcon[i]);
+  }
+  // A point that violates its constraints is no solution, whatever the multipliers promise.
+  if (str->cmax > feasibility_tolerance(str, str->ipre)) {
+    str->pred = std::max(str->pred, str->cmax * std::max(1.0, std::fabs(str->crit)));
+  }
+}
+
+void measure_start(MINSTR* str, SequentialRun& run) {
+  znlpfch(str, 1, 1, str->ipre);
+  znlpfta(str, 0, 1, 0, nullptr, nullptr, nullptr);
+  take_multipliers(str, run.v, term_index);
+  str->crlf = lagrangian(str, run.v);
+  lagrangian_gradient(str, run.v);
+}
+
+bool move_along(MINSTR* str) {
+  bool moved = false;
+  for (long j = 0; j < str->nvar; ++j) {
+    const double from = str->xold[j];
+    double& to = str->x[j];
+    to = from + str->alfa * str->sdir[j];
+    if (str->bounds != 0 && from >= str->lb[j] && from <= str->ub[j]) {
+      to = std::clamp(to, str->lb[j], str->ub[j]);
+    }
+    moved = moved || std::fabs(to - from) > (std::fabs(to) + std::fabs(from)) * HUNDRED_EPS;
+  }
+  return moved;
+}
+
+// ---- Matrix -------------------------------------------------------------------------------------
+
+// The updates and the start of the matrix see all parameters, whatever is active.
+template <class Operation>
+static void in_full_space(MINSTR* str, Operation operation) {
+  const long nabc = str->nabc;
+  const long nalc = str->nalc;
+  str->nabc = str->nalc = 0;
+  operation();
+  str->nabc = nabc;
+  str->nalc = nalc;
+}
+
+static int factor_user_hessian(MINSTR* str) {
+  if (!refresh_saved_results(str)) return -1;
+  if (!evaluate(str, ORDER_HESSIAN, str->ushes)) return -2;
+  if (str->hfrm == 2) {  // the diagonal alone
+    const long n = str->nvar;
+    std::copy_n(str->hess, n, str->work);
+    vzfdl(0.0, str->hess, packed_size(n));
+    for (long j = 0; j < n; ++j) str->hess[zisub(j, j)] = str->work[j];
+  }
+  chmod(str->nvar, str->sing, str->hess);
+  return 0;
+}
+
+int load_matrix(MINSTR* str, const SequentialRun& run, double unit) {
+  if (run.load != 0) return factor_user_hessian(str);
+  vzfdl(0.0, str->hess, packed_size(str->nvar));
+  for (long j = 0; j < str->nvar; ++j) str->hess[zisub(j, j)] = std::sqrt(unit);
+  return 0;
+}
+
+void update_matrix(MINSTR* str, SequentialRun& run) {
+  static constexpr int FACTOR = 3;
+  lagrangian_gradient(str, run.v);
+  double* step = str->work;
+  for (long j = 0; j < str->nvar; ++j) {
+    step[j] = str->x[j] - str->xold[j];
+    str->gold[j] = str->grlf[j] - str->gold[j];
+  }
+  MINSTR& inner = run.v.inner;
+  int code = 0;
+  in_full_space(str, [&] {
+    code =
+        str->updat(str, FACTOR, 0, step, str->gold, str->hess, inner.work, inner.xold, inner.gold);
+  });
+  str->null = code != 0 ? 1 : 0;
+  if (code == 0) ++str->nhup;
+}
+
+// ---- Step ---------------------------------------------------------------------------------------
+
+// Once in a run, a step that leaves all violations as they are will do: it may lead where the
+// linearized constraints no longer contradict each other.
+bool make_step(MINSTR* str, SequentialRun& run) {
+  const Subproblem answer = qpsub(str, run.v);
+  if (answer == Subproblem::failed) return false;
+  if (answer == Subproblem::inconsistent) {
+    if (run.slid || !(zvamx(str->nvar, str->sdir) > 0.0)) return false;
+    run.slid = true;
+  }
+  reset(str, run);
+  return true;
+}
+
+// Names the constraint that is violated most.
+static void report_contradiction(const MINSTR* str, const VMCSTR& v) {
+  static constexpr int CONTRADICTION = 144;
+  long worst = 0;
+  for (long i = 1; i < v.rows; ++i) {
+    if (violation(v, i, v.vcon[i]) > violation(v, worst, v.vcon[worst])) worst = i;
+  }
+  const long g = general_index(str, v, worst);
+  const bool linear = g < str->ncon;
+  xpmlog(OPTIMIZATION, CONTRADICTION,
+         {violation(v, worst, v.vcon[worst]), linear ? "linear" : "nonlinear",
+          linear ? g + 1 : g - str->ncon + 1});
+}
+
+// Where the linearized constraints contradict each other, a step against the sum of the squared
+// violations may still help. It must, or the run ends.
+Next restore(MINSTR* str, SequentialRun& run) {
+  static constexpr double WORTH = 0.9;
+  const double before = str->cmax;
+  const bool moved = before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
+  run.restored = before;
+  str->nabc = str->nalc = str->nldc = str->nlbc = 0;
+  if (moved) return Next::restart;
+  report_contradiction(str, run.v);
+  vzfdl(0.0, str->sdir, str->nvar);
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+}  // namespace tqnlp
