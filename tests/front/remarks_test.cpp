@@ -198,19 +198,5 @@ TEST(Remarks, AResultWithoutAValueHasItsStatus) {
   EXPECT_NE(modules.text_of(178, 194).find("F (objective)"), std::string::npos);
 }
 
-// What this version lacks is told from the techniques that it has, and is no bad argument.
-TEST(Remarks, WhatIsNotBuiltIsNamed) {
-  MINSTR asked{};
-  asked.tech = QUANEW_DUAL, asked.nlicon = 1;
-  const bool built = technique_is_built(&asked);
-  Modules modules;
-  const std::string refusal = modules.call(
-      "NLPQN", {"F", X, {0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, NONE, NONE, NONE, NONE, NONE, "N"});
-  EXPECT_EQ(modules.count(178, 184), built ? 0 : 1);
-  EXPECT_NE(contents("docs/calling.md").find("yes, without nonlinear") != std::string::npos, built);
-  EXPECT_EQ(refusal.find("sequential quadratic programming") == std::string::npos, built);
-  EXPECT_EQ(refusal.find("bad argument"), std::string::npos) << refusal;
-}
-
 }  // namespace
 }  // namespace tqnlp::test

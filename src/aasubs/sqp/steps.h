@@ -19,11 +19,17 @@ struct SequentialRun {
   double cmxopt = 0.0;  // largest violation
   double iopt = 0.0;    // iteration
   bool slid = false;    // has a step been made along constraints that contradict each other?
+  bool careful =
+      false;  // has the run gone back to its start, with weights that hold feasibility up?
+  double least_weight = 1e-20;   // at a start or restart
   double restored = HUGE_VALUE;  // largest violation before the last restoration
 };
 
 // Counters, settings that make no sense, terms and subproblem.
 void open_sequential_run(MINSTR* str, SequentialRun& run);
+
+// The weights of a start: next to nothing, so that the first rise sets them.
+inline constexpr double FIRST_WEIGHT = 1e-20;
 
 // ---- Points -------------------------------------------------------------------------------------
 

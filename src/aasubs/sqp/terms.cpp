@@ -203,8 +203,11 @@ void set_slopes(MINSTR* str, VMCSTR& v) {
 bool raise_weights(VMCSTR& v, double slope) {
   static constexpr double ENOUGH = 1.5;  // times the slope, of the fall of the penalty
   static constexpr double WANTED = 2.0;
+  static constexpr double SHARE_OF_CURVATURE = 0.1;
   static constexpr double NO_SUM = 2.225073858507202e-305;
-  const double size = std::fabs(slope);
+  // Where the objective is flat its slope asks for nothing, and weights near zero would let the
+  // merit function see no difference between points: the curvature stands in.
+  const double size = std::max(std::fabs(slope), SHARE_OF_CURVATURE * v.curvature);
   double fall = 0.0;
   for (long i = 0; i < v.terms; ++i) fall += v.vmu[i] * v.prdc[i];
   if (0.5 * v.curvature + slope <= 0.0 || ENOUGH * size <= fall) return false;

@@ -64,7 +64,8 @@ static Next load_start(MINSTR* str, ConstrainedRun& run) {
   run.fresh = true;
   run.v.warm = false;
   start_iteration(str);
-  const double first_weight = std::max(0x1p-106 * std::max(1.0, std::fabs(str->crit)), 1e-20);
+  const double scale = 0x1p-106 * std::max(1.0, std::fabs(str->crit));
+  const double first_weight = std::max(scale, FIRST_WEIGHT);
   vzfdl(first_weight, run.v.vmu, run.v.terms);
   vzfdl(0.0, run.v.vlam, run.v.terms);
   run.ij = load_point(str, run, -1, -1);

@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "aasubs/loop/loads.h"
 #include "aasubs/sqp/steps.h"
@@ -58,7 +59,7 @@ static Next load_start(MINSTR* str, WatchdogRun& run) {
   run.v.warm = false;
   str->alfa = str->salf;
   start_iteration(str);
-  vzfdl(std::max({0x1p-106, SMALLEST_TOLERANCE, 1e-20}), run.v.vmu, run.v.terms);
+  vzfdl(FIRST_WEIGHT, run.v.vmu, run.v.terms);
   vzfdl(0.0, run.v.vlam, run.v.terms);
   run.ij = load_point(str, run, -1, -1);
   if (run.ij != 0) {
@@ -99,9 +100,11 @@ static void revise_weights(MINSTR* str, WatchdogRun& run) {
 
 // ---- Line search --------------------------------------------------------------------------------
 
-// Returns 0, -3 or -5; *promised is the merit of the linear model at the step taken.
+// A fresh matrix knows nothing of the length of a step: its first search may take more cuts than
+// the five that are a sign of trouble later. Returns 0, -3 or -5; *promised is the merit of the
+// linear model at the step taken.
 static int search(MINSTR* str, WatchdogRun& run, double* promised) {
-  static constexpr int MOST_CUTS = 5;
+  const int most_cuts = str->itre == 0 ? 20 : 5;
   static constexpr double LEAST_FALL = 0.9999999999999999;
   static constexpr double CUT = 0.1;
   VMCSTR& v = run.v;
@@ -111,7 +114,7 @@ static int search(MINSTR* str, WatchdogRun& run, double* promised) {
   std::copy_n(v.vcon, v.terms, v.cbeg);
   str->alfa = 1.0;
   bool failed = false;
-  for (int itls = 0; itls <= MOST_CUTS; ++itls) {
+  for (int itls = 0; itls <= most_cuts; ++itls) {
     move_along(str);
     str->tbig = 0.0;
     failed = !evaluate_values(str, v);
@@ -124,7 +127,6 @@ static int search(MINSTR* str, WatchdogRun& run, double* promised) {
     *promised = model_merit(v, objective, run.gs, str->alfa);
     const double fall = begin - *promised;
     if (!(fall > (1.0 - LEAST_FALL) * std::fabs(begin))) {
-      xpslog(" ***ERROR: Uphill search direction.");
       return NO_PROGRESS;
     }
     const double ratio = (begin - str->cpsi) / fall;
@@ -132,9 +134,7 @@ static int search(MINSTR* str, WatchdogRun& run, double* promised) {
     if (!run.lswd && str->crlf <= lagrangian_begin) return 0;
     str->alfa *= std::max(CUT, 0.5 / (1.0 - ratio));
   }
-  if (failed) return FUNCTION_FAILED;
-  xpslog(" ***ERROR: Too many function calls in line search.");
-  return NO_PROGRESS;
+  return failed ? FUNCTION_FAILED : NO_PROGRESS;
 }
 
 // ---- After a step -------------------------------------------------------------------------------
@@ -155,13 +155,26 @@ static int return_to_best(MINSTR* str, WatchdogRun& run) {
 
 // Limits, the history and the user's termination module; the criteria are the technique's own.
 static Next ask_limits(MINSTR* str, WatchdogRun& run) {
-  run.ij = str->uster(str, TEST_LIMITS_ONLY);
+  const long mini = str->mini;
+  str->mini = std::numeric_limits<long>::max();  // no criterion may stop the run before it
+  str->cold = std::max(str->cold, str->crit);    // an objective that rises is no failure here
+  run.ij = str->uster(str, TEST_ITERATION);
+  str->mini = mini;
   if (run.ij == 0) return Next::go_on;
   if (run.ij == COUNT_LIMIT && str->nitr >= str->maxi) {
     xpslog(" ***ERROR: Too many iterations: %g", str->nitr);
   } else if (run.ij == COUNT_LIMIT) {
     xpslog(" ***ERROR: Too many calls of CALCFG: %li", str->nfct);
   }
+  return Next::finish;
+}
+
+// From an updated matrix a failed search says little: it starts afresh at the same point.
+static Next search_failed(MINSTR* str, const WatchdogRun& run) {
+  return_to_xold(str);
+  str->tbig = 0.0;
+  if (str->itre > 0) return Next::restart;
+  if (run.ij == NO_PROGRESS) xpslog(" ***ERROR: Too many function calls in line search.");
   return Next::finish;
 }
 
@@ -177,7 +190,7 @@ static Next one_iteration(MINSTR* str, WatchdogRun& run) {
   const double begin = str->cpsi;
   double promised = begin;
   run.ij = search(str, run, &promised);
-  if (run.ij != 0) return Next::finish;
+  if (run.ij != 0) return search_failed(str, run);
   if (!evaluate_derivatives(str)) {
     run.ij = -4;
     return Next::finish;

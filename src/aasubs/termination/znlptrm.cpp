@@ -217,8 +217,9 @@ static void warn_if_unbounded(MINSTR* str, int job) {
 static int verdict(MINSTR* str, int job, const Measures& m) {
   // At a vertex nothing can move, whatever a technique made of it: this goes before every failure
   // deliberately. Values that cannot be had there fail again when the driver evaluates the result.
-  // A vertex of nonlinear constraints is one of their linearization alone, and moves.
-  const bool vertex = str->nabc + str->nalc == str->nvar && str->nlicon == 0;
+  // The working set of a subproblem is none of x: with linearized constraints x may still move.
+  const bool linearized = str->nlicon != 0 || str->tech == VMCWD;
+  const bool vertex = !linearized && str->nabc + str->nalc == str->nvar;
   if (job != TEST_START && vertex) return ALL_PARAMETERS_ACTIVE;
   if (job < 0) return stop_code(str, job);
   if (str->tbig != 0.0) return FUNCTION_FAILED;
