@@ -1,11 +1,11 @@
 // Problems of Hock and Schittkowski (Test Examples for Nonlinear Programming Codes, Lecture Notes
 // in Economics and Mathematical Systems 187, 1981) with bounds and linear constraints only, with
 // the starts and minima given there. Number 112 has the minimum that later authors
-// confirmed; number 105, the one that is missing, is left out, since its table of 235 data could
-// not be confirmed.
+// confirmed; number 105 is left out, since its table of 235 data could not be confirmed.
 #include <array>
 #include <numbers>
 
+#include "problems/colville_data.h"
 #include "problems/problem.h"
 
 namespace tqnlp::problems {
@@ -216,34 +216,25 @@ static void inequality_problems(std::vector<Problem>& all) {
 }
 
 // Colville's first problem.
-static constexpr double LINEAR[] = {-15, -27, -36, -18, -12};
-static constexpr double CUBIC[] = {4, 8, 10, 6, 2};
-static constexpr double QUADRATIC[5][5] = {{30, -20, -10, 32, -10},
-                                           {-20, 39, -6, -31, 32},
-                                           {-10, -6, 10, -6, -10},
-                                           {32, -31, -6, 39, -20},
-                                           {-10, 32, -10, -20, 30}};
 static Problem problem_86() {
+  std::vector<LinearRow> rows;
+  for (int i = 0; i < 10; ++i) {
+    const double* row = COLVILLE_ROWS[i];
+    rows.push_back({{row, row + 5}, 1, COLVILLE_RIGHT[i]});
+  }
   return with(scalar_problem("HS86", {0, 0, 0, 0, 1}, {-32.34867897},
                              [](auto x) {
                                Number<decltype(x)> sum(0.0);
                                for (int j = 0; j < 5; ++j) {
-                                 sum += LINEAR[j] * x[j] + CUBIC[j] * x[j] * x[j] * x[j];
-                                 for (int i = 0; i < 5; ++i) sum += QUADRATIC[i][j] * x[i] * x[j];
+                                 sum += COLVILLE_LINEAR[j] * x[j] +
+                                        COLVILLE_CUBIC[j] * x[j] * x[j] * x[j];
+                                 for (int i = 0; i < 5; ++i) {
+                                   sum += COLVILLE_QUADRATIC[i][j] * x[i] * x[j];
+                                 }
                                }
                                return sum;
                              }),
-              repeat(0, 5), repeat(NONE, 5),
-              {{{-16, 2, 0, 1, 0}, 1, -40},
-               {{0, -2, 0, 0.4, 2}, 1, -2},
-               {{-3.5, 0, 2, 0, 0}, 1, -0.25},
-               {{0, -2, 0, -4, -1}, 1, -4},
-               {{0, -9, -2, 1, -2.8}, 1, -4},
-               {{2, 0, -4, 0, 0}, 1, -1},
-               {{-1, -1, -1, -1, -1}, 1, -40},
-               {{-1, -2, -3, -2, -1}, 1, -60},
-               {{1, 2, 3, 4, 5}, 1, 5},
-               {{1, 1, 1, 1, 1}, 1, 1}});
+              repeat(0, 5), repeat(NONE, 5), rows);
 }
 
 static Problem problem_118() {

@@ -412,10 +412,10 @@ static void bilinear(std::vector<Problem>& all) {
   const auto cost = [](auto x) {
     return 4.3 * x[0] + 31.8 * x[1] + 63.3 * x[2] + 15.8 * x[3] + 68.5 * x[4] + 4.7 * x[5];
   };
-  const auto add = [&](const char* name, double minimum, std::vector<double> b) {
+  const auto add = [&](const char* name, std::vector<double> minima, std::vector<double> b) {
     all.push_back(with(
         constrained(
-            scalar_problem(name, repeat(0, 6), {minimum}, cost), 0, 4,
+            scalar_problem(name, repeat(0, 6), std::move(minima), cost), 0, 4,
             [b](auto x, auto c) {
               c[0] = 17.1 * x[0] + 38.2 * x[1] + 204.2 * x[2] + 212.3 * x[3] + 623.4 * x[4] +
                      1495.5 * x[5] - 169.0 * x[0] * x[2] - 3580.0 * x[2] * x[4] -
@@ -429,10 +429,10 @@ static void bilinear(std::vector<Problem>& all) {
             }),
         repeat(0, 6), {0.31, 0.046, 0.068, 0.042, 0.028, 0.0134}));
   };
-  add("HS95", 0.01561953, {4.97, -1.88, -29.08, -78.02});
-  add("HS96", 0.01561953, {4.97, -1.88, -69.08, -118.02});
-  add("HS97", 3.1358091, {32.97, 25.12, -29.08, -78.02});
-  add("HS98", 3.1358091, {32.97, 25.12, -124.08, -173.02});
+  add("HS95", {0.01561953}, {4.97, -1.88, -29.08, -78.02});
+  add("HS96", {0.01561953}, {4.97, -1.88, -69.08, -118.02});
+  add("HS97", {3.1358091, 4.07124636}, {32.97, 25.12, -29.08, -78.02});
+  add("HS98", {3.1358091, 4.07124636}, {32.97, 25.12, -124.08, -173.02});
 }
 
 static void convex(std::vector<Problem>& all) {

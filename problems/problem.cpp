@@ -1,5 +1,7 @@
 #include "problems/problem.h"
 
+#include <algorithm>
+
 namespace tqnlp::problems {
 
 double Problem::evaluate(const double* x, double* gradient, double* hessian) const {
@@ -39,6 +41,16 @@ Problem with(Problem p, std::vector<double> lower, std::vector<double> upper,
   p.upper = std::move(upper);
   p.rows = std::move(rows);
   return p;
+}
+
+std::vector<Problem> hock_schittkowski() {
+  std::vector<Problem> all = hock_schittkowski_linear();
+  for (Problem& p : hock_schittkowski_nonlinear()) all.push_back(std::move(p));
+  for (Problem& p : hock_schittkowski_models()) all.push_back(std::move(p));
+  const auto number = [](const Problem& p) { return std::stoi(p.name.substr(2)); };
+  std::sort(all.begin(), all.end(),
+            [&](const Problem& a, const Problem& b) { return number(a) < number(b); });
+  return all;
 }
 
 std::vector<Problem> problem_library() {

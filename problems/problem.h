@@ -130,6 +130,12 @@ std::vector<Problem> hock_schittkowski_linear();
 // The same source: 54 of those with nonlinear constraints.
 std::vector<Problem> hock_schittkowski_nonlinear();
 
+// The same source: 28 models of practice with nonlinear constraints.
+std::vector<Problem> hock_schittkowski_models();
+
+// All of that source but number 105, 114 in the order of their numbers.
+std::vector<Problem> hock_schittkowski();
+
 // Schittkowski, More Test Examples for Nonlinear Programming Codes (1987): kinds that the two
 // collections above lack.
 std::vector<Problem> schittkowski_linear();
