@@ -206,7 +206,9 @@ static void call_subroutine(const Call& call, Counted& counted, long iterations)
     counted.claimed = results[0][0] > 0.0;
     counted.x = results[1].values();
   } catch (const TimeIsUp&) {
-  } catch (const Error&) {
+  } catch (const CallError&) {
+    counted.refused = true;
+  } catch (const FatalError&) {
   }
   const Matrix count = tql.variable("_ITER_");
   if (!count.empty()) counted.iterations = std::lround(count[0]);

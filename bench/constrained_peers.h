@@ -40,6 +40,7 @@ class Counted {
   long calls() const;           // points, gradients and Hessians
   long calls_until_solved = 0;  // 0: never
   bool claimed = false;         // the solver's own word for its success
+  bool refused = false;         // the call, so that there was no run
   double user_seconds = 0.0, run_seconds = 0.0;
   const Problem& problem;
   std::vector<double> x;  // where the run ended

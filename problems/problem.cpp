@@ -7,7 +7,9 @@ namespace tqnlp::problems {
 double Problem::evaluate(const double* x, double* gradient, double* hessian) const {
   if (by_hand && hessian == nullptr) return by_hand(x, gradient);
   std::vector<Jet> point;
-  for (long i = 0; i < n; ++i) point.push_back(Jet::variable(x[i], i, n));
+  for (long i = 0; i < n; ++i) {
+    point.push_back(hessian != nullptr ? Jet::variable(x[i], i, n) : Jet::slope(x[i], i, n));
+  }
   const Jet result = jet(point.data());
   for (long i = 0; gradient != nullptr && i < n; ++i) gradient[i] = result.gradient(i);
   for (long k = 0; hessian != nullptr && k < Jet::hessian_size(n); ++k)
