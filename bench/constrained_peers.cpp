@@ -524,7 +524,9 @@ const std::vector<ConstrainedSolver>& constrained_peers() {
       {"NLopt_AUGLAG_LBFGS", any, nlopt(NLOPT_AUGLAG)},
       {"Ipopt_exact", any, ipopt(true)},
       {"Ipopt_limited_memory", any, ipopt(false)},
-      {"NLopt_LN_COBYLA", any, nlopt(NLOPT_LN_COBYLA)},
+      // Without any constraint it circles for ever on one of More, Garbow and Hillstrom.
+      {"NLopt_LN_COBYLA", [](const Problem& p) { return !unconstrained(p); },
+       nlopt(NLOPT_LN_COBYLA)},
       {"NLopt_LN_BOBYQA", bounds_only, nlopt(NLOPT_LN_BOBYQA)},
       {"NLopt_LN_NELDERMEAD", bounds_only, nlopt(NLOPT_LN_NELDERMEAD)},
       {"NLopt_LN_SBPLX", bounds_only, nlopt(NLOPT_LN_SBPLX)},
