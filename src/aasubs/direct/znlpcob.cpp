@@ -461,6 +461,7 @@ static Promise promise_of(const MINSTR* str, CobylaRun& run, const double* step)
 // takes the place where it leaves the largest height; one that did not must raise a height by its
 // product with sigma. Among the vertices whose height stays good the farthest one goes first.
 static long leaving_vertex(CobylaRun& run, const double* step, bool gained) {
+  static constexpr double FAR = 1.1;
   long leaving = -1;
   double largest = gained ? 0.0 : 1.0;
   for (long j = 0; j < run.n; ++j) {
@@ -471,7 +472,7 @@ static long leaving_vertex(CobylaRun& run, const double* step, bool gained) {
       leaving = j;
     }
   }
-  double farthest = LONGEST_EDGE * run.rho;
+  double farthest = FAR * run.rho;
   long far = -1;
   for (long j = 0; j < run.n; ++j) {
     if (run.reach[j] < LEAST_HEIGHT * run.rho && run.reach[j] < run.sigma[j]) continue;
