@@ -137,6 +137,7 @@ static int calfun(MINSTR* str) {
   if (str->usnlc != nullptr && (str->usnlc(str) != 0 || str->tbig != 0.0)) return 1;
   collect_constraints(str);
   str->cmax = 0.0;
+  if (!std::isfinite(str->crit)) str->tbig = 1.0;
   for (long k = 0; k < str->ntco; ++k) {
     if (!std::isfinite(str->fcon[k])) str->tbig = 1.0;
     str->cmax = std::max(str->cmax, -str->fcon[k]);
@@ -343,12 +344,13 @@ static Next reduce_radius(MINSTR* str, CobylaRun& run) {
     str->cold = str->pred;
     std::copy_n(str->x, run.n, str->xold);
   }
+  const double before = run.rho;
   if (changed) {
     run.rho = run.rho <= NEARLY_LAST * run.rhoend ? run.rhoend : 0.5 * run.rho;
   } else {
     run.rho = run.rho <= FAST * run.rhoend ? run.rhoend : run.rho / FAST;
   }
-  reduce_penalty(str, run);
+  if (run.rho < before) reduce_penalty(str, run);
   run.take_step = true;
   return Next::go_on;
 }
@@ -498,8 +500,9 @@ static Next widen_radius(MINSTR* str, CobylaRun& run, double gained, double prom
   return Next::restart;
 }
 
-// Evaluates base + step and takes it into the simplex.
-static Next try_step(MINSTR* str, CobylaRun& run, const double* step, Promise promise) {
+// Evaluates base + step and takes it into the simplex. No other step follows a closing one.
+static Next try_step(MINSTR* str, CobylaRun& run, const double* step, Promise promise,
+                     bool closing) {
   static constexpr double WORTH_WHILE = 0.1;
   if (calls_exhausted(str)) {
     run.ij = COUNT_LIMIT;
@@ -517,7 +520,7 @@ static Next try_step(MINSTR* str, CobylaRun& run, const double* step, Promise pr
   if (leaving < 0) return no_gain(str, run);
   replace_edge(run, leaving, step);
   store_values(str, run, leaving);
-  if (!(gained > 0.0 && gained >= WORTH_WHILE * promised)) return no_gain(str, run);
+  if (closing || !(gained > 0.0 && gained >= WORTH_WHILE * promised)) return no_gain(str, run);
   run.take_step = true;
   return widen_radius(str, run, gained, promised);
 }
@@ -526,13 +529,18 @@ static Next model_step(MINSTR* str, CobylaRun& run) {
   static constexpr double SHORT = 0.5;
   const bool full = trstlp(str, run.rho, run.models, run.step_work) != 0;
   const double* step = str->sdir;
-  if (!full && !(zvenorm(run.n, 1, step) >= SHORT * run.rho)) return no_gain(str, run);
+  const double length = zvenorm(run.n, 1, step);
+  const bool brief = !full && !(length >= SHORT * run.rho);
+  // A brief step waits for a smaller radius. At the last one there is none, and the step is worth a
+  // call: it leaves a violation of the order of its square in place of its own size.
+  const bool closing = brief && length > 0.0 && run.acceptable && run.rho <= run.rhoend;
+  if (brief && !closing) return no_gain(str, run);
   const double penalty = run.parmu;
   const Promise promise = promise_of(str, run, step);
   double phi = 0.0;
   // A larger penalty may make another vertex the best, whose models are others.
   if (run.parmu > penalty && getbest(str, run, run.parmu, &phi) != run.n) return Next::go_on;
-  return try_step(str, run, step, promise);
+  return try_step(str, run, step, promise, closing);
 }
 
 static Next iterate(MINSTR* str, CobylaRun& run) {

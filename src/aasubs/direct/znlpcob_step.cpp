@@ -214,20 +214,17 @@ static bool next_direction(Path& p) {
 
 // ---- Along a line -------------------------------------------------------------------------------
 
-// Step along the direction to the radius; 0 when there is none.
+// Step along the direction to the radius; 0 when there is none. Gradients of any size may make the
+// direction very long or short, so that its square is not formed.
 static double step_to_radius(const Path& p) {
   static constexpr double SMALL = 1e-6;  // shares that are taken for rounding
   double room = p.rho * p.rho;
-  double along = 0.0;
-  double length2 = 0.0;
   for (long i = 0; i < p.n; ++i) {
     if (std::fabs(p.d[i]) >= SMALL * p.rho) room -= p.d[i] * p.d[i];
-    along += p.d[i] * p.direction[i];
-    length2 += p.direction[i] * p.direction[i];
   }
   if (!(room > 0.0)) return 0.0;
-  double root = std::sqrt(length2 * room);
-  if (std::fabs(along) >= SMALL * root) root = std::sqrt(length2 * room + along * along);
+  const double along = zvdot11(p.n, p.d, p.direction);
+  const double root = std::hypot(zvenorm(p.n, 1, p.direction) * std::sqrt(room), along);
   const double step = room / (root + along);
   return std::isfinite(step) ? step : 0.0;
 }
