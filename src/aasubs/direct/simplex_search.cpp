@@ -112,8 +112,13 @@ static Next shrink_after_failure(MINSTR* str, SearchRun& run) {
 
 // ---- End of an iteration ------------------------------------------------------------------------
 
-static void refresh_active(MINSTR* str, const SimplexForm& form) {
-  if (form.counts_trials) return;
+// The bounds on which x stands, and the change of their number. The form that counts trials has
+// none but the fixed parameters; the analysis of a stop may have left others.
+static void refresh_active(MINSTR* str, const SearchRun& run) {
+  if (run.form->counts_trials) {
+    str->nabc = str->nvar - run.s.nmask;
+    return;
+  }
   const long before = str->nabc;
   str->nabc = nactbc(str, str->x);
   str->chac = str->nabc - before;
@@ -135,7 +140,9 @@ static bool leaves_corner(MINSTR* str, Simplex& s) {
   return s.ybest < corner;
 }
 
-// Has a vertex that a bound stopped come to lie in the direction of another one?
+// Has a vertex that a bound stopped come to lie in the direction of another one? Where chac is the
+// change of nabc, a search that stays on its bounds is not asked again: the question belongs to the
+// iteration in which the best point met or left one.
 static bool lies_flat(MINSTR* str, const Simplex& s) {
   if (str->chac == 0) return false;
   form_center(s, str->work);
@@ -157,7 +164,7 @@ static void present_simplex(MINSTR* str, SearchRun& run) {
   str->pred = value_deviation(s);
   str->gmax = run.last_size = mean_size(s);
   str->alfa = s.siz;
-  refresh_active(str, *run.form);
+  refresh_active(str, run);
 }
 
 static Next after_rebuilding(SearchRun& run, double factor) {
@@ -177,10 +184,19 @@ static bool is_doubtful(const MINSTR* str, SearchRun& run, int answer) {
   return true;
 }
 
+// The search goes on beside a corner, which is no iteration; limits and a module of the user are
+// asked all the same.
+static Next go_on_inside(MINSTR* str, SearchRun& run) {
+  refresh_active(str, run);
+  const int answer = ask_test(str, run, TEST_LIMITS_ONLY);
+  if (answer != 0 && answer != STOP_OVERRULED) return Next::finish;
+  return after_rebuilding(run, AFTER_COLLAPSE);
+}
+
 static Next end_iteration(MINSTR* str, SearchRun& run) {
   Simplex& s = run.s;
   present_simplex(str, run);
-  if (str->nabc == str->nvar && leaves_corner(str, s)) return after_rebuilding(run, AFTER_COLLAPSE);
+  if (str->nabc == str->nvar && leaves_corner(str, s)) return go_on_inside(str, run);
   ++str->itre;
   str->nitr += 1.0;
   run.rebuilds = 0;
@@ -235,7 +251,7 @@ static bool place_vertices(MINSTR* str, Simplex& s) {
 }
 
 // Can the values of the new simplex be told from one another? base: that of the point where it was
-// built.
+// built. The limits belong to what is flat, so that a value of 0 around which nothing changes is.
 static bool is_flat(const SimplexForm& form, const Simplex& s, double base) {
   const double center = form.one_sided ? s.ylo : base;
   const double above = center + HUNDRED_EPS * std::fabs(center);
@@ -284,7 +300,7 @@ static Next build_simplex(MINSTR* str, SearchRun& run) {
     return finish_with(run, NO_PROGRESS);
   }
   if (++run.rebuilds > MOST_REBUILDS) return stop_without_progress(str, run);
-  refresh_active(str, *run.form);
+  refresh_active(str, run);
   str->chac = 0;
   const double base = s.ybest;
   if (!place_vertices(str, s)) return shrink_after_failure(str, run);
@@ -399,7 +415,8 @@ static Next one_step(MINSTR* str, SearchRun& run) {
 
 // ---- The technique ------------------------------------------------------------------------------
 
-// Sizes that steer the search.
+// Sizes that steer the search. The least move is a limit of the search alone: axtl stays what the
+// user asked for where the termination test compares with it.
 static void settle_parameters(MINSTR* str, SearchRun& run) {
   if (!(str->axtl > 0.0)) str->axtl = ROOT_TINY;
   run.limit = std::max(str->axtl, LEAST_LIMIT);
@@ -452,7 +469,11 @@ static Next load_start(MINSTR* str, SearchRun& run) {
   go_to_best(str, s);
   str->cold = str->crit;
   std::copy_n(str->x, str->nvar, str->xold);
-  s.siz = run.last_size = 1.0;
+  // What reports and a failure before the first iteration find.
+  str->alfa = str->gmax = s.siz = run.last_size = 1.0;
+  str->pred = 0.0;
+  refresh_active(str, run);
+  str->chac = 0;
   run.nbi = OPERATIONS;
   run.rebuilds = 0;
   run.rebuild = run.may_grow = true;
@@ -462,7 +483,7 @@ static Next load_start(MINSTR* str, SearchRun& run) {
 // The best point becomes the result; a run that did not fail evaluates it once more.
 static int end_stage(MINSTR* str, SearchRun& run) {
   go_to_best(str, run.s);
-  refresh_active(str, *run.form);
+  refresh_active(str, run);
   if (run.ij < 0) return run.ij;
   if (bcfun(str) >= 0) return run.ij;
   str->crit = MISSING;
