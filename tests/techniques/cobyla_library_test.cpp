@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* VALLEY = "a curved valley: 4000 to 25000 calls, the limit is 3000";
 const Exceptions COBYLA = {
-    {{"HS26", "HS46", "HS93"}, {ANY}, -8, VALLEY, 1e-6},
+    {{"HS26", "HS46", "HS93"}, {ANY}, -8, VALLEY, 2e-6},
     {{"HS106"}, {ANY}, -8, "parameters of sizes 10 to 10^4, and no scale of the radius", 0.5},
     {{"HS13"}, {ANY}, 4, "the gradients of the active constraints are dependent", 1e-3},
 };
@@ -36,6 +36,8 @@ TEST(CobylaLibrary, EndsAsExpected) {
     // The driver's own call at the start is not counted.
     EXPECT_EQ(run.reported.at("Function calls") + 1, double(run.functions));
     calls += run.functions;
+    // With the default last radius the last step is brief, and its violation of second order.
+    EXPECT_LE(solve(p, "NLPNMS", 1e-4, opt).infeasible, p.name == "HS106" ? 0.1 : 1e-6);
   }
   EXPECT_LE(calls, 24000);  // 22734 when this was written
 }
