@@ -114,6 +114,14 @@ static void make_last_active(Path& p, long k) {
 
 // ---- Changes of the active set ------------------------------------------------------------------
 
+// Can a pivot, the product of a gradient with a unit row of Z, be divided by? The rotations of Z
+// leave more rounding in it than that of the product alone, and a direction made from rounding is
+// so long that it ends the path at once.
+static bool is_pivot(const Path& p, double pivot, const double* gradient) {
+  static constexpr double ROUNDING = 1e-14;
+  return std::fabs(pivot) > std::max(NEGLIGIBLE, ROUNDING * zvenorm(p.n, 1, gradient));
+}
+
 // Turns the free rows of Z so that the first of them alone has a product with the gradient; returns
 // it, 0 when the gradient lies in the span of the active ones.
 static double isolate(Path& p, const double* gradient) {
@@ -160,7 +168,7 @@ static bool replace_active(Path& p) {
   make_last_active(p, leaving);
   const long last = p.nact - 1;
   const double pivot = zvdot11(p.n, p.z + last * p.n, p.row(p.blocking));
-  if (!(std::fabs(pivot) > NEGLIGIBLE)) return false;
+  if (!is_pivot(p, pivot, p.row(p.blocking))) return false;
   p.zdota[last] = pivot;
   std::swap(p.iact[last], p.iact[p.blocking]);
   p.vmc[p.blocking] = 0.0;
@@ -171,7 +179,7 @@ static bool replace_active(Path& p) {
 // The blocking constraint becomes active. Returns false when it cannot.
 static bool add_blocking(Path& p) {
   const double pivot = isolate(p, p.row(p.blocking));
-  if (std::fabs(pivot) > NEGLIGIBLE) {
+  if (is_pivot(p, pivot, p.row(p.blocking))) {
     p.zdota[p.nact] = pivot;
     p.vmc[p.blocking] = p.vmc[p.nact];
     p.vmc[p.nact] = 0.0;
