@@ -221,13 +221,23 @@ static void replace_edge(CobylaRun& run, long j, const double* edge) {
   }
 }
 
-// Rounding in the updates of the inverse must not spoil the models.
-static bool inverse_is_good(const CobylaRun& run) {
+// Rounding in the updates of the inverse must not spoil the models: a step of Newton's method
+// corrects the rows in which it shows. False: they are too far off for that, because the simplex
+// has collapsed.
+static bool inverse_is_good(CobylaRun& run) {
   static constexpr double LARGEST_ERROR = 0.1;
+  static constexpr double NOTICEABLE = 1e-11;
+  double* error = run.reach;
   for (long i = 0; i < run.n; ++i) {
+    double* row = run.inverse + i * run.n;
+    double largest = 0.0;
     for (long j = 0; j < run.n; ++j) {
-      const double product = zvdot11(run.n, run.inverse + i * run.n, run.edges + j * run.n);
-      if (!(std::fabs(product - (i == j ? 1.0 : 0.0)) <= LARGEST_ERROR)) return false;
+      error[j] = zvdot11(run.n, row, run.edges + j * run.n) - (i == j ? 1.0 : 0.0);
+      if (!(std::fabs(error[j]) <= LARGEST_ERROR)) return false;
+      largest = std::max(largest, std::fabs(error[j]));
+    }
+    for (long j = 0; largest > NOTICEABLE && j < run.n; ++j) {
+      zvxay11(run.n, row, -error[j], run.inverse + j * run.n);
     }
   }
   return true;
