@@ -56,5 +56,17 @@ TEST(Cobyla, LeavesAModuleWithoutItsNumberAlone) {
   EXPECT_NEAR(results[1][0] + results[1][1], 2.0, 1e-3);
 }
 
+// The unit of a constraint does not matter, though squares of its gradient overflow or vanish.
+TEST(Cobyla, TakesConstraintsOfAnyUnit) {
+  for (const double unit : {1e-100, 1e200}) {
+    Session tql;
+    tql.module("F", [](const Matrix& x) { return Matrix::scalar(x[0]); });
+    tql.module("C", [&](const Matrix& x) { return Matrix::scalar(unit * (x[0] - x[1] * x[1])); });
+    const Matrix opt = options_of({{10, 1}}), none;
+    const auto r = tql.call("NLPNMS", {"F", Matrix::row({2, 2}), opt, none, none, none, none, "C"});
+    EXPECT_NEAR(r[1][0], 0.0, 1e-3) << unit;
+  }
+}
+
 }  // namespace
 }  // namespace tqnlp::test
