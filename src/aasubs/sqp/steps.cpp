@@ -123,6 +123,10 @@ int load_matrix(MINSTR* str, const SequentialRun& run, double unit) {
 
 void update_matrix(MINSTR* str, SequentialRun& run) {
   static constexpr int FACTOR = 3;
+  // Near the largest slack the multipliers have no bound, and what they would teach B would spoil
+  // it for the rest of the run.
+  str->null = 1;
+  if (run.v.slack < 1.0) return;
   lagrangian_gradient(str, run.v);
   double* step = str->work;
   for (long j = 0; j < str->nvar; ++j) {
@@ -150,8 +154,16 @@ bool make_step(MINSTR* str, SequentialRun& run) {
     if (run.slid || !(zvamx(str->nvar, str->sdir) > 0.0)) return false;
     run.slid = true;
   }
+  run.struggle = run.v.slack < 1.0 ? run.struggle + 1 : 0;
   reset(str, run);
   return true;
+}
+
+bool matrix_hides_descent(const MINSTR* str) {
+  static constexpr double FAR = 1e-3;  // of the size of the gradient
+  const double promise = std::max(str->gtol * std::max(1.0, std::fabs(str->crit)), str->fto2);
+  if (str->itre == 0 || str->pred > promise) return false;
+  return largest_or_nan(str->nvar, str->grlf) > FAR * std::max(1.0, zvamx(str->nvar, str->grad));
 }
 
 // Names the constraint that is violated most.
@@ -175,6 +187,7 @@ Next restore(MINSTR* str, SequentialRun& run) {
   const double before = str->cmax;
   const bool moved = before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
   run.restored = before;
+  run.struggle = 0;
   str->nabc = str->nalc = str->nldc = str->nlbc = 0;
   if (moved) return Next::restart;
   report_contradiction(str, run.v);

@@ -18,6 +18,7 @@ struct SequentialRun {
   double fopt = 0.0;    // objective
   double cmxopt = 0.0;  // largest violation
   double iopt = 0.0;    // iteration
+  int struggle = 0;     // steps in a row that take only a part of the linearized violations
   bool slid = false;    // has a step been made along constraints that contradict each other?
   bool careful =
       false;  // has the run gone back to its start, with weights that hold feasibility up?
@@ -30,6 +31,9 @@ void open_sequential_run(MINSTR* str, SequentialRun& run);
 
 // The weights of a start: next to nothing, so that the first rise sets them.
 inline constexpr double FIRST_WEIGHT = 1e-20;
+
+// After so many steps the violations themselves are minimized.
+inline constexpr int MOST_STRUGGLE = 8;
 
 // ---- Points -------------------------------------------------------------------------------------
 
@@ -67,6 +71,10 @@ void update_matrix(MINSTR* str, SequentialRun& run);
 
 // The step at x, with its measures. False: the subproblem has none.
 bool make_step(MINSTR* str, SequentialRun& run);
+
+// Does the step promise nothing though the Lagrangian is far from stationary? Then the matrix,
+// which has learnt curvature that the problem does not have, keeps it short; a fresh one will tell.
+bool matrix_hides_descent(const MINSTR* str);
 
 // No step at all: restart from where the violations are smaller, or finish with -5 and a line in
 // the log that names the constraint.

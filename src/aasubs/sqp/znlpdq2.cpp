@@ -268,7 +268,9 @@ static Next settle_point(MINSTR* str, ConstrainedRun& run, const Search& s) {
     run.ij = return_to_best(str, run);
     if (run.ij != 0) return Next::finish;
   }
-  if (make_step(str, run)) return Next::go_on;
+  if (make_step(str, run) && !matrix_hides_descent(str)) {
+    return run.struggle < MOST_STRUGGLE ? Next::go_on : restore(str, run);
+  }
   run.load = 0;
   return Next::restart;
 }

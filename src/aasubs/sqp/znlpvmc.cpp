@@ -84,7 +84,9 @@ static Next first_step(MINSTR* str, WatchdogRun& run) {
 // Not above: the merit function may not have risen since the best point.
 static bool is_solved(MINSTR* str, WatchdogRun& run) {
   if (str->cpsi > run.psiopt) return false;
-  if (str->pred <= str->gtol * std::max(1.0, std::fabs(str->cpsi))) run.ij = BY_PROMISE;
+  // On the scale of the objective: large weights make the merit function of an infeasible point
+  // large.
+  if (str->pred <= str->gtol * std::max(1.0, std::fabs(str->crit))) run.ij = BY_PROMISE;
   const bool feasible = str->cmax <= feasibility_tolerance(str, str->ipre);
   if (run.ij == 0 && feasible && str->gmlf <= str->agtl) run.ij = BY_GRADIENT;
   return run.ij != 0;
@@ -201,7 +203,8 @@ static Next one_iteration(MINSTR* str, WatchdogRun& run) {
     run.ij = return_to_best(str, run);
     if (run.ij != 0) return Next::finish;
   }
-  if (!make_step(str, run)) return Next::restart;
+  if (!make_step(str, run) || matrix_hides_descent(str)) return Next::restart;
+  if (run.struggle >= MOST_STRUGGLE) return restore(str, run);
   return ask_limits(str, run);
 }
 
