@@ -199,8 +199,12 @@ static void divide_gpro(MINSTR* str, const Sizes& s) {
   str->llcn = str->qlcn + s.n * s.n;
 }
 
-// A working set may hold every constraint, and never needs more than it or n.
-static long working_set(const Sizes& s) { return std::max(s.str->ntco, s.n); }
+// A working set may hold every constraint, and never needs more than it or n. In a subproblem every
+// parameter has both bounds.
+static long working_set(const Sizes& s) {
+  if (s.nonlinear) return s.str->ncon + s.str->nnlc + 2 * s.n;
+  return std::max(s.str->ntco, s.n);
+}
 
 static void divide_iact(MINSTR* str, const Sizes& s) { str->liwk = str->iact + working_set(s); }
 

@@ -208,6 +208,11 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
     p.constraint_values(x.data(), values.data());
     return values;
   });
+  tql.module("J", [&](const Matrix& x) {
+    Matrix jacobian(p.constraints, p.n);
+    p.constraint_jacobian(x.data(), jacobian.data());
+    return jacobian;
+  });
   const bool squares = subroutine == "NLPLM" || subroutine == "NLPHQN";
   if (squares) set_residual_modules(tql, p, outcome);
   const bool second_order = subroutine == "NLPNRR" || subroutine == "NLPTR" ||  //
@@ -217,7 +222,9 @@ Outcome solve(const Problem& p, const std::string& subroutine, double tolerance,
   std::vector<Matrix> arguments = {
       "F", Matrix::row(p.start), options, constraint_matrix(p), tc, Matrix(), Matrix(), "G"};
   if (modules == Modules::none || subroutine == "NLPNMS") arguments.pop_back();
-  if (subroutine == "NLPNMS" && p.constraints > 0) arguments.emplace_back("C");
+  if (p.constraints > 0) arguments.emplace_back("C");
+  if (p.constraints > 0 && modules == Modules::all) arguments.emplace_back("J");
+  if (subroutine == "NLPNMS" && p.constraints > 0 && modules == Modules::all) arguments.pop_back();
   if (second_order && modules == Modules::all) arguments.emplace_back("H");
   const auto results = tql.call(subroutine, arguments);
   outcome.code = results[0](0, 0);

@@ -31,8 +31,8 @@ struct Outcome {
 enum class Modules { all, gradient, none };
 
 // Calls the subroutine with objective, gradient and (for second-order ones) Hessian modules from
-// the standard start; NLPNMS has none, and takes nonlinear constraints (opt then holds their
-// numbers). opt and tc may be empty.
+// the standard start; NLPNMS has none. With nonlinear constraints opt holds their numbers, and all
+// includes the module of their Jacobian. opt and tc may be empty.
 Outcome solve(const Problem& problem, const std::string& subroutine, double tolerance,
               const Matrix& opt = Matrix(), const Matrix& tc = Matrix(),
               Modules modules = Modules::all);

@@ -93,8 +93,9 @@ static void return_counts(MINSTR* str) {
   std::copy_n(str->toln + SAVED_COUNTS, CONSECUTIVE_COUNTERS, str->toln + 1);
 }
 
-static void set_unconstrained_run(MINSTR* str) {
+static void set_unconstrained_run(MINSTR* str, const VMCSTR& v) {
   static constexpr double ENOUGH_CALLS = 10.0;  // times the iterations
+  str->wrk2 = v.inner.wrk2;                     // the terms stand in that of the record
   str->tech = QUANEW;
   str->imax = str->lsqu = 0;
   str->ider = str->tupd = 1;
@@ -127,8 +128,7 @@ static void set_unconstrained_run(MINSTR* str) {
   str->dfes = MISSING;
   str->fsav = 0;
   str->unbd = 1;
-  static constexpr double EVERYTHING = 10.0;
-  if (str->dbug <= EVERYTHING) str->dbug = 0.0;
+  str->dbug = 0.0;
 }
 
 bool conred(MINSTR* str, VMCSTR& v) {
@@ -138,7 +138,7 @@ bool conred(MINSTR* str, VMCSTR& v) {
   str->savstr = &saved;
   str->thdstr = &v;
   park_counts(str);
-  set_unconstrained_run(str);
+  set_unconstrained_run(str, v);
   znlpqun(str);
   const double after = fqcon(str) == 0 ? str->crit : HUGE_VALUE;
   saved.nfnc = str->nfnc;
@@ -147,6 +147,9 @@ bool conred(MINSTR* str, VMCSTR& v) {
   *str = saved;
   return_counts(str);
   str->tbig = 0.0;
+  for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
+    str->x[j] = std::clamp(str->x[j], str->lb[j], std::max(str->lb[j], str->ub[j]));
+  }
   if (after < before) return true;
   std::copy_n(v.xopt, str->nvar, str->x);
   return false;

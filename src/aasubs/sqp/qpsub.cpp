@@ -34,8 +34,7 @@ static constexpr double LONGEST_STEP = 1000000.0;  // of a parameter without bou
 static constexpr double NO_SHARE = 1e-6;           // a slack not above it takes nothing away
 static constexpr double BACK = 0.9;                // from the largest slack
 static constexpr double SLACK_WEIGHT = 1e6;        // times the size of the gradient
-static constexpr double MOST_ITERATIONS = 500.0;
-static constexpr double MOST_CALLS = 1000.0;
+static constexpr double LEAST_LIMIT = 500.0;       // of iterations; more for many constraints
 static constexpr int SOLVED = 3;
 
 static VMCSTR* outer_of(MINSTR* inner) { return static_cast<VMCSTR*>(inner->thdstr); }
@@ -83,8 +82,7 @@ static int test_quadratic(MINSTR* inner, int job) {
   if (job < 0) return job;
   if (inner->tbig != 0.0) return FUNCTION_FAILED;
   if (inner->chac == 0 && job != TEST_LIMITS_ONLY) return SOLVED;
-  const bool limit =
-      inner->nitr >= MOST_ITERATIONS || static_cast<double>(inner->nfct) >= MOST_CALLS;
+  const bool limit = inner->nitr >= inner->maxi || static_cast<double>(inner->nfct) >= inner->maxf;
   return limit ? COUNT_LIMIT : 0;
 }
 
@@ -127,8 +125,8 @@ void open_subproblem(MINSTR* str, VMCSTR& v) {
   inner.deat = inner.rtop = inner.dhes = inner.damp = MISSING;
   inner.salf = 1.0;
   inner.ider = 4;
-  inner.maxi = MOST_ITERATIONS;
-  inner.maxf = MOST_CALLS;
+  inner.maxi = std::max(LEAST_LIMIT, 10.0 * static_cast<double>(str->nvar + v.rows));
+  inner.maxf = 2.0 * inner.maxi;
   inner.upti = HUGE_VALUE;
   inner.unbd = 1;
   inner.indf = IN_RUN;
@@ -192,17 +190,16 @@ static void clear_working_set(MINSTR& inner) {
 
 static bool is_feasible(MINSTR& inner) { return znlpfch(&inner, 0, 0, inner.ipre) == 0; }
 
-// A run that ends with another code than that of a solution may still have found one: a slope that
-// is rounding ends a run as lack of progress does.
+// A run that ends with another code than that of a solution, at a limit or by rounding, may still
+// have found a feasible step that lowers the model.
 static bool solve(MINSTR& inner, int isqp) {
   inner.isqp = isqp;
   inner.nitr = 0.0;
   inner.nter = 0;
   inner.tbig = 0.0;
   const int code = znlpqas(&inner);
-  if (code > 0) return true;
-  if (code == -6 || code == COUNT_LIMIT || !is_feasible(inner)) return false;
-  return reduced_dimension(&inner) >= 0 && std::isfinite(inner.crit);
+  if (code > 0 || isqp != 0) return code > 0;
+  return code != -6 && inner.crit < 0.0 && is_feasible(inner);
 }
 
 // Starts on the working set of the last subproblem: its members satisfied by the smallest step.
@@ -243,19 +240,27 @@ static bool solve_fixed(MINSTR& inner, VMCSTR& v, double s) {
   return solve(inner, 0);
 }
 
-// The largest slack, then nine tenths of it.
-static Subproblem solve_with_slack(MINSTR* str, VMCSTR& v, MINSTR& inner) {
+// The largest slack that a weight buys. False: it bought next to nothing, or the solution failed.
+static bool largest_slack(MINSTR* str, MINSTR& inner, double weight) {
   const long n = str->nvar;
   inner.lb[n] = 0.0;
   inner.ub[n] = 1.0;
-  inner.qvec[n] = -SLACK_WEIGHT * std::max(1.0, zvamx(n, str->grad));
+  inner.qvec[n] = -weight * std::max(1.0, zvamx(n, str->grad));
   inner.x[n] = 0.0;
-  if (!solve_cold(str, inner)) return Subproblem::failed;
-  const double largest = inner.x[n];
-  if (!(largest > NO_SHARE)) {
+  return solve_cold(str, inner) && inner.x[n] > NO_SHARE;
+}
+
+// The largest slack, then nine tenths of it. A step that takes a violation away may be so long that
+// only an enormous weight pays for its curvature.
+static Subproblem solve_with_slack(MINSTR* str, VMCSTR& v, MINSTR& inner) {
+  static constexpr double ENORMOUS = 1e6;
+  const long n = str->nvar;
+  if (!largest_slack(str, inner, SLACK_WEIGHT) &&
+      !largest_slack(str, inner, ENORMOUS * SLACK_WEIGHT)) {
     vzfdl(0.0, inner.x, n);
     return solve_fixed(inner, v, 0.0) ? Subproblem::inconsistent : Subproblem::failed;
   }
+  const double largest = inner.x[n];
   const double share = largest < 1.0 - HUNDRED_EPS ? BACK * largest : 1.0;
   zvscl11(n, inner.x, share / largest);
   return solve_fixed(inner, v, share) ? Subproblem::solved : Subproblem::failed;
@@ -266,14 +271,24 @@ static Subproblem solve_with_slack(MINSTR* str, VMCSTR& v, MINSTR& inner) {
 // The rows of the subproblem are the first terms.
 static long same_index(const MINSTR*, const VMCSTR&, long i) { return i; }
 
+// The bounds of the step are more than those of x.
+static bool is_status_of_bound(const MINSTR* str, long j) {
+  if (str->bounds == 0) return false;
+  return str->iabc[j] == -1 ? upper_exists(str->ub[j]) : lower_exists(str->lb[j]);
+}
+
 // Multipliers in the order of the terms, and the working set as that of the problem record. getlf
 static void take_result(MINSTR* str, VMCSTR& v, MINSTR& inner) {
   take_multipliers(&inner, v, same_index);
   str->nalc = inner.nalc;
-  for (long k = 0; k < inner.nalc; ++k) str->iact[k] = general_index(str, v, inner.iact[k]);
+  str->nanc = 0;
+  for (long k = 0; k < inner.nalc; ++k) {
+    str->iact[k] = general_index(str, v, inner.iact[k]);
+    str->nanc += str->iact[k] >= str->ncon ? 1 : 0;
+  }
   str->nabc = 0;
   for (long j = 0; j < str->nvar; ++j) {
-    if (str->bounds == 0) str->iabc[j] = 0;
+    if (!is_status_of_bound(str, j)) str->iabc[j] = 0;
     str->nabc += str->iabc[j] != 0 ? 1 : 0;
   }
   str->chac = str->nldc = str->nlbc = 0;

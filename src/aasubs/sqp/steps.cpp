@@ -8,9 +8,9 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/constraints/znlpfnc.h"
 #include "aasubs/loop/loads.h"
-#include "aasubs/sqp/chmod.h"
 #include "aasubs/sqp/qpsub.h"
 #include "host/log.h"
+#include "kernels/chmod.h"
 #include "kernels/dense.h"
 #include "kernels/vector.h"
 
@@ -43,11 +43,39 @@ void measure_merit(MINSTR* str, const SequentialRun& run) {
   str->cmax = largest_violation(run.v, run.v.vcon);
 }
 
+void forget_active(MINSTR* str) {
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] != 2) str->iabc[j] = 0;
+  }
+  str->nabc = str->nalc = str->nldc = str->nlbc = str->nanc = 0;
+}
+
+Next load_restart(MINSTR* str, SequentialRun& run) {
+  static constexpr double FIRST_WEIGHT = 1e-20;
+  open_restart(str);
+  str->null = 0;
+  run.fresh = true;
+  run.v.warm = false;
+  start_iteration(str);
+  if (str->ires > 0) {
+    run.ij = str->uster(str, TEST_LIMITS_ONLY);
+    if (run.ij != 0) return Next::stop;
+  }
+  const double scale = 0x1p-106 * std::max(1.0, std::fabs(str->crit));
+  vzfdl(std::max(scale, FIRST_WEIGHT), run.v.vmu, run.v.terms);
+  vzfdl(0.0, run.v.vlam, run.v.terms);
+  run.psiopt = run.fopt + penalty(run.v, run.v.vopt);
+  run.ij = load_point(str, run, -1, -1);
+  if (run.ij == 0) return Next::go_on;
+  std::copy_n(str->xold, str->nvar, str->x);
+  return Next::leave;
+}
+
 int load_point(MINSTR* str, SequentialRun& run, int values_code, int derivatives_code) {
   str->tbig = 0.0;
   if (!evaluate_values(str, run.v)) return values_code;
   measure_merit(str, run);
-  return evaluate_derivatives(str) ? 0 : derivatives_code;
+  return evaluate_derivatives(str, run.v) ? 0 : derivatives_code;
 }
 
 void reset(MINSTR* str, SequentialRun& run) {
@@ -67,11 +95,13 @@ void reset(MINSTR* str, SequentialRun& run) {
 }
 
 void measure_start(MINSTR* str, SequentialRun& run) {
+  forget_active(str);
   znlpfch(str, 1, 1, str->ipre);
   znlpfta(str, 0, 1, 0, nullptr, nullptr, nullptr);
   take_multipliers(str, run.v, term_index);
   str->crlf = lagrangian(str, run.v);
   lagrangian_gradient(str, run.v);
+  str->gmlf = str->gmax = std::max(str->gmlf, complementarity(run.v));
 }
 
 bool move_along(MINSTR* str) {
@@ -101,8 +131,8 @@ static void in_full_space(MINSTR* str, Operation operation) {
   str->nalc = nalc;
 }
 
-static int factor_user_hessian(MINSTR* str) {
-  if (!refresh_saved_results(str)) return -1;
+static int factor_user_hessian(MINSTR* str, VMCSTR& v) {
+  if (str->fsav != 0 && str->ifdr > ORDER_FUNCTION && !evaluate_values(str, v)) return -1;
   if (!evaluate(str, ORDER_HESSIAN, str->ushes)) return -2;
   if (str->hfrm == 2) {  // the diagonal alone
     const long n = str->nvar;
@@ -114,8 +144,9 @@ static int factor_user_hessian(MINSTR* str) {
   return 0;
 }
 
-int load_matrix(MINSTR* str, const SequentialRun& run, double unit) {
-  if (run.load != 0) return factor_user_hessian(str);
+int load_matrix(MINSTR* str, SequentialRun& run, double least) {
+  if (run.load != 0) return factor_user_hessian(str, run.v);
+  const double unit = wzmis(str->dhes) ? least : std::max(str->dhes, least);
   vzfdl(0.0, str->hess, packed_size(str->nvar));
   for (long j = 0; j < str->nvar; ++j) str->hess[zisub(j, j)] = std::sqrt(unit);
   return 0;
@@ -185,12 +216,15 @@ static void report_contradiction(const MINSTR* str, const VMCSTR& v) {
 Next restore(MINSTR* str, SequentialRun& run) {
   static constexpr double WORTH = 0.9;
   const double before = str->cmax;
-  const bool moved = before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
+  const bool violated = run.v.rows > 0 && before > feasibility_tolerance(str, str->ipre);
+  const bool moved = violated && before < WORTH * run.restored && znlpfnc(str, 1) >= 0;
   run.restored = before;
   run.struggle = 0;
-  str->nabc = str->nalc = str->nldc = str->nlbc = 0;
+  run.load = 0;
+  run.moved = moved;
+  forget_active(str);
   if (moved) return Next::restart;
-  report_contradiction(str, run.v);
+  if (violated) report_contradiction(str, run.v);
   vzfdl(0.0, str->sdir, str->nvar);
   run.ij = NO_PROGRESS;
   return Next::finish;

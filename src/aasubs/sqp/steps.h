@@ -19,18 +19,13 @@ struct SequentialRun {
   double cmxopt = 0.0;  // largest violation
   double iopt = 0.0;    // iteration
   int struggle = 0;     // steps in a row that take only a part of the linearized violations
+  bool moved = false;   // has x left the best point for one with smaller violations?
   bool slid = false;    // has a step been made along constraints that contradict each other?
-  bool careful =
-      false;  // has the run gone back to its start, with weights that hold feasibility up?
-  double least_weight = 1e-20;   // at a start or restart
   double restored = HUGE_VALUE;  // largest violation before the last restoration
 };
 
 // Counters, settings that make no sense, terms and subproblem.
 void open_sequential_run(MINSTR* str, SequentialRun& run);
-
-// The weights of a start: next to nothing, so that the first rise sets them.
-inline constexpr double FIRST_WEIGHT = 1e-20;
 
 // After so many steps the violations themselves are minimized.
 inline constexpr int MOST_STRUGGLE = 8;
@@ -42,6 +37,14 @@ void keep_best(MINSTR* str, SequentialRun& run);
 
 // cpsi and cmax at x, from crit and vcon.
 void measure_merit(MINSTR* str, const SequentialRun& run);
+
+// Forgets what is active, but for fixed parameters: the working set of a subproblem is not that of
+// another point.
+void forget_active(MINSTR* str);
+
+// Start or restart: zero multipliers, weights next to nothing (their merit at the best point too),
+// values and derivatives at x. Limits are asked at a restart. go_on, stop, or leave with -1.
+Next load_restart(MINSTR* str, SequentialRun& run);
 
 // Values, then derivatives at x. Returns 0, or the code of what failed.
 int load_point(MINSTR* str, SequentialRun& run, int values_code, int derivatives_code);
@@ -59,9 +62,9 @@ bool move_along(MINSTR* str);
 
 // ---- Matrix -------------------------------------------------------------------------------------
 
-// hess := factor of the user's Hessian (load), made positive definite, or of unit times I. Returns
-// 0, -1 or -2.
-int load_matrix(MINSTR* str, const SequentialRun& run, double unit);
+// hess := factor of the user's Hessian (load), made positive definite, or of a multiple of the
+// identity, least or what dhes asks for beyond it. Returns 0, -1 or -2.
+int load_matrix(MINSTR* str, SequentialRun& run, double least);
 
 // B by the change of the gradient of the Lagrangian over the step from xold, with the multipliers
 // of the iteration at both ends; gold holds it at xold and is lost.
@@ -76,8 +79,8 @@ bool make_step(MINSTR* str, SequentialRun& run);
 // which has learnt curvature that the problem does not have, keeps it short; a fresh one will tell.
 bool matrix_hides_descent(const MINSTR* str);
 
-// No step at all: restart from where the violations are smaller, or finish with -5 and a line in
-// the log that names the constraint.
+// No step at all: restart from where the violations are smaller, or finish with -5, and where
+// constraints contradict each other a line in the log that names the worst.
 Next restore(MINSTR* str, SequentialRun& run);
 
 }  // namespace tqnlp

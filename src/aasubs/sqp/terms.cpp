@@ -115,10 +115,15 @@ bool setvcon(MINSTR* str, VMCSTR& v) {
 
 bool evaluate_values(MINSTR* str, VMCSTR& v) { return evaluate_objective(str) && setvcon(str, v); }
 
-bool evaluate_derivatives(MINSTR* str) {
-  if (!refresh_saved_results(str) || !evaluate_gradient(str)) return false;
+// Results that the user's code keeps between calls are those of x again (fsav).
+static bool refresh_values(MINSTR* str, VMCSTR& v) {
+  return str->fsav == 0 || str->ifdr <= ORDER_FUNCTION || evaluate_values(str, v);
+}
+
+bool evaluate_derivatives(MINSTR* str, VMCSTR& v) {
+  if (!refresh_values(str, v) || !evaluate_gradient(str)) return false;
   if (str->nlicon == 0 || str->usjnc == nullptr) return true;
-  return refresh_saved_results(str) && evaluate(str, ORDER_GRADIENT, str->usjnc);
+  return refresh_values(str, v) && evaluate(str, ORDER_GRADIENT, str->usjnc);
 }
 
 // ---- Merit function and Lagrangian --------------------------------------------------------------

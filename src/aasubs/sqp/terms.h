@@ -37,7 +37,7 @@ bool setvcon(MINSTR* str, VMCSTR& v);
 bool evaluate_values(MINSTR* str, VMCSTR& v);
 
 // Gradient of the objective and Jacobian of the nonlinear constraints at x. False: one failed.
-bool evaluate_derivatives(MINSTR* str);
+bool evaluate_derivatives(MINSTR* str, VMCSTR& v);
 
 // ---- Merit function and Lagrangian --------------------------------------------------------------
 

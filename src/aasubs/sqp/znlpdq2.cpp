@@ -58,43 +58,27 @@ static bool averaged(const MINSTR* str) { return str->vers == AVERAGED_WEIGHTS; 
 // ---- Start and restart --------------------------------------------------------------------------
 
 static Next load_start(MINSTR* str, ConstrainedRun& run) {
-  open_restart(str);
-  str->null = 0;
   run.lswd = !averaged(str);
-  run.fresh = true;
-  run.v.warm = false;
-  start_iteration(str);
-  const double scale = 0x1p-106 * std::max(1.0, std::fabs(str->crit));
-  const double first_weight = std::max(scale, FIRST_WEIGHT);
-  vzfdl(first_weight, run.v.vmu, run.v.terms);
-  vzfdl(0.0, run.v.vlam, run.v.terms);
-  run.ij = load_point(str, run, -1, -1);
-  if (run.ij != 0) {
-    std::copy_n(str->xold, str->nvar, str->x);
-    return Next::leave;
-  }
-  if (run.phase == Phase::none) keep_best(str, run);
+  if (const Next next = load_restart(str, run); next != Next::go_on) return next;
+  if (run.phase == Phase::none || run.moved) keep_best(str, run);
+  run.moved = false;
   double norm = 0.0;
   for (long i = 0; i < run.v.terms; ++i)
     norm = std::hypot(norm, violation(run.v, i, run.v.vcon[i]));
   if (run.phase == Phase::none && str->max2 > 0.0 && norm > LARGE_VIOLATION) {
-    run.phase = conred(str, run.v) ? Phase::reduced : Phase::failed;
+    run.moved = conred(str, run.v);
+    run.phase = run.moved ? Phase::reduced : Phase::failed;
     return Next::restart;
   }
   measure_start(str, run);
   return Next::go_on;
 }
 
-// Multiple of the identity that starts the matrix: one, or more where the user says so.
-static double start_unit(const MINSTR* str) {
-  return wzmis(str->dhes) ? 1.0 : std::max(str->dhes, 1.0);
-}
-
 // The matrix and the first step, once the termination test has seen the start.
 static Next first_step(MINSTR* str, ConstrainedRun& run) {
   run.fresh = false;
   str->nabc = str->nalc = str->nldc = 0;
-  run.ij = load_matrix(str, run, start_unit(str));
+  run.ij = load_matrix(str, run, 1.0);
   if (run.ij != 0) return Next::leave;
   if (!make_step(str, run)) return restore(str, run);
   if (run.phase == Phase::reduced) keep_best(str, run);
@@ -286,7 +270,9 @@ static Next one_iteration(MINSTR* str, ConstrainedRun& run) {
   Search s{str->cpsi, str->crlf, str->crit, str->cpsi, -4.0};
   Next next = search(str, run, s);
   if (next != Next::go_on) return next;
-  if (!evaluate_derivatives(str)) {
+  if (!evaluate_derivatives(str, run.v)) {
+    move_along(str);  // differences may have left x beside the point
+    str->indf = IN_RUN;
     run.ij = -4;
     return Next::finish;
   }
@@ -314,6 +300,7 @@ static int end_stage(MINSTR* str, ConstrainedRun& run) {
                        str->cmax > CLEAR_VIOLATION;
   if (hopeful && conred(str, run.v)) {
     run.phase = Phase::reduced;
+    run.moved = true;
     return STOP_OVERRULED;
   }
   return code == 0 ? run.ij : code;
@@ -322,7 +309,9 @@ static int end_stage(MINSTR* str, ConstrainedRun& run) {
 int znlpdq2(MINSTR* str) {
   ConstrainedRun run;
   open_sequential_run(str, run);
-  return technique_loop<ConstrainedRun>(str, run, {load_start, one_iteration, end_stage});
+  const int code = technique_loop<ConstrainedRun>(str, run, {load_start, one_iteration, end_stage});
+  forget_active(str);
+  return code;
 }
 
 }  // namespace tqnlp

@@ -37,6 +37,7 @@ static constexpr double FREE_ITERATIONS =
     10.0;                                // of the target test after a return to the best point
 static constexpr double PATIENCE = 2.0;  // iterations without a better point
 static constexpr double SHARE_OF_PROMISE = 0.1;
+static constexpr int UPHILL = -50;  // of a search
 
 namespace {
 
@@ -52,20 +53,9 @@ struct WatchdogRun : SequentialRun {
 // ---- Start --------------------------------------------------------------------------------------
 
 static Next load_start(MINSTR* str, WatchdogRun& run) {
-  open_restart(str);
-  str->null = 0;
   run.lswd = true;
-  run.fresh = true;
-  run.v.warm = false;
   str->alfa = str->salf;
-  start_iteration(str);
-  vzfdl(FIRST_WEIGHT, run.v.vmu, run.v.terms);
-  vzfdl(0.0, run.v.vlam, run.v.terms);
-  run.ij = load_point(str, run, -1, -1);
-  if (run.ij != 0) {
-    std::copy_n(str->xold, str->nvar, str->x);
-    return Next::leave;
-  }
+  if (const Next next = load_restart(str, run); next != Next::go_on) return next;
   keep_best(str, run);
   measure_start(str, run);
   return Next::go_on;
@@ -76,7 +66,10 @@ static Next first_step(MINSTR* str, WatchdogRun& run) {
   str->nabc = str->nalc = str->nldc = 0;
   run.ij = load_matrix(str, run, 1.0);
   if (run.ij != 0) return Next::leave;
-  return make_step(str, run) ? Next::go_on : restore(str, run);
+  if (make_step(str, run)) return Next::go_on;
+  const Next next = restore(str, run);
+  if (next == Next::finish) xpslog(" ***ERROR: NLPQAS not successful: rc= %i.", run.ij);
+  return next;
 }
 
 // ---- Tests at the head of an iteration ----------------------------------------------------------
@@ -103,8 +96,8 @@ static void revise_weights(MINSTR* str, WatchdogRun& run) {
 // ---- Line search --------------------------------------------------------------------------------
 
 // A fresh matrix knows nothing of the length of a step: its first search may take more cuts than
-// the five that are a sign of trouble later. Returns 0, -3 or -5; *promised is the merit of the
-// linear model at the step taken.
+// the five that are a sign of trouble later. Returns 0, -3, -5 or UPHILL; *promised is the merit of
+// the linear model at the step taken.
 static int search(MINSTR* str, WatchdogRun& run, double* promised) {
   const int most_cuts = str->itre == 0 ? 20 : 5;
   static constexpr double LEAST_FALL = 0.9999999999999999;
@@ -129,7 +122,7 @@ static int search(MINSTR* str, WatchdogRun& run, double* promised) {
     *promised = model_merit(v, objective, run.gs, str->alfa);
     const double fall = begin - *promised;
     if (!(fall > (1.0 - LEAST_FALL) * std::fabs(begin))) {
-      return NO_PROGRESS;
+      return UPHILL;
     }
     const double ratio = (begin - str->cpsi) / fall;
     if (ratio >= SHARE_OF_PROMISE) return 0;
@@ -155,28 +148,49 @@ static int return_to_best(MINSTR* str, WatchdogRun& run) {
   return load_point(str, run, FUNCTION_FAILED, -4);
 }
 
-// Limits, the history and the user's termination module; the criteria are the technique's own.
+// Limits, the history and the user's termination module; the criteria are the technique's own, an
+// objective that rises is no failure, and no level of the objective stops a run whose points may be
+// infeasible.
 static Next ask_limits(MINSTR* str, WatchdogRun& run) {
   const long mini = str->mini;
-  str->mini = std::numeric_limits<long>::max();  // no criterion may stop the run before it
-  str->cold = std::max(str->cold, str->crit);    // an objective that rises is no failure here
+  const double atol = str->atol;
+  const double cold = str->cold;
+  str->mini = std::numeric_limits<long>::max();
+  str->atol = str->imax != 0 ? HUGE_VALUE : -HUGE_VALUE;
+  if (str->nlicon == 0) str->cold = std::max(str->cold, str->crit);
   run.ij = str->uster(str, TEST_ITERATION);
   str->mini = mini;
+  str->atol = atol;
+  str->cold = cold;
   if (run.ij == 0) return Next::go_on;
   if (run.ij == COUNT_LIMIT && str->nitr >= str->maxi) {
     xpslog(" ***ERROR: Too many iterations: %g", str->nitr);
   } else if (run.ij == COUNT_LIMIT) {
     xpslog(" ***ERROR: Too many calls of CALCFG: %li", str->nfct);
   }
-  return Next::finish;
+  return run.ij == STOP_OVERRULED ? Next::stop : Next::finish;
 }
 
-// From an updated matrix a failed search says little: it starts afresh at the same point.
-static Next search_failed(MINSTR* str, const WatchdogRun& run) {
+// A restart goes on from the better of the present and the best point.
+static Next restart_at_best(MINSTR* str, const WatchdogRun& run) {
+  if (str->cpsi > run.psiopt) std::copy_n(run.v.xopt, str->nvar, str->x);
+  return Next::restart;
+}
+
+// From an updated matrix a failed search says little: it starts afresh.
+static Next search_failed(MINSTR* str, WatchdogRun& run, double begin) {
   return_to_xold(str);
   str->tbig = 0.0;
-  if (str->itre > 0) return Next::restart;
-  if (run.ij == NO_PROGRESS) xpslog(" ***ERROR: Too many function calls in line search.");
+  std::copy_n(run.v.cbeg, run.v.terms, run.v.vcon);
+  str->cpsi = begin;
+  str->cmax = largest_violation(run.v, run.v.vcon);
+  if (str->itre > 0) return restart_at_best(str, run);
+  if (run.ij == UPHILL) {
+    xpslog(" ***ERROR: Uphill search direction.");
+    run.ij = NO_PROGRESS;
+  } else if (run.ij == NO_PROGRESS) {
+    xpslog(" ***ERROR: Too many function calls in line search.");
+  }
   return Next::finish;
 }
 
@@ -192,8 +206,10 @@ static Next one_iteration(MINSTR* str, WatchdogRun& run) {
   const double begin = str->cpsi;
   double promised = begin;
   run.ij = search(str, run, &promised);
-  if (run.ij != 0) return search_failed(str, run);
-  if (!evaluate_derivatives(str)) {
+  if (run.ij != 0) return search_failed(str, run, begin);
+  if (!evaluate_derivatives(str, run.v)) {
+    move_along(str);  // differences may have left x beside the point
+    str->indf = IN_RUN;
     run.ij = -4;
     return Next::finish;
   }
@@ -203,22 +219,26 @@ static Next one_iteration(MINSTR* str, WatchdogRun& run) {
     run.ij = return_to_best(str, run);
     if (run.ij != 0) return Next::finish;
   }
-  if (!make_step(str, run) || matrix_hides_descent(str)) return Next::restart;
+  if (!make_step(str, run) || matrix_hides_descent(str)) return restart_at_best(str, run);
   if (run.struggle >= MOST_STRUGGLE) return restore(str, run);
   return ask_limits(str, run);
 }
 
 // ---- The technique ------------------------------------------------------------------------------
 
+// Where values or derivatives failed, those of x are not known.
 static int end_stage(MINSTR* str, WatchdogRun& run) {
-  if (str->cpsi > run.psiopt || run.ij < 0) std::copy_n(run.v.xopt, str->nvar, str->x);
+  const bool unknown = run.ij == FUNCTION_FAILED || run.ij == -4;
+  if (unknown || str->cpsi > run.psiopt) std::copy_n(run.v.xopt, str->nvar, str->x);
   return run.ij;
 }
 
 int znlpvmc(MINSTR* str) {
   WatchdogRun run;
   open_sequential_run(str, run);
-  return technique_loop<WatchdogRun>(str, run, {load_start, one_iteration, end_stage});
+  const int code = technique_loop<WatchdogRun>(str, run, {load_start, one_iteration, end_stage});
+  forget_active(str);
+  return code;
 }
 
 }  // namespace tqnlp
