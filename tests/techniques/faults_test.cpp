@@ -110,6 +110,7 @@ std::vector<Call> calls() {
                                      {-1, 0, -1.5, 1, -9.625}});
   const Matrix equality = Matrix::row({0, 4, M, M, M, M, M, M, M, 1, 1});
   const Matrix disk = Matrix::row({0, 2, M, M, M, 1, M, M, M, 1, 0});
+  const Matrix tight = Matrix::row({M, M, M, M, M, M, M, 0});
   const Matrix close = Matrix::row({M, M, M, M, M, M, M, M, 1e-5});
   return {
       {"NLPQN", {"F", START, options(0, 1, 0, 0), NONE, NONE, NONE, NONE, "G"}},
@@ -138,8 +139,8 @@ std::vector<Call> calls() {
       {"NLPNMS", {"F", START, options(5, 1, 0, 0), bounds, Matrix::row({M, M, M, M, 1e-12})}},
       {"NLPNMS", {"F", Matrix::row({0.8, 0.1}), NONE, rows, close}},
       {"NLPNMS", {"F", START, equality, bounds, close, NONE, NONE, "C"}},
-      {"NLPQN", {"F", START, equality, bounds, close, NONE, NONE, "G", "C", "D"}},
-      {"NLPQN", {"F", far, disk, rows, NONE, NONE, NONE, "G", "C"}},
+      {"NLPQN", {"F", START, equality, bounds, tight, NONE, NONE, "G", "C", "D"}},
+      {"NLPQN", {"F", Matrix::row({1, -1}), disk, rows, tight, NONE, NONE, "G", "C"}},
       {"NLPVMC", {"F", START, disk, bounds, NONE, NONE, NONE, "G", "C", "D"}},
       {"NLPVMC", {"F", START, equality, NONE, NONE, NONE, NONE, NONE, "C"}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},

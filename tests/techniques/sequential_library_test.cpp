@@ -18,6 +18,7 @@ constexpr const char* FLAT = "where the constraint is infeasible it is flat to 1
 const Exceptions SEQUENTIAL = {
     {{"HS57"}, {ANY}, 6, LOCAL, 0.1},
     {{"HS33"}, {ANY}, 6, LOCAL, 1.0},
+    {{"HS87"}, {WATCHDOG, AVERAGED}, SOME_CODE, "an objective with jumps", 1e-2},
     {{"HS13"}, {ANY}, SOME_CODE, DEPENDENT, 1e-2},
     {{"HS88", "HS89", "HS90", "HS92"}, {VMCWD_RUN}, SOME_CODE, FLAT, 2.0},
     {{"HS88"}, {AVERAGED}, SOME_CODE, "rounding ends the last search", 1e-6},
@@ -64,7 +65,7 @@ TEST_P(Sequential, EndsAsExpected) {
 
 INSTANTIATE_TEST_SUITE_P(Library, Sequential,
                          testing::Values(Variant{"NLPQN", 2, WATCHDOG, 1951},
-                                         Variant{"NLPQN", 1, AVERAGED, 1996},
+                                         Variant{"NLPQN", 1, AVERAGED, 2461},
                                          Variant{"NLPVMC", 2, VMCWD_RUN, 2455}));
 
 // Full steps lower the Lagrangian and raise every merit function at each point of the circle but
@@ -77,7 +78,7 @@ TEST(Sequential, TakesFullStepsWhereTheMeritFunctionRises) {
   const double M = missing;
   for (const char* subroutine : {"NLPQN", "NLPVMC"}) {
     const Outcome run =
-        solve(maratos, subroutine, 1e-8, Matrix::row({0, 0, M, M, M, M, M, M, M, 1, 1}), tight());
+        solve(maratos, subroutine, 1e-6, Matrix::row({0, 0, M, M, M, M, M, M, M, 1, 1}), tight());
     EXPECT_TRUE(run.solved && run.functions <= 20) << run.functions;
   }
 }

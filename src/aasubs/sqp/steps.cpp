@@ -144,9 +144,10 @@ static int factor_user_hessian(MINSTR* str, VMCSTR& v) {
   return 0;
 }
 
-int load_matrix(MINSTR* str, SequentialRun& run, double least) {
+int load_matrix(MINSTR* str, SequentialRun& run) {
   if (run.load != 0) return factor_user_hessian(str, run.v);
-  const double unit = wzmis(str->dhes) ? least : std::max(str->dhes, least);
+  in_full_space(str, [str] { znlphin(str, 1, 0, 0, 2, str->hess); });
+  const double unit = std::max(str->hess[0], 1.0);
   vzfdl(0.0, str->hess, packed_size(str->nvar));
   for (long j = 0; j < str->nvar; ++j) str->hess[zisub(j, j)] = std::sqrt(unit);
   return 0;

@@ -63,8 +63,8 @@ bool move_along(MINSTR* str);
 // ---- Matrix -------------------------------------------------------------------------------------
 
 // hess := factor of the user's Hessian (load), made positive definite, or of a multiple of the
-// identity, least or what dhes asks for beyond it. Returns 0, -1 or -2.
-int load_matrix(MINSTR* str, SequentialRun& run, double least);
+// identity: dhes, or what suits the gradient, but at least 1. Returns 0, -1 or -2.
+int load_matrix(MINSTR* str, SequentialRun& run);
 
 // B by the change of the gradient of the Lagrangian over the step from xold, with the multipliers
 // of the iteration at both ends; gold holds it at xold and is lost.

@@ -78,7 +78,7 @@ static Next load_start(MINSTR* str, ConstrainedRun& run) {
 static Next first_step(MINSTR* str, ConstrainedRun& run) {
   run.fresh = false;
   str->nabc = str->nalc = str->nldc = 0;
-  run.ij = load_matrix(str, run, 1.0);
+  run.ij = load_matrix(str, run);
   if (run.ij != 0) return Next::leave;
   if (!make_step(str, run)) return restore(str, run);
   if (run.phase == Phase::reduced) keep_best(str, run);

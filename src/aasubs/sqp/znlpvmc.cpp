@@ -64,7 +64,8 @@ static Next load_start(MINSTR* str, WatchdogRun& run) {
 static Next first_step(MINSTR* str, WatchdogRun& run) {
   run.fresh = false;
   str->nabc = str->nalc = str->nldc = 0;
-  run.ij = load_matrix(str, run, 1.0);
+  str->dhes = 1.0;
+  run.ij = load_matrix(str, run);
   if (run.ij != 0) return Next::leave;
   if (make_step(str, run)) return Next::go_on;
   const Next next = restore(str, run);
