@@ -190,6 +190,14 @@ static void clear_working_set(MINSTR& inner) {
 
 static bool is_feasible(MINSTR& inner) { return znlpfch(&inner, 0, 0, inner.ipre) == 0; }
 
+// Are the gradients of the active constraints independent?
+static bool has_multipliers(const MINSTR& inner) {
+  for (long r = 0; r < inner.nalc; ++r) {
+    if (!(std::fabs(inner.llcn[packed_size(r)]) > TINY)) return false;
+  }
+  return true;
+}
+
 // A run that ends with another code than that of a solution, at a limit or by rounding, may still
 // have found a feasible step that lowers the model.
 static bool solve(MINSTR& inner, int isqp) {
@@ -199,7 +207,7 @@ static bool solve(MINSTR& inner, int isqp) {
   inner.tbig = 0.0;
   const int code = znlpqas(&inner);
   if (code > 0 || isqp != 0) return code > 0;
-  return code != -6 && inner.crit < 0.0 && is_feasible(inner);
+  return code != -6 && inner.crit < 0.0 && is_feasible(inner) && has_multipliers(inner);
 }
 
 // Starts on the working set of the last subproblem: its members satisfied by the smallest step.
