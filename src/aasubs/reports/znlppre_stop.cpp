@@ -149,7 +149,7 @@ static void write_steering(MINSTR* str, RvxObject** table, StopLayout layout) {
       return add_pair(table, LABEL_SLOPE, negated(str->pred));
     case STOP_SEQUENTIAL:
       add_pair(table, LABEL_OBJECTIVE_GRADIENT, str->gmax);
-      add_pair(table, LABEL_MERIT, str->crlf);
+      add_pair(table, LABEL_MERIT, str->imax != 0 ? -str->crlf : str->crlf);
       return add_pair(table, LABEL_LAGRANGIAN_GRADIENT, str->gmlf);
     case STOP_COBYLA:
       add_pair(table, LABEL_MERIT_OF_SIMPLEX, str->pred);

@@ -89,8 +89,9 @@ void reset(MINSTR* str, SequentialRun& run) {
     if (run.v.vlam[i] != 0.0) str->pred += std::fabs(run.v.vlam[i] * run.v.vcon[i]);
   }
   // A point that violates its constraints is no solution, whatever the multipliers promise.
+  static constexpr double WEIGHT = 100.0;
   if (str->cmax > feasibility_tolerance(str, str->ipre)) {
-    str->pred = std::max(str->pred, str->cmax * std::max(1.0, std::fabs(str->crit)));
+    str->pred = std::max(str->pred, WEIGHT * str->cmax * std::max(1.0, std::fabs(str->crit)));
   }
 }
 
