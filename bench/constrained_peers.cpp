@@ -223,7 +223,7 @@ const std::vector<ConstrainedSolver>& constrained_subroutines() {
                       }});
     };
     const auto any = [](const Problem&) { return true; };
-    // Without nonlinear constraints both versions of NLPQN are one, and NLPVMC is for such alone.
+    // Without nonlinear constraints both versions of NLPQN are one.
     const auto nonlinear = [](const Problem& p) { return p.constraints > 0; };
     for (const bool by_defaults : {true, false}) {
       const std::string end = by_defaults ? "_defaults" : "";
