@@ -391,10 +391,12 @@ static Problem problem_84() {
 
 // Quantities of a plant that makes sulphite pulp: y[1] to y[17], c[1] to c[17] in the numbers of
 // the source.
+namespace {
 template <typename T>
 struct Pulp {
   std::array<T, 18> y, c;
 };
+}  // namespace
 
 template <typename T>
 static Pulp<T> pulp(const T* x) {

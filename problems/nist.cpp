@@ -18,17 +18,19 @@ using std::sin;
 using std::sqrt;
 using Level = Regression::Level;
 
+namespace {
 // What the source says of a set.
-struct Certificate {
+struct Source {
   const char* name;
   Level level;
   std::vector<double> start_1, start_2, parameters, deviations;
   double residual_sum;
 };
+}  // namespace
 
 // A set of responses y, predictors x(i), i from 0, and a model y = f(b, x).
 template <typename Responses, typename Predictors, typename Model>
-static Regression regression(const Certificate& set, const Responses& y, Predictors x, Model f) {
+static Regression regression(const Source& set, const Responses& y, Predictors x, Model f) {
   const auto residuals = [y, x, f](auto b, auto r) {
     for (std::size_t i = 0; i < y.size(); ++i) r[i] = f(b, x(static_cast<long>(i))) - y[i];
   };
