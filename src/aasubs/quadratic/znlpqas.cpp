@@ -42,6 +42,7 @@ static constexpr double MULTIPLIER_ZERO = 1e-10;     // of the gradient's size
 static constexpr double NEGLIGIBLE_STEP = 1e-14;     // of the size of a parameter
 static constexpr double ROUNDING_SLOPE = 1e-11;      // of the lengths of row and step
 static constexpr double RATIO_TOLERANCE = 0.01;      // of the feasibility tolerance
+static constexpr double ROW_ROUNDING = 16 * EPS;     // of the lengths of row and point
 static constexpr double ROUNDING_CURVATURE = 1e-13;  // of the matrix and the squared step
 static constexpr double ENOUGH_DECREASE = 1e-4;      // of the slope, along a bent step
 static constexpr double CUT = 0.1;                   // a step that failed
@@ -105,6 +106,28 @@ static void measure_point(MINSTR* str, QuadraticRun& run) {
 
 static double value_rounding(const MINSTR* str, const QuadraticRun& run) {
   return (10.0 + static_cast<double>(str->nvar)) * EPS * run.value_size;
+}
+
+// Rounding of the product of a row of unit length with x.
+static double row_rounding(const MINSTR* str) {
+  return ROW_ROUNDING * zvenorm(str->nvar, 1, str->x);
+}
+
+// Is no row violated by more than the rounding of its product with x?
+static bool rows_hold_to_rounding(MINSTR* str) {
+  const double rounding = row_rounding(str);
+  for (long i = 0; str->lincon != 0 && i < str->ncon; ++i) {
+    const double* row = gradient_of(str, {0, i});
+    double residual = residual_of(str, {0, i}, row);
+    if (i < str->neqc) residual = -std::fabs(residual);
+    if (!(residual >= -rounding * zvenorm(str->nvar, 1, row))) return false;
+  }
+  return true;
+}
+
+// Is x feasible, as far as numbers can tell?
+static bool is_feasible(MINSTR* str) {
+  return znlpfch(str, 0, 0, str->ipre) == 0 || rows_hold_to_rounding(str);
 }
 
 // ---- The working set ----------------------------------------------------------------------------
@@ -176,12 +199,14 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
   long worst = -1;
   double highest = 0.0;
   long left = 0;
+  long last = -1;
   for (long j = 0; j < str->nvar; ++j) {
     if (str->iabc[j] == 0 || str->iabc[j] == 2) continue;
     const double lambda = str->iabc[j] * str->grad[j];
     if (!(lambda < -tolerance)) continue;
     if (run.blocks && run.idle == 0) {
       str->iabc[j] = 0;
+      last = j;
       ++left;
     } else if (const double worth = cycling(str, run) ? lot(run) : -lambda; worth > highest) {
       worst = j;
@@ -190,10 +215,12 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
   }
   if (worst >= 0) {
     str->iabc[worst] = 0;
+    last = worst;
     left = 1;
   }
   if (left == 0) return false;
   str->nabc -= left;
+  str->idac = left == 1 ? last + 1 : -left;
   index_bounds(str, run);
   return true;
 }
@@ -224,13 +251,14 @@ static bool release_member(MINSTR* str, QuadraticRun& run) {
   const bool followed = ches != nullptr && status == 0 &&
                         pivot_is_clear(ches, reduced_dimension(str) - 1, CLEAR_UPDATE);
   after_change(str, run, followed);
+  str->idac = (m.koc != 0 ? 0 : str->nvar) + m.ic + 1;
   return true;
 }
 
 // At a minimizer of the working set: what wants to leave it, leaves. False: nothing does.
 static bool release(MINSTR* str, QuadraticRun& run) {
-  if (!has_constraints(str)) return false;
   str->mini = static_cast<long>(str->nitr);
+  if (!has_constraints(str)) return false;
   const bool released = bounds_alone(str) ? release_bounds(str, run) : release_member(str, run);
   if (!released) return false;
   str->chac = -1;
@@ -258,18 +286,31 @@ static bool moves(const MINSTR* str, double length) {
   return false;
 }
 
+// Along a Newton step the slope is minus the curvature. Where that is rounding, a nearly singular
+// matrix passed for definite, and the step is a direction of zero curvature. A diagonal matrix has
+// no rounding.
+static bool newton_step_is_flat(const MINSTR* str, const QuadraticRun& run) {
+  if (run.reduced.form == ReducedHessian::Form::diagonal) return false;
+  if (step_is_negligible(str)) return false;
+  const double length = zvenorm(str->nvar, 1, str->sdir);
+  return -run.gs <= ROUNDING_CURVATURE * run.reduced.size * length * length &&
+         run.gs < -ROUNDING_SLOPE * run.gradient_size * length;
+}
+
 // False: x is a minimizer on the working set.
 static bool choose_direction(MINSTR* str, QuadraticRun& run) {
   run.course = find_course(str, run.reduced, run.rg, run.gradient_size);
   if (run.course == Course::none) return false;
   run.gs = zvdot11(str->nvar, str->grad, str->sdir);
   run.natural = 1.0;
-  if (run.course == Course::newton) {
+  if (run.course == Course::newton && !newton_step_is_flat(str, run)) {
     const bool refined = run.full_steps >= MOST_REFINEMENTS;
     return !refined && run.gs < -SMALLEST_TOLERANCE && !step_is_negligible(str);
   }
   run.natural = HUGE_VALUE;
-  if (run.course == Course::straight) {
+  if (run.course == Course::newton) {
+    run.course = Course::straight;
+  } else if (run.course == Course::straight) {
     double* product = str->wrk2 + str->nvar;
     multiply_hessian(str, str->sdir, product);
     const double curvature = zvdot11(str->nvar, str->sdir, product);
@@ -299,8 +340,9 @@ struct Approach {
 // Calls visit for every constraint outside the working set that the direction approaches.
 template <class Visit>
 static void visit_approached(MINSTR* str, Visit visit) {
-  const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, str->ipre);
+  const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, 0);
   const double length = zvenorm(str->nvar, 1, str->sdir);
+  const double rounding = row_rounding(str);
   for (long k = 0; str->bounds != 0 && k < free_count(str); ++k) {
     const long j = str->ifxr[k];
     const double d = str->sdir[j];
@@ -323,17 +365,18 @@ static void visit_approached(MINSTR* str, Visit visit) {
     const double norm = zvenorm(str->nvar, 1, row);
     if (!(slope < -ROUNDING_SLOPE * norm * length)) continue;
     visit(Approach{m, slope, -slope / norm, residual_of(str, m, row),
-                   (std::fabs(str->blcn[i]) + 1.0) * eps});
+                   std::max((std::fabs(str->blcn[i]) + 1.0) * eps, norm * rounding)});
   }
 }
 
 // Largest step in stub (the largest double: nothing blocks), and the constraint that it meets.
 // Among those met within a tolerance the one that the direction meets most steeply is taken: a
-// vertex of nearly dependent constraints then keeps the working set well conditioned.
+// vertex of nearly dependent constraints then keeps the working set well conditioned. One that is
+// violated by its tolerance already lets nothing pass, so that the violations do not add up.
 static Member limit_step(MINSTR* str, QuadraticRun& run) {
   double reach = HUGE_VALUE;
   visit_approached(str, [&reach](const Approach& a) {
-    reach = std::min(reach, (std::max(a.residual, 0.0) + a.tolerance) / -a.slope);
+    reach = std::min(reach, std::max(a.residual + a.tolerance, 0.0) / -a.slope);
   });
   Member met;
   double highest = 0.0;
@@ -384,7 +427,7 @@ static bool take_bent_step(MINSTR* str, QuadraticRun& run) {
     move_to(str, std::min(str->stub, 1.0));
     const double least = -ENOUGH_DECREASE * str->alfa * gs;
     if (step_moves(str, str->sdir) && value_falls(str, run, std::max(least, 0.0)) &&
-        str->crit < str->cold) {
+        str->crit < str->cold && evaluate_gradient(str)) {
       run.gs = gs;
       return true;
     }
@@ -401,7 +444,7 @@ static bool take_bent_step(MINSTR* str, QuadraticRun& run) {
 static bool take_step(MINSTR* str, QuadraticRun& run) {
   for (double alfa = std::min(run.natural, str->stub);; alfa *= CUT) {
     move_to(str, alfa);
-    if (value_falls(str, run, 0.0)) return true;
+    if (value_falls(str, run, 0.0) && evaluate_gradient(str)) return true;
     if (!(reldx(str->nvar, 1.0, str->x, str->xold) > EPS)) return false;
   }
 }
@@ -415,8 +458,11 @@ static bool restore_members(MINSTR* str, QuadraticRun& run) {
   run.restored = true;
   if (satisfy_members(str) != 0 || step_is_negligible(str)) return false;
   std::copy_n(str->x, str->nvar, str->work);
-  for (long j = 0; j < str->nvar; ++j) str->x[j] += str->sdir[j];
-  const bool good = znlpfch(str, 0, 0, str->ipre) == 0 && evaluate_objective(str);
+  for (long j = 0; j < str->nvar; ++j) {
+    const int koc = str->bounds != 0 ? str->iabc[j] : 0;
+    str->x[j] = koc != 0 ? bound_value(str, j, koc) : str->x[j] + str->sdir[j];
+  }
+  const bool good = is_feasible(str) && evaluate_objective(str);
   if (!good) std::copy_n(str->work, str->nvar, str->x);
   if (!good && !evaluate_objective(str)) return false;
   str->cold = str->crit;
@@ -531,6 +577,17 @@ static Next move_on(MINSTR* str, QuadraticRun& run, Member* met, bool* bent) {
   }
 }
 
+// Where rounding alone exceeds the tolerance, far from the origin or for rows of large
+// coefficients, the members are satisfied anew and the tolerance is widened, before feasibility
+// counts as lost; and it is not lost to rounding.
+static Next stay_feasible(MINSTR* str, QuadraticRun& run) {
+  static constexpr int WIDEST = 3;
+  if (!has_constraints(str)) return Next::go_on;
+  if (znlpfch(str, 0, 0, str->ipre) != 0) restore_members(str, run);
+  while (str->ipre < WIDEST && znlpfch(str, 0, 0, str->ipre) != 0) ++str->ipre;
+  return is_feasible(str) ? Next::go_on : keep_feasible(str, &run.ij);
+}
+
 static Next one_iteration(MINSTR* str, QuadraticRun& run) {
   Member met;
   bool bent = false;
@@ -539,14 +596,9 @@ static Next one_iteration(MINSTR* str, QuadraticRun& run) {
   run.idle = 0;
   str->chac = 0;
   str->pred = -run.gs;
-  str->nitr += 1.0;
-  if (!evaluate_gradient(str)) {
-    return_to_xold(str);
-    run.ij = NO_PROGRESS;
-    return Next::finish;
-  }
   revise_set(str, run, met, bent);
-  next = keep_feasible(str, &run.ij);
+  next = stay_feasible(str, run);
+  str->nitr += 1.0;
   if (next != Next::go_on) return next;
   ++str->itre;
   run.untested = str->chac != 0;

@@ -20,9 +20,11 @@ namespace tqnlp {
 using Form = ReducedHessian::Form;
 using Inertia = ReducedHessian::Inertia;
 
-// Pivots below this share of what they were before elimination, or of the largest element of the
-// matrix, are rounding: weak.
+// Pivots below this share of the largest element of the matrix are rounding: weak.
 static constexpr double WEAK_PIVOT = 1e-11;
+// Without pivoting eigenvalues may lie far below the smallest pivot. A plain factor is trusted
+// where all pivots are more than this share of what they were before elimination.
+static constexpr double TRUSTED_PIVOT = 1e-8;
 // The same for a projection on a rotated basis, which mixes elements of all sizes.
 static constexpr double ROTATION_ROUNDING = 1e-12;
 // Elements of S below this share of the matrix and of the direction that made them are rounding.
@@ -84,7 +86,7 @@ bool pivot_is_clear(const double* factor, long i, double share) {
 
 static bool all_pivots_clear(const MINSTR* str, long order) {
   for (long i = 0; i < order; ++i) {
-    if (!pivot_is_clear(str->half, i, WEAK_PIVOT)) return false;
+    if (!pivot_is_clear(str->half, i, TRUSTED_PIVOT)) return false;
   }
   return true;
 }
@@ -147,6 +149,7 @@ void newchol(MINSTR* str, ReducedHessian& reduced) {
   reduced.current = true;
   reduced.updatable = false;
   reduced.inertia = Inertia::semidefinite;
+  str->null = 0;
   if (reduced.order < 1) return;
   switch (reduced.form) {
     case Form::packed:
