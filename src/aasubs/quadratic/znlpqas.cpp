@@ -40,6 +40,7 @@ namespace tqnlp {
 
 static constexpr double MULTIPLIER_ZERO = 1e-10;     // of the gradient's size
 static constexpr double NEGLIGIBLE_STEP = 1e-14;     // of the size of a parameter
+static constexpr double LARGEST_CORRECTION = 1e-6;   // of the same, to satisfy the members
 static constexpr double ROUNDING_SLOPE = 1e-11;      // of the lengths of row and step
 static constexpr double RATIO_TOLERANCE = 0.01;      // of the feasibility tolerance
 static constexpr double ROW_ROUNDING = 16 * EPS;     // of the lengths of row and point
@@ -268,23 +269,17 @@ static bool release(MINSTR* str, QuadraticRun& run) {
 
 // ---- Direction ----------------------------------------------------------------------------------
 
-// Rounding moves nothing: is the step too small to be one?
-static bool step_is_negligible(const MINSTR* str) {
+// Does a step of this length move a parameter by more than this share of its size?
+static bool moves(const MINSTR* str, double length, double share) {
   for (long j = 0; j < str->nvar; ++j) {
     const double size = std::max(1.0, std::fabs(str->x[j]));
-    if (std::fabs(str->sdir[j]) > NEGLIGIBLE_STEP * size) return false;
-  }
-  return true;
-}
-
-// Does a step of this length move x, or is it the rounding of a step of length zero?
-static bool moves(const MINSTR* str, double length) {
-  for (long j = 0; j < str->nvar; ++j) {
-    const double size = std::max(1.0, std::fabs(str->x[j]));
-    if (std::fabs(length * str->sdir[j]) > 10.0 * NEGLIGIBLE_STEP * size) return true;
+    if (std::fabs(length * str->sdir[j]) > share * size) return true;
   }
   return false;
 }
+
+// Is the step rounding of none?
+static bool step_is_negligible(const MINSTR* str) { return !moves(str, 1.0, NEGLIGIBLE_STEP); }
 
 // Along a Newton step the slope is minus the curvature. Where that is rounding, a nearly singular
 // matrix passed for definite, and the step is a direction of zero curvature. A diagonal matrix has
@@ -396,12 +391,14 @@ static Member limit_step(MINSTR* str, QuadraticRun& run) {
 
 // ---- The step -----------------------------------------------------------------------------------
 
-// x := xold + alfa sdir, kept inside the bounds.
+// x := xold + alfa sdir, kept inside the bounds as far as xold is.
 static void move_to(MINSTR* str, double alfa) {
   str->alfa = alfa;
   zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa);
   for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
-    if (str->iabc[j] == 0) str->x[j] = std::clamp(str->x[j], str->lb[j], str->ub[j]);
+    if (str->iabc[j] != 0) continue;
+    const double lowest = std::min(str->lb[j], str->xold[j]);
+    str->x[j] = std::clamp(str->x[j], lowest, std::max(str->ub[j], str->xold[j]));
   }
 }
 
@@ -445,7 +442,7 @@ static bool take_step(MINSTR* str, QuadraticRun& run) {
   for (double alfa = std::min(run.natural, str->stub);; alfa *= CUT) {
     move_to(str, alfa);
     if (value_falls(str, run, 0.0) && evaluate_gradient(str)) return true;
-    if (!(reldx(str->nvar, 1.0, str->x, str->xold) > EPS)) return false;
+    if (!(alfa > TINY && reldx(str->nvar, 1.0, str->x, str->xold) > EPS)) return false;
   }
 }
 
@@ -457,6 +454,8 @@ static bool restore_members(MINSTR* str, QuadraticRun& run) {
   if (run.restored || str->nalc == 0) return false;
   run.restored = true;
   if (satisfy_members(str) != 0 || step_is_negligible(str)) return false;
+  // Nearly dependent members may meet far from here: x is good enough then.
+  if (moves(str, 1.0, LARGEST_CORRECTION)) return false;
   std::copy_n(str->x, str->nvar, str->work);
   for (long j = 0; j < str->nvar; ++j) {
     const int koc = str->bounds != 0 ? str->iabc[j] : 0;
@@ -557,7 +556,7 @@ static Next move_on(MINSTR* str, QuadraticRun& run, Member* met, bool* bent) {
     if (const Next next = settle(str, run, met); next != Next::go_on) return next;
     const double length = std::min(run.natural, str->stub);
     if (!(length < HUGE_VALUE)) return report_unbounded(str, run);
-    const bool blocked = str->stub < run.natural && !moves(str, length);
+    const bool blocked = str->stub < run.natural && !moves(str, length, 10.0 * NEGLIGIBLE_STEP);
     if (!blocked || bounds_alone(str)) start_iteration(str);
     *bent = take_bent_step(str, run);
     if (*bent) return Next::go_on;
