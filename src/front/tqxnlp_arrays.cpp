@@ -27,6 +27,7 @@
 #include "aasubs/direct/simplex.h"
 #include "aasubs/direct/znlpcob.h"
 #include "aasubs/post/znlpspm.h"
+#include "aasubs/quadratic/znlpqas_factor.h"
 #include "aasubs/sqp/vmcstr.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
@@ -100,7 +101,7 @@ static long technique_work(const MINSTR* str, long n) {
     case NMSIM2:
       return simplex_work(n);
     case QUADAS:
-      return 6 * n;
+      return QUADAS_WORK * n;
     default:
       return 0;
   }

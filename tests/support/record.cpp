@@ -92,7 +92,7 @@ TestRecord::TestRecord(long n, int technique) : MINSTR{} {
   det = doubles(6 * n + 5);
   x = det + 5, work = x + n, grad = work + n, xold = grad + n, gold = xold + n, sdir = gold + n;
   func = doubles(2), fold = func + 1;
-  wrk2 = doubles(std::max(8 * n + 8, simplex_work(n))), hess = doubles(nnva), hpro = doubles(nnva),
+  wrk2 = doubles(std::max(10 * n, simplex_work(n))), hess = doubles(nnva), hpro = doubles(nnva),
   half = doubles(3 * nnva);
   hesalo = hpralo = hlfalo = 1;
   dsca = doubles(n), wfid = doubles(n + 2), lag2 = doubles(2 * n);

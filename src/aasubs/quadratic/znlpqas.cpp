@@ -10,7 +10,8 @@
 //            (1982), SIAM J. Control 20, for the step that is bent along the bounds
 // Reads      hess in the form hfrm, bounds, lincon, isqp, deat, ssin; termination group
 // Writes     x, crit, grad, gmax, pred, dfes, alfa, stub, null, chac, mini, counters
-// Work       wrk2 = reduced step spro (n) | work of znlpqas_factor (4n) | reduced gradient (n)
+// Work       wrk2 = reduced step spro (n) | work of znlpqas_factor (5n) | scale (n) | units (n) |
+//            sizes of the gradient (n) | reduced gradient (n)
 //            half = factor of Z'HZ; hpro = its sparse matrix; ipiv, iwk, work; lagm, awrk, dcds
 // Ends       codes of uster; -1, -2, -6 failed loads; -5 unbounded (said in the log), or no step
 //
@@ -38,7 +39,7 @@
 
 namespace tqnlp {
 
-static constexpr double MULTIPLIER_ZERO = 1e-10;     // of the gradient's size
+static constexpr double MULTIPLIER_ZERO = 1e-12;     // of the gradient's size
 static constexpr double NEGLIGIBLE_STEP = 1e-14;     // of the size of a parameter
 static constexpr double LARGEST_CORRECTION = 1e-6;   // of the same, to satisfy the members
 static constexpr double ROUNDING_SLOPE = 1e-11;      // of the lengths of row and step
@@ -55,10 +56,10 @@ static constexpr int MOST_REFINEMENTS = 2;    // full steps on one working set
 struct QuadraticRun {
   int ij = 0;  // code in hand
   ReducedHessian reduced;
-  double* rg = nullptr;        // reduced gradient
-  double gradient_size = 0.0;  // largest of what the gradient is the sum of
-  double value_size = 0.0;     // the same for the objective
-  double gs = 0.0;             // slope of the direction
+  double* rg = nullptr;     // reduced gradient
+  double* sizes = nullptr;  // of what each element of the gradient is the sum of
+  double value_size = 0.0;  // the same for the objective
+  double gs = 0.0;          // slope of the direction
   Course course = Course::none;
   double natural = 1.0;   // length at which the model is lowest along the direction
   int updates = 0;        // changes since the factor was made
@@ -95,13 +96,13 @@ static void measure_point(MINSTR* str, QuadraticRun& run) {
   znlpgmx(str, 1, run.rg);
   double* product = str->wrk2 + n;
   multiply_hessian(str, str->x, product);
-  const double of_product = run.reduced.size * zvamx(n, str->x);
-  run.gradient_size = TINY;
+  const double* scale = run.reduced.scale;
+  double largest = 0.0;
+  for (long j = 0; j < n; ++j) largest = std::max(largest, scale[j] * std::fabs(str->x[j]));
   run.value_size = std::fabs(str->crit);
   for (long j = 0; j < n; ++j) {
-    const double size = std::max(of_product, std::fabs(str->grad[j] - product[j]));
-    run.gradient_size = std::max(run.gradient_size, size);
-    run.value_size += std::fabs(str->x[j]) * size;
+    run.sizes[j] = std::max(scale[j] * largest, std::fabs(str->grad[j] - product[j]));
+    run.value_size += std::fabs(str->x[j]) * run.sizes[j];
   }
 }
 
@@ -188,15 +189,14 @@ static long enter_bounds(MINSTR* str, QuadraticRun& run) {
   return entered;
 }
 
-static double multiplier_tolerance(const MINSTR* str, const QuadraticRun& run) {
+static double multiplier_tolerance(const MINSTR* str, double gradient_size) {
   if (!wzmis(str->deat) && str->deat > 0.0) return str->deat;
-  return MULTIPLIER_ZERO * run.gradient_size;
+  return MULTIPLIER_ZERO * std::max(gradient_size, TINY);
 }
 
 // Bounds alone: those with the wrong sign leave together, as long as that does not lead to a step
 // that is blocked at once.
 static bool release_bounds(MINSTR* str, QuadraticRun& run) {
-  const double tolerance = multiplier_tolerance(str, run);
   long worst = -1;
   double highest = 0.0;
   long left = 0;
@@ -204,7 +204,7 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
   for (long j = 0; j < str->nvar; ++j) {
     if (str->iabc[j] == 0 || str->iabc[j] == 2) continue;
     const double lambda = str->iabc[j] * str->grad[j];
-    if (!(lambda < -tolerance)) continue;
+    if (!(lambda < -multiplier_tolerance(str, run.sizes[j]))) continue;
     if (run.blocks && run.idle == 0) {
       str->iabc[j] = 0;
       last = j;
@@ -231,7 +231,7 @@ static bool release_member(MINSTR* str, QuadraticRun& run) {
   const long count = str->nabc + str->nalc;
   if (count == 0) return false;
   multipliers(str, str->grad, str->lagm);
-  const double tolerance = multiplier_tolerance(str, run);
+  const double tolerance = multiplier_tolerance(str, zvamx(str->nvar, run.sizes));
   long worst = -1;
   double highest = 0.0;
   for (long i = 0; i < count; ++i) {
@@ -287,14 +287,14 @@ static bool step_is_negligible(const MINSTR* str) { return !moves(str, 1.0, NEGL
 static bool newton_step_is_flat(const MINSTR* str, const QuadraticRun& run) {
   if (run.reduced.form == ReducedHessian::Form::diagonal) return false;
   if (step_is_negligible(str)) return false;
-  const double length = zvenorm(str->nvar, 1, str->sdir);
-  return -run.gs <= ROUNDING_CURVATURE * run.reduced.size * length * length &&
-         run.gs < -ROUNDING_SLOPE * run.gradient_size * length;
+  const double length = scaled_length(str->nvar, run.reduced.scale, str->sdir);
+  return -run.gs <= ROUNDING_CURVATURE * length * length &&
+         run.gs < -ROUNDING_SLOPE * scaled_length(str->nvar, run.sizes, str->sdir);
 }
 
 // False: x is a minimizer on the working set.
 static bool choose_direction(MINSTR* str, QuadraticRun& run) {
-  run.course = find_course(str, run.reduced, run.rg, run.gradient_size);
+  run.course = find_course(str, run.reduced, run.rg, run.sizes);
   if (run.course == Course::none) return false;
   run.gs = zvdot11(str->nvar, str->grad, str->sdir);
   run.natural = 1.0;
@@ -309,8 +309,8 @@ static bool choose_direction(MINSTR* str, QuadraticRun& run) {
     double* product = str->wrk2 + str->nvar;
     multiply_hessian(str, str->sdir, product);
     const double curvature = zvdot11(str->nvar, str->sdir, product);
-    const double length = zvenorm(str->nvar, 1, str->sdir);
-    if (curvature > ROUNDING_CURVATURE * run.reduced.size * length * length) {
+    const double length = scaled_length(str->nvar, run.reduced.scale, str->sdir);
+    if (curvature > ROUNDING_CURVATURE * length * length) {
       run.natural = -run.gs / curvature;
     }
   }
@@ -628,7 +628,11 @@ static Next load_start(MINSTR* str, QuadraticRun& run) {
   }
   if (has_constraints(str)) forget_deferred(str);
   if (bounds_alone(str)) znlpinc(str, 0);
-  run.rg = str->lincon != 0 ? str->gpro : str->wrk2 + (QUADAS_WORK - 1) * str->nvar;
+  double* room = str->wrk2 + (QUADAS_WORK - 4) * str->nvar;
+  run.reduced.scale = room;
+  run.reduced.unit = room + str->nvar;
+  run.sizes = room + 2 * str->nvar;
+  run.rg = str->lincon != 0 ? str->gpro : room + 3 * str->nvar;
   measure_hessian(str, run.reduced);
   run.reduced.current = false;
   set_changed(run);
