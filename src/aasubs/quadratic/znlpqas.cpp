@@ -51,6 +51,8 @@ static constexpr double CUT = 0.1;                   // a step that failed
 static constexpr double CLEAR_UPDATE = 1e-8;  // a smaller new pivot is made anew, to be sure of it
 static constexpr int MOST_UPDATES = 100;      // changes of one factor before it is made anew
 static constexpr int MOST_REFINEMENTS = 2;    // full steps on one working set
+static constexpr long MANY = 50;              // bounds that leave at once
+static constexpr int SWEEPS = 40;             // each costs a product, far less than a factor
 
 // What the iterations of one run share.
 struct QuadraticRun {
@@ -61,13 +63,16 @@ struct QuadraticRun {
   double value_size = 0.0;  // the same for the objective
   double gs = 0.0;          // slope of the direction
   Course course = Course::none;
-  double natural = 1.0;   // length at which the model is lowest along the direction
-  int updates = 0;        // changes since the factor was made
-  int full_steps = 0;     // to the minimizer, on this working set
-  bool restored = false;  // were the members satisfied exactly on this working set?
-  bool blocks = true;     // may several bounds leave at once?
-  long idle = 0;          // changes of the working set since x moved
-  bool untested = false;  // has the termination test not yet looked at x as a solution?
+  double natural = 1.0;     // length at which the model is lowest along the direction
+  int updates = 0;          // changes since the factor was made
+  int full_steps = 0;       // to the minimizer, on this working set
+  bool restored = false;    // were the members satisfied exactly on this working set?
+  long single = 0;          // moves of x until several bounds may leave at once again
+  long longest_single = 1;  // the next such number
+  long idle = 0;            // changes of the working set since x moved
+  bool untested = false;    // has the termination test not yet looked at x as a solution?
+  bool sweeps_due = false;  // did so many leave that more of their neighbours should?
+  bool sweeps = true;       // do sweeps lower the objective?
   unsigned lots = 1;
   RestartGuard guard;
 };
@@ -205,7 +210,7 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
     if (str->iabc[j] == 0 || str->iabc[j] == 2) continue;
     const double lambda = str->iabc[j] * str->grad[j];
     if (!(lambda < -multiplier_tolerance(str, run.sizes[j]))) continue;
-    if (run.blocks && run.idle == 0) {
+    if (run.single == 0 && run.idle == 0) {
       str->iabc[j] = 0;
       last = j;
       ++left;
@@ -220,6 +225,7 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
     left = 1;
   }
   if (left == 0) return false;
+  run.sweeps_due = run.sweeps && left >= MANY;
   str->nabc -= left;
   str->idac = left == 1 ? last + 1 : -left;
   index_bounds(str, run);
@@ -446,6 +452,83 @@ static bool take_step(MINSTR* str, QuadraticRun& run) {
   }
 }
 
+// ---- Sweeps -------------------------------------------------------------------------------------
+
+// One projected gradient step of length t from x, in units of the scale; g follows. Returns the
+// change of the objective; t becomes the length for the next one (Barzilai and Borwein), 0 where
+// there is none.
+static double sweep_once(MINSTR* str, const QuadraticRun& run, double* g, double* t) {
+  const double* scale = run.reduced.scale;
+  double* product = str->wrk2 + str->nvar;
+  double slope = 0.0;
+  double length = 0.0;
+  for (long j = 0; j < str->nvar; ++j) {
+    const double unit = scale[j] * scale[j];
+    const double target = std::clamp(str->x[j] - *t * g[j] / unit, str->lb[j], str->ub[j]);
+    const double step = target - str->x[j];
+    str->x[j] = target;
+    str->sdir[j] = step;
+    slope += g[j] * step;
+    length += unit * step * step;
+  }
+  multiply_hessian(str, str->sdir, product);
+  const double curvature = zvdot11(str->nvar, str->sdir, product);
+  zvxay11(str->nvar, g, 1.0, product);
+  *t = curvature > EPS * length ? length / curvature : 0.0;
+  return slope + 0.5 * curvature;
+}
+
+// The bounds on which x stands and that the gradient does not want to leave.
+static void set_of_point(MINSTR* str, QuadraticRun& run) {
+  str->nabc = 0;
+  for (long j = 0; j < str->nvar; ++j) {
+    int& status = str->iabc[j];
+    if (status != 2) {
+      const double tolerance = multiplier_tolerance(str, run.sizes[j]);
+      const bool lower = str->x[j] <= str->lb[j] && !(str->grad[j] < -tolerance);
+      const bool upper = str->x[j] >= str->ub[j] && !(str->grad[j] > tolerance);
+      status = lower ? 1 : upper ? -1 : 0;
+    }
+    if (status != 0) ++str->nabc;
+  }
+  index_bounds(str, run);
+}
+
+// Where many bounds leave, as along the edge of a region of contact, their neighbours often should
+// too, but show it only when those have moved: a factorization for each layer. Projected gradient
+// steps carry the news further at the cost of a product each. False: nothing was gained.
+static bool sweep(MINSTR* str, QuadraticRun& run) {
+  run.sweeps_due = false;
+  start_iteration(str);
+  double* g = run.rg;
+  double* best = str->work;
+  std::copy_n(str->grad, str->nvar, g);
+  double t = 1.0;
+  double change = 0.0;
+  double lowest = 0.0;
+  for (int k = 0; k < SWEEPS && t > 0.0; ++k) {
+    change += sweep_once(str, run, g, &t);
+    if (!(change < lowest)) continue;
+    lowest = change;
+    std::copy_n(str->x, str->nvar, best);
+  }
+  if (lowest < 0.0) std::copy_n(best, str->nvar, str->x);
+  run.sweeps = lowest < 0.0 && value_falls(str, run, 0.0) && evaluate_gradient(str);
+  if (!run.sweeps) {
+    return_to_xold(str);
+    str->tbig = 0.0;
+    measure_point(str, run);
+    return false;
+  }
+  measure_point(str, run);
+  set_of_point(str, run);
+  measure_point(str, run);
+  str->alfa = 1.0;
+  str->pred = -lowest;
+  str->chac = 1;
+  return true;
+}
+
 // ---- Solutions ----------------------------------------------------------------------------------
 
 // Rows entered where they were met within tolerance. At a solution the members are satisfied
@@ -522,11 +605,16 @@ static void enter_at_once(MINSTR* str, QuadraticRun& run, const Member& met) {
   ++run.idle;
   run.untested = true;
   if (bounds_alone(str)) {
-    run.blocks = false;
+    run.single = run.longest_single;
+    run.longest_single = std::min(2 * run.longest_single, str->nvar);
     str->x[met.ic] = bound_value(str, met.ic, met.koc);
-    str->iabc[met.ic] = met.koc;
-    ++str->nabc;
-    index_bounds(str, run);
+    if (cycling(str, run)) {
+      str->iabc[met.ic] = met.koc;
+      ++str->nabc;
+      index_bounds(str, run);
+    } else {
+      enter_bounds(str, run);
+    }
   } else {
     enter_row(str, run, met);
   }
@@ -587,15 +675,24 @@ static Next stay_feasible(MINSTR* str, QuadraticRun& run) {
   return is_feasible(str) ? Next::go_on : keep_feasible(str, &run.ij);
 }
 
-static Next one_iteration(MINSTR* str, QuadraticRun& run) {
+// The iteration as sweeps, or as a step on the working set.
+static Next make_progress(MINSTR* str, QuadraticRun& run) {
+  if (run.sweeps_due && sweep(str, run)) return Next::go_on;
   Member met;
   bool bent = false;
-  Next next = move_on(str, run, &met, &bent);
-  if (next != Next::go_on) return next == Next::solve_again ? Next::go_on : next;
+  const Next next = move_on(str, run, &met, &bent);
+  if (next != Next::go_on) return next;
   run.idle = 0;
+  if (run.single > 0) --run.single;
   str->chac = 0;
   str->pred = -run.gs;
   revise_set(str, run, met, bent);
+  return Next::go_on;
+}
+
+static Next one_iteration(MINSTR* str, QuadraticRun& run) {
+  Next next = make_progress(str, run);
+  if (next != Next::go_on) return next == Next::solve_again ? Next::go_on : next;
   next = stay_feasible(str, run);
   str->nitr += 1.0;
   if (next != Next::go_on) return next;
