@@ -143,6 +143,8 @@ std::vector<Call> calls() {
       {"NLPQN", {"F", Matrix::row({1, -1}), disk, rows, tight, NONE, NONE, "G", "C"}},
       {"NLPVMC", {"F", START, disk, bounds, NONE, NONE, NONE, "G", "C", "D"}},
       {"NLPVMC", {"F", START, equality, NONE, NONE, NONE, NONE, NONE, "C"}},
+      {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), far, options(5, 1, 0, 0), rows}},
+      {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), START, options(5, 1, 0, 0), bounds}},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},

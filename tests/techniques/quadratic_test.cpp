@@ -1,5 +1,7 @@
 // NLPQUA: random quadratic programs with a solution built in, of any inertia and in every form of
 // the matrix, judged by certificates; and what it says of those that have none.
+#include "problems/quadratic.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,86 +15,7 @@ namespace tqnlp::test {
 namespace {
 
 using Point = std::vector<double>;
-enum class Kind { definite, semidefinite, indefinite };
 enum class Form { dense, rows, both_triangles };
-
-struct Program {
-  Problem p;
-  Matrix h, linear;  // of x'Hx / 2 + g'x + c
-};
-
-// Its matrix and callbacks; a program over bounds, rows, or both, with x* = minima in value. Many
-// rows meet in the solution, some with a multiplier of zero, some repeated or summed.
-Program make_program(unsigned seed, long n, Kind kind) {
-  std::mt19937 random(seed);
-  const auto uniform = [&] { return std::uniform_real_distribution<double>(-1, 1)(random); };
-  const auto below = [&](long k) { return static_cast<long>(random() % std::size_t(k)); };
-  const bool integer = below(3) == 0, boxed = kind == Kind::indefinite;
-  const auto draw = [&] { return integer ? std::round(2 * uniform()) : uniform(); };
-  Program q;
-  q.h = Matrix(n, n);
-  const long rank = kind == Kind::semidefinite ? below(n + 1) : n;
-  for (long k = 0; k < rank; ++k) {
-    Point v(static_cast<std::size_t>(n));
-    for (double& e : v) e = draw();
-    const double sign = boxed ? uniform() : 1.0;
-    for (long i = 0; i < n * n; ++i) q.h[i] += sign * v[std::size_t(i / n)] * v[std::size_t(i % n)];
-  }
-  for (long i = 0; kind == Kind::definite && i < n; ++i) q.h(i, i) += 0.1;
-
-  Point x(static_cast<std::size_t>(n)), pull = x, start = x;
-  for (double& e : x) e = draw();
-  for (double& e : start) e = below(4) == 0 ? 0.0 : 3 * uniform();
-  Problem& p = q.p;
-  p.n = n;
-  p.start = below(4) == 0 ? x : start;
-  const long mode = below(3);
-  if (boxed || mode != 1) {
-    p.lower.assign(std::size_t(n), boxed ? -5.0 : -NONE);
-    p.upper.assign(std::size_t(n), boxed ? 5.0 : NONE);
-    for (std::size_t j = 0; j < x.size(); ++j) {
-      const double multiplier = below(4) == 0 ? 0.0 : std::fabs(uniform());
-      const long side = below(4);
-      if (side == 0) p.lower[j] = x[j], pull[j] += multiplier;
-      if (side == 1) p.upper[j] = x[j], pull[j] -= multiplier;
-    }
-  }
-  for (long i = 0; mode != 0 && n > 1 && i < 3 * n; ++i) {
-    LinearRow row{Point(static_cast<std::size_t>(n)), i < n / 4 ? 0 : 1, 0.0};
-    for (double& a : row.a) a = draw();
-    if (!p.rows.empty() && below(6) == 0) row.a = p.rows[std::size_t(below(long(p.rows.size())))].a;
-    for (std::size_t j = 0; j < x.size(); ++j) row.b += row.a[j] * x[j];
-    if (std::ranges::count(row.a, 0.0) > n - 2) continue;
-    const bool active = row.op == 0 || below(2) == 0;
-    const double multiplier = !active || below(3) == 0 ? 0.0 : std::fabs(uniform());
-    for (std::size_t j = 0; j < x.size(); ++j) pull[j] += multiplier * row.a[j];
-    if (!active) row.b -= std::fabs(uniform());
-    if (row.op == 1 && below(4) == 0) {
-      row = {row.a, -1, -row.b};
-      for (double& a : row.a) a = -a;
-    }
-    p.rows.push_back(row);
-  }
-  q.linear = Matrix(n + 1, 1);
-  for (long i = 0; i < n; ++i) {
-    q.linear[i] = boxed ? uniform() : pull[std::size_t(i)];
-    for (long j = 0; j < n && !boxed; ++j) q.linear[i] -= q.h(i, j) * x[std::size_t(j)];
-  }
-  q.linear[n] = uniform();
-  p.by_hand = [h = q.h, g = q.linear, n](const double* at, double* gradient) {
-    double f = g[n];
-    for (long i = 0; i < n; ++i) {
-      double product = 0.0;
-      for (long j = 0; j < n; ++j) product += h(i, j) * at[j];
-      f += at[i] * (0.5 * product + g[i]);
-      if (gradient != nullptr) gradient[i] = product + g[i];
-    }
-    return f;
-  };
-  p.value = [f = p.by_hand](const double* at) { return f(at, nullptr); };
-  if (!boxed) p.minima = {p.value(x.data())};
-  return q;
-}
 
 Matrix in_form(const Matrix& h, Form form) {
   if (form == Form::dense || h.rows() < 4) return h;
@@ -106,8 +29,8 @@ Matrix in_form(const Matrix& h, Form form) {
   return Matrix(count, 3, std::move(rows));
 }
 
-Outcome solve(const Program& q, Form form, bool maximize, std::string* log = nullptr) {
-  Matrix h = in_form(q.h, form), linear = q.linear;
+Outcome solve(const QuadraticProgram& q, Form form, bool maximize, std::string* log = nullptr) {
+  Matrix h = in_form(Matrix(q.p.n, q.p.n, q.h), form), linear = Matrix::col(q.linear);
   for (long k = 0; maximize && k < linear.size(); ++k) linear[k] = -linear[k];
   for (long k = 0; maximize && k < h.size(); ++k) {
     if (form == Form::dense || q.p.n < 4 || k % 3 == 2) h[k] = -h[k];
@@ -130,12 +53,41 @@ Outcome solve(const Program& q, Form form, bool maximize, std::string* log = nul
 TEST(Quadratic, ConvexProgramsEndInTheirSolution) {
   for (unsigned seed = 0; seed < 600; ++seed) {
     const long n = seed % 20 == 19 ? 60 : 1 + seed % 9;
-    const Kind kind = seed % 2 == 0 ? Kind::definite : Kind::semidefinite;
-    const Program q = make_program(seed, n, kind);
+    const Curvature kind = seed % 2 == 0 ? Curvature::definite : Curvature::semidefinite;
+    const QuadraticProgram q = random_program(seed, n, kind);
     const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
     EXPECT_TRUE(outcome.solved && outcome.code > 0)
         << "seed " << seed << ", n " << n << ": code " << outcome.code << ", f " << outcome.f
         << " for " << q.p.minima[0] << ", violation " << outcome.infeasible;
+  }
+}
+
+// Large ones: every bound that is met pushes the right way, and many change in one iteration.
+TEST(Quadratic, GridsAreSolvedInFewIterations) {
+  for (const GridProgram& q : {obstacle_program(60), torsion_program(60)}) {
+    Matrix bounds(2, q.n);
+    for (long j = 0; j < q.n; ++j) {
+      const double upper = q.upper[std::size_t(j)];
+      bounds(0, j) = q.lower[std::size_t(j)];
+      bounds(1, j) = std::isfinite(upper) ? upper : missing;
+    }
+    Session tql;
+    const Matrix h(static_cast<long>(q.triplets.size()) / 3, 3, q.triplets);
+    const auto results = tql.call("NLPQUA", {h, Matrix::row(q.start), Matrix::row({0}), bounds,
+                                             Matrix(), Matrix(), Matrix(), Matrix::row(q.linear)});
+    EXPECT_GT(results[0][0], 0.0) << q.name;
+    EXPECT_LE(tql.variable("_ITER_")[0], 12.0) << q.name;
+    const Matrix& x = results[1];
+    Point g = q.linear;
+    for (std::size_t k = 0; k < q.triplets.size(); k += 3) {
+      const auto i = long(q.triplets[k]) - 1, j = long(q.triplets[k + 1]) - 1;
+      g[std::size_t(i)] += q.triplets[k + 2] * x[j];
+      if (i != j) g[std::size_t(j)] += q.triplets[k + 2] * x[i];
+    }
+    for (long j = 0; j < q.n; ++j) {
+      const auto k = std::size_t(j);
+      EXPECT_NEAR(x[j], std::clamp(x[j] - g[k], q.lower[k], q.upper[k]), 1e-12) << q.name;
+    }
   }
 }
 
@@ -145,7 +97,7 @@ TEST(Quadratic, IndefiniteProgramsEndInAPointOfSecondOrder) {
   std::mt19937 random(7);
   std::normal_distribution<double> normal;
   for (unsigned seed = 0; seed < 300; ++seed) {
-    const Program q = make_program(seed, 2 + seed % 6, Kind::indefinite);
+    const QuadraticProgram q = random_program(seed, 2 + seed % 6, Curvature::indefinite);
     const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
     EXPECT_TRUE(outcome.code > 0 && outcome.infeasible < 1e-7) << "seed " << seed;
     std::vector<Point> basis;  // of the normals
@@ -170,7 +122,7 @@ TEST(Quadratic, IndefiniteProgramsEndInAPointOfSecondOrder) {
       d = outside(d);
       double curvature = 0.0;
       for (long i = 0; i < q.p.n * q.p.n; ++i) {
-        curvature += q.h[i] * d[std::size_t(i / q.p.n)] * d[std::size_t(i % q.p.n)];
+        curvature += q.h[std::size_t(i)] * d[std::size_t(i / q.p.n)] * d[std::size_t(i % q.p.n)];
       }
       ASSERT_GT(curvature, -1e-6) << "seed " << seed;
     }

@@ -52,7 +52,9 @@ static constexpr double CLEAR_UPDATE = 1e-8;  // a smaller new pivot is made ane
 static constexpr int MOST_UPDATES = 100;      // changes of one factor before it is made anew
 static constexpr int MOST_REFINEMENTS = 2;    // full steps on one working set
 static constexpr long MANY = 50;              // bounds that leave at once
-static constexpr int SWEEPS = 40;             // each costs a product, far less than a factor
+static constexpr int MOST_HALVINGS = 10;      // of a bent step
+static constexpr double LEAST_CURVATURE = 1e-8;  // of the scaled matrix, for a sweep
+static constexpr int SWEEPS = 40;                // each costs a product, far less than a factor
 
 // What the iterations of one run share.
 struct QuadraticRun {
@@ -225,7 +227,7 @@ static bool release_bounds(MINSTR* str, QuadraticRun& run) {
     left = 1;
   }
   if (left == 0) return false;
-  run.sweeps_due = run.sweeps && left >= MANY;
+  run.sweeps_due = run.sweeps && run.course == Course::newton && left >= MANY;
   str->nabc -= left;
   str->idac = left == 1 ? last + 1 : -left;
   index_bounds(str, run);
@@ -421,25 +423,56 @@ static bool value_falls(MINSTR* str, const QuadraticRun& run, double least) {
   return least <= 0.0;
 }
 
-// The step bent along the bounds: true when it was taken. Otherwise all is as before.
+// Change of the objective along sdir; the slope in gs.
+static double model_change(MINSTR* str, double* gs) {
+  double* product = str->wrk2 + str->nvar;
+  multiply_hessian(str, str->sdir, product);
+  *gs = zvdot11(str->nvar, str->grad, str->sdir);
+  return *gs + 0.5 * zvdot11(str->nvar, str->sdir, product);
+}
+
+// sdir := the step of length alfa along the reduced direction, its components ended on the bounds.
+static void bend_step(MINSTR* str, double alfa) {
+  znlpvex(str, str->spro, str->sdir);
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] != 0) continue;
+    const double target = std::clamp(str->xold[j] + alfa * str->sdir[j], str->lb[j], str->ub[j]);
+    str->sdir[j] = target - str->xold[j];
+  }
+}
+
+// Takes the step in sdir if it lowers the objective enough.
+static bool take_if_lower(MINSTR* str, QuadraticRun& run, double alfa, double gs) {
+  move_to(str, alfa);
+  const double least = std::max(-ENOUGH_DECREASE * str->alfa * gs, 0.0);
+  if (step_moves(str, str->sdir) && value_falls(str, run, least) && str->crit < str->cold &&
+      evaluate_gradient(str)) {
+    run.gs = gs;
+    return true;
+  }
+  return_to_xold(str);
+  str->tbig = 0.0;
+  return false;
+}
+
+// The step bent along the bounds: true when it was taken. Otherwise all is as before. The service
+// tries a few lengths by their slope; where that is no way down, the model tells which one is.
 static bool take_bent_step(MINSTR* str, QuadraticRun& run) {
   if (!bounds_alone(str) || run.course != Course::newton || cycling(str, run)) return false;
   const double limit = str->stub;
   double gs = run.gs;
-  if (znlppro(str, 0, &gs) == 1) {
-    move_to(str, std::min(str->stub, 1.0));
-    const double least = -ENOUGH_DECREASE * str->alfa * gs;
-    if (step_moves(str, str->sdir) && value_falls(str, run, std::max(least, 0.0)) &&
-        str->crit < str->cold && evaluate_gradient(str)) {
-      run.gs = gs;
-      return true;
-    }
-    return_to_xold(str);
-    str->tbig = 0.0;
-    znlpvex(str, str->spro, str->sdir);
+  bool taken = znlppro(str, 0, &gs) == 1 && take_if_lower(str, run, std::min(str->stub, 1.0), gs);
+  int halvings = 0;
+  for (double alfa = 1.0; !taken && alfa > 2.0 * limit && halvings < MOST_HALVINGS; ++halvings) {
+    bend_step(str, alfa);
+    alfa *= 0.5;
+    if (model_change(str, &gs) > ENOUGH_DECREASE * gs || !(gs < 0.0)) continue;
+    taken = take_if_lower(str, run, 1.0, gs);
+    break;
   }
+  if (!taken) znlpvex(str, str->spro, str->sdir);
   str->stub = limit;
-  return false;
+  return taken;
 }
 
 // The step to the limit, or to the minimizer along the direction. The quadratic falls along it; a
@@ -474,7 +507,7 @@ static double sweep_once(MINSTR* str, const QuadraticRun& run, double* g, double
   multiply_hessian(str, str->sdir, product);
   const double curvature = zvdot11(str->nvar, str->sdir, product);
   zvxay11(str->nvar, g, 1.0, product);
-  *t = curvature > EPS * length ? length / curvature : 0.0;
+  *t = curvature > LEAST_CURVATURE * length ? length / curvature : 0.0;
   return slope + 0.5 * curvature;
 }
 
@@ -628,6 +661,9 @@ static void revise_set(MINSTR* str, QuadraticRun& run, const Member& met, bool b
   if (blocked && bounds_alone(str)) str->x[met.ic] = bound_value(str, met.ic, met.koc);
   if (blocked && !bounds_alone(str)) enter_row(str, run, met);
   if ((blocked || bent) && bounds_alone(str)) enter_bounds(str, run);
+  if (blocked && bounds_alone(str)) {
+    run.sweeps_due = run.sweeps && run.course == Course::newton && str->nvar > MANY;
+  }
   measure_point(str, run);
   const bool minimizer = run.course == Course::newton && !bent && !blocked && str->alfa >= 1.0;
   if (minimizer) ++run.full_steps;
