@@ -132,9 +132,10 @@ static void remark_parameters_without_rows(MINSTR* str) {
     named[index_of(argm->qmat[k], n)] = named[index_of(argm->qmat[k + 1], n)] = 1;
   }
   const long first = std::find(named, named + n, 0L) - named;
-  const long others = std::count(named, named + n, 0L) - 1;
-  if (first < n)
-    xpmlog(CALLING_SURFACE, MESSAGE_NO_CURVATURE, {call_name(argm).text, first + 1, others});
+  const long missing = std::count(named, named + n, 0L);
+  if (missing > 0) {
+    xpmlog(CALLING_SURFACE, MESSAGE_NO_CURVATURE, {call_name(argm).text, first + 1, missing});
+  }
 }
 
 static int load_rows(MINSTR* str) {

@@ -362,6 +362,10 @@ static void log_failed_start(const MINSTR* str, int code) {
   }
   const ModuleKind* kind = module_kind(failed);
   if (kind == nullptr) return;
+  if (str->tech == QUADAS) {  // it has no modules
+    xpmlog(CALLING_SURFACE, 217, {call_name(argm).text});
+    return;
+  }
   if (argm->*kind->given == 0) {  // differences stand in for it
     const bool of_constraints = failed == CALL_CONSTRAINT_JACOBIAN;
     kind = module_kind(of_constraints ? CALL_CONSTRAINTS : CALL_OBJECTIVE);

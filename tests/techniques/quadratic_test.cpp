@@ -141,7 +141,13 @@ TEST(Quadratic, SaysWhatIsWrong) {
     const char* message;
   } rows[] = {
       {"linear in three parameters", flat, x, none, {0, 0, 1, 0}, -5, "unbounded below"},
-      {"the same, bounded", flat, x, above, {0, 0, 1, 0}, 3, "parameter 2, nor 2 other"},
+      {"the same, bounded",
+       flat,
+       x,
+       above,
+       {0, 0, 1, 0},
+       3,
+       "parameter 2 (parameters without a row: 3)"},
       {"bounded by the other side", flat, x, above, {0, 0, -1, 0}, -5, "unbounded below"},
       {"a saddle point at the start", saddle, zero, none, zero, -5, "unbounded below"},
       {"not symmetric", {{1, 2}, {3, 1}}, {1, 1}, none, none, 0, "element (2, 1) is 3"},
@@ -157,6 +163,7 @@ TEST(Quadratic, SaysWhatIsWrong) {
       {"half a place", {{1, 1.5, 1}}, x, none, none, 0, "whole numbers from 1 to 4"},
       {"an infinite row", {{1, 1, HUGE_VAL}}, x, none, none, 0, "a finite number"},
       {"two values", {{2, 1, 3}, {1, 2, 4}}, x, none, none, 0, "row before it gave 3"},
+      {"too large", {{1e308, 0}, {0, 1}}, {1e10, 1}, none, none, -1, "too large for a number"},
       {"infinite term", flat, x, none, {0, HUGE_VAL, 0, 0}, 0, "element 2 of argument 8"},
   };
   for (const auto& row : rows) {

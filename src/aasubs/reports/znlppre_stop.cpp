@@ -205,6 +205,9 @@ static constexpr long AS_NOTE = 3;
 
 static bool stopped_early(const MINSTR* str) { return str->nitr < static_cast<double>(str->mini); }
 
+// QUADAS stops where a direction leads down without end.
+static bool unbounded_quadratic(const MINSTR* str) { return str->tech == QUADAS && str->unbd != 0; }
+
 // Logs message number log (0: none) and gives the text of message number reason for the status
 // table, both with the arguments.
 static RvxText tell(const MINSTR* str, int log, int reason, MsgArgs args = {}) {
@@ -239,6 +242,9 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
     const Criterion& c = criterion(fail - STOP_OVERRULED);
     const RvxText name = unpadded(c.name);
     return tell(str, 611, REASON_NEAR_CRITERION, {name.text, str->toln[c.counter]});
+  }
+  if (fail == NO_PROGRESS && unbounded_quadratic(str)) {
+    return tell(str, 0, str->imax != 0 ? 41 : 40);  // the log has it
   }
   if (fail == NO_PROGRESS) {
     const int message = stopped_early(str) ? 3 : 1;
@@ -297,7 +303,7 @@ static void tell_doubts(const MINSTR* str, int fail, int job) {
   if (job == 0 && fail >= 0 && str->gmax > LARGE_GRADIENT) xpmlog(OPTIMIZATION, 136);
   if (str->idac != 0) xpmlog(OPTIMIZATION, 138);
   if (fail == str->tcod) return;  // the module that ended the run knows why
-  if (fail == NO_PROGRESS && gradient_is_rounding(str)) {
+  if (fail == NO_PROGRESS && !unbounded_quadratic(str) && gradient_is_rounding(str)) {
     xpmlog(OPTIMIZATION, 142, {str->gmax, gradient_criteria(str).text});
   }
   if (fail == 6 && ridge_kept_steps_short(str)) {

@@ -1,0 +1,324 @@
+// Which portfolio has the least risk for a wanted return? Six classes of assets, their shares not
+// negative and adding up to 1: the variance of the return is a quadratic in the shares, the mean is
+// linear, and NLPQUA finds the least variance for each mean, the frontier of Markowitz (1952).
+//
+// Usage: portfolio [FOLDER]     writes portfolio.svg there
+//
+// Seen: the portfolios along the frontier and, for each, the price of return: the multiplier of the
+// wanted mean says how much variance a little more of it costs. It is checked against the
+// neighbouring portfolios. Then the portfolio of the largest mean for each of three limits on the
+// risk. The picture shows the frontier, the classes alone, and the shares along the frontier.
+//
+// The returns are made up: three years of months, in percent, in the manner of such tables.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tqnlp/tqnlp.hpp"
+
+using tqnlp::Matrix;
+
+// ---- Data ---------------------------------------------------------------------------------------
+
+constexpr long CLASSES = 6;
+static const char* const NAMES[CLASSES] = {"bills",           "bonds",    "large companies",
+                                           "small companies", "property", "gold"};
+static const char* const COLORS[CLASSES] = {"#9aa5b1", "#5b8db8", "#2f6b4f",
+                                            "#79b791", "#c98a3b", "#e3c34a"};
+
+// clang-format off
+static const double RETURNS[][CLASSES] = {
+    {0.2, 0.6, 4.6, 4.3, -0.6, -0.1},
+    {0.3, 1.7, -2.9, -7.9, 0.4, 3.0},
+    {0.3, 1.8, 1.0, 0.1, 7.0, 0.7},
+    {0.2, -0.9, 0.6, 1.6, -0.7, -0.7},
+    {0.3, 1.3, 5.1, 6.9, -0.8, 3.6},
+    {0.2, 0.0, -4.5, -5.8, -3.7, 1.3},
+    {0.4, 1.1, 3.8, 1.2, 0.7, 2.3},
+    {0.2, 0.8, 1.4, -1.2, 1.9, -2.9},
+    {0.4, 0.3, 3.0, 4.1, 3.7, -2.2},
+    {0.3, 0.5, 5.3, 8.6, 3.5, -2.5},
+    {0.3, 1.1, 6.9, 7.7, 4.9, 2.7},
+    {0.3, 0.7, 1.6, 0.3, -1.4, -1.5},
+    {0.3, 2.2, 5.2, 8.9, 6.0, 5.3},
+    {0.3, 1.3, 7.6, 8.5, 2.6, 8.6},
+    {0.3, 1.6, 4.5, 2.1, 7.8, 8.4},
+    {0.3, 1.3, 1.7, -0.6, 0.8, 2.2},
+    {0.3, 1.5, 1.5, 5.3, 0.5, 4.9},
+    {0.3, 0.4, -5.7, -9.8, -2.5, 2.3},
+    {0.3, -0.3, 0.3, 2.6, 0.0, -9.6},
+    {0.3, 3.1, 5.7, 3.7, 2.7, 2.7},
+    {0.4, 1.7, 1.6, 6.1, 2.2, 9.5},
+    {0.2, -0.2, 3.2, 8.2, 3.9, 2.2},
+    {0.1, -0.7, -1.7, -3.5, 0.2, -1.5},
+    {0.3, 0.7, -0.3, -0.1, 1.3, 4.3},
+    {0.2, 0.1, -4.1, -0.8, 2.5, 1.0},
+    {0.2, -1.0, 0.8, 2.1, 5.2, 1.1},
+    {0.2, -2.4, 4.5, 7.4, -2.3, -1.3},
+    {0.2, 3.8, 6.7, 8.8, 5.3, -5.1},
+    {0.2, -1.3, 2.1, -2.6, -2.8, 2.7},
+    {0.3, -0.5, -5.3, -3.9, -0.3, -3.6},
+    {0.2, -0.5, -3.8, -6.5, 0.6, 2.8},
+    {0.4, 0.8, 0.3, -2.4, -0.4, -5.4},
+    {0.1, 0.8, 6.4, 10.2, 7.3, 2.7},
+    {0.2, 0.4, -0.4, -3.8, -4.3, -6.3},
+    {0.2, 0.6, -0.8, 2.9, 1.3, 3.9},
+    {0.3, -0.2, -6.6, -6.1, -4.3, 5.7},
+};
+// clang-format on
+
+struct Market {
+  Matrix mean = Matrix(1, CLASSES);
+  Matrix covariance = Matrix(CLASSES, CLASSES);
+};
+
+static Market measure_market() {
+  Market market;
+  const auto months = static_cast<double>(std::size(RETURNS));
+  for (const auto& month : RETURNS) {
+    for (long i = 0; i < CLASSES; ++i) market.mean[i] += month[i] / months;
+  }
+  for (const auto& month : RETURNS) {
+    for (long i = 0; i < CLASSES; ++i) {
+      for (long j = 0; j < CLASSES; ++j) {
+        const double product = (month[i] - market.mean[i]) * (month[j] - market.mean[j]);
+        market.covariance(i, j) += product / (months - 1.0);
+      }
+    }
+  }
+  return market;
+}
+
+// ---- The frontier -------------------------------------------------------------------------------
+
+struct Portfolio {
+  Matrix shares;
+  double mean = 0.0, variance = 0.0;
+  double price = 0.0;  // of return: variance for one more unit of mean
+  double risk() const { return std::sqrt(variance); }
+};
+
+// The multiplier of the constraint in a row of the constraint matrix, from the report; 0 when it is
+// not active.
+static double multiplier(const tqnlp::Session& tql, const std::string& constraint) {
+  double found = 0.0;
+  for (const tqnlp::Table& table : tql.tables()) {
+    if (table.name != "Lagrange") continue;
+    found = 0.0;  // the table of the result stands behind that of the start
+    const auto column = [&table](const char* name) {
+      return static_cast<std::size_t>(std::find(table.columns.begin(), table.columns.end(), name) -
+                                      table.columns.begin());
+    };
+    for (const auto& row : table.rows) {
+      const auto* label = std::get_if<std::string>(&row[column("Parameter2")]);
+      if (label != nullptr && *label == constraint)
+        found = std::get<double>(row[column("Lagrange")]);
+    }
+  }
+  return found;
+}
+
+// Least variance among the portfolios with at least this mean.
+static Portfolio least_variance(const Market& market, double mean) {
+  const double no = tqnlp::missing;
+  Matrix twice = market.covariance;  // NLPQUA minimizes x'Hx / 2
+  for (double& element : twice) element *= 2.0;
+  Matrix constraints(4, CLASSES + 2);
+  for (long j = 0; j < CLASSES; ++j) {
+    constraints(0, j) = 0.0;
+    constraints(1, j) = no;
+    constraints(2, j) = 1.0;
+    constraints(3, j) = market.mean[j];
+  }
+  for (long i = 0; i < 2; ++i) constraints(i, CLASSES) = constraints(i, CLASSES + 1) = no;
+  constraints(2, CLASSES) = 0.0;  // equal to
+  constraints(2, CLASSES + 1) = 1.0;
+  constraints(3, CLASSES) = 1.0;  // at least
+  constraints(3, CLASSES + 1) = mean;
+
+  tqnlp::Session tql;
+  Matrix start(1, CLASSES);
+  for (double& share : start) share = 1.0 / CLASSES;
+  const Matrix with_multipliers = {0, 4};
+  const auto results = tql.call("NLPQUA", {twice, start, with_multipliers, constraints});
+  if (!(results[0](0, 0) > 0.0)) throw std::runtime_error("NLPQUA found no portfolio");
+  Portfolio best;
+  best.shares = results[1];
+  for (long i = 0; i < CLASSES; ++i) {
+    best.mean += market.mean[i] * best.shares[i];
+    for (long j = 0; j < CLASSES; ++j) {
+      best.variance += best.shares[i] * market.covariance(i, j) * best.shares[j];
+    }
+  }
+  best.price = multiplier(tql, "C2_2");
+  return best;
+}
+
+// From the least variance of all to the largest mean, in equal steps of the mean.
+static std::vector<Portfolio> frontier(const Market& market, int steps) {
+  std::vector<Portfolio> along = {least_variance(market, -100.0)};
+  const double first = along[0].mean;
+  const double last = *std::max_element(market.mean.begin(), market.mean.end());
+  for (int i = 1; i <= steps; ++i) {
+    along.push_back(least_variance(market, first + (last - first) * i / steps));
+  }
+  return along;
+}
+
+// At the ends there is no price: the first needs no wanted mean, and none is above the last.
+static void print_portfolio(const Portfolio& p) {
+  std::printf("%7.3f %7.3f ", p.mean, p.risk());
+  if (p.price > 0.0) {
+    std::printf("%9.3f ", p.price);
+  } else {
+    std::printf("     none ");
+  }
+  for (double share : p.shares) std::printf(" %6.1f", 100.0 * std::fabs(share));
+  std::printf("\n");
+}
+
+static void print_heading(const char* title) {
+  std::printf("\n%s\n\n   mean    risk     price   shares in percent:", title);
+  for (const char* name : NAMES)
+    std::printf(" %s%s", name, name == NAMES[CLASSES - 1] ? "\n" : ",");
+}
+
+// The price of return is the slope of the variance along the frontier. It rises, and lies between
+// the slopes to the neighbours on both sides.
+static bool prices_agree(const std::vector<Portfolio>& along) {
+  bool good = true;
+  for (std::size_t i = 1; i + 1 < along.size(); ++i) {
+    const auto slope = [&](std::size_t k) {
+      return (along[k + 1].variance - along[k].variance) / (along[k + 1].mean - along[k].mean);
+    };
+    good = good && along[i].price >= slope(i - 1) - 1e-9 && along[i].price <= slope(i) + 1e-9;
+  }
+  std::printf("\nPrices between the slopes to the neighbours: %s\n", good ? "all" : "NOT ALL");
+  return good;
+}
+
+// ---- The most return for a risk -----------------------------------------------------------------
+
+// The portfolio of the frontier whose risk is the limit, by bisection: risk rises with the mean.
+static Portfolio most_return(const Market& market, double limit) {
+  double low = least_variance(market, -100.0).mean;
+  double high = *std::max_element(market.mean.begin(), market.mean.end());
+  for (int i = 0; i < 50; ++i) {
+    const double middle = 0.5 * (low + high);
+    (least_variance(market, middle).risk() > limit ? high : low) = middle;
+  }
+  return least_variance(market, low);
+}
+
+static std::vector<Portfolio> limited_portfolios(const Market& market) {
+  std::vector<Portfolio> limited;
+  print_heading("The largest mean for a risk of 0.5, 1 and 2 percent");
+  for (const double limit : {0.5, 1.0, 2.0}) {
+    const Portfolio p = most_return(market, limit);
+    print_portfolio(p);
+    std::printf("        one more hundredth of risk buys %.4f more mean\n",
+                0.01 * 2.0 * p.risk() / p.price);
+    limited.push_back(p);
+  }
+  return limited;
+}
+
+// ---- Picture ------------------------------------------------------------------------------------
+
+constexpr double WIDTH = 860, HEIGHT = 640, LEFT = 70, RIGHT = 690, TOP = 70, MIDDLE = 400;
+constexpr double SHARES_TOP = 450, SHARES_BOTTOM = 580, MOST_RISK = 6.0;
+
+static double across(double risk) { return LEFT + (RIGHT - LEFT) * risk / MOST_RISK; }
+static double down(double mean, double most) { return MIDDLE - (MIDDLE - TOP) * mean / most; }
+
+static void draw_text(std::ofstream& out, double x, double y, const std::string& style,
+                      const std::string& text) {
+  out << "<text x='" << x << "' y='" << y << "' " << style << ">" << text << "</text>\n";
+}
+
+static void draw_axes(std::ofstream& out, double most) {
+  out << "<path d='M" << LEFT << ' ' << TOP << "V" << MIDDLE << "H" << RIGHT
+      << "' fill='none' stroke='#222'/>\n";
+  for (int risk = 0; risk <= MOST_RISK; ++risk) {
+    draw_text(out, across(risk), MIDDLE + 18, "text-anchor='middle'", std::to_string(risk));
+  }
+  for (double mean = 0.0; mean < most; mean += 0.5) {
+    char label[16];
+    std::snprintf(label, sizeof label, "%.1f", mean);
+    draw_text(out, LEFT - 8, down(mean, most) + 4, "text-anchor='end'", label);
+  }
+  draw_text(out, (LEFT + RIGHT) / 2, MIDDLE + 36, "text-anchor='middle'",
+            "risk: standard deviation of the monthly return [percent]");
+  draw_text(out, 0, 0, "text-anchor='middle' transform='translate(24 235) rotate(-90)'",
+            "mean monthly return [percent]");
+  draw_text(out, LEFT, 30, "font-size='17' font-weight='bold'", "The least risk for a return");
+  draw_text(out, LEFT, 50, "fill='#555'",
+            "The frontier, the classes alone, and the shares along the frontier");
+}
+
+// The shares of each class over the risk of the portfolio, one band on the other.
+static void draw_shares(std::ofstream& out, const std::vector<Portfolio>& along) {
+  std::vector<double> below(along.size(), 0.0);
+  for (long j = 0; j < CLASSES; ++j) {
+    std::string upper, lower;
+    for (std::size_t i = 0; i < along.size(); ++i) {
+      const auto point = [&](double share) {
+        const double y = SHARES_BOTTOM - (SHARES_BOTTOM - SHARES_TOP) * share;
+        return std::to_string(across(along[i].risk())) + ' ' + std::to_string(y) + ' ';
+      };
+      lower = point(below[i]) + lower;
+      below[i] += along[i].shares[j];
+      upper += point(below[i]);
+    }
+    out << "<polygon points='" << upper << lower << "' fill='" << COLORS[j] << "'/>\n";
+  }
+}
+
+static void draw(const Market& market, const std::vector<Portfolio>& along,
+                 const std::vector<Portfolio>& limited, const std::string& file) {
+  const double most = 1.15 * *std::max_element(market.mean.begin(), market.mean.end());
+  std::ofstream out(file);
+  out << "<svg xmlns='http://www.w3.org/2000/svg' width='" << WIDTH << "' height='" << HEIGHT
+      << "' viewBox='0 0 " << WIDTH << ' ' << HEIGHT
+      << "' font-family='Helvetica, Arial, DejaVu Sans, sans-serif' font-size='13' fill='#222'>\n"
+      << "<rect width='100%' height='100%' fill='white'/>\n";
+  draw_axes(out, most);
+  out << "<polyline fill='none' stroke='#b03a2e' stroke-width='2' points='";
+  for (const Portfolio& p : along) out << across(p.risk()) << ' ' << down(p.mean, most) << ' ';
+  out << "'/>\n";
+  for (const Portfolio& p : limited) {
+    out << "<circle cx='" << across(p.risk()) << "' cy='" << down(p.mean, most)
+        << "' r='5' fill='white' stroke='#b03a2e' stroke-width='2'/>\n";
+  }
+  for (long j = 0; j < CLASSES; ++j) {
+    const double x = across(std::sqrt(market.covariance(j, j))), y = down(market.mean[j], most);
+    out << "<circle cx='" << x << "' cy='" << y << "' r='5' fill='" << COLORS[j] << "'/>\n";
+    draw_text(out, x, y + 20, "text-anchor='middle'", NAMES[j]);
+  }
+  draw_shares(out, along);
+  out << "</svg>\n";
+  if (!out.flush()) throw std::runtime_error("cannot write " + file);
+}
+
+int main(int argc, char** argv) try {
+  if (argc > 2) throw std::runtime_error("usage: portfolio [FOLDER]");
+  const Market market = measure_market();
+  const std::vector<Portfolio> along = frontier(market, 60);
+  print_heading("The least risk for a mean");
+  for (std::size_t i = 0; i < along.size(); i += 6) print_portfolio(along[i]);
+  const bool good = prices_agree(along);
+  const std::vector<Portfolio> limited = limited_portfolios(market);
+  const std::string file = std::string(argc > 1 ? argv[1] : ".") + "/portfolio.svg";
+  draw(market, along, limited, file);
+  std::printf("\nFrontier drawn in %s\n", file.c_str());
+  return good ? 0 : 1;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "portfolio: %s\n", error.what());
+  return 1;
+}
