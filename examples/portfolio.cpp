@@ -1,13 +1,15 @@
 // Which portfolio has the least risk for a wanted return? Six classes of assets, their shares not
 // negative and adding up to 1: the variance of the return is a quadratic in the shares, the mean is
-// linear, and NLPQUA finds the least variance for each mean, the frontier of Markowitz (1952).
+// linear, and NLPQUA finds the least variance for each mean, the frontier of Markowitz (1952). The
+// other way round, the most return for a risk, is linear with a nonlinear constraint: NLPQN.
 //
 // Usage: portfolio [FOLDER]     writes portfolio.svg there
 //
 // Seen: the portfolios along the frontier and, for each, the price of return: the multiplier of the
 // wanted mean says how much variance a little more of it costs. It is checked against the
 // neighbouring portfolios. Then the portfolio of the largest mean for each of three limits on the
-// risk. The picture shows the frontier, the classes alone, and the shares along the frontier.
+// risk, which must lie on the frontier and have the same price. The picture shows the frontier, the
+// classes alone, and the shares along the frontier.
 //
 // The returns are made up: three years of months, in percent, in the manner of such tables.
 #include <algorithm>
@@ -104,19 +106,20 @@ struct Portfolio {
   double risk() const { return std::sqrt(variance); }
 };
 
-// The multiplier of the constraint in a row of the constraint matrix, from the report; 0 when it is
-// not active.
-static double multiplier(const tqnlp::Session& tql, const std::string& constraint) {
+// The multiplier of a constraint in the last table of that name in the report; 0 when the
+// constraint is not active.
+static double multiplier(const tqnlp::Session& tql, const char* table_name, const char* name_column,
+                         const std::string& constraint) {
   double found = 0.0;
   for (const tqnlp::Table& table : tql.tables()) {
-    if (table.name != "Lagrange") continue;
+    if (table.name != table_name) continue;
     found = 0.0;  // the table of the result stands behind that of the start
     const auto column = [&table](const char* name) {
       return static_cast<std::size_t>(std::find(table.columns.begin(), table.columns.end(), name) -
                                       table.columns.begin());
     };
     for (const auto& row : table.rows) {
-      const auto* label = std::get_if<std::string>(&row[column("Parameter2")]);
+      const auto* label = std::get_if<std::string>(&row[column(name_column)]);
       if (label != nullptr && *label == constraint)
         found = std::get<double>(row[column("Lagrange")]);
     }
@@ -124,21 +127,38 @@ static double multiplier(const tqnlp::Session& tql, const std::string& constrain
   return found;
 }
 
-// Least variance among the portfolios with at least this mean.
-static Portfolio least_variance(const Market& market, double mean) {
-  const double no = tqnlp::missing;
-  Matrix twice = market.covariance;  // NLPQUA minimizes x'Hx / 2
-  for (double& element : twice) element *= 2.0;
-  Matrix constraints(4, CLASSES + 2);
+static double variance_of(const Market& market, const Matrix& shares) {
+  double variance = 0.0;
+  for (long i = 0; i < CLASSES; ++i) {
+    for (long j = 0; j < CLASSES; ++j) variance += shares[i] * market.covariance(i, j) * shares[j];
+  }
+  return variance;
+}
+
+static double mean_of(const Market& market, const Matrix& shares) {
+  double mean = 0.0;
+  for (long i = 0; i < CLASSES; ++i) mean += market.mean[i] * shares[i];
+  return mean;
+}
+
+// Bounds and the rows that every portfolio keeps: shares are not negative and add up to 1.
+static Matrix shares_of_a_whole(long rows) {
+  Matrix constraints = Matrix::filled(2 + rows, CLASSES + 2, tqnlp::missing);
   for (long j = 0; j < CLASSES; ++j) {
     constraints(0, j) = 0.0;
-    constraints(1, j) = no;
     constraints(2, j) = 1.0;
-    constraints(3, j) = market.mean[j];
   }
-  for (long i = 0; i < 2; ++i) constraints(i, CLASSES) = constraints(i, CLASSES + 1) = no;
   constraints(2, CLASSES) = 0.0;  // equal to
   constraints(2, CLASSES + 1) = 1.0;
+  return constraints;
+}
+
+// Least variance among the portfolios with at least this mean.
+static Portfolio least_variance(const Market& market, double mean) {
+  Matrix twice = market.covariance;  // NLPQUA minimizes x'Hx / 2
+  for (double& element : twice) element *= 2.0;
+  Matrix constraints = shares_of_a_whole(2);
+  for (long j = 0; j < CLASSES; ++j) constraints(3, j) = market.mean[j];
   constraints(3, CLASSES) = 1.0;  // at least
   constraints(3, CLASSES + 1) = mean;
 
@@ -150,13 +170,9 @@ static Portfolio least_variance(const Market& market, double mean) {
   if (!(results[0](0, 0) > 0.0)) throw std::runtime_error("NLPQUA found no portfolio");
   Portfolio best;
   best.shares = results[1];
-  for (long i = 0; i < CLASSES; ++i) {
-    best.mean += market.mean[i] * best.shares[i];
-    for (long j = 0; j < CLASSES; ++j) {
-      best.variance += best.shares[i] * market.covariance(i, j) * best.shares[j];
-    }
-  }
-  best.price = multiplier(tql, "C2_2");
+  best.mean = mean_of(market, best.shares);
+  best.variance = variance_of(market, best.shares);
+  best.price = multiplier(tql, "Lagrange", "Parameter2", "C2_2");
   return best;
 }
 
@@ -205,27 +221,60 @@ static bool prices_agree(const std::vector<Portfolio>& along) {
 
 // ---- The most return for a risk -----------------------------------------------------------------
 
-// The portfolio of the frontier whose risk is the limit, by bisection: risk rises with the mean.
-static Portfolio most_return(const Market& market, double limit) {
-  double low = least_variance(market, -100.0).mean;
-  double high = *std::max_element(market.mean.begin(), market.mean.end());
-  for (int i = 0; i < 50; ++i) {
-    const double middle = 0.5 * (low + high);
-    (least_variance(market, middle).risk() > limit ? high : low) = middle;
-  }
-  return least_variance(market, low);
+// The largest mean among the portfolios with at most this risk, by NLPQN with the variance as a
+// nonlinear constraint. Its multiplier is the return that one more unit of variance buys.
+static Portfolio most_return(const Market& market, double limit, double* reward) {
+  const double no = tqnlp::missing;
+  tqnlp::Session tql;
+  tql.module("MEAN", [&](const Matrix& x) { return Matrix::scalar(mean_of(market, x)); });
+  tql.module("SLOPE", [&](const Matrix&) { return market.mean; });
+  tql.module("ROOM", [&](const Matrix& x) {
+    return Matrix::scalar(limit * limit - variance_of(market, x));
+  });
+  tql.module("ROOM_SLOPE", [&](const Matrix& x) {
+    Matrix row(1, CLASSES);
+    for (long i = 0; i < CLASSES; ++i) {
+      for (long j = 0; j < CLASSES; ++j) row[i] -= 2.0 * market.covariance(i, j) * x[j];
+    }
+    return row;
+  });
+  Matrix start(1, CLASSES);
+  for (double& share : start) share = 1.0 / CLASSES;
+  const Matrix maximize_with_report = {1, 4, no, no, no, no, no, no, no, 1, 0};
+  const Matrix promise_alone = {no, no, no, 1e-12, no, 0, no, 0};
+  const auto results =
+      tql.call("NLPQN", {"MEAN", start, maximize_with_report, shares_of_a_whole(1), promise_alone,
+                         Matrix(), Matrix(), "SLOPE", "ROOM", "ROOM_SLOPE"});
+  if (!(results[0](0, 0) > 0.0)) throw std::runtime_error("NLPQN found no portfolio");
+  Portfolio best;
+  best.shares = results[1];
+  best.mean = mean_of(market, best.shares);
+  best.variance = variance_of(market, best.shares);
+  *reward = std::fabs(multiplier(tql, "NonLinCons", "Parameter", "C4_1"));
+  best.price = *reward > 0.0 ? 1.0 / *reward : 0.0;
+  return best;
 }
 
-static std::vector<Portfolio> limited_portfolios(const Market& market) {
+// Both ways lead to the same portfolio: the least variance for the mean that was found.
+static bool lies_on_the_frontier(const Market& market, const Portfolio& p) {
+  const Portfolio least = least_variance(market, p.mean);
+  return std::fabs(least.variance - p.variance) <= 1e-6 * p.variance &&
+         std::fabs(least.price - p.price) <= 1e-4 * p.price;
+}
+
+static std::vector<Portfolio> limited_portfolios(const Market& market, bool* good) {
   std::vector<Portfolio> limited;
   print_heading("The largest mean for a risk of 0.5, 1 and 2 percent");
   for (const double limit : {0.5, 1.0, 2.0}) {
-    const Portfolio p = most_return(market, limit);
+    double reward = 0.0;
+    const Portfolio p = most_return(market, limit, &reward);
     print_portfolio(p);
     std::printf("        one more hundredth of risk buys %.4f more mean\n",
-                0.01 * 2.0 * p.risk() / p.price);
+                0.01 * 2.0 * p.risk() * reward);
+    *good = *good && lies_on_the_frontier(market, p);
     limited.push_back(p);
   }
+  std::printf("\nOn the frontier, at the same price: %s\n", *good ? "all" : "NOT ALL");
   return limited;
 }
 
@@ -312,8 +361,8 @@ int main(int argc, char** argv) try {
   const std::vector<Portfolio> along = frontier(market, 60);
   print_heading("The least risk for a mean");
   for (std::size_t i = 0; i < along.size(); i += 6) print_portfolio(along[i]);
-  const bool good = prices_agree(along);
-  const std::vector<Portfolio> limited = limited_portfolios(market);
+  bool good = prices_agree(along);
+  const std::vector<Portfolio> limited = limited_portfolios(market, &good);
   const std::string file = std::string(argc > 1 ? argv[1] : ".") + "/portfolio.svg";
   draw(market, along, limited, file);
   std::printf("\nFrontier drawn in %s\n", file.c_str());
