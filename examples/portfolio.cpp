@@ -348,7 +348,9 @@ static void draw(const Market& market, const std::vector<Portfolio>& along,
   for (long j = 0; j < CLASSES; ++j) {
     const double x = across(std::sqrt(market.covariance(j, j))), y = down(market.mean[j], most);
     out << "<circle cx='" << x << "' cy='" << y << "' r='5' fill='" << COLORS[j] << "'/>\n";
-    draw_text(out, x, y + 20, "text-anchor='middle'", NAMES[j]);
+    const bool crowded = j == 4;  // by its neighbour on the right
+    draw_text(out, crowded ? x - 9 : x, crowded ? y + 4 : y + 20,
+              crowded ? "text-anchor='end'" : "text-anchor='middle'", NAMES[j]);
   }
   draw_shares(out, along);
   out << "</svg>\n";
