@@ -11,7 +11,8 @@
 //   func   m or 1 | fold m or 1 | two more of m for a line search that keeps them
 //   hfwd   n | hcnt n                     lb     n | ub n
 //   alcn   N | blcn ncon                  naco   ncon | jalc N
-//   gpro   n | lagm n | dcds 2n | awrk n | qlcn n x n | llcn packed n
+//   gpro   n | lagm n | dcds 2n | awrk n | qlcn n x n | llcn packed n; in the range-space frame
+//          of r rows qlcn r x n (none when they stand in a file) | llcn r
 //   iact   w | liwk w                     fcon   nnlc | jcon nnlc x n
 //   qvec   n | product of a quadratic's matrix n
 //
@@ -24,6 +25,7 @@
 #include <type_traits>
 #include <variant>
 
+#include "aasubs/constraints/znlpftr.h"
 #include "aasubs/direct/simplex.h"
 #include "aasubs/direct/znlpcob.h"
 #include "aasubs/post/znlpspm.h"
@@ -57,7 +59,9 @@ struct Sizes {
 
 // Does the run work in the frame of general constraints? One that asks for it without any still
 // needs the frame's arrays.
-static bool general(const Sizes& s) { return s.linear || s.nonlinear || s.str->opro != 0; }
+static bool general(const Sizes& s) {
+  return s.linear || s.nonlinear || s.str->opro != 0 || is_barrier(s.str);
+}
 
 // Only a run that may optimize has a technique; NLPFEA and NLPFDD have none.
 static bool has_technique(const Sizes& s) { return s.str->tech != 0; }
@@ -134,13 +138,16 @@ static long difference_work(const Sizes& s) {
 
 // ---- Matrices of a Hessian ----------------------------------------------------------------------
 
-// Is a matrix left as it is by the form hfrm? With linear constraints the reduced one is packed.
-static bool keeps_form(const Sizes& s) { return s.str->hfrm != 0 && !s.linear; }
+// Is a matrix left as it is by the form hfrm? With linear constraints the reduced one is packed,
+// but the range-space frame does not reduce.
+static bool keeps_form(const Sizes& s) {
+  return s.str->hfrm != 0 && (!s.linear || is_barrier(s.str));
+}
 
 static long hess_length(const Sizes& s) {
   const bool none = s.str->tech == CONGRA || is_simplex(s.str->tech);
   const bool used = has_technique(s) ? !none : wants_hessian(s);
-  if (!used) return 0;
+  if (!used || matrix_in_file(s.str)) return 0;
   return s.str->hfrm == 0 ? s.packed : hessian_length(s.str);
 }
 
@@ -163,10 +170,39 @@ static long half_length(const Sizes& s) {
 static long hpro_length(const Sizes& s) {
   if (s.str->tech == LEVMAR) return s.linear ? s.packed : 0;
   if (s.str->tech == HYQUAN) return keeps_form(s) ? s.n : s.packed;
+  if (is_barrier(s.str)) return 0;
   if (s.str->tech == QUADAS) return s.str->hfrm == 1 && s.bounds ? hessian_length(s.str) : 0;
   if (!second_order(s)) return 0;
   if (keeps_form(s)) return s.str->hfrm == 2 || s.bounds ? hessian_length(s.str) : 0;
   return s.str->tech == NRRIDG || s.linear ? s.packed : 0;
+}
+
+// ---- The range-space frame ----------------------------------------------------------------------
+
+// What is larger than this goes to a work file. A debug option sends everything there.
+static constexpr double MOST_BYTES = 1073741824.0;
+
+static bool goes_to_file(double doubles) {
+  return doubles * sizeof(double) > MOST_BYTES || zbugi("-nlpworkfiles") != 0;
+}
+
+// A packed matrix is read row by row; the sparse forms are small beside their factor.
+bool matrix_in_file(const MINSTR* str) {
+  const bool by_matrix = is_barrier(str) && str->hfrm == 0 && str->secstr->hrow == 0;
+  return by_matrix && goes_to_file(static_cast<double>(str->nnva));
+}
+
+static long rows_of_frame(const Sizes& s) { return frame_rows(s.n, s.str->ncon); }
+
+static bool rows_in_file(const Sizes& s) {
+  return goes_to_file(static_cast<double>(s.n) * static_cast<double>(rows_of_frame(s)));
+}
+
+static long row_room(const Sizes& s) { return rows_in_file(s) ? 0 : s.n * rows_of_frame(s); }
+
+static long frame_room(const Sizes& s) {
+  if (is_barrier(s.str)) return 5 * s.n + row_room(s) + rows_of_frame(s);
+  return general(s) ? s.n * (s.n + 5) + s.packed : 0;
 }
 
 // ---- Blocks that hold several arrays ------------------------------------------------------------
@@ -198,6 +234,9 @@ static void divide_gpro(MINSTR* str, const Sizes& s) {
   str->awrk = str->dcds + 2 * s.n;
   str->qlcn = str->awrk + s.n;
   str->llcn = str->qlcn + s.n * s.n;
+  if (!is_barrier(str)) return;
+  str->llcn = str->qlcn + row_room(s);
+  if (rows_in_file(s)) str->qlcn = nullptr;
 }
 
 // A working set may hold every constraint, and never needs more than it or n. In a subproblem every
@@ -278,8 +317,7 @@ static constexpr RunArray ARRAYS[] = {
      divide_alcn},
     {&MINSTR::naco, [](const Sizes& s) { return s.linear ? s.nonzeros + s.str->ncon : 0; },
      divide_naco},
-    {&MINSTR::gpro, [](const Sizes& s) { return general(s) ? s.n * (s.n + 5) + s.packed : 0; },
-     divide_gpro},
+    {&MINSTR::gpro, frame_room, divide_gpro},
     {&MINSTR::iact, [](const Sizes& s) { return general(s) ? 2 * working_set(s) : 0; },
      divide_iact},
     {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
@@ -291,6 +329,11 @@ static constexpr RunArray ARRAYS[] = {
                                                   : 0; }, nullptr},
     {&MINSTR::grlf, [](const Sizes& s) { return s.nonlinear ? s.n : 0; }, nullptr},
     {&MINSTR::fcon, constraint_length, divide_fcon},
+    {&MINSTR::ywrk, [](const Sizes& s) { return is_barrier(s.str) ? FRAME_ROW_WORK * s.n : 0; },
+     nullptr},
+    {&MINSTR::uvwg,
+     [](const Sizes& s) { return is_barrier(s.str) ? frame_vectors(s.n, s.str->ncon) : 0; },
+     nullptr},
 };
 
 // Takes count elements for a field. False, with a line in the log, when the host refuses or the
@@ -385,8 +428,10 @@ void release_arrays(MINSTR* str) {
   str->jalc = str->liwk = nullptr;
   str->hesalo = str->hpralo = str->hlfalo = 0;
   release_pattern(&str->shes);
-  xcclose(str->utjacm, 1);
-  str->utjacm = nullptr;
+  for (WorkFile** file : {&str->utjacm, &str->utquad, &str->utq}) {
+    xcclose(*file, 1);
+    *file = nullptr;
+  }
 }
 
 }  // namespace tqnlp

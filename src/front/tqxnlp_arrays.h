@@ -17,6 +17,9 @@ int allocate_arrays(MINSTR* str, long nonzeros);
 // Takes hess, half and hpro in the form hfrm. Returns as allocate_arrays.
 int allocate_matrices(MINSTR* str);
 
+// Does the packed matrix of a quadratic live in utquad, and not in hess?
+bool matrix_in_file(const MINSTR* str);
+
 // Gives every array back, in the order of the table, closes the files, and clears the references.
 // Good for a record with some of its arrays, or none.
 void release_arrays(MINSTR* str);

@@ -3,17 +3,22 @@
 // The matrix comes n x n or as rows (i, j, value), and is kept packed, sparse or diagonal,
 // whichever is the smallest. It is symmetric, so that the gradient is g + Hx; a matrix that is not
 // is refused, because its user means something else by it. Maximizing, all of it is negated once.
+// A packed matrix that outgrows memory is written to utquad instead, for the form of QUADAS that
+// reads it row by row.
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/constraints/znlpba1.h"
 #include "aasubs/post/znlpspm.h"
 #include "front/tqxnlp.h"
+#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
+#include "host/files.h"
 #include "host/log.h"
 #include "host/memory.h"
-#include "kernels/dense.h"
+#include "host/process.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
@@ -92,6 +97,30 @@ static void load_dense(MINSTR* str) {
   }
 }
 
+// ---- The matrix in its file ----
+
+static void check_file(int status) {
+  if (status == 0) return;
+  xprrlog(0, status);
+  xexit(EXIT_WORK_FILE, 0);
+}
+
+static void write_doubles(MINSTR* str, const double* from, long count) {
+  check_file(xcwrite(str->utquad, from, count * static_cast<long>(sizeof(double))));
+}
+
+// nlpwqad: Writes the QuADratic, linear term and packed rows, to utquad; the run's sign is on them.
+static void nlpwqad(MINSTR* str) {
+  const WorkFileOptions options;
+  check_file(xcopen(&str->utquad, &options));
+  write_doubles(str, str->qvec, str->nvar);
+  const double sign = str->imax != 0 ? -1.0 : 1.0;
+  for (long i = 0; i < str->nvar; ++i) {
+    for (long j = 0; j <= i; ++j) str->work[j] = sign * dense_element(str, i, j);
+    write_doubles(str, str->work, i + 1);
+  }
+}
+
 // ---- Rows (i, j, value) -------------------------------------------------------------------------
 
 static int refuse_row(const MINSTR* str, int message, long row, double other = MISSING) {
@@ -165,8 +194,9 @@ int prepare_quadratic(MINSTR* str) {
 int load_quadratic(MINSTR* str) {
   const ARGMTS* argm = str->secstr;
   const long n = str->nvar;
+  const bool in_file = matrix_in_file(str);
   if (argm->hrow == 0) {
-    load_dense(str);
+    if (!in_file) load_dense(str);
   } else if (const int rc = load_rows(str); rc != 0) {
     return rc;
   }
@@ -181,18 +211,18 @@ int load_quadratic(MINSTR* str) {
     }
     if (j < n && !std::isnan(argm->qvec[j])) str->qvec[j] = argm->qvec[j];
   }
-  if (str->imax == 0) return 0;
-  zvscl11(hessian_length(str), str->hess, -1.0);
-  zvscl11(n, str->qvec, -1.0);
-  str->qcon = -str->qcon;
+  if (str->imax != 0) {
+    if (!in_file) zvscl11(hessian_length(str), str->hess, -1.0);
+    zvscl11(n, str->qvec, -1.0);
+    str->qcon = -str->qcon;
+  }
+  if (in_file) nlpwqad(str);
   return 0;
 }
 
 // ---- Callbacks ----------------------------------------------------------------------------------
 
-static void multiply_at_x(MINSTR* str, double* product) {
-  znlpmul(str, str->hfrm, str->nvar, nullptr, str->hess, str->x, product);
-}
+static void multiply_at_x(MINSTR* str, double* product) { quadratic_product(str, str->x, product); }
 
 static int end_quadratic(MINSTR* str, bool good) {
   str->tbig = good ? 0.0 : 1.0;

@@ -180,9 +180,11 @@ static int second_order_digits(const ARGMTS* argm, int choice) {
 }
 
 // ratio: density above which the dense form is kept; with linear constraints the projection fills
-// the matrix, so that it is always dense, and TRUREG has no sparse factor.
+// the matrix, so that it is always dense (but in the range-space frame, which does not project),
+// and TRUREG has no sparse factor.
 static void settle_sparse_form(MINSTR* str) {
-  str->ratio = str->lincon == 0 && str->tech != TRUREG ? 0.5 : 0.0;
+  const bool projected = str->lincon != 0 && !is_barrier(str);
+  str->ratio = !projected && str->tech != TRUREG ? 0.5 : 0.0;
   str->tzer = 1.1102230246251569e-15;
   str->ddif = 1e-6;
 }
@@ -247,6 +249,7 @@ static int settle_quadratic(MINSTR* str, long* nonzeros) {
   str->fidi = str->cfdh = 0;
   str->fqad = str->secstr->qlin != 0 ? 2 : 1;
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
+  if (is_barrier(str)) str->opro = 0;  // the technique has a frame of its own
   settle_sparse_form(str);
   return rc;
 }

@@ -9,6 +9,7 @@
 #include <numeric>
 #include <random>
 
+#include "embed/task.h"
 #include "techniques/outcome.h"
 
 namespace tqnlp::test {
@@ -29,24 +30,25 @@ Matrix in_form(const Matrix& h, Form form) {
   return Matrix(count, 3, std::move(rows));
 }
 
-Outcome solve(const QuadraticProgram& q, Form form, bool maximize, std::string* log = nullptr) {
+constexpr double EITHER = 2, BARRIER = 1;  // element 6 of opt
+
+Outcome solve(const QuadraticProgram& q, Form form, bool maximize, double version = EITHER,
+              bool in_files = false, std::string* log = nullptr) {
   Matrix h = in_form(Matrix(q.p.n, q.p.n, q.h), form), linear = Matrix::col(q.linear);
   for (long k = 0; maximize && k < linear.size(); ++k) linear[k] = -linear[k];
   for (long k = 0; maximize && k < h.size(); ++k) {
     if (form == Form::dense || q.p.n < 4 || k % 3 == 2) h[k] = -h[k];
   }
   Session tql;
-  const auto results =
-      tql.call("NLPQUA", {h, Matrix::row(q.p.start), Matrix::row({maximize ? 1.0 : 0.0}),
-                          constraint_matrix(q.p), Matrix(), Matrix(), Matrix(), linear});
+  if (in_files) tql.task().debug_options["-nlpworkfiles"] = 1;
+  const Matrix opt = Matrix::row({maximize ? 1.0 : 0.0, 0, 0, 0, 0, version});
+  const auto results = tql.call("NLPQUA", {h, Matrix::row(q.p.start), opt, constraint_matrix(q.p),
+                                           Matrix(), Matrix(), Matrix(), linear});
   Outcome outcome;
   outcome.code = results[0][0];
   outcome.x.assign(results[1].data(), results[1].data() + q.p.n);
   outcome.f = q.p.value(outcome.x.data());
   judge(q.p, 1e-10, outcome);
-  for (const LogRecord& line : tql.log()) {
-    if (log != nullptr) *log += line.text + "\n";
-  }
   return outcome;
 }
 
@@ -55,10 +57,18 @@ TEST(Quadratic, ConvexProgramsEndInTheirSolution) {
     const long n = seed % 20 == 19 ? 60 : 1 + seed % 9;
     const Curvature kind = seed % 2 == 0 ? Curvature::definite : Curvature::semidefinite;
     const QuadraticProgram q = random_program(seed, n, kind);
-    const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
-    EXPECT_TRUE(outcome.solved && outcome.code > 0)
-        << "seed " << seed << ", n " << n << ": code " << outcome.code << ", f " << outcome.f
-        << " for " << q.p.minima[0] << ", violation " << outcome.infeasible;
+    const auto expect_solved = [&](double version, bool in_files) {
+      const Form form = static_cast<Form>(seed % 3);
+      const Outcome outcome = solve(q, form, seed % 5 == 0, version, in_files);
+      EXPECT_TRUE(outcome.solved && outcome.code > 0)
+          << "seed " << seed << ", n " << n << ": code " << outcome.code << ", f " << outcome.f
+          << " for " << q.p.minima[0] << ", violation " << outcome.infeasible;
+      return outcome.x;
+    };
+    expect_solved(EITHER, false);
+    if (kind != Curvature::definite) continue;
+    // Where matrix and frame live makes no difference to the bits.
+    EXPECT_EQ(expect_solved(BARRIER, false), expect_solved(BARRIER, true)) << seed;
   }
 }
 
@@ -139,6 +149,7 @@ TEST(Quadratic, SaysWhatIsWrong) {
     Matrix h, start, blc, linear;
     double code;  // 0: refused
     const char* message;
+    double version = EITHER;
   } rows[] = {
       {"linear in three parameters", flat, x, none, {0, 0, 1, 0}, -5, "unbounded below"},
       {"the same, bounded",
@@ -149,6 +160,8 @@ TEST(Quadratic, SaysWhatIsWrong) {
        3,
        "parameter 2 (parameters without a row: 3)"},
       {"bounded by the other side", flat, x, above, {0, 0, -1, 0}, -5, "unbounded below"},
+      {"no definite matrix", saddle, x, above, zero, -2, "positive definite matrix", BARRIER},
+      {"the same on the free", flat, x, none, zero, -2, "positive definite matrix", BARRIER},
       {"a saddle point at the start", saddle, zero, none, zero, -5, "unbounded below"},
       {"not symmetric", {{1, 2}, {3, 1}}, {1, 1}, none, none, 0, "element (2, 1) is 3"},
       {"no number", {{1, 2}, {missing, HUGE_VAL}}, {1, 1}, none, none, 0, "(2, 2) of argument 1"},
@@ -170,8 +183,8 @@ TEST(Quadratic, SaysWhatIsWrong) {
     Session tql;
     double code = 0.0;
     try {
-      code =
-          tql.call("NLPQUA", {row.h, row.start, none, row.blc, none, none, none, row.linear})[0][0];
+      code = tql.call("NLPQUA", {row.h, row.start, Matrix::row({0, 0, 0, 0, 0, row.version}),
+                                 row.blc, none, none, none, row.linear})[0][0];
     } catch (const CallError& error) {
       EXPECT_EQ(error.code(), 6) << row.what;
     }

@@ -4,7 +4,7 @@
 // First form: with A Q = (0 T) the least-squares solution of A'lambda = g is T'lambda = Y'g, Y
 // being the last nalc columns of Q. Second form: the same for the gradient that the quadratic model
 // predicts at the Newton point of the working set. Gill, Murray and Wright, Practical Optimization
-// (1981), section 5.1.5.
+// (1981), section 5.1.5. In the range-space frame both forms are the one that it keeps (znlpftr.h).
 //
 // Layout: row r of T stands at llcn[r(r+1)/2], its pivot first, that is in reversed column order:
 // element k of row r belongs to column nfre - 1 - r + k of Q. Work: dcds takes the right side, awrk
@@ -14,6 +14,7 @@
 #include <cmath>
 
 #include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpftr.h"
 #include "host/process.h"
 #include "kernels/dense.h"
 #include "kernels/indefinite.h"
@@ -51,10 +52,7 @@ static void solve_general(MINSTR* str, int job, const double* vv, double* lambda
   for (long l = 0; l < free; ++l) {
     zvxay11(active, rhs, in_order(str, job, vv, l), str->qlcn + l * n + free - active);
   }
-  // Where no frame belongs to the run, a caller that keeps its own factor has it in uvwg.
-  const bool own_factor = str->opro == 0 && str->uvwg != nullptr;
-  const double* factor = own_factor ? str->uvwg : str->llcn;
-  if (znlpqts(2, active, own_factor ? TINY : PIVOT_LIMIT, factor, rhs, lambda) != 0) {
+  if (znlpqts(2, active, PIVOT_LIMIT, str->llcn, rhs, lambda) != 0) {
     xexit(EXIT_INCONSISTENT, 0);
   }
 }
@@ -67,9 +65,13 @@ void znlpglm(MINSTR* str, int job, const double* vv, double* lagm) {
 
   for (long i = 0; i < bound; ++i) lagm[i] = in_order(str, job, vv, free + i);
   if (str->nalc > 0) {
-    if (str->opro == 2) xexit(EXIT_INCONSISTENT, 0);
     double* general = lagm + bound;
-    solve_general(str, job, vv, general);
+    if (in_range_space(str)) {
+      if (str->uvwg == nullptr) xexit(EXIT_INCONSISTENT, 0);
+      frame_multipliers(str, general);
+    } else {
+      solve_general(str, job, vv, general);
+    }
     for (long r = 0; r < str->nalc; ++r) {
       const double* row = constraint_gradient(str, r);
       for (long i = 0; i < bound; ++i) lagm[i] -= general[r] * row[str->ifxr[free + i]];

@@ -65,18 +65,26 @@ int znlpldc(MINSTR* str, int opro, int aspa, long* jalc, long* naco, double* alc
 // 9999.
 
 // Rebuilds ifxr from iabc, free parameters first; with dofac nonzero then calls usclo (if there is
-// one). Returns 0.
+// one). Returns what usclo returns, or 0.
 int znlpinc(MINSTR* str, int dofac);
 
 // Reloads qvec, and hess with its pattern, from utquad. Returns 0.
 int znlphlo(MINSTR* str);
 
-// Reloads the matrix and leaves its Cholesky factor in half: hfrm 0 packed, LL' without bounds and
-// LDL' (D on the diagonal) of the rows and columns ifxr[0..nfre-1] with bounds; hfrm 1 sparse, in
-// the pattern jusp, or jusl of the free parameters with bounds (hess receives the matrix); hfrm 2
-// the roots of the diagonal. Uses work and iwk. Returns 0, or -1 when a pivot is not above sing.
-// clod nonzero ends the run with exit code 9999.
+// Leaves the Cholesky factor of the matrix in utquad (null: in hess) in half: hfrm 0 packed, LL'
+// without bounds and LDL' (D on the diagonal) of the rows and columns ifxr[0..nfre-1] with bounds;
+// hfrm 1 sparse, in the pattern jusp, or jusl of the free parameters with bounds (hess receives the
+// matrix); hfrm 2 the roots of the diagonal. Uses work and iwk. Returns 0, or -1 when a pivot is
+// not above sing. clod nonzero ends the run with exit code 9999.
 int znlpclo(MINSTR* str);
+
+// product := H v over all parameters. A packed matrix is read row by row from utquad (through work)
+// where it lives there, and for the barrier form of QUADAS in the same order of sums from hess. The
+// other forms stand in hess. product must not overlap v.
+void quadratic_product(MINSTR* str, const double* v, double* product);
+
+// The largest element, without sign, of the diagonal of H.
+double largest_diagonal(MINSTR* str);
 
 // ---- Feasible start ---------------------------------------------------------------------------
 

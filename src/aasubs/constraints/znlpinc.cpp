@@ -1,10 +1,9 @@
 // znlpinc: INdex of the quadratic and its Companions znlphlo (Hessian LOad) and znlpclo (Cholesky
-// LOad): the loading routines of the quadratic techniques, whose matrix lives in utquad in the
-// layout told in znlpba1.h.
+// LOad): the loading routines of the quadratic techniques, whose matrix lives in hess, or in utquad
+// in the layout told in znlpba1.h.
 //
-// Factors: packed LL' by columns (a pivot that is not above sing clears its column and is counted),
-// packed LDL' for the free parameters, sparse Cholesky in one of the patterns of shes, or the roots
-// of a diagonal. Golub and Van Loan, Matrix Computations (1996), section 4.2.
+// Factors: packed LL', packed LDL' for the free parameters, sparse Cholesky in one of the patterns
+// of shes, or the roots of a diagonal. Golub and Van Loan, Matrix Computations (1996), section 4.2.
 //
 // Work: znlpclo reads one row, or the diagonal, into work; iwk holds the position of each parameter
 // among the free ones, negative numbers for the others.
@@ -15,7 +14,9 @@
 #include "host/files.h"
 #include "host/log.h"
 #include "host/process.h"
+#include "kernels/dense.h"
 #include "kernels/sparse.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 
@@ -48,8 +49,7 @@ int znlpinc(MINSTR* str, int dofac) {
   } else if (some_bound) {
     std::stable_partition(str->ifxr, str->ifxr + n, [&](long j) { return str->iabc[j] == 0; });
   }
-  if (dofac != 0 && str->usclo != nullptr) str->usclo(str);
-  return 0;
+  return dofac != 0 && str->usclo != nullptr ? str->usclo(str) : 0;
 }
 
 // ---- Reading ----------------------------------------------------------------------------------
@@ -102,51 +102,6 @@ int znlphlo(MINSTR* str) {
   return 0;
 }
 
-// ---- Packed factors ---------------------------------------------------------------------------
-
-static double honoured_limit(double sing) { return sing < TINY ? SMALLEST_TOLERANCE : sing; }
-
-// What elimination of the columns before j leaves of element (i, j), for LL' (d null) or LDL' with
-// D in d, one double per diagonal position of the packed triangle.
-static double remainder(long i, long j, const double* c, bool unit_lower) {
-  const double* row = c + packed_size(i);
-  const double* column = c + packed_size(j);
-  double sum = row[j];
-  if (unit_lower) {
-    for (long k = 0; k < j; ++k) sum -= row[k] * column[k] * c[packed_size(k) + k];
-  } else {
-    for (long k = 0; k < j; ++k) sum -= row[k] * column[k];
-  }
-  return sum;
-}
-
-// Column Cholesky in place. Pivots that are not above sing become 0 with their column. Returns
-// their number. unit_lower: the pivots stay apart as D on the diagonal, and L has a unit diagonal.
-static long factor_columns(long n, double sing, double* c, bool unit_lower) {
-  const double limit = honoured_limit(sing);
-  long zeros = 0;
-  for (long j = 0; j < n; ++j) {
-    double* pivot = c + packed_size(j) + j;
-    *pivot = remainder(j, j, c, unit_lower);
-    const bool good = *pivot > limit;
-    if (!good) {
-      *pivot = 0.0;
-      ++zeros;
-    } else if (!unit_lower) {
-      *pivot = std::sqrt(*pivot);
-    }
-    for (long i = j + 1; i < n; ++i) {
-      double* element = c + packed_size(i) + j;
-      *element = good ? remainder(i, j, c, unit_lower) / *pivot : 0.0;
-    }
-  }
-  return zeros;
-}
-
-static long lltdec(long n, double sing, double* c) { return factor_columns(n, sing, c, false); }
-
-static long dlltdec(long n, double sing, double* c) { return factor_columns(n, sing, c, true); }
-
 // ---- Loading of the factor --------------------------------------------------------------------
 
 // iwk := position of each parameter among the free ones, or -1, -2, ... for the others.
@@ -156,30 +111,42 @@ static void mark_positions(MINSTR* str) {
   for (long l = 0; l < n; ++l) str->iwk[str->ifxr[l]] = l < free ? l : free - l - 1;
 }
 
+// Row i of the packed matrix; rows must be asked for in ascending order after read_head.
+static const double* packed_row(MINSTR* str, long i) {
+  if (str->utquad == nullptr) return str->hess + packed_size(i);
+  read_doubles(str, str->work, i + 1);
+  return str->work;
+}
+
 static long load_packed(MINSTR* str) {
+  static constexpr int UNIT_LOWER = 1;  // LDL'
+  static constexpr int LOWER = 2;       // LL'
   const long n = str->nvar;
+  double logdet = 0.0;
   if (str->bounds == 0) {
-    for (long i = 0; i < n; ++i) read_doubles(str, str->half + packed_size(i), i + 1);
-    return lltdec(n, str->sing, str->half);
+    for (long i = 0; i < n; ++i) {
+      std::copy_n(packed_row(str, i), i + 1, str->half + packed_size(i));
+    }
+    return znlpcde(str, LOWER, n, str->sing, &logdet, str->half, str->half, nullptr);
   }
   mark_positions(str);
   for (long i = 0; i < n; ++i) {
-    read_doubles(str, str->work, i + 1);
+    const double* from = packed_row(str, i);
     const long row = str->iwk[i];
     if (row < 0) continue;
     for (long j = 0; j <= i; ++j) {
       const long column = str->iwk[j];
-      if (column >= 0) str->half[zisub(row, column)] = str->work[j];
+      if (column >= 0) str->half[zisub(row, column)] = from[j];
     }
   }
-  return dlltdec(n - str->nabc, str->sing, str->half);
+  return znlpcde(str, UNIT_LOWER, n - str->nabc, str->sing, &logdet, str->half, str->half, nullptr);
 }
 
 // With bounds the pattern of the free parameters is made first: it follows the working set.
 static long load_sparse(MINSTR* str) {
   const long n = str->nvar;
   const SPAR& s = str->shes;
-  read_sparse(str);
+  if (str->utquad != nullptr) read_sparse(str);
   if (str->bounds == 0) {
     return zslltnf(1, 0, n, str->sing, s.jasp, s.jusp, s.perm, str->hess, str->half);
   }
@@ -195,10 +162,14 @@ static long load_sparse(MINSTR* str) {
 static long load_diagonal(MINSTR* str) {
   const long n = str->nvar;
   long zeros = 0;
-  read_doubles(str, str->work, n);
+  const double* d = str->hess;
+  if (str->utquad != nullptr) {
+    read_doubles(str, str->work, n);
+    d = str->work;
+  }
   for (long j = 0; j < n; ++j) {
-    const bool good = str->work[j] > str->sing;
-    str->half[j] = good ? std::sqrt(str->work[j]) : 0.0;
+    const bool good = d[j] > str->sing;
+    str->half[j] = good ? std::sqrt(d[j]) : 0.0;
     if (!good && (str->bounds == 0 || str->iabc[j] == 0)) ++zeros;
   }
   return zeros;
@@ -206,7 +177,7 @@ static long load_diagonal(MINSTR* str) {
 
 int znlpclo(MINSTR* str) {
   if (str->clod != 0) xexit(EXIT_INCONSISTENT, 0);
-  read_head(str);
+  if (str->utquad != nullptr) read_head(str);
   long failed = 0;
   switch (str->hfrm) {
     case PACKED:
@@ -222,6 +193,38 @@ int znlpclo(MINSTR* str) {
       xexit(EXIT_INCONSISTENT, 0);
   }
   return failed == 0 ? 0 : -1;
+}
+
+// ---- Products and sizes
+// --------------------------------------------------------------------------
+
+// Row by row, in the one order of sums for memory and file.
+static void multiply_packed(MINSTR* str, const double* v, double* product) {
+  vzfdl(0.0, product, str->nvar);
+  if (str->utquad != nullptr) read_head(str);
+  for (long i = 0; i < str->nvar; ++i) {
+    const double* row = packed_row(str, i);
+    zvxay11(i, product, v[i], row);
+    product[i] += zvdot11(i + 1, row, v);
+  }
+}
+
+void quadratic_product(MINSTR* str, const double* v, double* product) {
+  if (str->hfrm == PACKED && (str->utquad != nullptr || is_barrier(str))) {
+    multiply_packed(str, v, product);
+  } else {
+    znlpmul(str, str->hfrm, str->nvar, nullptr, str->hess, v, product);
+  }
+}
+
+double largest_diagonal(MINSTR* str) {
+  if (str->hfrm != PACKED) return zvamx(str->nvar, str->hess);
+  double largest = 0.0;
+  if (str->utquad != nullptr) read_head(str);
+  for (long i = 0; i < str->nvar; ++i) {
+    largest = std::max(largest, std::fabs(packed_row(str, i)[i]));
+  }
+  return largest;
 }
 
 }  // namespace tqnlp

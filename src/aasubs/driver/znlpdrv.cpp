@@ -15,6 +15,7 @@
 
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpftr.h"
 #include "aasubs/derivatives/znlpchd.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/direct/znlpcob.h"
@@ -28,6 +29,7 @@
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/newton/znlptre.h"
 #include "aasubs/post/stop_analysis.h"
+#include "aasubs/quadratic/znlpqar.h"
 #include "aasubs/quadratic/znlpqas.h"
 #include "aasubs/quasinewton/znlpcog.h"
 #include "aasubs/quasinewton/znlpddl.h"
@@ -76,7 +78,7 @@ static Callback technique_code(const MINSTR* str) {
     case NMSIM2:
       return znlpnm2;
     case QUADAS:
-      return znlpqas;
+      return str->vers == BARRIER_FORM ? znlpqar : znlpqas;
     case VMCWD:
       return znlpvmc;
     default:
@@ -84,11 +86,7 @@ static Callback technique_code(const MINSTR* str) {
   }
 }
 
-static constexpr int BARRIER_FORM = 1;  // vers
-
 bool technique_is_built(const MINSTR* str) {
-  // The barrier form of QUADAS is another technique under the same number.
-  if (str->tech == QUADAS && str->vers == BARRIER_FORM) return false;
   // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
   return !is_technique(str->tech) || technique_code(str) != nullptr || str->tech == NO_TECHNIQUE ||
          str->tech == OLDRAP;
@@ -191,8 +189,11 @@ static bool estimate_intervals(MINSTR* str) {
 
 // Rebuilds the frame of the working set for a report; multipliers 1 first form, 2 second form.
 static void rebuild_frame(MINSTR* str, int multipliers) {
-  if (str->opro == 2) service_is_absent("The range-space frame");
-  if (str->opro != 0) znlpfta(str, 0, multipliers, 0, nullptr, nullptr, nullptr);
+  if (in_range_space(str)) {
+    znlpftr(str, 0, 1, nullptr);  // with the identity for a factor, which the run may not have yet
+  } else if (str->opro != 0) {
+    znlpfta(str, 0, multipliers, 0, nullptr, nullptr, nullptr);
+  }
 }
 
 // ---- Job 1: prepare -----------------------------------------------------------------------------
@@ -221,8 +222,7 @@ static int give_up_feasibility(MINSTR* str) {
 static int make_start_feasible(MINSTR* str) {
   if (str->bounds == 0 && str->lincon == 0) return 0;
   std::copy_n(str->x, str->nvar, str->xold);
-  if (str->opro == 2) service_is_absent("The range-space frame");
-  const int result = znlpfea(str, 2);
+  const int result = make_feasible(str, 2);
   // A repair of enormous numbers may overflow, and takes the outcome for feasible.
   const bool finite =
       std::all_of(str->x, str->x + str->nvar, [](double x) { return std::isfinite(x); });

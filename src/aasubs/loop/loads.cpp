@@ -6,6 +6,7 @@
 
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpftr.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
@@ -101,7 +102,7 @@ void revise_working_set(MINSTR* str, int job, bool second_form, double* ches) {
 
 Next keep_feasible(MINSTR* str, int* ij) {
   if (!has_constraints(str) || znlpfch(str, 0, 0, str->ipre) == 0) return Next::go_on;
-  if (znlpfea(str, -1) < 0) {
+  if (make_feasible(str, -1) < 0) {
     *ij = -6;
     return Next::finish;
   }

@@ -211,8 +211,8 @@ struct MINSTR {
   double* qlcn;  // n x n, stride n; orthogonal factor Q of the active constraints
   double* llcn;  // packed; triangular factor T, pivot first in each row
   double* lag2;  // multipliers of the second form
-  double* ywrk;  // n; one row in work of the range-space frame
-  double* uvwg;  // 4n; range-space frame
+  double* ywrk;  // 4n; one row in work of the range-space frame
+  double* uvwg;  // solved gradients and triangle of the range-space frame
   const char* cnam;  // constraint names; null
   double* fcon;      // nnlc; nonlinear constraint values; COBYLA: ntco, of all constraints
   double* jcon;      // nnlc x n; their Jacobian; COBYLA: values at the vertices
@@ -355,6 +355,17 @@ constexpr int fidi_digit(int fidi, int k) {
   int power = 1;
   for (int i = 0; i < k; ++i) power *= 10;
   return fidi % (10 * power) / power;
+}
+
+// Does QUADAS run in its barrier form?
+inline bool is_barrier(const MINSTR* str) {
+  return str->tech == QUADAS && str->vers == BARRIER_FORM;
+}
+
+// Does the run keep its general constraints in the range-space frame? The barrier form has that
+// frame of its own, and opro stays 0.
+inline bool in_range_space(const MINSTR* str) {
+  return str->opro == 2 || (str->opro == 0 && is_barrier(str) && str->lincon != 0);
 }
 
 // Feasibility tolerance ceps * 10^jeps, formed by repeated multiplication as in every test.

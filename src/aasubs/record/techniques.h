@@ -45,6 +45,9 @@ constexpr const char* technique_name(int tech) {
 
 constexpr bool is_technique(int tech) { return technique_name(tech)[0] != 'U'; }
 
+// The value of vers for which QUADAS runs in its barrier form, another code under the same number.
+inline constexpr int BARRIER_FORM = 1;
+
 // The techniques that move a simplex of points; they have no gradient.
 constexpr bool is_simplex(int tech) { return tech == NMSIMP || tech == NMSIM2; }
 

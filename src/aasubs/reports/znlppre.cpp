@@ -348,9 +348,11 @@ void znlppre(MINSTR* str, int job, int pfun) {
   if (level >= WITH_CONSTRAINTS) write_constraints(str, job);
   // Without an objective and its gradient there are no multipliers and no projection to show.
   if (level < WITH_MULTIPLIERS || job == INFEASIBLE_START || wzmis(str->crit)) return;
-  if (str->opro == 0 || str->nabc + str->nalc == 0) return;
+  const bool range_space = in_range_space(str);
+  if ((str->opro == 0 && !range_space) || str->nabc + str->nalc == 0) return;
   write_multipliers(str);
-  write_projected_gradient(str);
+  // The range-space frame has no basis along which the gradient could be shown.
+  if (!range_space) write_projected_gradient(str);
 }
 
 }  // namespace tqnlp

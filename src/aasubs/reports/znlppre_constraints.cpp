@@ -286,7 +286,7 @@ void pricon3(MINSTR* str) {
 
 // Multiplier of constraint c (as in iact): missing when it is not active or has none.
 static double multiplier_of(const MINSTR* str, long c) {
-  if (str->opro == 0 || str->lagm == nullptr) return MISSING;
+  if ((str->opro == 0 && !in_range_space(str)) || str->lagm == nullptr) return MISSING;
   const long* end = str->iact + str->nalc;
   const long* place = std::find(static_cast<const long*>(str->iact), end, c);
   if (place == end) return MISSING;

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "aasubs/constraints/znlpftr.h"
 #include "kernels/matrices.h"
 #include "support/record.h"
 
@@ -140,6 +141,17 @@ inline Polyhedron make_polyhedron(unsigned seed) {
     p.rows.push_back(row);
   }
   return p;
+}
+
+// Arrays of the range-space frame, and the technique that has it.
+inline void give_range_space(TestRecord& r, Vec& room) {
+  const long n = r.nvar;
+  room.assign(frame_vectors(n, r.ncon) + FRAME_ROW_WORK * n, 0.0);
+  r.uvwg = room.data();
+  r.ywrk = r.uvwg + frame_vectors(n, r.ncon);
+  r.tech = QUADAS;
+  r.vers = BARRIER_FORM;
+  r.opro = 0;
 }
 
 }  // namespace tqnlp::test

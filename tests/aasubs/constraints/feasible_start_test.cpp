@@ -49,6 +49,12 @@ TEST(RandomPolyhedra, AreReachedByEveryRoad) {
     EXPECT_EQ(0, znlpfe1(phase_one.get(), seed % 4 < 2 ? 0 : 1, -1));
     for (TestRecord* each : {r.get(), phase_one.get()})
       EXPECT_LE(p.violation(each->point()), 1.001e-8);
+    const auto range = p.record();
+    Vec room;
+    give_range_space(*range, room);
+    const int range_rc = znlpfer(range.get());
+    EXPECT_TRUE(range_rc >= 0 && range_rc <= 2) << range_rc;
+    EXPECT_LE(p.violation(range->point()), 1.001e-8);
     if (seed % 2 == 0) continue;
     // The least-distance point is the solution of the quadratic problem (y - start)'(y - start).
     const auto least = p.record(), quadratic = p.record();
@@ -58,7 +64,11 @@ TEST(RandomPolyhedra, AreReachedByEveryRoad) {
     double size = 1.0;
     for (double& e : c) size = std::max(size, std::fabs(e *= -2.0));
     ASSERT_EQ(0, znlplcq(quadratic.get(), 1, 0, 2.0, c.data(), nullptr, nullptr));
-    for (long j = 0; j < p.n; ++j) EXPECT_NEAR(quadratic->x[j], least->x[j], 1e-6 * size);
+    for (long j = 0; j < p.n; ++j) {
+      EXPECT_NEAR(quadratic->x[j], least->x[j], 1e-6 * size);
+      // without bounds to clip to first, the same point again
+      EXPECT_TRUE(p.bounded || std::fabs(range->x[j] - least->x[j]) < 1e-6 * size);
+    }
   }
 }
 
@@ -77,6 +87,11 @@ TEST(RandomPolyhedra, ContradictionsAreFoundAndTheStartComesBack) {
     p.rows.push_back(against);
     const auto r = p.record();
     EXPECT_EQ(-2, znlpfea(r.get(), 2)) << "seed " << seed;
+    EXPECT_EQ(p.start, r->point());
+    Vec room;
+    give_range_space(*r, room);
+    r->ipre = 0;
+    EXPECT_EQ(-2, znlpfer(r.get())) << "seed " << seed;
     EXPECT_EQ(p.start, r->point());
   }
 }

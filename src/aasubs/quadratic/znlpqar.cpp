@@ -1,0 +1,699 @@
+// znlpqar: QUADratic Active set in the Range space (QUADAS, barrier form), technique 16 with
+// vers 1.
+//
+// Model      q(x) = c + g'x + x'Hx / 2 with H positive definite. On a working set the step d to the
+//            minimizer comes from the frame of znlpftr.h: d = -L^-T w, g'd = -w'w, d'Hd = w'w, so
+//            that the slope, the value after a step and the vectors themselves follow by formula.
+//            A constraint that cuts the step enters; at a minimizer the inequality with the most
+//            negative multiplier leaves.
+// Reference  Goldfarb and Idnani (1983), Mathematical Programming 27; Harris (1973), Mathematical
+//            Programming 5, for the ratio test; Bertsekas (1982), SIAM J. Control 20, for the step
+//            that is bent along the bounds
+// Reads      hess in the form hfrm or utquad, qvec, qcon, bounds, lincon, deat; termination group
+// Writes     x, crit, grad, gmax, pred, dfes, alfa, stub, chac, mini, counters; half, the frame
+// Work       wrk2 = product with H (n) | step along the bounds (n); what the frame uses
+// Ends       codes of uster; -1, -2, -6 failed loads; -2 H not positive definite (said in the log);
+//            -5 no step
+//
+//   1  load function, gradient, factor and frame at the start or restart point
+//   2  direction; at a minimizer of the working set a constraint leaves
+//   3  ratio test; a step of length zero only changes the working set, and is no iteration
+//   4  step, bent along the bounds where it gains; gradient and value by formula
+//   5  the true value: where the formula has lost it, a restart from the last point
+//   6  change of the working set, termination test
+//
+// The termination test sees chac nonzero, and tests no criterion, until x is a minimizer on its
+// working set and no constraint wants to leave it.
+#include "aasubs/quadratic/znlpqar.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "aasubs/constraints/members.h"
+#include "aasubs/constraints/znlpba0.h"
+#include "aasubs/constraints/znlpba1.h"
+#include "aasubs/constraints/znlpbas.h"
+#include "aasubs/constraints/znlpftr.h"
+#include "aasubs/loop/loads.h"
+#include "host/log.h"
+#include "kernels/vector.h"
+
+namespace tqnlp {
+
+static constexpr double MULTIPLIER_ZERO = 1e-10;  // of the gradient's size
+static constexpr double NEGLIGIBLE_STEP = 1e-14;  // of the size of a parameter
+static constexpr double ROUNDING_SLOPE = 1e-11;   // of the lengths of row and step
+static constexpr double RATIO_TOLERANCE = 1e-4;   // of the feasibility tolerance, for rows
+static constexpr double BOUND_ROUNDING = 10.0 * EPS;
+static constexpr double RELAXATION = 0.1;              // the same, of rows at a degenerate point
+static constexpr long FIRST_RELAXED = 20;              // change of the working set in place
+static constexpr double ROUNDING_LENGTH = 10.0 * EPS;  // of w, against u
+static constexpr double ENOUGH_DECREASE = 1e-4;        // of the slope, along a bent step
+static constexpr double LOST_VALUE = 1e-6;             // rise of the true value, of its size
+static constexpr int MOST_BENDS = 4;                   // lengths tried along the bounds
+static constexpr int MOST_REFINEMENTS = 2;             // full steps on one working set
+static constexpr int MOST_SKIPPED = 8;                 // constraints that a working set cannot take
+
+// What the iterations of one run share.
+struct BarrierRun {
+  int ij = 0;                  // code in hand
+  double hessian_size = 0.0;   // largest element of H
+  double gradient_size = 0.0;  // largest of what the gradient is the sum of
+  double value_size = 0.0;     // the same for the objective
+  double deat = 0.0;           // the user's
+  int full_steps = 0;          // to the minimizer, on this working set
+  bool fresh = false;          // do grad and u, v, w come from x itself?
+  bool restored = false;       // were the rows satisfied exactly on this working set?
+  bool blocks = true;          // may several bounds leave at once?
+  bool relaxed = false;        // do rows give way?
+  bool broken = false;         // the factor of the free parameters failed
+  long idle = 0;               // changes of the working set since x moved
+  bool untested = false;       // has the termination test not yet looked at x as a solution?
+  unsigned lots = 1;
+  int skipped_count = 0;
+  Member skipped[MOST_SKIPPED];  // depend on the members, by rounding
+  RestartGuard guard;
+};
+
+static double* product_room(const MINSTR* str) { return str->wrk2; }
+static double* bent_room(const MINSTR* str) { return str->wrk2 + str->nvar; }
+
+// Changes in place that come to no end. Rows then give way by random parts of the tolerance of
+// feasibility: no more than as many constraints as parameters meet in a point now, so that steps
+// have a length and the objective falls. Bounds, which are independent, stay. The rows that hold at
+// the solution are satisfied exactly there.
+static double relaxation(const MINSTR* str, const BarrierRun& run, long i) {
+  if (!run.relaxed) return 0.0;
+  const unsigned hash = (static_cast<unsigned>(i) + 1U) * 2654435761U;
+  const double share = 0.1 + 0.9 * static_cast<double>(hash >> 8U) / 16777216.0;
+  return share * RELAXATION * feasibility_tolerance(str, str->ipre);
+}
+
+// More of them: not the best candidate leaves and enters, but any, which breaks the rule
+// by which a cycle goes round.
+static bool cycling(const MINSTR* str, const BarrierRun& run) { return run.idle > str->nvar; }
+
+static double lot(BarrierRun& run) {
+  run.lots = run.lots * 1664525U + 1013904223U;
+  return static_cast<double>(run.lots >> 8U) + 1.0;
+}
+
+static bool exhausted(const MINSTR* str, const BarrierRun& run) {
+  return run.broken || run.idle > 100 + 20 * (str->nvar + str->ncon);
+}
+
+// ---- The quadratic ------------------------------------------------------------------------------
+
+// Product of H with x on the free parameters, plus g: the gradient at x.
+static void product_on_free(MINSTR* str, double* gradient) {
+  double* free_part = bent_room(str);
+  vzfdl(0.0, free_part, str->nvar);
+  if (has_constraints(str)) {
+    for (long l = 0; l < free_count(str); ++l) free_part[str->ifxr[l]] = str->x[str->ifxr[l]];
+  } else {
+    std::copy_n(str->x, str->nvar, free_part);
+  }
+  quadratic_product(str, free_part, gradient);
+  zvxay11(str->nvar, gradient, 1.0, frame_g(str));
+}
+
+// The true value at x, into crit: c + (q + gradient)'x / 2. job nonzero: the gradient at x stands
+// in product_room. False when it is no number.
+static bool fqad(MINSTR* str, int job) {
+  const long n = str->nvar;
+  double* gradient = product_room(str);
+  if (job == 0) product_on_free(str, gradient);
+  const double linear = zvdot11(n, str->qvec, str->x);
+  str->crit = str->qcon + 0.5 * (linear + zvdot11(n, gradient, str->x));
+  str->func[0] = str->crit;
+  return std::isfinite(str->crit);
+}
+
+// The true gradient; job as above.
+static void gqad(MINSTR* str, int job) {
+  if (job == 0) product_on_free(str, product_room(str));
+  std::copy_n(product_room(str), str->nvar, str->grad);
+}
+
+// The gradient after the step alfa sdir.
+static void znlpggn(MINSTR* str, double alfa) {
+  quadratic_product(str, str->sdir, product_room(str));
+  zvxay11(str->nvar, str->grad, alfa, product_room(str));
+}
+
+// Sizes against which rounding is judged.
+static void measure_point(MINSTR* str, BarrierRun& run) {
+  const double of_product = run.hessian_size * zvamx(str->nvar, str->x);
+  run.gradient_size = TINY;
+  run.value_size = std::fabs(str->crit);
+  for (long j = 0; j < str->nvar; ++j) {
+    const double size = std::max(of_product, std::fabs(str->qvec[j]));
+    run.gradient_size = std::max(run.gradient_size, size);
+    run.value_size += std::fabs(str->x[j]) * size;
+  }
+}
+
+static double value_rounding(const MINSTR* str, const BarrierRun& run) {
+  return (10.0 + static_cast<double>(str->nvar)) * EPS * run.value_size;
+}
+
+// ---- The working set ----------------------------------------------------------------------------
+
+static void set_changed(MINSTR* str, BarrierRun& run, int status) {
+  run.full_steps = 0;
+  run.skipped_count = 0;
+  run.restored = false;
+  if (status < 0) run.broken = true;
+  if (has_constraints(str)) forget_deferred(str);
+}
+
+// Gradient, u, v, w from x itself.
+static void refresh(MINSTR* str, BarrierRun& run) {
+  if (run.fresh) return;
+  gqad(str, 0);
+  inuvwg(str, str->half);
+  run.fresh = true;
+}
+
+static bool is_skipped(const BarrierRun& run, const Member& m) {
+  return std::any_of(run.skipped, run.skipped + run.skipped_count,
+                     [&m](const Member& s) { return s.koc == m.koc && s.ic == m.ic; });
+}
+
+// A constraint that cut the step enters. One that depends on the members, which its slope says it
+// does by rounding alone, is left out until the set changes.
+static void enter(MINSTR* str, BarrierRun& run, const Member& m, double alfa) {
+  if (m.koc != 0) {
+    str->x[m.ic] = bound_value(str, m.ic, m.koc);
+    gqad(str, 0);
+  }
+  const int status = znlpupr(str, 0, m.koc, m.ic, alfa, str->half);
+  if (status == 1) {
+    if (m.koc == 0) frame_advance(str, alfa);
+    if (run.skipped_count == MOST_SKIPPED) run.broken = true;
+    forget_deferred(str);
+    run.fresh = false;
+    if (!run.broken) run.skipped[run.skipped_count++] = m;
+    return;
+  }
+  ++str->chac;
+  run.fresh = m.koc != 0;
+  set_changed(str, run, status);
+}
+
+// All free parameters that stand on the bound to which the direction leads them. False: none.
+static bool enter_bounds(MINSTR* str, BarrierRun& run) {
+  long entered = 0;
+  for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
+    if (str->iabc[j] != 0 || str->sdir[j] == 0.0) continue;
+    const int koc = str->sdir[j] < 0.0 ? 1 : -1;
+    if (str->x[j] != bound_value(str, j, koc)) continue;
+    str->iabc[j] = koc;
+    ++entered;
+  }
+  if (entered == 0) return false;
+  str->nabc += entered;
+  str->chac += entered;
+  run.fresh = true;
+  set_changed(str, run, renew_frame(str, str->half));
+  return true;
+}
+
+// Bounds with the wrong sign leave together, as long as that does not lead to a step that is
+// blocked at once.
+static bool release_bounds(MINSTR* str, BarrierRun& run) {
+  long left = 0;
+  for (long i = 0; i < str->nabc; ++i) {
+    const long j = str->ifxr[free_count(str) + i];
+    if (str->iabc[j] == 2 || !(str->lagm[i] < -str->deat)) continue;
+    str->iabc[j] = 0;
+    ++left;
+  }
+  if (left == 0) return false;
+  str->nabc -= left;
+  int status = renew_frame(str, str->half);
+  if (status == 0 && str->nldc > 0) status = std::min(znlpldr(str, str->half), 0);
+  set_changed(str, run, status);
+  return true;
+}
+
+// The member whose multiplier, for a gradient of unit length, is the most negative; of a cycle any.
+static bool release_scaled(MINSTR* str, BarrierRun& run) {
+  double highest = 0.0;
+  Member worst;
+  for (long i = 0; i < str->nabc + str->nalc; ++i) {
+    const Member m = member(str, i);
+    if (!may_leave(str, m) || !(str->lagm[i] < 0.0)) continue;
+    const double length = m.koc != 0 ? 1.0 : zvenorm(str->nvar, 1, gradient_of(str, m));
+    const double lambda = length * str->lagm[i];
+    if (!(lambda < -str->deat)) continue;
+    const double worth = cycling(str, run) ? lot(run) : -lambda;
+    if (worth <= highest) continue;
+    worst = m;
+    highest = worth;
+  }
+  if (worst.ic < 0) return false;
+  int status = znlpdor(str, worst.koc, worst.ic, 0.0, str->half);
+  if (status == 0 && str->nldc > 0) status = std::min(znlpldr(str, str->half), 0);
+  set_changed(str, run, status);
+  return true;
+}
+
+static bool release_one(MINSTR* str, BarrierRun& run) {
+  if (!cycling(str, run)) {
+    const int status = znlpdar(str, 0.0, str->half);
+    if (status != 0) {
+      set_changed(str, run, status);
+      return true;
+    }
+  }
+  return release_scaled(str, run);
+}
+
+// At a minimizer of the working set: what wants to leave it, leaves. False: nothing does.
+static bool release(MINSTR* str, BarrierRun& run) {
+  refresh(str, run);
+  frame_projection(str);
+  if (str->nabc + str->nalc == 0) return false;
+  str->mini = static_cast<long>(str->nitr);
+  if (wzmis(run.deat) || run.deat <= 0.0) str->deat = MULTIPLIER_ZERO * run.gradient_size;
+  const bool block = run.blocks && run.idle == 0;
+  if (!(block && release_bounds(str, run)) && !release_one(str, run)) return false;
+  str->chac = -1;
+  frame_projection(str);
+  return true;
+}
+
+// ---- Direction and ratio test -------------------------------------------------------------------
+
+static bool moves(const MINSTR* str, double length, double least) {
+  for (long j = 0; j < str->nvar; ++j) {
+    const double size = std::max(1.0, std::fabs(str->x[j]));
+    if (std::fabs(length * str->sdir[j]) > least * size) return true;
+  }
+  return false;
+}
+
+// False: x is a minimizer on the working set.
+static bool choose_direction(MINSTR* str, BarrierRun& run) {
+  if (free_count(str) <= str->nalc || run.full_steps >= MOST_REFINEMENTS) return false;
+  const double length = zvenorm(str->nvar, 1, frame_w(str));
+  str->pred = length < ROOT_HUGE ? 0.5 * length * length : HUGE_VALUE;
+  if (length <= ROUNDING_LENGTH * zvenorm(str->nvar, 1, frame_u(str))) return false;
+  frame_direction(str, str->half);
+  return str->pred > SMALLEST_TOLERANCE && moves(str, 1.0, NEGLIGIBLE_STEP);
+}
+
+namespace {
+
+// One constraint that the direction approaches.
+struct Approach {
+  Member m;
+  double slope;      // n'd, negative
+  double steepness;  // against the length of n
+  double residual;
+  double tolerance;
+};
+
+}  // namespace
+
+static double row_length(MINSTR* str, long i) {
+  double* row = str->awrk;
+  str->acget(str, i, row);
+  return zvenorm(str->nvar, 1, row);
+}
+
+template <class Visit>
+static void visit_bounds(const MINSTR* str, const BarrierRun& run, double length, Visit visit) {
+  for (long l = 0; str->bounds != 0 && l < free_count(str); ++l) {
+    const long j = str->ifxr[l];
+    const double d = str->sdir[j];
+    if (!(std::fabs(d) > ROUNDING_SLOPE * length)) continue;
+    const Member m{d < 0.0 ? 1 : -1, j};
+    const double bound = bound_value(str, j, m.koc);
+    if (!lower_exists(bound) || !upper_exists(bound) || is_skipped(run, m)) continue;
+    visit(Approach{m, -std::fabs(d), std::fabs(d), m.koc * (str->x[j] - bound),
+                   (std::fabs(bound) + 1.0) * BOUND_ROUNDING});
+  }
+}
+
+// Calls visit for every constraint outside the working set that the direction approaches.
+template <class Visit>
+static void visit_approached(MINSTR* str, const BarrierRun& run, Visit visit) {
+  const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, str->ipre);
+  const double length = zvenorm(str->nvar, 1, str->sdir);
+  visit_bounds(str, run, length, visit);
+  if (str->lincon == 0) return;
+  long* is_member = str->liwk;
+  std::fill_n(is_member, str->ncon, 0L);
+  for (long k = 0; k < str->nalc; ++k) is_member[str->iact[k]] = 1;
+  for (long i = str->neqc; i < str->ncon; ++i) {
+    if (is_member[i] != 0 || is_skipped(run, {0, i})) continue;
+    const double slope = row_product(str, i, str->sdir);
+    if (!(slope < 0.0)) continue;
+    const double norm = row_length(str, i);
+    if (!(slope < -ROUNDING_SLOPE * norm * length)) continue;
+    const double scale = std::fabs(str->blcn[i]) + 1.0;
+    const double residual = row_product(str, i, str->x) - str->blcn[i];
+    const double room = residual + scale * relaxation(str, run, i);
+    visit(Approach{{0, i}, slope, -slope / norm, room, scale * eps});
+  }
+}
+
+// Ratio test: the largest step up to 1 in stub, and the constraint that stops it (ic -1: none). Of
+// those met within a tolerance the one that the direction meets most steeply, which keeps the
+// members well conditioned where many constraints meet.
+static Member stepl(MINSTR* str, BarrierRun& run) {
+  double reach = 1.0;
+  visit_approached(str, run, [&reach](const Approach& a) {
+    reach = std::min(reach, std::max(a.residual + a.tolerance, 0.0) / -a.slope);
+  });
+  Member met;
+  double highest = 0.0;
+  str->stub = 1.0;
+  if (!(reach < 1.0)) return met;
+  visit_approached(str, run, [&](const Approach& a) {
+    const double step = std::max(a.residual, 0.0) / -a.slope;
+    if (step > reach) return;
+    const double worth = cycling(str, run) ? lot(run) : a.steepness;
+    if (worth <= highest) return;
+    met = a.m;
+    highest = worth;
+    str->stub = step;
+  });
+  return met;
+}
+
+// ---- The step -----------------------------------------------------------------------------------
+
+static void clamp_free(MINSTR* str) {
+  for (long l = 0; str->bounds != 0 && l < free_count(str); ++l) {
+    const long j = str->ifxr[l];
+    str->x[j] = std::clamp(str->x[j], str->lb[j], str->ub[j]);
+  }
+}
+
+static void count_evaluations(MINSTR* str) {
+  ++str->nfct;
+  ++str->ngrd;
+}
+
+// x, gradient and value after the step alfa sdir, by formula: the value falls by the slope, and
+// rises by the curvature w'w.
+static void fgupd(MINSTR* str, double alfa) {
+  str->alfa = alfa;
+  zvaxpy(str->x, str->sdir, str->xold, str->nvar, alfa);
+  clamp_free(str);
+  znlpggn(str, alfa);
+  count_evaluations(str);
+  const double length = alfa * zvenorm(str->nvar, 1, frame_w(str));
+  const double square = length < ROOT_HUGE ? 0.5 * length * length : HUGE_VALUE;
+  str->crit = str->crit - 2.0 * alfa * str->pred;
+  str->crit += square;
+}
+
+// Does x satisfy all rows? Without a tolerance: this is for steps that could be others.
+static bool rows_hold(MINSTR* str) {
+  for (long i = 0; str->lincon != 0 && i < str->ncon; ++i) {
+    if (row_product(str, i, str->x) < str->blcn[i]) return false;
+  }
+  return true;
+}
+
+// x along the bent step of the given length; false when it leaves a row, or the quadratic does not
+// fall enough.
+static bool bend(MINSTR* str, double length) {
+  const long n = str->nvar;
+  double* step = bent_room(str);
+  zvaxpy(str->x, str->sdir, str->xold, n, length);
+  clamp_free(str);
+  if (!rows_hold(str)) return false;
+  for (long j = 0; j < n; ++j) step[j] = str->x[j] - str->xold[j];
+  const double slope = zvdot11(n, str->grad, step);
+  if (!(slope < 0.0)) return false;
+  quadratic_product(str, step, product_room(str));
+  const double change = slope + 0.5 * zvdot11(n, step, product_room(str));
+  if (!(change < ENOUGH_DECREASE * slope)) return false;
+  zvxay11(n, str->grad, 1.0, product_room(str));
+  str->crit += change;
+  str->alfa = length;
+  count_evaluations(str);
+  return true;
+}
+
+// The step bent along the bounds: true when it was taken. Otherwise all is as before.
+static bool take_bent_step(MINSTR* str, const BarrierRun& run) {
+  const bool rows = str->neqc > 0 || str->nalc > 0;  // a bent step would leave them
+  if (str->bounds == 0 || rows || !(str->stub < 1.0) || cycling(str, run)) return false;
+  double length = 1.0;
+  for (int k = 0; k < MOST_BENDS && length > str->stub; ++k, length *= 0.5) {
+    if (bend(str, length)) return true;
+  }
+  std::copy_n(str->xold, str->nvar, str->x);
+  return false;
+}
+
+// ---- Solutions ----------------------------------------------------------------------------------
+
+// Rows entered where they were met within tolerance. At a solution they are satisfied exactly, as
+// far as that keeps x feasible. True when x moved.
+static bool restore_members(MINSTR* str, BarrierRun& run) {
+  if (run.restored || str->nalc == 0) return false;
+  run.restored = true;
+  frame_correction(str, str->half);
+  if (!moves(str, 1.0, NEGLIGIBLE_STEP)) return false;
+  double* before = bent_room(str);
+  std::copy_n(str->x, str->nvar, before);
+  for (long j = 0; j < str->nvar; ++j) str->x[j] += str->sdir[j];
+  clamp_free(str);
+  if (znlpfch(str, 0, 0, str->ipre) != 0) {
+    std::copy_n(before, str->nvar, str->x);
+    return false;
+  }
+  fqad(str, 0);
+  gqad(str, 1);
+  inuvwg(str, str->half);
+  frame_projection(str);
+  str->cold = str->crit;
+  run.full_steps = 0;
+  return true;
+}
+
+// Nothing moves and nothing wants to leave: only the tolerances are left to say so. Asked again,
+// the test compares x with itself; if not even that ends the run, nothing will.
+static Next at_solution(MINSTR* str, BarrierRun& run) {
+  static constexpr int WITHOUT_HISTORY = 2;
+  str->chac = 0;
+  if (!run.untested) start_iteration(str);
+  const bool last_word = !run.untested;
+  run.untested = false;
+  run.ij = str->uster(str, WITHOUT_HISTORY);
+  if (run.ij != 0) return Next::stop;
+  if (!last_word) return Next::solve_again;
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// ---- One iteration ------------------------------------------------------------------------------
+
+// Changes the working set at x until a direction is found that the members allow, or x is a
+// solution. go_on: direction, stub and, if one blocks, the constraint met.
+static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
+  for (; !exhausted(str, run); ++run.idle) {
+    if (run.idle >= FIRST_RELAXED) run.relaxed = true;
+    if (choose_direction(str, run)) {
+      *met = stepl(str, run);
+      if (met->ic < 0 || moves(str, str->stub, 10.0 * NEGLIGIBLE_STEP)) return Next::go_on;
+      // a step of length zero: of several bounds that left together one should have stayed
+      run.untested = true;
+      run.blocks = false;
+      if (!enter_bounds(str, run)) enter(str, run, *met, 0.0);
+    } else if (release(str, run)) {
+      run.untested = true;
+    } else if (!restore_members(str, run)) {
+      return at_solution(str, run);
+    }
+  }
+  run.ij = NO_PROGRESS;
+  return Next::finish;
+}
+
+// The true value against the one by formula. False: the formula has lost it, and x is the last
+// point again. A rise that is rounding counts as no change, by way of cold.
+static bool check_value(MINSTR* str, const BarrierRun& run) {
+  const bool finite = fqad(str, 0);
+  str->dfes = str->cold - str->crit;
+  if (!finite || str->dfes < -LOST_VALUE * std::max(1.0, std::fabs(str->cold))) {
+    return_to_xold(str);
+    return false;
+  }
+  if (str->dfes < 0.0 && str->dfes >= -value_rounding(str, run)) {
+    str->cold = str->crit;
+    str->dfes = 0.0;
+  }
+  gqad(str, 1);
+  return true;
+}
+
+// The frame at the new point, and chac, which tells the termination test whether x is the minimizer
+// on the working set.
+static void revise_set(MINSTR* str, BarrierRun& run, const Member& met, bool bent) {
+  bool minimizer = false;
+  if (bent) {
+    run.fresh = true;
+    if (!enter_bounds(str, run)) inuvwg(str, str->half);
+  } else if (met.ic >= 0) {
+    run.fresh = false;
+    enter(str, run, met, str->alfa);
+  } else {
+    inuvwg(str, str->half);
+    run.fresh = true;
+    minimizer = true;
+    ++run.full_steps;
+  }
+  frame_projection(str);
+  if (!minimizer && free_count(str) > str->nalc) {
+    if (str->chac == 0) str->chac = 1;
+  } else if (!release(str, run) && restore_members(str, run)) {
+    str->chac = 1;
+  }
+}
+
+static Next one_iteration(MINSTR* str, BarrierRun& run) {
+  Member met;
+  Next next = settle(str, run, &met);
+  if (next != Next::go_on) return next == Next::solve_again ? Next::go_on : next;
+  start_iteration(str);
+  str->chac = 0;
+  const bool bent = take_bent_step(str, run);
+  if (!bent) fgupd(str, str->stub);
+  str->nitr += 1.0;
+  if (!check_value(str, run)) {
+    if (str->itre > 0) return Next::restart;
+    run.ij = -2;
+    return Next::leave;
+  }
+  run.idle = 0;
+  measure_point(str, run);
+  revise_set(str, run, met, bent);
+  next = keep_feasible(str, &run.ij);
+  if (next != Next::go_on) return next;
+  ++str->itre;
+  run.untested = str->chac != 0;
+  // A vertex that is to be left, though a constraint that waited has entered for the one that left:
+  // the termination test would take it for the end.
+  if (str->chac != 0 && free_count(str) <= str->nalc) return Next::go_on;
+  run.ij = str->uster(str, TEST_ITERATION);
+  return run.ij == 0 ? Next::go_on : Next::stop;
+}
+
+// ---- The technique ------------------------------------------------------------------------------
+
+static Next refuse_matrix(MINSTR* str, BarrierRun& run) {
+  static constexpr int NOT_DEFINITE = 145;
+  xpmlog(OPTIMIZATION, NOT_DEFINITE);
+  if (str->dbug != 0.0) xpmout(OPTIMIZATION, NOT_DEFINITE);
+  run.ij = -2;
+  return Next::leave;
+}
+
+// Notes what is active at x. An inequality at some distance, though within the tolerance of
+// feasibility, does not count: with a large right side that may be a long way. False: x is not
+// feasible.
+static bool note_active(MINSTR* str) {
+  for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
+    if (str->iabc[j] != 2) str->iabc[j] = 0;
+  }
+  str->nalc = str->nabc = str->nldc = str->nlbc = 0;
+  if (znlpfch(str, 1, 0, str->ipre) != 0) return false;
+  const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, str->ipre);
+  const auto stands_off = [str, eps](long i) {
+    const double side = str->blcn[i];
+    return i >= str->neqc && row_product(str, i, str->x) - side > (std::fabs(side) + 1.0) * eps;
+  };
+  str->nalc = std::remove_if(str->iact, str->iact + str->nalc, stands_off) - str->iact;
+  return true;
+}
+
+// Is H positive definite on all parameters that are not fixed? Whatever the working set is, its
+// factor then exists.
+static bool matrix_is_definite(MINSTR* str) {
+  if (str->bounds == 0) return true;  // the frame itself tells
+  str->nabc = 0;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (str->iabc[j] != 2) str->iabc[j] = 0;
+    if (str->iabc[j] == 2) ++str->nabc;
+  }
+  const bool definite = znlpinc(str, 1) == 0;
+  note_active(str);
+  return definite;
+}
+
+// Parameters that stand on their bounds within tolerance stand there exactly from here on, unless
+// that breaks a row.
+static void settle_on_bounds(MINSTR* str) {
+  double* before = bent_room(str);
+  std::copy_n(str->x, str->nvar, before);
+  for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) {
+    if (str->iabc[j] != 0) str->x[j] = bound_value(str, j, str->iabc[j]);
+  }
+  if (str->lincon != 0 && znlpfch(str, 0, 0, str->ipre) != 0) {
+    std::copy_n(before, str->nvar, str->x);
+  }
+}
+
+// A feasible point, what is active there, function and gradient.
+static int load_point(MINSTR* str) {
+  if (has_constraints(str)) {
+    if (!note_active(str) && (make_feasible(str, -1) < 0 || !note_active(str))) return -6;
+    settle_on_bounds(str);
+  }
+  if (const int code = load_function(str); code != 0) return code;
+  return evaluate_gradient(str) ? 0 : -2;
+}
+
+static Next load_start(MINSTR* str, BarrierRun& run) {
+  const bool first = str->ires == 0 && str->nitr == 0.0;
+  open_restart(str);
+  run.ij = load_point(str);
+  if (run.ij != 0) return Next::leave;
+  if (!restart_makes_progress(str, run.guard)) {
+    run.ij = NO_PROGRESS;
+    return Next::finish;
+  }
+  if (first && !matrix_is_definite(str)) return refuse_matrix(str, run);
+  measure_point(str, run);
+  if (wzmis(run.deat) || run.deat <= 0.0) str->deat = MULTIPLIER_ZERO * run.gradient_size;
+  if (znlpftr(str, 1, 1, str->half) != 0) return refuse_matrix(str, run);
+  set_changed(str, run, 0);
+  run.fresh = true;
+  // A gradient of zero makes no solution: a multiplier may have the wrong sign.
+  const bool minimizer = !choose_direction(str, run) && !release(str, run);
+  run.untested = !minimizer;
+  if (!minimizer && str->chac == 0) str->chac = 1;
+  return Next::go_on;
+}
+
+static int end_stage(MINSTR* str, BarrierRun& run) {
+  return finish_run(str, run.ij, [](MINSTR* s) { return evaluate_gradient(s) ? 0 : -1; });
+}
+
+int znlpqar(MINSTR* str) {
+  open_run(str);
+  str->ngrd = 0;
+  str->idac = 0;
+  str->stub = HUGE_VALUE;
+  str->usclo = znlpclo;
+  BarrierRun run;
+  run.deat = str->deat;
+  run.hessian_size = largest_diagonal(str);
+  const double sing = str->sing;
+  // Definite is what rounding does not call into question, on whatever scale.
+  str->sing = 0.0;
+  const int code = technique_loop<BarrierRun>(str, run, {load_start, one_iteration, end_stage});
+  str->sing = sing;
+  str->deat = run.deat;
+  return code;
+}
+
+}  // namespace tqnlp
