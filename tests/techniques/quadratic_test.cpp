@@ -33,7 +33,7 @@ Matrix in_form(const Matrix& h, Form form) {
 constexpr double EITHER = 2, BARRIER = 1;  // element 6 of opt
 
 Outcome solve(const QuadraticProgram& q, Form form, bool maximize, double version = EITHER,
-              bool in_files = false, std::string* log = nullptr) {
+              bool in_files = false) {
   Matrix h = in_form(Matrix(q.p.n, q.p.n, q.h), form), linear = Matrix::col(q.linear);
   for (long k = 0; maximize && k < linear.size(); ++k) linear[k] = -linear[k];
   for (long k = 0; maximize && k < h.size(); ++k) {
