@@ -164,10 +164,21 @@ static void after_change(MINSTR* str, QuadraticRun& run, bool followed) {
 
 static constexpr int FACTOR = 1;  // form of ches
 
+// The parameter of a bound that was met within its tolerance goes onto it. Values and gradient
+// follow where that is more than rounding: a later step would otherwise seem to lead uphill.
+static void put_on_bound(MINSTR* str, const QuadraticRun& run, const Member& m) {
+  const double before = str->x[m.ic];
+  str->x[m.ic] = bound_value(str, m.ic, m.koc);
+  const double change = std::fabs((str->x[m.ic] - before) * str->grad[m.ic]);
+  if (!(change > value_rounding(str, run)) || !evaluate_objective(str)) return;
+  str->cold = std::max(str->cold, str->crit);
+  evaluate_gradient(str);
+}
+
 // A constraint that cut a step depends on the members by no more than a rounding tolerance, if at
 // all: its slope was clearly negative. It enters without the test then.
 static void enter_row(MINSTR* str, QuadraticRun& run, const Member& m) {
-  if (m.koc != 0) str->x[m.ic] = bound_value(str, m.ic, m.koc);
+  if (m.koc != 0) put_on_bound(str, run, m);
   double* ches = factor_to_update(str, run);
   const int trust = is_dependent(str, m) ? 1 : 0;
   znlpupd(str, 0, FACTOR, trust, m.koc, m.ic, nullptr, nullptr, ches);
@@ -480,7 +491,10 @@ static bool take_bent_step(MINSTR* str, QuadraticRun& run) {
 static bool take_step(MINSTR* str, QuadraticRun& run) {
   for (double alfa = std::min(run.natural, str->stub);; alfa *= CUT) {
     move_to(str, alfa);
-    if (value_falls(str, run, 0.0) && evaluate_gradient(str)) return true;
+    const bool lower = value_falls(str, run, 0.0) && evaluate_gradient(str);
+    // What was cut to rounding only seems to be lower.
+    const bool cut = alfa < std::min(run.natural, str->stub);
+    if (lower) return !cut || moves(str, alfa, 10.0 * NEGLIGIBLE_STEP);
     if (!(alfa > TINY && reldx(str->nvar, 1.0, str->x, str->xold) > EPS)) return false;
   }
 }
@@ -640,7 +654,7 @@ static void enter_at_once(MINSTR* str, QuadraticRun& run, const Member& met) {
   if (bounds_alone(str)) {
     run.single = run.longest_single;
     run.longest_single = std::min(2 * run.longest_single, str->nvar);
-    str->x[met.ic] = bound_value(str, met.ic, met.koc);
+    put_on_bound(str, run, met);
     if (cycling(str, run)) {
       str->iabc[met.ic] = met.koc;
       ++str->nabc;
@@ -658,7 +672,7 @@ static void enter_at_once(MINSTR* str, QuadraticRun& run, const Member& met) {
 // minimizer on it.
 static void revise_set(MINSTR* str, QuadraticRun& run, const Member& met, bool bent) {
   const bool blocked = met.ic >= 0 && !bent && str->alfa >= str->stub;
-  if (blocked && bounds_alone(str)) str->x[met.ic] = bound_value(str, met.ic, met.koc);
+  if (blocked && bounds_alone(str)) put_on_bound(str, run, met);
   if (blocked && !bounds_alone(str)) enter_row(str, run, met);
   if ((blocked || bent) && bounds_alone(str)) enter_bounds(str, run);
   if (blocked && bounds_alone(str)) {
@@ -693,6 +707,10 @@ static Next move_on(MINSTR* str, QuadraticRun& run, Member* met, bool* bent) {
     str->tbig = 0.0;
     if (run.course == Course::newton && -run.gs <= 100.0 * value_rounding(str, run)) {
       run.full_steps = MOST_REFINEMENTS;  // x is the minimizer, as far as values tell
+      continue;
+    }
+    if (met->ic >= 0 && !moves(str, length, LARGEST_CORRECTION)) {  // too short for values to tell
+      enter_at_once(str, run, *met);
       continue;
     }
     run.ij = NO_PROGRESS;
