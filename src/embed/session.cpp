@@ -164,12 +164,6 @@ static const char* meaning_of_exit(int code) {
   }
 }
 
-// A refusal of what is right and not built in is none of the caller's making.
-static bool is_not_built(const std::vector<LogRecord>& log) {
-  const int number = log.empty() || log.back().group != CALLING_SURFACE ? 0 : log.back().number;
-  return number == TECHNIQUE_NOT_BUILT || number == CONSTRAINTS_NOT_BUILT;
-}
-
 // The text with the warnings and errors of the call, each on a line of its own.
 static std::string with_log_lines(std::string text, const std::vector<LogRecord>& log) {
   for (const LogRecord& line : log)
@@ -342,10 +336,8 @@ std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> ar
   if (!outcome.refusal.empty())
     throw CallError(BAD_ARGUMENT, outcome.refusal, std::move(outcome.log));
   if (outcome.entry_code != 0) {
-    const char* meaning = is_not_built(outcome.log) ? "it asks for what is not built"
-                                                    : meaning_of_entry(outcome.entry_code);
-    const std::string text = name + " refused the call: " + meaning + " (code " +
-                             std::to_string(outcome.entry_code) + ")";
+    const std::string text = name + " refused the call: " + meaning_of_entry(outcome.entry_code) +
+                             " (code " + std::to_string(outcome.entry_code) + ")";
     const std::string lines = with_log_lines(text, outcome.log);
     throw CallError(outcome.entry_code, lines, std::move(outcome.log));
   }

@@ -34,12 +34,8 @@ struct FNCUSR {
 inline constexpr int ENTRY_DONE = 0;          // also when the run ended with a negative code
 inline constexpr int ENTRY_NO_MEMORY = 1;     // memory was refused
 inline constexpr int ENTRY_NO_MODULE = 3;     // a named module does not exist
-inline constexpr int ENTRY_BAD_ARGUMENT = 6;  // and what this version cannot do
+inline constexpr int ENTRY_BAD_ARGUMENT = 6;  // a number or shape that cannot be
 inline constexpr int ENTRY_NO_REPORT = 100;   // the report object could not be made or delivered
-
-// Messages of group 178 that refuse, under the code of a bad argument, what this version lacks.
-inline constexpr int CONSTRAINTS_NOT_BUILT = 184;
-inline constexpr int TECHNIQUE_NOT_BUILT = 199;
 
 // An entry: list of argument handles and their number. Returns one of the codes above, or the
 // nonzero status with which the host refused to prepare a module. On ENTRY_DONE result 1 is the

@@ -291,28 +291,6 @@ static int prepare_modules(MINSTR* str, const SubroutineRow& sub) {
   return 0;
 }
 
-// Does the subroutine run without its nonlinear constraints?
-static bool built_without_constraints(const MINSTR* str) {
-  MINSTR without = *str;
-  without.nlicon = 0;
-  return str->nlicon != 0 && technique_is_built(&without);
-}
-
-// What this version cannot do is refused before anything runs.
-static int refuse_what_is_not_built(MINSTR* str) {
-  static constexpr long WORDS = 80;
-  const ARGMTS* argm = str->secstr;
-  if (!technique_is_built(str)) {
-    char technique[WORDS];
-    xpmstr(technique, WORDS, OPTIMIZATION, technique_word(str));
-    const bool constraints = built_without_constraints(str);
-    xpmlog(CALLING_SURFACE, constraints ? CONSTRAINTS_NOT_BUILT : TECHNIQUE_NOT_BUILT,
-           {call_name(argm).text, technique});
-    return ENTRY_BAD_ARGUMENT;
-  }
-  return 0;
-}
-
 // Termination test, quasi-Newton update, line search, constraints.
 static void set_common_callbacks(MINSTR* str) {
   static constexpr int DFP = 2;
@@ -466,7 +444,6 @@ static int run_subroutine(const SubroutineRow& sub, TQLARG** arg, const long* to
   if (rc == 0) {
     sub.body->set_callbacks(&str);
     set_common_callbacks(&str);
-    rc = refuse_what_is_not_built(&str);
   }
   if (rc == 0) rc = run_call(&str, sub, nonzeros);
   return end_call(&str, &argm, outer, rc);

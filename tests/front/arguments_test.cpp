@@ -3,7 +3,6 @@
 
 #include <cstring>
 
-#include "aasubs/driver/znlpdrv.h"
 #include "front_call.h"
 #include "host/memory.h"
 #include "support/pages.h"
@@ -17,12 +16,6 @@ struct Entry {
   const char* name;
   TqxEntry entry;
   std::vector<Matrix> good;  // arguments that pass every check
-  int tech;                  // technique that they ask for
-  bool built() const {
-    MINSTR asked{};
-    asked.tech = tech;
-    return technique_is_built(&asked);
-  }
 };
 
 // A function, x0, five absent arguments or the number of functions and four, modules.
@@ -33,18 +26,17 @@ std::vector<Matrix> with(std::vector<Matrix> modules, Matrix third = NONE) {
 
 std::vector<Entry> entries() {
   const Matrix m = Matrix::row({2});  // number of functions
-  return {
-      {"NLPQUA", tqxqas, {Matrix(2, 2, {2, 0, 0, 2}), X, NONE, NONE, NONE, NONE, NONE, X}, QUADAS},
-      {"NLPNMS", tqxnms, with({"N"}), NMSIMP},
-      {"NLPVMC", tqxvmc, with({"G", "N", "J"}), VMCWD},
-      {"NLPCG", tqxcg, with({"G"}), CONGRA},
-      {"NLPQN", tqxqn, with({"G", "N", "J"}), QUANEW},
-      {"NLPDD", tqxdd, with({"G"}), DBLDOG},
-      {"NLPTR", tqxtr, with({"G", "H"}), TRUREG},
-      {"NLPNRA", tqxnra, with({"G", "H"}), NEWRAP},
-      {"NLPNRR", tqxnrr, with({"G", "H"}), NRRIDG},
-      {"NLPLM", tqxlm, with({"G"}, m), LEVMAR},
-      {"NLPHQN", tqxhqn, with({"G"}, m), HYQUAN}};
+  return {{"NLPQUA", tqxqas, {Matrix(2, 2, {2, 0, 0, 2}), X, NONE, NONE, NONE, NONE, NONE, X}},
+          {"NLPNMS", tqxnms, with({"N"})},
+          {"NLPVMC", tqxvmc, with({"G", "N", "J"})},
+          {"NLPCG", tqxcg, with({"G"})},
+          {"NLPQN", tqxqn, with({"G", "N", "J"})},
+          {"NLPDD", tqxdd, with({"G"})},
+          {"NLPTR", tqxtr, with({"G", "H"})},
+          {"NLPNRA", tqxnra, with({"G", "H"})},
+          {"NLPNRR", tqxnrr, with({"G", "H"})},
+          {"NLPLM", tqxlm, with({"G"}, m)},
+          {"NLPHQN", tqxhqn, with({"G"}, m)}};
 }
 
 void define_modules(Session& session) {
@@ -146,20 +138,15 @@ TEST(Arguments, GoodListsPass) {
     Session session;
     define_modules(session);
     const Answer answer = enter(session, entry.entry, entry.good);
-    EXPECT_EQ(answer.code, entry.built() ? 0 : 6);
-    EXPECT_EQ(std::count(answer.messages.begin(), answer.messages.end(), TECHNIQUE_NOT_BUILT),
-              entry.built() ? 0 : 1);
+    EXPECT_EQ(answer.code, 0);
     EXPECT_EQ(answer.blocks_left, 0);
     const std::string page = contents("docs/calling.md");
-    const std::size_t row = page.find(std::string("\n| `") + entry.name + "` | ");
-    ASSERT_NE(row, std::string::npos);
-    const std::string line = page.substr(row + 1, page.find('\n', row + 1) - row - 1);
-    EXPECT_EQ(line.ends_with("| arguments only |"), !entry.built()) << line;
+    EXPECT_NE(page.find(std::string("\n| `") + entry.name + "` | "), std::string::npos);
   }
 }
 
 // Remarks that do not refuse the call, the sparse form of NLPQUA, and the calls at a point: every
-// message of a call, in the order of the log (but for the one that a technique is not built).
+// message of a call, in the order of the log.
 TEST(Arguments, MessagesOfACallInOrder) {
   const Matrix sparse = Matrix::row({0, 0, 0, 0, 0, 0, 0, 0, 4});
   const Matrix constraints = Matrix::row({0, 0, 0, 0, 0, 0, 0, 0, 0, 3});
@@ -193,13 +180,8 @@ TEST(Arguments, MessagesOfACallInOrder) {
   for (const auto& c : cases) {
     Session session;
     define_modules(session);
-    Answer answer = enter(session, c.entry, c.arguments);
-    if (!answer.messages.empty() && answer.messages.back() == TECHNIQUE_NOT_BUILT) {
-      EXPECT_EQ(answer.code, 6);
-      answer.messages.pop_back();
-    } else {
-      EXPECT_EQ(answer.code, c.code);
-    }
+    const Answer answer = enter(session, c.entry, c.arguments);
+    EXPECT_EQ(answer.code, c.code);
     EXPECT_EQ(answer.messages, c.messages);
   }
 }

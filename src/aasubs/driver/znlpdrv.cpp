@@ -47,8 +47,8 @@ namespace tqnlp {
 
 // ---- Techniques ---------------------------------------------------------------------------------
 
-// The code of a technique; null for those that are not built, and for the two numbers of the list
-// that stand for no code at all.
+// The code of a technique; null for the two numbers of the list that stand for no code at all, and
+// for numbers that it does not hold: a run of them ends with code 0.
 static Callback technique_code(const MINSTR* str) {
   switch (str->tech) {
     case TRUREG:
@@ -86,17 +86,7 @@ static Callback technique_code(const MINSTR* str) {
   }
 }
 
-bool technique_is_built(const MINSTR* str) {
-  // OLDRAP has a name and no code: a run of it ends with code 0, and so does an unknown number.
-  return !is_technique(str->tech) || technique_code(str) != nullptr || str->tech == NO_TECHNIQUE ||
-         str->tech == OLDRAP;
-}
-
 static int run_technique(MINSTR* str) {
-  if (!technique_is_built(str)) {
-    xpslog("Technique %s is not part of this version.", technique_name(str->tech));
-    xexit(EXIT_INCONSISTENT, 0);
-  }
   const Callback technique = technique_code(str);
   const int code = technique != nullptr ? technique(str) : 0;
   // A technique that was told to start over hands that request back when the derivatives cannot be

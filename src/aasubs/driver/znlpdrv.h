@@ -14,7 +14,4 @@ int znlpdrv(MINSTR* str, int job, int pfun, int dtst, int ctst);
 // Handles a trapped math error: one line in the log, then resumes at the running record's mpin.
 int znlpmer(const WTMTHERR* x);
 
-// Can the driver run this technique? Entries refuse a call whose technique is not built in.
-bool technique_is_built(const MINSTR* str);
-
 }  // namespace tqnlp
