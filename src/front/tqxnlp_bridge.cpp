@@ -11,6 +11,9 @@
 #include <cmath>
 #include <iterator>
 
+#include "aasubs/setup/derivative_choice.h"
+#include "aasubs/setup/evaluations.h"
+#include "aasubs/setup/hessian_form.h"
 #include "aasubs/termination/znlptrm.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
@@ -210,19 +213,6 @@ static bool copy_and_look(long n, const double* from, double* to) {
   return total == 0.0;
 }
 
-static bool all_finite(long n, const double* values) {
-  static constexpr long SIDE_BY_SIDE = 8;
-  double sums[SIDE_BY_SIDE] = {};
-  long j = 0;
-  for (; j + SIDE_BY_SIDE <= n; j += SIDE_BY_SIDE) {
-    for (long k = 0; k < SIDE_BY_SIDE; ++k) sums[k] += 0.0 * values[j + k];
-  }
-  for (; j < n; ++j) sums[0] += 0.0 * values[j];
-  double total = 0.0;
-  for (double sum : sums) total += sum;
-  return total == 0.0;
-}
-
 // Copies x into the matrix that the module is given. False when x is no point: an element is not
 // finite, as after an overflow in a step. Modules that compare or clip would give a value there.
 static bool copy_point(const MINSTR* str, double* point) {
@@ -266,47 +256,13 @@ static void negate(double* values, long count) {
 
 // ---- Objective ----------------------------------------------------------------------------------
 
-// Euclidean norm of m function values, free of overflow and underflow: scale times the norm of the
-// scaled values. Values whose square, relative to the scale, does not change the sum
-// are left out, and the two factors of the result are multiplied only if that cannot overflow.
-static double norm_of_functions(long m, const double* f) {
-  static constexpr double LARGEST = HUGE_VALUE;
-  double scale = 0.0;
-  for (long i = 0; i < m; ++i) scale = std::max(scale, std::fabs(f[i]));
-  if (scale == 0.0) return 0.0;
-  const double guard = scale > 1.0 ? std::sqrt(scale) : scale;
-  double sum = 0.0;
-  for (long i = 0; i < m; ++i) {
-    const double size = std::fabs(f[i]);
-    const double ratio = size + guard == guard ? 0.0 : f[i] / scale;
-    if (ratio + 1.0 != 1.0) sum += ratio * ratio;
-  }
-  const double root = std::sqrt(sum);
-  const double small = std::min(root, scale);
-  const double large = std::max(root, scale);
-  if (large > ROOT_HUGE && small >= LARGEST / large) return LARGEST;
-  return small * large;
-}
-
-// Half the sum of squares of m functions. Returns 0, or 2 and 3 when squares would overflow.
-static int take_functions(MINSTR* str, long m, const double* values) {
-  std::copy_n(values, m, str->func);
-  for (long i = 0; i < m; ++i) {
-    if (std::fabs(str->func[i]) >= ROOT_HUGE) return RESIDUAL_TOO_LARGE;
-  }
-  const double norm = m == 1 ? std::fabs(str->func[0]) : norm_of_functions(m, str->func);
-  if (norm >= ROOT_HUGE) return NORM_TOO_LARGE;
-  str->crit = norm * 0.5 * norm;
-  return EVALUATED;
-}
-
 // Takes what the objective's module gave. Codes 2 and 3 leave the error flag as the last call left
 // it, and tbig set.
 static int take_objective(MINSTR* str, long m, const double* values) {
   ARGMTS* argm = str->secstr;
   int code = EVALUATED;
   if (str->lsqu != 0) {
-    code = take_functions(str, m, values);
+    code = half_sum_of_squares(m, values, str->func, &str->crit);
   } else if (std::isinf(values[0])) {
     // Too large to be compared or differenced, so that it counts as a failed evaluation.
     return end_evaluation(str, &argm->funer, EVALUATION_FAILED);

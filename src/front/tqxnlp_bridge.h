@@ -12,15 +12,14 @@
 #pragma once
 
 #include "aasubs/record/minstr.h"
+#include "aasubs/setup/evaluations.h"
 #include "front/argmts.h"
 
 namespace tqnlp {
 
-// Answers of bridge functions.
+// Answers of bridge functions, beside those of half_sum_of_squares.
 inline constexpr int EVALUATED = 0;
 inline constexpr int EVALUATION_NO_MEMORY = 1;  // the argument matrix could not be taken again
-inline constexpr int RESIDUAL_TOO_LARGE = 2;    // an element of func at or beyond ROOT_HUGE
-inline constexpr int NORM_TOO_LARGE = 3;        // the norm of func, or an element of J'J
 inline constexpr int EVALUATION_FAILED = -11;   // module failed, missing or infinite value, shape
 inline constexpr int HESSIAN_GRADIENT_FAILED = -2;  // nlphess: the gradient that goes with it
 inline constexpr int HESSIAN_NOT_USABLE = -3;       // nlphess: outside the pattern, or incomplete
@@ -96,12 +95,6 @@ inline bool hessian_by_rows(const ARGMTS* argm) { return argm->hrow != 0 && argm
 // that cannot be (logged); 1 when memory is refused.
 int nlphstr(MINSTR* str);
 
-// Elements of hess in the form in use.
-long hessian_length(const MINSTR* str);
-
-// Place of element (i, j), i not below j, in hess; -1 outside the pattern.
-long hessian_place(const MINSTR* str, long i, long j);
-
 // What is wrong with a row (i, j, value).
 enum class RowFault { none, outside, no_number, disagrees };
 struct RowsTaken {
@@ -136,27 +129,6 @@ int nlpfqad(MINSTR* str);
 int nlpgqad(MINSTR* str);
 
 // ---- Difference services ------------------------------------------------------------------------
-
-// What stands in for a module that is not given.
-struct DifferenceServices {
-  Callback gradient[2];             // forward, central
-  Callback jacobian[2];             // forward, central
-  Callback crossproduct[2];         // forward, central
-  Callback hessian[4];              // forward and central from functions, then from gradients
-  Callback constraint_jacobian[2];  // forward, central
-};
-extern const DifferenceServices DIFFERENCE_SERVICES;
-
-// Digits of fidi.
-inline constexpr int DIGIT_GRADIENT = 0;
-inline constexpr int DIGIT_JACOBIAN = 1;
-inline constexpr int DIGIT_CROSSPRODUCT = 2;
-inline constexpr int DIGIT_HESSIAN = 3;
-inline constexpr int DIGIT_CONSTRAINT_JACOBIAN = 4;
-
-// The service that a digit of fidi selects. For the Hessian, whether a gradient module is given
-// decides between the forms.
-Callback difference_service(const MINSTR* str, int digit);
 
 // Calls the service of a digit while function calls (for the Hessian gradient calls too) are not
 // counted. Returns 0, or -11 with tbig and *flag set.

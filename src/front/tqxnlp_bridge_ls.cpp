@@ -1,14 +1,14 @@
-// tqxnlp, the callback bridge for least squares and nonlinear constraints, and the one place where
-// the difference services are plugged in.
+// tqxnlp, the callback bridge for least squares and nonlinear constraints, and the differences that
+// stand in for a module.
 //
 // Least squares: the module "jac" gives the m x n Jacobian J of the functions; the gradient of half
 // the sum of squares is J'f. J itself stays where the module put it, for those who read the
 // Jacobian store, until the module runs again.
 #include <algorithm>
-#include <bit>
-#include <cstdint>
 
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/setup/derivative_choice.h"
+#include "aasubs/setup/evaluations.h"
 #include "front/tqxnlp_bridge.h"
 #include "kernels/crossproduct.h"
 
@@ -19,55 +19,16 @@ static constexpr int MESSAGE_MATRIX = 150;
 
 // ---- Difference services ------------------------------------------------------------------------
 
-// The one place to name them.
-const DifferenceServices DIFFERENCE_SERVICES = {
-    .gradient = {znlpfig, znlpfg2},
-    .jacobian = {znlpfij, znlpfj2},
-    .crossproduct = {znlpfic, znlpfc2},
-    .hessian = {znlpfih, znlpfh2, znlpfh3, znlpfh4},
-    .constraint_jacobian = {znlpfcj, znlpfcc},
-};
-
-Callback difference_service(const MINSTR* str, int digit) {
-  const DifferenceServices& services = DIFFERENCE_SERVICES;
-  const int value = fidi_digit(str->fidi, digit);
-  const int central = value == 1 ? 0 : 1;  // any other value means central differences
-  switch (digit) {
-    case DIGIT_GRADIENT:
-      return services.gradient[central];
-    case DIGIT_JACOBIAN:
-      return services.jacobian[central];
-    case DIGIT_CROSSPRODUCT:
-      return services.crossproduct[central];
-    case DIGIT_HESSIAN:
-      return str->secstr->igmod != 0 ? services.hessian[value == 3 ? 2 : 3]
-                                     : services.hessian[central];
-    default:
-      return services.constraint_jacobian[central];
-  }
-}
-
-// Are all exponents below the largest, that of infinities and NaN? By sums of bits, without a
-// branch for each of the many elements of a Jacobian.
-static bool all_finite(const double* values, long count) {
-  static constexpr std::uint64_t EXPONENT = 0x7FF0000000000000;
-  static constexpr std::uint64_t LOWEST_OF_IT = 0x0010000000000000;
-  std::uint64_t carries = 0;  // the sign bit: an exponent overflowed
-  for (long i = 0; i < count; ++i) {
-    carries |= (std::bit_cast<std::uint64_t>(values[i]) & EXPONENT) + LOWEST_OF_IT;
-  }
-  return (carries >> 63) == 0;
-}
-
 // A service may answer 0 and leave missing what it could not compute, from a point at a bound for
 // instance; and a quotient may overflow where no value did.
 static bool differences_finite(const MINSTR* str, int digit) {
-  return digit == DIGIT_CONSTRAINT_JACOBIAN ? all_finite(str->jcon, str->nnlc * str->nvar)
-                                            : all_finite(str->grad, str->nvar);
+  return digit == DIGIT_CONSTRAINT_JACOBIAN ? all_finite(str->nnlc * str->nvar, str->jcon)
+                                            : all_finite(str->nvar, str->grad);
 }
 
 int run_difference_service(MINSTR* str, int digit, int* flag) {
-  const Callback service = difference_service(str, digit);
+  const bool gradient_supplied = str->secstr->igmod != 0;
+  const Callback service = difference_service(str->fidi, digit, gradient_supplied);
   // Services nest: a Hessian's differences ask for gradients. The outer state comes back after.
   ARGMTS* argm = str->secstr;
   const short outer_functions = argm->dncf;
@@ -95,7 +56,7 @@ static int load_jacobian(MINSTR* str, int digit, int* flag, long* counter, doubl
   if (code != EVALUATED) return code;
   double* jacobian = argm->arg2.data;
   // A failure leaves the gradient as it was.
-  if (!all_finite(jacobian, str->mequ * str->nvar)) return module_failed(str, argm->ssgrd, flag);
+  if (!all_finite(str->mequ * str->nvar, jacobian)) return module_failed(str, argm->ssgrd, flag);
   crossproduct(str->mequ, str->nvar, jacobian, str->func, str->grad, packed);
   hold_jacobian(str, jacobian);
   return end_evaluation(str, flag, EVALUATED);
@@ -112,7 +73,7 @@ int nlpjacm(MINSTR* str) {
 int nlpcrpj(MINSTR* str) {
   ARGMTS* argm = str->secstr;
   const int code = load_jacobian(str, DIGIT_CROSSPRODUCT, &argm->cpjer, &str->nhes, str->hess);
-  if (code != EVALUATED || argm->igmod == 0 || all_finite(str->hess, str->nnva)) return code;
+  if (code != EVALUATED || argm->igmod == 0 || all_finite(str->nnva, str->hess)) return code;
   return end_evaluation(str, &argm->cpjer, NORM_TOO_LARGE);
 }
 

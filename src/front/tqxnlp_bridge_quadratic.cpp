@@ -10,8 +10,10 @@
 
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/post/znlpspm.h"
+#include "aasubs/setup/evaluations.h"
+#include "aasubs/setup/hessian_form.h"
+#include "aasubs/setup/run_arrays.h"
 #include "front/tqxnlp.h"
-#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
@@ -194,7 +196,7 @@ int prepare_quadratic(MINSTR* str) {
 int load_quadratic(MINSTR* str) {
   const ARGMTS* argm = str->secstr;
   const long n = str->nvar;
-  const bool in_file = matrix_in_file(str);
+  const bool in_file = matrix_in_file(str, argm->hrow != 0);
   if (argm->hrow == 0) {
     if (!in_file) load_dense(str);
   } else if (const int rc = load_rows(str); rc != 0) {
@@ -222,32 +224,21 @@ int load_quadratic(MINSTR* str) {
 
 // ---- Callbacks ----------------------------------------------------------------------------------
 
-static void multiply_at_x(MINSTR* str, double* product) { quadratic_product(str, str->x, product); }
-
 static int end_quadratic(MINSTR* str, bool good) {
   str->tbig = good ? 0.0 : 1.0;
   return good ? EVALUATED : EVALUATION_FAILED;
 }
 
 int nlpfqad(MINSTR* str) {
-  const long n = str->nvar;
   if (str->secstr->dncf == 0 && str->indf < GRADIENT_STEP) ++str->nfct;
-  double* product = str->qvec + n;
-  multiply_at_x(str, product);
-  const double linear = zvdot11(n, str->qvec, str->x);
-  const double square = 0.5 * zvdot11(n, product, str->x);
-  str->crit = str->func[0] = str->qcon + (linear + square);
+  str->crit = str->func[0] = quadratic_value(str);
   return end_quadratic(str, std::isfinite(str->crit));
 }
 
 int nlpgqad(MINSTR* str) {
-  const long n = str->nvar;
   if (str->secstr->dncg == 0) ++str->ngrd;
-  multiply_at_x(str, str->grad);
-  zvxay11(n, str->grad, 1.0, str->qvec);
-  const bool finite =
-      std::all_of(str->grad, str->grad + n, [](double g) { return std::isfinite(g); });
-  return end_quadratic(str, finite);
+  quadratic_gradient(str);
+  return end_quadratic(str, all_finite(str->nvar, str->grad));
 }
 
 }  // namespace tqnlp

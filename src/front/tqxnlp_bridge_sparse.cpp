@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "aasubs/post/znlpspm.h"
+#include "aasubs/setup/hessian_form.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
@@ -19,30 +20,6 @@ static constexpr int MESSAGE_MATRIX = 150;
 static constexpr int MESSAGE_OUTSIDE_PATTERN = 164;
 static constexpr int MESSAGE_NO_NUMBER = 206;
 static constexpr int MESSAGE_ROWS_DISAGREE = 207;
-
-static constexpr int SPARSE = 1;  // values of hfrm
-static constexpr int DIAGONAL = 2;
-
-long hessian_length(const MINSTR* str) {
-  switch (str->hfrm) {
-    case SPARSE:
-      return str->shes.mxja;
-    case DIAGONAL:
-      return str->nvar;
-    default:
-      return str->nnva;
-  }
-}
-
-long hessian_place(const MINSTR* str, long i, long j) {
-  if (str->hfrm == DIAGONAL) return i == j ? i : -1;
-  if (str->hfrm != SPARSE) return zisub(i, j);
-  if (i == j) return i;
-  const long* jasp = str->shes.jasp;
-  const long* last = jasp + jasp[i + 1];
-  const long* found = std::lower_bound(jasp + jasp[i], last, j);
-  return found == last || *found != j ? -1 : found - jasp;
-}
 
 // Names the row of the three-column form and the indices as the module gave them. A module that is
 // wrong in one call is so in the next: once is enough.

@@ -2,7 +2,7 @@
 //
 //   entry           begin_call        steps of the entry          deliver_report    end_call
 //   record          on the frame, zero-filled; the host's running record from begin to end
-//   arrays                            allocate_arrays                               release_arrays
+//   arrays                            take_arrays                                   release_arrays
 //   prepared calls                    setss                                         released
 //   report object   made              tables                      closed            closed if left
 //   current call    put aside                                                       put back
@@ -15,9 +15,10 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/setup/run_arrays.h"
 #include "front/tqxnlp.h"
-#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
+#include "front/tqxnlp_modules.h"
 #include "host/log.h"
 #include "host/memory.h"
 #include "host/process.h"
@@ -95,6 +96,18 @@ int make_row_result(int k, const double* values, long count) {
   }
   std::copy_n(values, count, result);
   return 0;
+}
+
+int take_arrays(MINSTR* str, long nonzeros) {
+  const ARGMTS* argm = str->secstr;
+  const FieldText name = call_name(argm);
+  return allocate_arrays(
+      str, {name.text, nonzeros, argm->igmod != 0, argm->hrow != 0, hessian_by_rows(argm)});
+}
+
+int take_matrices(MINSTR* str) {
+  const FieldText name = call_name(str->secstr);
+  return allocate_matrices(str, {name.text, 0, str->secstr->igmod != 0, true, false});
 }
 
 // A missing start value is 0, as the callers are told; an ordinary NaN counts as missing.

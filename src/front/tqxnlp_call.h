@@ -27,6 +27,12 @@ int end_call(MINSTR* str, ARGMTS* argm, const OuterCall& outer, int rc);
 // Result k of the call: a copy of count numbers as a row. Returns 0, or 1 when the host refuses.
 int make_row_result(int k, const double* values, long count);
 
+// The arrays of the run, and the matrices of a Hessian whose module gives rows (see
+// aasubs/setup/run_arrays.h). nonzeros: coefficients of the linear constraints, as getncon counted
+// them. Both return 0, or 1 when the host refuses memory.
+int take_arrays(MINSTR* str, long nonzeros);
+int take_matrices(MINSTR* str);
+
 // Copies x0 into x, a missing element as 0.
 void copy_start(MINSTR* str);
 

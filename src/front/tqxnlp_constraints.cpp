@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "aasubs/constraints/znlpba1.h"
+#include "aasubs/setup/constraint_rows.h"
 #include "front/tqxnlp_decode.h"
 #include "front/tqxnlp_modules.h"
 #include "host/log.h"
@@ -19,7 +19,6 @@ namespace tqnlp {
 
 // Bounds this close on the wrong side are made equal.
 static constexpr double CROSSING_FACTOR = 1.00000001;
-static constexpr double DEFAULT_FEASIBILITY = 1e-8;
 static constexpr int BOUND_ROWS = 2;
 
 static constexpr double EQUAL = 0.0;
@@ -259,8 +258,8 @@ static long take_rows(MINSTR* str, bool equalities, long place, long* stored) {
   return place;
 }
 
-// Bounds that cross fix the parameter at the upper one.
-static void fix_crossing(MINSTR* str, long j) {
+// Bounds that cross fix the parameter at the upper one: the message of that.
+static void log_fixed(MINSTR* str, long j) {
   const FieldText name = call_name(str->secstr);
   const double lower = str->lb[j];
   const double upper = str->ub[j];
@@ -270,37 +269,10 @@ static void fix_crossing(MINSTR* str, long j) {
   }
 }
 
-// Status and count of one parameter's bounds. Bounds that differ by no more than the feasibility
-// tolerance are equal: between them no step could be told from rounding.
-static void classify_bounds(MINSTR* str, long j, double tolerance) {
-  const double lower = str->lb[j];
-  const double upper = str->ub[j];
-  str->iabc[j] = 0;
-  if (upper < lower) fix_crossing(str, j);
-  const bool both = lower_exists(lower) && upper_exists(upper);
-  const bool distinct = lower + (std::fabs(lower) + 1.0) * tolerance < upper;
-  if (upper < lower || (both && !distinct)) {
-    str->iabc[j] = 2;
-    str->lb[j] = upper;
-    ++str->nbec;
-  } else {
-    str->nbic += (lower_exists(lower) ? 1 : 0) + (upper_exists(upper) ? 1 : 0);
-  }
-}
-
-// Totals of all constraints. In the simplex form every equality counts as two inequalities.
-static void set_totals(MINSTR* str, int job) {
-  str->ntec = str->nlec + str->neqc + str->nbec;
-  str->ntco = str->nbic + str->nbec + str->ncon + str->nnlc;
-  if (job == CONS_SIMPLEX) str->ntco += str->nbec + str->neqc + str->nlec;
-}
-
 // Two passes over the rows put equalities first without sorting. The counts must come out as
 // getncon found them; a caller whose matrix changes in between has a fault that no code can
 // describe.
 void setcons(MINSTR* str, int job) {
-  str->aspa = 1;
-  const double tolerance = wzmis(str->ceps) ? DEFAULT_FEASIBILITY : str->ceps;
   const long capacity = str->ntco;
   if (str->bounds != 0) copy_bound_rows(str);
 
@@ -310,28 +282,11 @@ void setcons(MINSTR* str, int job) {
   const long rows = take_rows(str, false, equalities, &stored);
   if (rows != str->ncon) xexit(EXIT_INCONSISTENT, 0);
 
-  str->nbec = str->nbic = 0;
-  for (long j = 0; j < str->nvar && str->bounds != 0; ++j) classify_bounds(str, j, tolerance);
-  set_totals(str, job);
-  if (str->lincon != 0) {
-    znlpldc(str, str->opro, 1, str->jalc, str->naco, str->alcn);
-    set_totals(str, job);  // of the rows that are left
+  for (long j = 0; j < str->nvar && str->bounds != 0; ++j) {
+    if (str->ub[j] < str->lb[j]) log_fixed(str, j);
   }
+  complete_constraints(str, job == CONS_SIMPLEX);
   if (str->ntco > capacity) xexit(EXIT_INCONSISTENT, 0);
-}
-
-// Linear rows are stored by their nonzeros; rows of the constraints' Jacobian are dense.
-int nlpaget(MINSTR* str, long i, double* w) {
-  const long n = str->nvar;
-  if (i >= str->ncon) {
-    std::copy_n(str->jcon + (i - str->ncon) * n, n, w);
-    return 0;
-  }
-  vzfdl(0.0, w, n);
-  for (long k = i > 0 ? str->naco[i - 1] : 0; k < str->naco[i]; ++k) {
-    w[str->jalc[k]] = str->alcn[k];
-  }
-  return 0;
 }
 
 }  // namespace tqnlp

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "aasubs/record/minstr.h"
+#include "aasubs/setup/constraint_rows.h"
 #include "front/argmts.h"
 
 namespace tqnlp {
@@ -64,13 +65,6 @@ void setoptn(MINSTR* str, int job);
 void setparm(MINSTR* str, int job);
 void setterm(MINSTR* str, int job);
 
-// Limits of the accuracy parameters after the elements are read (fdig, cdig): missing becomes the
-// digits of machine precision, others are kept within 1 and twice that.
-double limited_digits(double digits);
-
-// Limits of the tolerances of feasibility and linear dependence.
-void limit_constraint_tolerances(MINSTR* str);
-
 // Number as an integer: truncated, limited to +-2147483647; 0 for a NaN.
 int to_int(double value);
 
@@ -93,9 +87,5 @@ int getncon(MINSTR* str, int job, long* mzac);
 // and takes dependent rows out. Only called when blc has rows. Ends the call with xexit(9999) when
 // the two passes disagree.
 void setcons(MINSTR* str, int job);
-
-// The default acget: row i of the active matrix as n doubles at w; linear rows first, then rows of
-// jcon. Returns 0.
-int nlpaget(MINSTR* str, long i, double* w);
 
 }  // namespace tqnlp

@@ -10,11 +10,10 @@
 #include <span>
 
 #include "aasubs/driver/znlpdrv.h"
-#include "aasubs/linesearch/znlplis.h"
-#include "aasubs/quasinewton/znlpupd.h"
 #include "aasubs/reports/znlppre.h"
+#include "aasubs/setup/defaults.h"
+#include "aasubs/setup/derivative_choice.h"
 #include "front/tqxnlp.h"
-#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
@@ -53,25 +52,11 @@ struct SubroutineRow {
 
 static constexpr long MOST_SPARSE_ROWS = 2147483646;
 
-// Place values of the digits of fidi.
-static constexpr int GRADIENT_DIGIT = 1;
-static constexpr int LEAST_SQUARES_DIGITS = 111;
-static constexpr int HESSIAN_DIGIT = 1000;
-static constexpr int CONSTRAINT_JACOBIAN_DIGIT = 10000;
-
 // ---- Steps that bodies share --------------------------------------------------------------------
 
 // What every run starts from; the vectors of settings and the settling steps change some of it.
-// ssin is kept below the root of the largest double, so that its square can be formed.
 static void set_start_values(MINSTR* str, const SubroutineRow& sub) {
-  str->tech = sub.tech;
-  str->ider = sub.ider;
-  str->nvar = str->secstr->n;
-  str->nnva = packed_size(str->nvar);
-  str->mfun = str->mequ = 1;
-  str->upti = HUGE_VALUE;
-  str->dfes = str->rtop = str->damp = str->dhes = MISSING;
-  str->ssin = std::min(1e20, 1.3407807929942999e151);
+  default_start(str, sub.tech, sub.ider, str->secstr->n);
 }
 
 // A sparse Hessian where the subroutine has none, or where its module is missing.
@@ -107,31 +92,15 @@ static int constraint_job(const MINSTR* str) {
 
 // ---- First-order techniques ---------------------------------------------------------------------
 
-// Digit of a derivative: 0 supplied, 1 or 2 forward or central differences by the option's digit.
-static int difference_digit(bool supplied, int choice) {
-  if (supplied) return 0;
-  return choice == 0 ? 1 : 2;
-}
-
-// fidi, from the units digit of the option and the modules that are given.
-static void settle_first_derivatives(MINSTR* str) {
-  const ARGMTS* argm = str->secstr;
-  const int choice = str->fidi;
-  const bool gradient = argm->igmod != 0;
-  str->fidi = GRADIENT_DIGIT * difference_digit(gradient, choice);
-  if (argm->icmod != 0) {
-    str->fidi += CONSTRAINT_JACOBIAN_DIGIT * difference_digit(argm->jcmod != 0, choice);
-  }
-  if (str->load != 0 && argm->ihmod == 0) {
-    const int from = gradient ? 2 : 0;  // differences of gradients are two numbers further
-    str->fidi += HESSIAN_DIGIT * (difference_digit(false, choice) + from);
-  }
+// The modules that are given, for the digits of fidi.
+static Supplied supplied_modules(const ARGMTS* argm) {
+  return {argm->igmod != 0, argm->ihmod != 0, argm->icmod != 0, argm->jcmod != 0};
 }
 
 // Only the double dogleg scales (hesc) among the first-order techniques.
 static int settle_first_order(MINSTR* str, long* nonzeros) {
   ARGMTS* argm = str->secstr;
-  settle_first_derivatives(str);
+  str->fidi = first_order_digits(supplied_modules(argm), str->fidi, str->load != 0);
   if (str->tech != DBLDOG) str->hesc = 0;
   if (argm->hrow != 0) drop_sparse_hessian(argm);
   return settle_constraints(str, constraint_job(str), nonzeros);
@@ -169,37 +138,17 @@ static void set_first_order_callbacks(MINSTR* str) {
 
 // ---- Second-order techniques --------------------------------------------------------------------
 
-// Without a gradient module both derivatives come from function values; with one the Hessian comes
-// from gradients.
-static int second_order_digits(const ARGMTS* argm, int choice) {
-  const bool gradient = argm->igmod != 0;
-  const bool hessian = argm->ihmod != 0;
-  const int digit = difference_digit(false, choice);
-  if (gradient) return hessian ? 0 : HESSIAN_DIGIT * (digit + 2);
-  return hessian ? digit : HESSIAN_DIGIT * digit + digit;
-}
-
-// ratio: density above which the dense form is kept; with linear constraints the projection fills
-// the matrix, so that it is always dense (but in the range-space frame, which does not project),
-// and TRUREG has no sparse factor.
-static void settle_sparse_form(MINSTR* str) {
-  const bool projected = str->lincon != 0 && !is_barrier(str);
-  str->ratio = !projected && str->tech != TRUREG ? 0.5 : 0.0;
-  str->tzer = 1.1102230246251569e-15;
-  str->ddif = 1e-6;
-}
-
 // A sparse Hessian must come from a module.
 static int settle_second_order(MINSTR* str, long* nonzeros) {
   ARGMTS* argm = str->secstr;
-  str->fidi = second_order_digits(argm, str->fidi);
+  str->fidi = second_order_digits(supplied_modules(argm), str->fidi);
   if (argm->hrow < 0 || (argm->hrow != 0 && argm->ihmod == 0)) drop_sparse_hessian(argm);
   if (argm->hrow > MOST_SPARSE_ROWS) {
     xpmlog(CALLING_SURFACE, 165, {call_name(argm).text, argm->hrow, MOST_SPARSE_ROWS});
     return ENTRY_BAD_ARGUMENT;
   }
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
-  settle_sparse_form(str);
+  default_sparse_form(str);
   return rc;
 }
 
@@ -211,7 +160,6 @@ static void set_second_order_callbacks(MINSTR* str) {
 
 // ---- Least squares ------------------------------------------------------------------------------
 
-// One digit for all three: gradient, Jacobian and crossproduct come from one evaluation.
 static int settle_least_squares(MINSTR* str, long* nonzeros) {
   ARGMTS* argm = str->secstr;
   str->lsqu = 1;
@@ -221,7 +169,7 @@ static int settle_least_squares(MINSTR* str, long* nonzeros) {
   }
   str->mfun = str->mequ;
   if (argm->hrow != 0) drop_sparse_hessian(argm);
-  str->fidi = LEAST_SQUARES_DIGITS * difference_digit(argm->igmod != 0, str->fidi);
+  str->fidi = least_squares_digits(supplied_modules(argm), str->fidi);
   return settle_constraints(str, CONS_LINEAR, nonzeros);
 }
 
@@ -250,7 +198,7 @@ static int settle_quadratic(MINSTR* str, long* nonzeros) {
   str->fqad = str->secstr->qlin != 0 ? 2 : 1;
   const int rc = settle_constraints(str, CONS_LINEAR, nonzeros);
   if (is_barrier(str)) str->opro = 0;  // the technique has a frame of its own
-  settle_sparse_form(str);
+  default_sparse_form(str);
   return rc;
 }
 
@@ -293,11 +241,8 @@ static int prepare_modules(MINSTR* str, const SubroutineRow& sub) {
 
 // Termination test, quasi-Newton update, line search, constraints.
 static void set_common_callbacks(MINSTR* str) {
-  static constexpr int DFP = 2;
   str->uster = nlpterm;
-  str->updat = str->tupd == DFP ? znlpdfp : znlpbfg;
-  str->linse = select_line_search(str->tlin);
-  str->acget = nlpaget;
+  choose_methods(str);
   if (str->nnlc != 0 && str->secstr->icmod != 0) {
     str->usnlc = nlpnlco;
     if (str->usgrd != nullptr) str->usjnc = nlpjcon;
@@ -373,7 +318,7 @@ static int prepare_sparse_hessian(MINSTR* str, int* code) {
     log_failed_start(str, *code);
     return 0;
   }
-  return allocate_matrices(str);
+  return take_matrices(str);
 }
 
 // The two jobs of the driver; *code receives that of the run. A start point that failed ends it.
@@ -416,7 +361,7 @@ static int make_results(MINSTR* str, int code) {
 // Arrays, start point, constraints, run, results, report.
 static int run_call(MINSTR* str, const SubroutineRow& sub, long nonzeros) {
   if (const int rc = str->fqad != 0 ? prepare_quadratic(str) : 0; rc != 0) return rc;
-  if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
+  if (take_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
   if (const int rc = str->fqad != 0 ? load_quadratic(str) : 0; rc != 0) return rc;
   announce_run(str);
   copy_start(str);

@@ -18,8 +18,8 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/derivatives/znlpfdh.h"
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/setup/defaults.h"
 #include "front/tqxnlp.h"
-#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
@@ -121,7 +121,7 @@ static int run_feasible(MINSTR* str, long narg) {
   // The null-space frame is what the search for a feasible point works in.
   str->opro = str->lincon != 0 ? 1 : 0;
   str->acget = nlpaget;
-  if (allocate_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
+  if (take_arrays(str, nonzeros) != 0) return ENTRY_NO_MEMORY;
   copy_start(str);
   if (str->bounds != 0 || str->lincon != 0) {
     setcons(str, CONS_LINEAR);
@@ -271,7 +271,7 @@ static int run_differences(MINSTR* str, long narg) {
   set_difference_parameters(str);
   rc = prepare_differences(str);
   if (rc != 0) return rc;
-  if (allocate_arrays(str, 0) != 0) return ENTRY_NO_MEMORY;
+  if (take_arrays(str, 0) != 0) return ENTRY_NO_MEMORY;
   copy_start(str);
   if (evaluate_differences(str) != 0) {
     xpmlog(CALLING_SURFACE, 193, {call_name(str->secstr).text});

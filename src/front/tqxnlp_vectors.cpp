@@ -4,19 +4,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/setup/defaults.h"
 #include "front/tqxnlp_decode.h"
 
 namespace tqnlp {
 
 static constexpr double INTEGER_LIMIT = 2147483647.0;
-
-// Digits of a double: -log10(2.2204460492503141e-16).
-static constexpr double MACHINE_DIGITS = 15.653559774527022;
-static constexpr double MINUS_LOG_10 = -2.302585092994046;
-static constexpr double DEFAULT_TOLERANCE = 1e-8;  // sing, ceps, ldct, and some of tc
-
-// Machine precision with its last bit up.
-static constexpr double DEFAULT_FTOL = 2.2204460492503141e-16;
 
 int to_int(double value) {
   if (std::isnan(value)) return 0;
@@ -75,21 +68,12 @@ static void set_print_level(MINSTR* str, const Settings& opt) {
 
 // Elements 3 to 7, which techniques with derivatives read.
 static void set_method(MINSTR* str, const Settings& opt, bool least_squares) {
-  str->hesc = least_squares && str->tech == LEVMAR ? 1 : 0;
-  str->tupd = 1;
-  str->tlin = least_squares ? 12 : 2;
+  default_method(str, least_squares);
   opt.take(3, &str->hesc);
   opt.take_positive(4, &str->tupd);
   opt.take_positive(5, &str->tlin);
   opt.take_positive(6, &str->vers);
   opt.take(7, &str->load);
-}
-
-// DBLDOG and HYQUAN update a factor, for which there are two formulas; the others know four.
-static void limit_method(MINSTR* str) {
-  const int updates = str->tech == DBLDOG || str->tech == HYQUAN ? 2 : 4;
-  if (str->tupd > updates) str->tupd = 1;
-  if (str->vers > 2) str->vers = 2;
 }
 
 // Difference code c: tens choose the intervals that are estimated, units the kind of difference.
@@ -110,7 +94,7 @@ static void set_difference_code(MINSTR* str, int code) {
 void setoptn(MINSTR* str, int job) {
   ARGMTS* argm = str->secstr;
   str->hesc = str->imax = str->load = 0;
-  str->vers = 2;
+  str->vers = DEFAULT_VERSION;
   const Settings opt{argm->optn, std::min(argm->nopt, OPTION_ELEMENTS)};
   clamp_in_place(argm->optn, opt.reach);
 
@@ -138,43 +122,10 @@ void setoptn(MINSTR* str, int job) {
 
 // ---- par ----------------------------------------------------------------------------------------
 
-double limited_digits(double digits) {
-  if (std::isnan(digits)) return MACHINE_DIGITS;
-  return std::clamp(digits, 1.0, 2.0 * MACHINE_DIGITS);
-}
-
-void limit_constraint_tolerances(MINSTR* str) {
-  static constexpr double LARGEST_LDCT = 0.1;
-  str->ceps = std::max(str->ceps, SMALLEST_TOLERANCE);
-  str->ldct = std::clamp(str->ldct, 0.0, LARGEST_LDCT);
-}
-
-// Slope reduction at which a line search is content. Newton steps are good enough to ask for
-// little.
-static double default_sigma(const MINSTR* str, int job) {
-  static constexpr double TIGHT = 0.06;  // for the DFP update, which asks for exact searches
-  if (str->tech == NEWRAP) return 0.9;
-  if (str->tech == HYQUAN) return str->tupd == 2 ? TIGHT : 0.1;
-  if (job == 1) return 0.1;
-  return str->tupd == 2 ? TIGHT : 0.4;
-}
-
-// Iterations after which a technique restarts.
-static double default_restart(const MINSTR* str) {
-  if (str->tech == CONGRA) return 0.0;  // the technique chooses n
-  return str->tech == LEVMAR ? 40.0 : NEVER;
-}
-
 // Follows getncon, since the first step length depends on nlicon.
 void setparm(MINSTR* str, int job) {
   const ARGMTS* argm = str->secstr;
-  str->sing = str->ceps = str->ldct = DEFAULT_TOLERANCE;
-  str->salf = str->tech == NMSIMP && str->nlicon != 0 ? 0.5 : 1.0;
-  str->dhes = str->damp = str->deat = str->cdig = str->fdig = MISSING;
-  if (job > 0) {
-    str->sigm = default_sigma(str, job);
-    str->nres = default_restart(str);
-  }
+  default_parameters(str, job);
 
   // An infinite parameter has no meaning and counts as missing.
   static constexpr int ELEMENTS = 12;
@@ -195,40 +146,10 @@ void setparm(MINSTR* str, int job) {
   par.take_positive(9, &str->cdig);
   par.take_positive(10, &str->dhes);
 
-  str->fdig = limited_digits(str->fdig);
-  str->cdig = limited_digits(str->cdig);
-  limit_constraint_tolerances(str);
+  limit_parameters(str);
 }
 
 // ---- tc -----------------------------------------------------------------------------------------
-
-// Numbers of iterations and calls, by job: techniques without second derivatives get more.
-static void set_default_limits(MINSTR* str, int job) {
-  static constexpr double ITERATIONS[] = {1000.0, 400.0, 200.0};
-  static constexpr double CALLS[] = {3000.0, 1000.0, 500.0};
-  str->maxi = ITERATIONS[job];
-  str->maxf = CALLS[job];
-  str->max2 = 0.0;
-}
-
-// A criterion at 0 is off. ABSCONV stands where no objective gets, on the side of the run's sign.
-static void set_default_criteria(MINSTR* str, int job) {
-  const bool nonlinear = str->nlicon != 0;
-  str->atol = str->imax != 0 ? ROOT_HUGE : -ROOT_HUGE;
-  str->ftol = str->fdig > 0.0 ? std::exp(str->fdig * MINUS_LOG_10) : DEFAULT_FTOL;
-  str->gto2 = str->aftl = str->fsiz = str->xsiz = 0.0;
-  if (job == 0) {
-    str->gtol = str->agtl = 0.0;
-    str->fto2 = 1e-6;
-    str->xtol = nonlinear ? 0.0 : DEFAULT_TOLERANCE;
-    str->axtl = nonlinear ? 1e-4 : DEFAULT_TOLERANCE;
-  } else {
-    str->gtol = DEFAULT_TOLERANCE;
-    str->agtl = 1e-5;
-    str->fto2 = nonlinear ? 1e-6 : 0.0;
-    str->xtol = str->axtl = 0.0;
-  }
-}
 
 // Fields by element number; the simplex technique has no gradient criteria.
 static constexpr double MINSTR::*SIMPLEX_CRITERIA[] = {
@@ -246,8 +167,8 @@ static constexpr int ELEMENT_MAX2 = 20;  // the elements between have no use
 
 void setterm(MINSTR* str, int job) {
   const ARGMTS* argm = str->secstr;
-  set_default_limits(str, job);
-  set_default_criteria(str, job);
+  default_limits(str, job);
+  default_criteria(str, job);
   const Settings tc{argm->tcri, argm->nitc};
   // The values are taken as they are; an infinite one as the largest number, a limit or level that
   // is never (or always) reached.

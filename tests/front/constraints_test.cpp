@@ -29,7 +29,7 @@ struct DecodedMatrix : Decoded {
     rc = getncon(&str, job, &nonzeros);
     if (rc != 0) return;
     str.opro = str.lincon;
-    EXPECT_EQ(allocate_arrays(&str, nonzeros), 0);
+    EXPECT_EQ(take_arrays(&str, nonzeros), 0);
     if (str.bounds != 0 || str.lincon != 0) setcons(&str, job);
   }
   ~DecodedMatrix() { release_arrays(&str); }

@@ -6,11 +6,12 @@
 #include <limits>
 #include <vector>
 
+#include "aasubs/setup/run_arrays.h"
 #include "embed/task.h"
 #include "front/argmts.h"
 #include "front/tqxnlp.h"
-#include "front/tqxnlp_arrays.h"
 #include "front/tqxnlp_bridge.h"
+#include "front/tqxnlp_call.h"
 #include "front/tqxnlp_decode.h"
 
 namespace tqnlp::test {

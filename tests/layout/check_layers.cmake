@@ -15,7 +15,7 @@ set(sees_embed embed host tqnlp front/tqxnlp.h aasubs/driver/znlpdrv.h aasubs/re
 # The rooms of aasubs, one floor an element from the ground up. What must reach a higher floor goes
 # through a callback of the record.
 set(technique_rooms newton quasinewton leastsquares direct quadratic)
-set(rooms record reports constraints linesearch derivatives post termination loop techniques sqp driver)
+set(rooms record reports constraints linesearch derivatives post termination loop techniques sqp setup driver)
 
 set(wrong "")
 file(GLOB_RECURSE sources RELATIVE ${SOURCE_DIR}/src ${SOURCE_DIR}/src/*.cpp ${SOURCE_DIR}/src/*.h)

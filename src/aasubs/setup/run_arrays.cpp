@@ -1,4 +1,4 @@
-// tqxnlp, the arrays of a run. The table below is the one list of them: a row holds the field, the
+// The arrays of a run. The table below is the one list of them: a row holds the field, the
 // number of elements (0: this run has no such array) and, for a block that holds several arrays,
 // the step that sets the references into it.
 //
@@ -18,7 +18,7 @@
 //
 // One piece of memory for what is always taken together means fewer refusals to handle; the price
 // is that only the first field of a block may be given back.
-#include "front/tqxnlp_arrays.h"
+#include "aasubs/setup/run_arrays.h"
 
 #include <algorithm>
 #include <limits>
@@ -30,10 +30,9 @@
 #include "aasubs/direct/znlpcob.h"
 #include "aasubs/post/znlpspm.h"
 #include "aasubs/quadratic/znlpqas_factor.h"
+#include "aasubs/setup/derivative_choice.h"
+#include "aasubs/setup/hessian_form.h"
 #include "aasubs/sqp/vmcstr.h"
-#include "front/argmts.h"
-#include "front/tqxnlp_bridge.h"
-#include "front/tqxnlp_modules.h"
 #include "host/files.h"
 #include "host/log.h"
 #include "host/memory.h"
@@ -46,10 +45,9 @@ namespace {
 // What sizes depend on.
 struct Sizes {
   const MINSTR* str;
-  long n;         // order of the arrays
-  long packed;    // packed size of that order
-  bool late;      // the form of hess is chosen at the start point
-  long nonzeros;  // coefficients of the linear constraints
+  long n;       // order of the arrays
+  long packed;  // packed size of that order
+  const ArrayRequest& request;
   bool bounds;
   bool linear;
   bool nonlinear;
@@ -80,7 +78,7 @@ static constexpr long TERMINATION_COUNTS = 30;
 
 // Length of the second work vector without nonlinear constraints: what the techniques say in their
 // headers. A technique whose need grows must grow here too.
-static long technique_work(const MINSTR* str, long n) {
+static long technique_work(const MINSTR* str, long n, bool jacobian_supplied) {
   switch (str->tech) {
     case TRUREG:
       return 6 * n;
@@ -91,14 +89,14 @@ static long technique_work(const MINSTR* str, long n) {
     case GAUNEW:
       return 2 * n;
     case LEVMAR:
-      return std::max(7 * n, str->secstr->igmod != 0 ? str->mequ : 0);
+      return std::max(7 * n, jacobian_supplied ? str->mequ : 0);
     case DBLDOG:
       return 7 * n;
     case QUANEW:
     case QUANEW_DUAL:
       return n;
     case HYQUAN:
-      return std::max(3 * n, str->secstr->igmod != 0 ? str->mequ : 0);
+      return std::max(3 * n, jacobian_supplied ? str->mequ : 0);
     case CONGRA:
       return str->tupd < 2 ? 3 * n : n;
     case NMSIMP:
@@ -116,7 +114,7 @@ static bool linear_models(const Sizes& s) { return s.nonlinear && s.str->tech ==
 
 // With nonlinear constraints wrk2 holds the quadratic subproblem's matrix and vectors.
 static long work_length(const Sizes& s) {
-  if (!s.nonlinear) return technique_work(s.str, s.n);
+  if (!s.nonlinear) return technique_work(s.str, s.n, s.request.jacobian_supplied);
   if (linear_models(s)) return cobyla_work(s.str->nvar, s.str->ntco);
   return sqp_work(s.str->nvar, s.str->nnlc + s.str->ncon, s.bounds);
 }
@@ -147,7 +145,7 @@ static bool keeps_form(const Sizes& s) {
 static long hess_length(const Sizes& s) {
   const bool none = s.str->tech == CONGRA || is_simplex(s.str->tech);
   const bool used = has_technique(s) ? !none : wants_hessian(s);
-  if (!used || matrix_in_file(s.str)) return 0;
+  if (!used || matrix_in_file(s.str, s.request.triples)) return 0;
   return s.str->hfrm == 0 ? s.packed : hessian_length(s.str);
 }
 
@@ -187,8 +185,8 @@ static bool goes_to_file(double doubles) {
 }
 
 // A packed matrix is read row by row; the sparse forms are small beside their factor.
-bool matrix_in_file(const MINSTR* str) {
-  const bool by_matrix = is_barrier(str) && str->hfrm == 0 && str->secstr->hrow == 0;
+bool matrix_in_file(const MINSTR* str, bool triples) {
+  const bool by_matrix = is_barrier(str) && str->hfrm == 0 && !triples;
   return by_matrix && goes_to_file(static_cast<double>(str->nnva));
 }
 
@@ -224,7 +222,7 @@ static void divide_intervals(MINSTR* str, const Sizes& s) { str->hcnt = str->hfw
 
 static void divide_bounds(MINSTR* str, const Sizes& s) { str->ub = str->lb + s.n; }
 
-static void divide_alcn(MINSTR* str, const Sizes& s) { str->blcn = str->alcn + s.nonzeros; }
+static void divide_alcn(MINSTR* str, const Sizes& s) { str->blcn = str->alcn + s.request.nonzeros; }
 
 static void divide_naco(MINSTR* str, const Sizes& s) { str->jalc = str->naco + s.str->ncon; }
 
@@ -297,7 +295,8 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::ipiv, [](const Sizes& s) { return s.n; }, nullptr},
     {&MINSTR::iwk, [](const Sizes& s) { return (s.nonlinear ? 3 : 1) * s.n + 1; }, nullptr},
     {&MINSTR::wrk2, work_length, nullptr},
-    {&MINSTR::hess, [](const Sizes& s) { return s.late ? 0 : hess_length(s); }, mark_hess},
+    {&MINSTR::hess, [](const Sizes& s) { return s.request.late_hessian ? 0 : hess_length(s); },
+     mark_hess},
     {&MINSTR::dsca,
      [](const Sizes& s) {
        const bool scaled = s.str->tech == DBLDOG || s.str->tech == LEVMAR ||
@@ -313,16 +312,18 @@ static constexpr RunArray ARRAYS[] = {
      start_permutation},
     {&MINSTR::iabc, [](const Sizes& s) { return s.bounds || general(s) ? s.n : 0; }, nullptr},
     {&MINSTR::lb, [](const Sizes& s) { return s.bounds ? 2 * s.n : 0; }, divide_bounds},
-    {&MINSTR::alcn, [](const Sizes& s) { return s.linear ? s.nonzeros + s.str->ncon : 0; },
+    {&MINSTR::alcn, [](const Sizes& s) { return s.linear ? s.request.nonzeros + s.str->ncon : 0; },
      divide_alcn},
-    {&MINSTR::naco, [](const Sizes& s) { return s.linear ? s.nonzeros + s.str->ncon : 0; },
+    {&MINSTR::naco, [](const Sizes& s) { return s.linear ? s.request.nonzeros + s.str->ncon : 0; },
      divide_naco},
     {&MINSTR::gpro, frame_room, divide_gpro},
     {&MINSTR::iact, [](const Sizes& s) { return general(s) ? 2 * working_set(s) : 0; },
      divide_iact},
     {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
-    {&MINSTR::half, [](const Sizes& s) { return s.late ? 0 : half_length(s); }, mark_half},
-    {&MINSTR::hpro, [](const Sizes& s) { return s.late ? 0 : hpro_length(s); }, mark_hpro},
+    {&MINSTR::half, [](const Sizes& s) { return s.request.late_hessian ? 0 : half_length(s); },
+     mark_half},
+    {&MINSTR::hpro, [](const Sizes& s) { return s.request.late_hessian ? 0 : hpro_length(s); },
+     mark_hpro},
     {&MINSTR::qvec,
      [](const Sizes& s) { return s.str->fqad != 0 ? 2 * s.n
                                  : s.nonlinear    ? s.n
@@ -381,17 +382,16 @@ static void announce_memory(const Sizes& sizes) {
   }
   if (bytes < FELT) return;
   xpmlog(CALLING_SURFACE, 178,
-         {call_name(sizes.str->secstr).text, static_cast<long>(bytes / MEGABYTE), sizes.str->nvar});
+         {sizes.request.caller, static_cast<long>(bytes / MEGABYTE), sizes.str->nvar});
 }
 
 // Takes the arrays of the table that are not there yet. The first refusal ends it; what stands
 // until then is given back by the entry's clean-up.
-static int take_arrays(MINSTR* str, long nonzeros, bool late) {
+static int take_arrays(MINSTR* str, const ArrayRequest& request) {
   // VMCWD solves the subproblem without nonlinear constraints too.
   const bool nonlinear = str->nlicon != 0 || str->tech == VMCWD;
   const long n = str->nvar + (nonlinear ? 1 : 0);
-  const Sizes sizes{str,      n, packed_size(n), late, nonzeros, str->bounds != 0, str->lincon != 0,
-                    nonlinear};
+  const Sizes sizes{str, n, packed_size(n), request, str->bounds != 0, str->lincon != 0, nonlinear};
   announce_memory(sizes);
   for (const RunArray& array : ARRAYS) {
     const long count = missing_count(sizes, array);
@@ -404,12 +404,16 @@ static int take_arrays(MINSTR* str, long nonzeros, bool late) {
   return 0;
 }
 
-int allocate_arrays(MINSTR* str, long nonzeros) {
+int allocate_arrays(MINSTR* str, const ArrayRequest& request) {
   if (str->lsqu != 0) open_jacobian_file(str);
-  return take_arrays(str, nonzeros, hessian_by_rows(str->secstr));
+  return take_arrays(str, request);
 }
 
-int allocate_matrices(MINSTR* str) { return take_arrays(str, 0, false); }
+int allocate_matrices(MINSTR* str, ArrayRequest request) {
+  request.nonzeros = 0;
+  request.late_hessian = false;
+  return take_arrays(str, request);
+}
 
 // The references into blocks are cleared too: the record outlives its arrays on the way out of an
 // entry, and a stale reference would be taken for an array.
