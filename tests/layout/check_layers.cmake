@@ -1,5 +1,5 @@
 # Fails when a source includes a floor that it may not see: from the ground up host and record, kernels,
-# subs, aasubs, front, embed; inside aasubs a room that stands above it, and a technique another technique.
+# subs, aasubs, front, embed, face; inside aasubs a room that stands above it, and a technique another technique.
 # Usage: cmake -DSOURCE_DIR=... -P check_layers.cmake
 
 cmake_minimum_required(VERSION 3.25)
@@ -12,6 +12,8 @@ set(sees_aasubs aasubs kernels host)
 set(sees_front front aasubs kernels host)
 # The embedded host implements src/host and calls the module through qorinlp and znlpmer only.
 set(sees_embed embed host tqnlp front/tqxnlp.h aasubs/driver/znlpdrv.h aasubs/record)
+# The named face fills a record as the calling surface does, and runs on a task of the embedded host.
+set(sees_face face aasubs kernels host embed/task.h tqnlp)
 # The rooms of aasubs, one floor an element from the ground up. What must reach a higher floor goes
 # through a callback of the record.
 set(technique_rooms newton quasinewton leastsquares direct quadratic)

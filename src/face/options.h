@@ -1,0 +1,16 @@
+// Options into the record.
+#pragma once
+
+#include "aasubs/record/minstr.h"
+#include "face/techniques.h"
+
+namespace tqnlp::face {
+
+// Throws std::invalid_argument for an option out of its range, or that cannot be meant.
+void check_options(const Options& options);
+
+// Fills method, parameters, limits and criteria of a record whose constraint flags (nlicon, lincon)
+// and imax stand.
+void apply_options(const Options& options, const TechniqueRow& row, MINSTR* str);
+
+}  // namespace tqnlp::face

@@ -1,0 +1,110 @@
+// A run of the face: the problem record, and what its callbacks need beside it.
+//
+// The callbacks get the record and find the run in the object around it, so that an evaluation
+// costs the user's function, a look at its values and a few counts. Every function gets the arrays
+// of the record themselves where the record has the user's form, and scratch of the run where it
+// has another (packed Hessians, sides of constraints, points beyond a bound).
+#pragma once
+
+#include <chrono>
+#include <exception>
+
+#include "aasubs/record/minstr.h"
+#include "aasubs/setup/derivative_choice.h"
+#include "face/techniques.h"
+
+namespace tqnlp::face {
+
+// Codes of a run beside those of the library.
+inline constexpr int STOPPED_BY_CALLER = Status::stopped_by_caller;
+
+// The best feasible point that was evaluated.
+struct BestPoint {
+  bool found = false;
+  double crit = 0.0;
+  std::vector<double> x;
+};
+
+// Time in the user's functions. The first calls are timed, and then every 16th: a clock reading
+// costs as much as a quick function.
+class UserClock {
+ public:
+  bool starts() {
+    timed_ = calls_ < ALWAYS || calls_ % EVERY == 0;
+    ++calls_;
+    if (timed_) began_ = Clock::now();
+    return timed_;
+  }
+  void ends() {
+    if (!timed_) return;
+    const double passed = std::chrono::duration<double>(Clock::now() - began_).count();
+    seconds_ += calls_ > ALWAYS ? EVERY * passed : passed;
+  }
+  double seconds() const { return seconds_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr long ALWAYS = 32;
+  static constexpr long EVERY = 16;
+  Clock::time_point began_;
+  double seconds_ = 0.0;
+  long calls_ = 0;
+  bool timed_ = false;
+};
+
+// What all records of one solve share: problem, counts, best point, exception.
+struct Shared {
+  const ProblemData& problem;
+  const Constraints& constraints;
+  const Options& options;
+  Counts counts{};
+  UserClock clock{};
+  BestPoint best{};
+  History history{};
+  std::exception_ptr thrown{};  // by a user's function: from then on none is called
+  bool stopped = false;         // by Options::progress
+  double began = 0.0;           // clock of the host
+  long iterations_before = 0;   // of runs before a restart
+};
+
+// A record with its scratch. The arrays of the record are the host's, and belong to the call.
+struct Run : MINSTR {
+  Shared& shared;
+  const TechniqueRow& row;
+  Supplied supplied;
+  bool squares = false;  // the record's objective is one of residuals
+  short in_differences_of_functions = 0;
+  short in_differences_of_gradients = 0;
+  std::vector<double> inside;    // n: x, projected into the bounds
+  std::vector<double> values;    // of the user's constraints, or residuals of a scalar record
+  std::vector<double> jacobian;  // of the user's constraints, or of the residuals
+  std::vector<double> second;    // elements of a Hessian as the user gives them
+  std::vector<long> places;      // of a sparse Hessian's elements in hess
+  std::vector<double> pending;   // n + 1: point and value that wait for their constraints
+  std::vector<double> held;      // n: point at which the nonlinear constraints held last
+  std::vector<const char*> names;
+
+  Run(Shared& s, const TechniqueRow& r);
+  ~Run();
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+};
+
+// Fills the record for the technique of its row, takes its arrays and loads constraints and start.
+// Ends the call by xexit when memory is refused.
+void prepare_run(Run& run, const std::vector<double>& start);
+
+// The same for a record that evaluates points with central differences and runs no technique.
+void prepare_evaluations(Run& run, const std::vector<double>& start);
+
+// Both jobs of the driver. Returns the code of the run.
+int drive(Run& run);
+
+// Callbacks of the record (evaluate.cpp).
+void set_callbacks(Run& run);
+
+// x with the objective there: is it the best feasible point so far? For points whose constraints
+// are known to hold.
+void offer_best(Shared& shared, const double* x, double crit);
+
+}  // namespace tqnlp::face

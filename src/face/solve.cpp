@@ -1,0 +1,242 @@
+// solve: checks, the run on a task of its own, the check of its point, and the result.
+//
+// A run that claims success at a point that is none is started again from there, or from the better
+// point that the check found, a bounded number of times. A run that fails ends at the best feasible
+// point that any of them evaluated.
+#include <algorithm>
+#include <cfenv>
+#include <cmath>
+
+#include "embed/task.h"
+#include "face/check.h"
+#include "face/options.h"
+#include "host/log.h"
+
+namespace tqnlp {
+
+namespace face {
+
+static constexpr int MOST_RESTARTS = 3;
+
+// ---- Refusals -----------------------------------------------------------------------------------
+
+static void check_start(const ProblemData& problem, const std::vector<double>& start) {
+  if (start.size() != static_cast<std::size_t>(problem.n))
+    refuse("start", std::to_string(start.size()) + " elements", std::to_string(problem.n));
+  for (std::size_t j = 0; j < start.size(); ++j)
+    if (!std::isfinite(start[j]))
+      refuse("start, " + problem.parameter_name(static_cast<long>(j)), shown(start[j]),
+             "a finite number");
+}
+
+static void check_derivatives(const ProblemData& problem) {
+  if (problem.hessian != nullptr && problem.gradient == nullptr)
+    refuse("hessian", "no gradient beside it", "a gradient too");
+}
+
+// ---- One run ------------------------------------------------------------------------------------
+
+static Status status_of(int code) {
+  Status status;
+  status.code = code;
+  const bool close = code > Status::all_parameters_active;
+  status.ending = close ? Status::close_to_a_criterion : static_cast<Status::Ending>(code);
+  return status;
+}
+
+static bool is_feasible(const Run& run) {
+  // What the driver widened the tolerance to is told by the check.
+  return run.ipre == 0;
+}
+
+// The point of a run that failed: the best feasible one, if it is better than the last.
+static void take_point(const Run& run, int code, Result* result) {
+  const BestPoint& best = run.shared.best;
+  result->x.assign(run.x, run.x + run.nvar);
+  const double sign = run.imax != 0 ? -1.0 : 1.0;
+  const bool known = !wzmis(run.crit) && std::fabs(run.crit) < HUGE_VALUE;
+  result->objective = known ? sign * run.crit : missing;
+  const bool failed = code <= 0 || code > Status::all_parameters_active;
+  const bool better = best.found && (!known || !is_feasible(run) || best.crit < run.crit);
+  if (failed && better) {
+    result->x = best.x;
+    result->objective = sign * best.crit;
+  }
+  // The end of a step may lie beyond a bound by rounding.
+  for (long j = 0; j < run.nvar && run.bounds != 0; ++j) {
+    const auto place = static_cast<std::size_t>(j);
+    const Constraints& c = run.shared.constraints;
+    result->x[place] = std::clamp(result->x[place], c.lower[place], c.upper[place]);
+  }
+}
+
+static void add_counts(const Run& run, Result* result) {
+  result->counts.iterations += static_cast<long>(run.nitr);
+  result->counts.restarts += run.ires;
+}
+
+// A criterion that was met where it should not have been would be met there again.
+static void tighten_criteria(Run& run, int restarts) {
+  static constexpr double SHARE = 1e-3;
+  for (int k = 0; k < restarts; ++k) {
+    for (double* tolerance : {&run.agtl, &run.gtol, &run.fto2}) *tolerance *= SHARE;
+  }
+}
+
+// Runs the technique from a start. Whatever ends it, what it has found is in the result.
+static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
+                     Result* result) {
+  shared.iterations_before = result->counts.iterations;
+  Run run(shared, row);
+  prepare_run(run, start);
+  tighten_criteria(run, result->optimality.restarts);
+  int code = drive(run);
+  if (shared.thrown != nullptr) code = Status::interrupted_by_exception;
+  result->status = status_of(code);
+  take_point(run, code, result);
+  if (run.squares && run.func != nullptr) result->residuals.assign(run.func, run.func + run.mequ);
+  add_counts(run, result);
+}
+
+// ---- Runs and checks ----------------------------------------------------------------------------
+
+static bool contradicted(const Result& result) {
+  return static_cast<bool>(result.status) &&
+         (result.optimality.verdict == Optimality::not_feasible ||
+          result.optimality.verdict == Optimality::not_stationary ||
+          result.optimality.verdict == Optimality::negative_curvature);
+}
+
+// A target that is met needs no minimum.
+static bool wants_analysis(const Options& options, const Result& result) {
+  return options.analysis && result.status && result.status.ending != Status::objective_target_met;
+}
+
+static void check(Shared& shared, embed::Task& task, bool curvature, Result* result,
+                  std::vector<double>* better) {
+  if (result->status.ending == Status::no_value_at_start ||
+      result->status.ending == Status::interrupted_by_exception)
+    return;
+  const std::size_t lines = task.log.size();
+  check_point(shared, curvature, result, better);
+  task.log.resize(lines);  // its remarks are those of the run
+}
+
+// Does a run that was started again improve on the one before?
+static bool improves(const Result& next, const Result& last, bool maximize) {
+  const double sign = maximize ? -1.0 : 1.0;
+  if (last.optimality.verdict == Optimality::not_feasible)
+    return next.optimality.feasibility < last.optimality.feasibility;
+  return next.optimality.verdict != Optimality::not_feasible &&
+         (sign * next.objective < sign * last.objective ||
+          (next.optimality && sign * next.objective <= sign * last.objective));
+}
+
+static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow& row,
+                          const std::vector<double>& start, Result* result) {
+  run_once(shared, row, start, result);
+  std::vector<double> better;
+  check(shared, task, wants_analysis(shared.options, *result), result, &better);
+  while (wants_analysis(shared.options, *result) && contradicted(*result) &&
+         result->optimality.restarts < MOST_RESTARTS && shared.thrown == nullptr) {
+    Result next = *result;
+    ++next.optimality.restarts;
+    run_once(shared, row, better.empty() ? result->x : better, &next);
+    better.clear();
+    check(shared, task, wants_analysis(shared.options, next), &next, &better);
+    result->counts = next.counts;
+    result->optimality.restarts = next.optimality.restarts;
+    if (!improves(next, *result, shared.problem.maximize)) break;
+    *result = std::move(next);
+  }
+}
+
+// ---- On a task ----------------------------------------------------------------------------------
+
+// What the caller's sink throws ends the run like an exception of a function.
+static void set_sink(Shared& shared, embed::Task& task) {
+  if (shared.options.sink == nullptr) return;
+  task.sink = std::make_shared<const Session::Sink>([&shared](std::string_view line) {
+    if (shared.thrown != nullptr) return;
+    try {
+      shared.options.sink(line);
+    } catch (...) {
+      shared.thrown = std::current_exception();
+    }
+  });
+}
+
+static void finish(Shared& shared, embed::Task& task, Result* result) {
+  const long iterations = result->counts.iterations, restarts = result->counts.restarts;
+  result->counts = shared.counts;
+  result->counts.iterations = iterations;
+  result->counts.restarts = restarts;
+  result->history = std::move(shared.history);
+  result->seconds = zdattim() - shared.began;
+  result->seconds_in_user = std::min(shared.clock.seconds(), result->seconds);
+  result->log = std::move(task.log);
+  result->tables = std::move(task.tables);
+}
+
+static Result run_on_task(Shared& shared, const TechniqueRow& row,
+                          const std::vector<double>& start) {
+  Result result;
+  result.technique = row.technique;
+  result.x = start;
+  embed::Task task;
+  const embed::Activation activation(task);
+  set_sink(shared, task);
+  int exit_code = 0;
+  {
+    const embed::FrameScope frame(task);
+    shared.began = zdattim();
+    try {
+      run_and_check(shared, task, row, start, &result);
+    } catch (const embed::ExitRequest& request) {
+      exit_code = request.code;
+    } catch (const embed::MathResume&) {  // to a point that is gone
+      exit_code = -1;
+    }
+    embed::hand_on_open_tables(task);
+    finish(shared, task, &result);
+  }
+  if (shared.thrown != nullptr) {
+    result.status = status_of(Status::interrupted_by_exception);
+    if (shared.options.partial != nullptr) *shared.options.partial = std::move(result);
+    std::rethrow_exception(shared.thrown);
+  }
+  if (exit_code != 0)
+    throw FatalError(exit_code,
+                     "solve could not go on (exit code " + std::to_string(exit_code) + ")",
+                     std::move(result.log));
+  return result;
+}
+
+// The floating-point flags of the caller stay as they were.
+class FlagKeeper {
+ public:
+  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  FlagKeeper(const FlagKeeper&) = delete;
+  FlagKeeper& operator=(const FlagKeeper&) = delete;
+
+ private:
+  std::fexcept_t flags_;
+};
+
+}  // namespace face
+
+Result solve(const Problem& problem, std::vector<double> start, const Options& options) {
+  const Problem held = problem;  // a function of the problem may change the caller's own
+  const face::ProblemData& data = held.data();
+  face::check_start(data, start);
+  face::check_derivatives(data);
+  face::check_options(options);
+  const face::Constraints constraints = face::normalize(data);
+  const face::TechniqueRow& row = face::choose_technique(data, constraints, options);
+  const face::FlagKeeper flags;
+  face::Shared shared{data, constraints, options};
+  return face::run_on_task(shared, row, start);
+}
+
+}  // namespace tqnlp
