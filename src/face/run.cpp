@@ -63,6 +63,7 @@ static void count_constraints(Run& run) {
   if (run.row.technique == Technique::cobyla && any) run.nlicon = 1;
   run.opro = !simplex && (run.lincon != 0 || run.nlicon != 0) ? 1 : 0;
   if (run.tech == VMCWD) run.opro = 1;
+  if (run.row.technique == Technique::quadratic_barrier) run.opro = 0;  // a frame of its own
 }
 
 static void set_derivatives(Run& run, bool central) {
@@ -229,11 +230,10 @@ static void prepare(Run& run, const std::vector<double>& start, bool central, bo
   if (silent) run.dbug = 0.0;
   set_checks(run);
   set_callbacks(run);
-  if (!technique_is_built(&run))
-    refuse("Options::technique", name_of(run.row.technique), "one that is part of this version");
   set_hessian_form(run);
-  const ArrayRequest request{"solve", run.shared.constraints.nonzeros, run.supplied.gradient,
-                             false};
+  ArrayRequest request{"solve", run.shared.constraints.nonzeros};
+  request.jacobian_supplied = run.supplied.gradient;
+  request.triples = true;  // a matrix that the user holds in memory does not go to a file
   if (allocate_arrays(&run, request) != 0) out_of_memory();
   take_scratch(run);
   if (run.fqad != 0) load_quadratic(run);
