@@ -367,4 +367,31 @@ struct Result {
 // cannot be meant, what a user's function threw, FatalError when the run could not go on.
 Result solve(const Problem& problem, std::vector<double> start, const Options& options = {});
 
+// ---- Many starts --------------------------------------------------------------------------------
+
+// One of the points that runs from several starts led to.
+struct Solution {
+  Result result;             // of the first of these starts
+  std::vector<long> starts;  // ascending
+};
+
+struct ManyResults {
+  // The best first: solutions that pass the check of optimality, then converged runs, then feasible
+  // points, each by objective and, where these are equal, by the first start.
+  std::vector<Solution> solutions;
+  std::vector<long> solution_of;  // one a start: its place among the solutions
+  Table summary;                  // a row a solution
+  const Result& best() const { return solutions.front().result; }
+};
+
+// Solves a problem from each of the starts, at least one, in so many threads (0: one a processor).
+// The results do not depend on the number of threads. Runs that converged to the same point, within
+// 1e-4 of 1 + the size of each parameter and 1e-6 of 1 + the size of the objective, are one
+// solution. The functions of the problem are called from several threads at the same time;
+// Options::progress and Options::sink are called by one thread at a time, Options::partial is not
+// used. An exception of a function ends the starts behind its own and reaches the caller when the
+// starts before it have ended. Throws as solve does; the message names the start.
+ManyResults solve_from_many(const Problem& problem, const std::vector<std::vector<double>>& starts,
+                            const Options& options = {}, int threads = 0);
+
 }  // namespace tqnlp
