@@ -241,6 +241,24 @@ static ActiveSet active_set(const std::vector<Constraint>& all, const Vector& s,
   return active;
 }
 
+static Vector units(const Problem& problem, const double* x) {
+  Vector s(x, x + problem.n);
+  for (double& unit : s) unit = std::max(1.0, std::fabs(unit));
+  return s;
+}
+
+std::vector<Vector> active_normals(const Problem& problem, const double* x, double active) {
+  Certificate unused;
+  const std::vector<Constraint> all = constraints_at(problem, x, true, unused);
+  std::vector<Vector> normals;
+  for (const Constraint* c : active_set(all, units(problem, x), active).constraints) {
+    const double length = std::sqrt(dot(c->gradient, c->gradient));
+    normals.push_back(c->gradient);
+    for (double& value : normals.back()) value /= length;
+  }
+  return normals;
+}
+
 static double largest(const Vector& values) {
   double most = 0.0;
   for (const double value : values) most = std::max(most, std::fabs(value));
@@ -252,16 +270,16 @@ Certificate certify(const Problem& problem, const double* x,
   Certificate result;
   const std::vector<Constraint> all = constraints_at(problem, x, true, result);
   result.violation = violation_of(all);
-  Vector g(static_cast<std::size_t>(problem.n)), s(g.size());
+  const Vector s = units(problem, x);
+  Vector g(s.size());
   const double f = problem.evaluate(x, g.data());
-  for (std::size_t j = 0; j < g.size(); ++j) {
-    s[j] = std::max(1.0, std::fabs(x[j]));
-    g[j] *= s[j];
-  }
+  for (std::size_t j = 0; j < g.size(); ++j) g[j] *= s[j];
   const ActiveSet active = active_set(all, s, tolerances.active);
   const Vector u = nonnegative_least_squares(active.columns, active.equalities, g);
   const double size = std::max(1.0, std::fabs(f));
-  result.stationarity = largest(residual(active.columns, u, g)) / std::max(size, largest(g));
+  result.rest = residual(active.columns, u, g);
+  result.stationarity = largest(result.rest) / std::max(size, largest(g));
+  for (std::size_t j = 0; j < s.size(); ++j) result.rest[j] /= s[j];
   for (std::size_t i = 0; i < u.size(); ++i) {
     const Constraint& c = *active.constraints[i];
     const double multiplier = u[i] / active.lengths[i];

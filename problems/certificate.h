@@ -37,10 +37,15 @@ struct Certificate {
   // Multipliers in the units of the problem: nonlinear constraints, rows as they stand (of a row
   // "at most" u <= 0), then lower bounds less upper bounds, one a parameter.
   std::vector<double> nonlinear, rows, bounds;
+  std::vector<double> rest;  // g - A'u in the same units
 };
 
 Certificate certify(const Problem& problem, const double* x,
                     const CertificateTolerances& tolerances = {});
+
+// Unit normals of the constraints that are active at x, equalities first.
+std::vector<std::vector<double>> active_normals(const Problem& problem, const double* x,
+                                                double active);
 
 // The violation alone.
 double largest_violation(const Problem& problem, const double* x);

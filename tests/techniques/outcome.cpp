@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 #include "aasubs/driver/znlpdrv.h"
 #include "aasubs/record/packed.h"
 #include "aasubs/termination/znlptrm.h"
+#include "problems/certificate.h"
 #include "support/record.h"
 
 namespace tqnlp::test {
@@ -33,110 +33,6 @@ Matrix constraint_matrix(const Problem& p) {
   return blc;
 }
 
-static double worst_violation(const Problem& p, const std::vector<double>& x) {
-  double worst = 0.0;
-  for (std::size_t j = 0; j < p.lower.size(); ++j) {
-    if (std::isfinite(p.lower[j])) {
-      worst = std::max(worst, (p.lower[j] - x[j]) / (1 + std::fabs(p.lower[j])));
-    }
-    if (std::isfinite(p.upper[j])) {
-      worst = std::max(worst, (x[j] - p.upper[j]) / (1 + std::fabs(p.upper[j])));
-    }
-  }
-  for (const LinearRow& row : p.rows) {
-    double residual = -row.b;
-    for (std::size_t j = 0; j < x.size(); ++j) residual += row.a[j] * x[j];
-    if (row.op == 0) residual = -std::fabs(residual);
-    if (row.op == -1) residual = -residual;
-    worst = std::max(worst, -residual / (1 + std::fabs(row.b)));
-  }
-  std::vector<double> values(static_cast<std::size_t>(p.constraints));
-  if (p.constraints > 0) p.constraint_values(x.data(), values.data());
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    worst = std::max(worst, long(i) < p.equalities ? std::fabs(values[i]) : -values[i]);
-  }
-  return worst;
-}
-
-// The nonlinear constraints as they are to first order at x.
-static void append_linearized(const Problem& p, const std::vector<double>& x,
-                              std::vector<LinearRow>& rows) {
-  if (p.constraints == 0) return;
-  std::vector<double> values(static_cast<std::size_t>(p.constraints));
-  std::vector<double> jacobian(values.size() * x.size());
-  p.constraint_values(x.data(), values.data());
-  p.constraint_jacobian(x.data(), jacobian.data());
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    const auto* row = jacobian.data() + i * x.size();
-    LinearRow linear{{row, row + x.size()}, long(i) < p.equalities ? 0 : 1, -values[i]};
-    for (std::size_t j = 0; j < x.size(); ++j) linear.b += row[j] * x[j];
-    rows.push_back(linear);
-  }
-}
-
-// The constraints that hold with equality at x, each as its normal into the feasible side.
-static std::vector<LinearRow> active_constraints(const Problem& p, const std::vector<double>& x) {
-  std::vector<LinearRow> all = p.rows, active;
-  append_linearized(p, x, all);
-  for (std::size_t j = 0; j < p.lower.size(); ++j) {
-    LinearRow bound{std::vector<double>(x.size()), 1, p.lower[j]};
-    bound.a[j] = 1.0;
-    if (std::isfinite(p.lower[j])) all.push_back(bound);
-    bound.op = -1;
-    bound.b = p.upper[j];
-    if (std::isfinite(p.upper[j])) all.push_back(bound);
-  }
-  for (LinearRow& row : all) {
-    const double value = std::inner_product(x.begin(), x.end(), row.a.begin(), 0.0);
-    if (row.op != 0 && std::fabs(value - row.b) > 1e-7 * (1.0 + std::fabs(row.b))) continue;
-    const double size =
-        std::sqrt(std::inner_product(row.a.begin(), row.a.end(), row.a.begin(), 0.0));
-    for (double& a : row.a) a *= (row.op == -1 ? -1.0 : 1.0) / size;
-    active.push_back(row);
-  }
-  return active;
-}
-
-std::vector<std::vector<double>> active_normals(const Problem& p, const std::vector<double>& x) {
-  std::vector<std::vector<double>> normals;
-  for (const LinearRow& row : active_constraints(p, x)) normals.push_back(row.a);
-  return normals;
-}
-
-// The part of the gradient that the active constraints leave: nonnegative least squares by cyclic
-// descent, which is slow on nearly dependent normals, but too simple to be wrong.
-static std::vector<double> unexplained_gradient(const Problem& p, const std::vector<double>& x) {
-  std::vector<double> rest(x.size());
-  p.evaluate(x.data(), rest.data());
-  const std::vector<LinearRow> active = active_constraints(p, x);
-  std::vector<double> multiplier(active.size(), 0.0);
-  double first = 0.0, moved = HUGE_VAL;
-  for (int pass = 0; pass < 1000 && moved > 1e-12 * first; ++pass) {
-    moved = 0.0;
-    for (std::size_t i = 0; i < active.size(); ++i) {
-      const std::vector<double>& a = active[i].a;
-      double change = std::inner_product(a.begin(), a.end(), rest.begin(), 0.0);
-      if (active[i].op != 0) change = std::max(change, -multiplier[i]);
-      multiplier[i] += change;
-      moved = std::max(moved, std::fabs(change));
-      for (std::size_t j = 0; j < rest.size(); ++j) rest[j] -= change * a[j];
-    }
-    if (pass == 0) first = moved;
-  }
-  return rest;
-}
-
-static void certify(const Problem& p, Outcome& outcome) {
-  const std::vector<double> rest = unexplained_gradient(p, outcome.x);
-  for (std::size_t j = 0; j < rest.size(); ++j) {
-    const double size =
-        std::max(1.0, std::fabs(outcome.x[j])) / std::max(1.0, std::fabs(outcome.f));
-    outcome.unexplained = std::max(outcome.unexplained, std::fabs(rest[j]));
-    outcome.unexplained_relative =
-        std::max(outcome.unexplained_relative, std::fabs(rest[j]) * size);
-  }
-}
-
 // The numbers among the labels and values of the summary.
 static std::map<std::string, double> summary(const Session& tql) {
   std::map<std::string, double> numbers;
@@ -153,8 +49,15 @@ static std::map<std::string, double> summary(const Session& tql) {
 }
 
 void judge(const Problem& p, double tolerance, Outcome& outcome) {
-  outcome.infeasible = worst_violation(p, outcome.x);
-  certify(p, outcome);
+  const Certificate certificate = certify(p, outcome.x.data(), {.active = 1e-7});
+  outcome.infeasible = certificate.violation;
+  for (std::size_t j = 0; j < outcome.x.size(); ++j) {
+    const double rest = std::fabs(certificate.rest[j]);
+    const double size =
+        std::max(1.0, std::fabs(outcome.x[j])) / std::max(1.0, std::fabs(outcome.f));
+    outcome.unexplained = std::max(outcome.unexplained, rest);
+    outcome.unexplained_relative = std::max(outcome.unexplained_relative, rest * size);
+  }
   for (double minimum : p.minima) {
     const bool close =
         std::fabs(outcome.f - minimum) <= tolerance * std::max(1.0, std::fabs(minimum));

@@ -17,7 +17,7 @@ struct Outcome {
   double code = 0;
   std::vector<double> x;
   double f = 0;           // objective at x
-  double infeasible = 0;  // largest violation, relative to 1 + |bound| or 1 + |b|
+  double infeasible = 0;  // largest violation, as the certificate has it
   bool solved = false;    // f within tolerance of a known minimum, x feasible
   // What no multipliers of the right signs, on the constraints that hold with equality at x,
   // explain of the gradient: its largest element, and the same relative to the sizes of f and x.
@@ -48,10 +48,6 @@ Outcome solve_by_number(const Problem& problem, int technique, double tolerance,
 
 // Certificates of x, and whether it is a known minimum; outcome.f is the value there.
 void judge(const Problem& problem, double tolerance, Outcome& outcome);
-
-// Unit normals of the constraints that hold with equality at x.
-std::vector<std::vector<double>> active_normals(const Problem& problem,
-                                                const std::vector<double>& x);
 
 // The matrix of bounds and linear constraints of a problem; empty when it has none.
 Matrix constraint_matrix(const Problem& problem);

@@ -5,11 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <numeric>
 #include <random>
 
 #include "embed/task.h"
+#include "problems/certificate.h"
 #include "techniques/outcome.h"
 
 namespace tqnlp::test {
@@ -72,6 +73,85 @@ TEST(Quadratic, ConvexProgramsEndInTheirSolution) {
   }
 }
 
+// The least value over every set of at most n constraints that may be active: each set is solved as
+// equations by elimination, and stands when its point is feasible and its multipliers push the
+// right way. Without any the constraints contradict each other: a convex program whose parameters
+// are all bounded, or a definite one, has a solution.
+double least_by_enumeration(const QuadraticProgram& q) {
+  using Row = std::vector<long double>;
+  const auto n = std::size_t(q.p.n);
+  std::vector<LinearRow> all = q.p.rows;
+  for (std::size_t j = 0; j < q.p.lower.size(); ++j) {
+    LinearRow bound{Point(n), 1, q.p.lower[j]};
+    bound.a[j] = 1.0;
+    if (q.p.lower[j] > -NONE) all.push_back(bound);
+    if (q.p.upper[j] < NONE) all.push_back({bound.a, -1, q.p.upper[j]});
+  }
+  double least = HUGE_VAL;
+  for (unsigned set = 0; set < 1u << all.size(); ++set) {
+    if (std::popcount(set) > int(n)) continue;
+    std::vector<const LinearRow*> active;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      if (set >> i & 1) active.push_back(&all[i]);
+    }
+    // H x - A'u = -g and A x = b, by Gauss and Jordan.
+    const std::size_t order = n + active.size();
+    std::vector<Row> system(order, Row(order + 1));
+    for (std::size_t j = 0; j < n; ++j) {
+      for (std::size_t k = 0; k < n; ++k) system[j][k] = q.h[j * n + k];
+      for (std::size_t i = 0; i < active.size(); ++i) {
+        system[j][n + i] = -active[i]->a[j];
+        system[n + i][j] = active[i]->a[j];
+        system[n + i][order] = active[i]->b;
+      }
+      system[j][order] = -q.linear[j];
+    }
+    long double smallest = HUGE_VAL;
+    for (std::size_t k = 0; k < order && smallest > 1e-9; ++k) {
+      const auto larger = [k](const Row& a, const Row& b) {
+        return std::fabs(a[k]) < std::fabs(b[k]);
+      };
+      std::swap(system[k], *std::max_element(system.begin() + long(k), system.end(), larger));
+      smallest = std::min(smallest, std::fabs(system[k][k]));
+      for (std::size_t i = 0; i < order; ++i) {
+        const long double factor = i == k ? 0.0 : system[i][k] / system[k][k];
+        for (std::size_t j = k; j <= order; ++j) system[i][j] -= factor * system[k][j];
+      }
+    }
+    if (smallest <= 1e-9) continue;  // a smaller set has the same point
+    Point x(order);
+    for (std::size_t k = 0; k < order; ++k) x[k] = double(system[k][order] / system[k][k]);
+    bool stands = largest_violation(q.p, x.data()) <= 1e-9;
+    for (std::size_t i = 0; i < active.size(); ++i) stands &= active[i]->op * x[n + i] >= -1e-9;
+    if (stands) least = std::min(least, q.p.value(x.data()));
+  }
+  return least;
+}
+
+// Small programs whose right-hand sides are moved at random, so that some contradict each other.
+TEST(Quadratic, SmallConvexProgramsAgreeWithEnumeration) {
+  int without = 0;
+  for (unsigned seed = 0; seed < 800; ++seed) {
+    const auto kind = seed % 2 == 0 ? Curvature::definite : Curvature::semidefinite;
+    QuadraticProgram q = random_program(seed, 2 + seed % 3, kind);
+    std::mt19937 random(seed);
+    q.p.rows.resize(std::min<std::size_t>(q.p.rows.size(), 6));
+    for (LinearRow& row : q.p.rows) row.b += double(random() % 5) / 4.0 - 0.5;
+    if (kind == Curvature::semidefinite) q.p.lower.assign(q.p.start.size(), -2.0);
+    if (kind == Curvature::semidefinite) q.p.upper.assign(q.p.start.size(), 1.5);
+    q.p.minima = {least_by_enumeration(q)};
+    const bool feasible = q.p.minima[0] < HUGE_VAL;
+    without += !feasible;
+    for (const double version : {EITHER, BARRIER}) {
+      if (version == BARRIER && kind != Curvature::definite) continue;
+      const Outcome o = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0, version);
+      EXPECT_TRUE(feasible ? o.solved && o.code > 0 : o.code == -10)
+          << "seed " << seed << ": code " << o.code << ", f " << o.f << " for " << q.p.minima[0];
+    }
+  }
+  EXPECT_TRUE(without > 50 && without < 400) << without;
+}
+
 // Large ones: every bound that is met pushes the right way, and many change in one iteration.
 TEST(Quadratic, GridsAreSolvedInFewIterations) {
   for (const GridProgram& q : {obstacle_program(60), torsion_program(60)}) {
@@ -110,26 +190,14 @@ TEST(Quadratic, IndefiniteProgramsEndInAPointOfSecondOrder) {
     const QuadraticProgram q = random_program(seed, 2 + seed % 6, Curvature::indefinite);
     const Outcome outcome = solve(q, static_cast<Form>(seed % 3), seed % 5 == 0);
     EXPECT_TRUE(outcome.code > 0 && outcome.infeasible < 1e-7) << "seed " << seed;
-    std::vector<Point> basis;  // of the normals
-    const auto outside = [&basis](Point d) {
-      for (int pass = 0; pass < 2; ++pass) {
-        for (const Point& a : basis) {
-          const double along = std::inner_product(a.begin(), a.end(), d.begin(), 0.0);
-          for (std::size_t j = 0; j < d.size(); ++j) d[j] -= along * a[j];
-        }
-      }
-      return d;
-    };
-    for (const Point& normal_of : active_normals(q.p, outcome.x)) {
-      Point d = outside(normal_of);
-      const double size = std::sqrt(std::inner_product(d.begin(), d.end(), d.begin(), 0.0));
-      for (double& e : d) e /= size;
-      if (size > 1e-9) basis.push_back(d);
-    }
+    const std::vector<Point> normals = active_normals(q.p, outcome.x.data(), 1e-7);
     for (int k = 0; k < 100; ++k) {
       Point d(outcome.x.size());
       for (double& e : d) e = normal(random);
-      d = outside(d);
+      const Point share = nonnegative_least_squares(normals, normals.size(), d);
+      for (std::size_t i = 0; i < share.size(); ++i) {
+        for (std::size_t j = 0; j < d.size(); ++j) d[j] -= share[i] * normals[i][j];
+      }
       double curvature = 0.0;
       for (long i = 0; i < q.p.n * q.p.n; ++i) {
         curvature += q.h[std::size_t(i)] * d[std::size_t(i / q.p.n)] * d[std::size_t(i % q.p.n)];
