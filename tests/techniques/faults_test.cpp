@@ -8,6 +8,7 @@
 
 #include <cmath>
 
+#include "embed/task.h"
 #include "support/rosenbrock.h"
 
 namespace tqnlp::test {
@@ -89,6 +90,7 @@ void define(Session& session, Plan& plan) {
 struct Call {
   std::string subroutine;
   std::vector<Matrix> arguments;
+  bool work_files = false;  // what may go to work files does
 };
 
 Matrix options(double print, double update, double load, double differences) {
@@ -111,6 +113,7 @@ std::vector<Call> calls() {
   const Matrix equality = Matrix::row({0, 4, M, M, M, M, M, M, M, 1, 1});
   const Matrix disk = Matrix::row({0, 2, M, M, M, 1, M, M, M, 1, 0});
   const Matrix tight = Matrix::row({M, M, M, M, M, M, M, 0});
+  const Matrix barrier = Matrix::row({0, 5, M, M, M, 1});
   const Matrix close = Matrix::row({M, M, M, M, M, M, M, M, 1e-5});
   return {
       {"NLPQN", {"F", START, options(0, 1, 0, 0), NONE, NONE, NONE, NONE, "G"}},
@@ -145,6 +148,8 @@ std::vector<Call> calls() {
       {"NLPVMC", {"F", START, equality, NONE, NONE, NONE, NONE, NONE, "C"}},
       {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), far, options(5, 1, 0, 0), rows}},
       {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), START, options(5, 1, 0, 0), bounds}},
+      {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), far, barrier, rows}},
+      {"NLPQUA", {Matrix::of({{2, 1}, {1, 4}}), far, barrier, rows}, true},
       {"NLPFDD", {"F", START, Matrix::row({1, 11})}},
       {"NLPFDD", {"F", START, NONE, "G"}},
       {"NLPFDD", {"R", START, Matrix::row({3, 1})}},
@@ -179,6 +184,7 @@ class Faults : public testing::TestWithParam<Call> {
     define(session, plan);
     Session fresh;
     define(fresh, plan);
+    if (call.work_files) session.task().debug_options["-nlpworkfiles"] = 1;
     reference = run(fresh, call).results;
   }
 
