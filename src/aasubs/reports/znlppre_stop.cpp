@@ -208,6 +208,13 @@ static bool stopped_early(const MINSTR* str) { return str->nitr < static_cast<do
 // QUADAS stops where a direction leads down without end.
 static bool unbounded_quadratic(const MINSTR* str) { return str->tech == QUADAS && str->unbd != 0; }
 
+// Did the run end where the nonlinear constraints are far from being met? Each step of ipre is a
+// factor of ten on CEPS.
+static bool far_from_feasible(const MINSTR* str) {
+  static constexpr int FAR = 4;
+  return str->nlicon != 0 && str->ipre >= FAR;
+}
+
 // Logs message number log (0: none) and gives the text of message number reason for the status
 // table, both with the arguments.
 static RvxText tell(const MINSTR* str, int log, int reason, MsgArgs args = {}) {
@@ -246,6 +253,9 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   if (fail == NO_PROGRESS && unbounded_quadratic(str)) {
     return tell(str, 0, str->imax != 0 ? 41 : 40);  // the log has it
   }
+  if (fail == NO_PROGRESS && far_from_feasible(str)) {
+    return tell(str, 146, 146, {str->cmax});
+  }
   if (fail == NO_PROGRESS) {
     const int message = stopped_early(str) ? 3 : 1;
     return tell(str, message, message);
@@ -264,6 +274,12 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   return RvxText{};
 }
 
+static double largest_parameter(const MINSTR* str) {
+  double largest = 0.0;
+  for (long j = 0; j < str->nvar; ++j) largest = std::max(largest, std::fabs(str->x[j]));
+  return largest;
+}
+
 // Does the objective, by its own rounding, hide the decrease that the gradient still promises? The
 // relative gradient of Dennis and Schnabel (1983), section 7.2, against the root of the relative
 // accuracy of the objective: a step that changes the parameters by that root changes the objective
@@ -273,8 +289,7 @@ static bool gradient_is_rounding(const MINSTR* str) {
   static constexpr double MARGIN = 10.0;
   static constexpr double TYPICAL_OBJECTIVE = 1.0;
   if (str->nlicon != 0 || is_simplex(str->tech) || str->nter == 0) return false;
-  double largest = 1.0;
-  for (long j = 0; j < str->nvar; ++j) largest = std::max(largest, std::fabs(str->x[j]));
+  const double largest = std::max(1.0, largest_parameter(str));
   const double accuracy = str->fdig > 0.0 ? std::pow(10.0, -str->fdig) : EPS;
   const double size = std::max(std::fabs(str->crit), TYPICAL_OBJECTIVE);
   return str->gmax * largest <= MARGIN * std::sqrt(accuracy) * size;
@@ -289,6 +304,13 @@ static bool ridge_kept_steps_short(const MINSTR* str) {
   return str->gmax > str->agtl && str->ridg * str->tval[4] * str->tval[4] > SHARE * str->pred;
 }
 
+// Under nonlinear constraints the steps have no limit at which a run could tell that the objective
+// is unbounded.
+static bool may_be_unbounded(const MINSTR* str, int fail) {
+  static constexpr double SUSPICIOUS = 1e6;
+  return fail == COUNT_LIMIT && str->nlicon != 0 && largest_parameter(str) > SUSPICIOUS;
+}
+
 // What a reader of the result should know besides: a feasibility tolerance that had to be widened,
 // a gradient that is large for a converged run, an active constraint with a multiplier of the wrong
 // sign, a failure that may be none, a success that may be none.
@@ -300,12 +322,15 @@ static void tell_doubts(const MINSTR* str, int fail, int job) {
   } else if (str->ipre != 0) {
     xpmlog(OPTIMIZATION, 137, {feasibility_tolerance(str, str->ipre)});
   }
-  if (job == 0 && fail >= 0 && str->gmax > LARGE_GRADIENT) xpmlog(OPTIMIZATION, 136);
+  const double gradient = str->nlicon != 0 ? str->gmlf : str->gmax;
+  if (job == 0 && fail >= 0 && gradient > LARGE_GRADIENT) xpmlog(OPTIMIZATION, 136);
   if (str->idac != 0) xpmlog(OPTIMIZATION, 138);
   if (fail == str->tcod) return;  // the module that ended the run knows why
   if (fail == NO_PROGRESS && !unbounded_quadratic(str) && gradient_is_rounding(str)) {
     xpmlog(OPTIMIZATION, 142, {str->gmax, gradient_criteria(str).text});
   }
+  if (fail > 0 && far_from_feasible(str)) xpmlog(OPTIMIZATION, 146, {str->cmax});
+  if (may_be_unbounded(str, fail)) xpmlog(OPTIMIZATION, 141, {largest_parameter(str)});
   if (fail == 6 && ridge_kept_steps_short(str)) {
     xpmlog(OPTIMIZATION, 143, {str->ridg, str->gmax});
   }

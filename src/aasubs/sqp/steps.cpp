@@ -48,6 +48,7 @@ void forget_active(MINSTR* str) {
     if (str->iabc[j] != 2) str->iabc[j] = 0;
   }
   str->nabc = str->nalc = str->nldc = str->nlbc = str->nanc = 0;
+  str->idac = 0;
 }
 
 Next load_restart(MINSTR* str, SequentialRun& run) {
