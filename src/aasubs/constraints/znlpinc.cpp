@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpba1.h"
 #include "host/files.h"
 #include "host/log.h"
@@ -142,20 +143,44 @@ static long load_packed(MINSTR* str) {
   return znlpcde(str, UNIT_LOWER, n - str->nabc, str->sing, &logdet, str->half, str->half, nullptr);
 }
 
+// Is a pivot, of which the factor keeps the reciprocal root, no more than rounding of its diagonal?
+// The sparse kernel has no limit of that kind, as the packed one has: a singular matrix would pass
+// for definite where rounding falls that way.
+static bool pivot_is_rounding(double diagonal, double reciprocal) {
+  static constexpr double PIVOT_ROUNDING = 1e-13;
+  return PIVOT_ROUNDING * diagonal * reciprocal * reciprocal >= 1.0;
+}
+
+// Pivots of the sparse factor that are rounding. free: through the second pattern.
+static long rounding_pivots(const MINSTR* str, bool free) {
+  const SPAR& s = str->shes;
+  const long order = free ? free_count(str) : str->nvar;
+  const long* place = free ? s.jusl + s.jusl[order] : s.perm;
+  long count = 0;
+  for (long l = 0; l < order; ++l) {
+    const double diagonal = str->hess[free ? str->ifxr[l] : l];
+    count += pivot_is_rounding(diagonal, str->half[place[l]]) ? 1 : 0;
+  }
+  return count;
+}
+
 // With bounds the pattern of the free parameters is made first: it follows the working set.
 static long load_sparse(MINSTR* str) {
   const long n = str->nvar;
   const SPAR& s = str->shes;
   if (str->utquad != nullptr) read_sparse(str);
   if (str->bounds == 0) {
-    return zslltnf(1, 0, n, str->sing, s.jasp, s.jusp, s.perm, str->hess, str->half);
+    const int failed = zslltnf(1, 0, n, str->sing, s.jasp, s.jusp, s.perm, str->hess, str->half);
+    return failed != 0 ? failed : rounding_pivots(str, false);
   }
   mark_positions(str);
   const long order = zslltiu(s.jasl, s.jusl, str->iwk, n, s.jasp, s.jusp, s.perm, s.iprm, s.mxju,
                              nullptr, nullptr);
   if (order < 0) xexit(EXIT_INCONSISTENT, 0);
-  return zslltf2(2, s.jasl, s.jusl, 0, order, str->sing, s.jasp, s.jusp, str->iwk, str->hess,
-                 str->half);
+  if (order < 1) return 0;
+  const int failed = zslltf2(2, s.jasl, s.jusl, 0, order, str->sing, s.jasp, s.jusp, str->iwk,
+                             str->hess, str->half);
+  return failed != 0 ? failed : rounding_pivots(str, true);
 }
 
 // A value that is not above sing counts only where its parameter is free.
