@@ -391,7 +391,7 @@ int znlpftr(MINSTR* str, int job, int job2, double* half) {
   for (long j = 0; str->bounds != 0 && j < str->nvar; ++j) str->nabc += str->iabc[j] != 0;
   std::stable_partition(str->iact, str->iact + str->nalc, [str](long i) { return i < str->neqc; });
   if (const int failed = renew_frame(str, half); failed != 0) return failed;
-  if (job != 0) znlpdar(str, 0.0, half);
+  if (job != 0 && znlpdar(str, 0.0, half) < 0) return -1;
   if (job2 != 0) frame_projection(str);
   return 0;
 }

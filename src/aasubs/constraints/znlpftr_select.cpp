@@ -95,11 +95,11 @@ int znlpdar(MINSTR* str, double alfa, double* half) {
   const double tres = drop_threshold(str);
   const long before = str->nabc + str->nalc;
   int left = 0;
+  frame_advance(str, alfa);
   // Each pass lets in a constraint that waited: there are no more of them than constraints.
   for (long pass = str->nvar + str->ncon; pass >= 0; --pass) {
     str->idac = 0;
     if (str->nabc + str->nalc == 0) return 0;
-    if (pass == str->nvar + str->ncon) frame_advance(str, alfa);
     const Member m = releas(str, tres);
     if (m.ic < 0) break;
     left = 1;
