@@ -71,12 +71,17 @@ static long difference_work(const MINSTR* str) {
   return std::max({2 * m, m + str->nvar, 2L});
 }
 
-// Puts arrays in the place of those that the run did not allocate. half has room for two matrices.
+// Has half room for two packed matrices? Of a least-squares model and of a quadratic it holds one.
+static bool half_is_spare(const MINSTR* str) {
+  return str->hlfalo != 0 && str->tech != HYQUAN && str->tech != QUADAS;
+}
+
+// Puts arrays in the place of those that the run did not allocate.
 static bool borrow_arrays(MINSTR* str, Workspace& own) {
   // A technique that is told to go on loads its matrices afresh, and one that ends needs them no
   // more: what is there may be overwritten.
   own = {nullptr, str->hess, str->hpro, str->wfid};
-  double* spare = str->hlfalo != 0 ? str->half : nullptr;
+  double* spare = half_is_spare(str) ? str->half : nullptr;
   str->hess = str->hesalo != 0 ? str->hess : spare;
   str->hpro = str->hpralo != 0 ? str->hpro : (spare != nullptr ? spare + str->nnva : nullptr);
 
@@ -339,7 +344,7 @@ static int follow(MINSTR* str) {
 
 // Is there a frame to test in? Lowers job to 0 where no working set can be made.
 static bool can_be_tested(const MINSTR* str, int* job) {
-  if (str->ider == 0 || str->hfrm == SPARSE_FORM) return false;
+  if (str->ider == 0 || str->hfrm == SPARSE_FORM || str->utquad != nullptr) return false;
   // The value of a quadratic is computed from hess, which differences would overwrite.
   if (str->fqad != 0 && str->ushes == nullptr) return false;
   if (!has_general_constraints(str)) return true;
