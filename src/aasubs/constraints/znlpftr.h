@@ -21,7 +21,8 @@
 //   qlcn   row i at i*n, of which the places of free parameters (in the order of ifxr) are in use
 //          and the others 0; null: the rows stand in the work file utq in the same layout
 //   llcn   llcn[i] the diagonal of R: what the solved row i had of its own, without the rows before
-//   uvwg   u n | v n | w n | g n | R above its diagonal, column j in j places at j(j-1)/2
+//   uvwg   u n | v n | w n | g n | R above its diagonal, column j in j places at j(j-1)/2, which
+//          stays in memory even when the rows stand in the file
 //          g: the gradient with the free parameters at 0, q + H(:, fixed) x(fixed)
 //   ywrk   a row n | work n | a row of the file n | coefficients of a row n
 //
