@@ -1,11 +1,12 @@
 // The cost of the callback bridge, with a module that returns at once: one evaluation through the
 // whole road from the record to the user's function and back, beside a direct call of the same
 // function; and one evaluation of a gradient by differences, through the bridge and in a record
-// whose callback does next to nothing, which leaves the differences themselves.
+// whose callback does next to nothing, which leaves the differences themselves. Both faces.
 #include <benchmark/benchmark.h>
 
 #include "aasubs/derivatives/znlpfid.h"
 #include "embed/task.h"
+#include "face/run.h"
 #include "front/argmts.h"
 #include "front/tqxnlp_bridge.h"
 #include "front/tqxnlp_modules.h"
@@ -82,6 +83,38 @@ static void gradient(benchmark::State& state, bool in_record) {
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
+// The same of the named face: its callback on a prepared record, beside a direct call of the
+// function that it holds.
+static double first_element(Point x) { return x[0]; }
+
+static void direct_call_of_the_face(benchmark::State& state) {
+  const Problem::Objective function = first_element;
+  const std::vector<double> x(static_cast<std::size_t>(state.range(0)), 1.0);
+  for (auto _ : state) benchmark::DoNotOptimize(function(x));
+}
+
+static void through_the_face(benchmark::State& state) {
+  const long n = state.range(0);
+  const auto size = static_cast<std::size_t>(n);
+  Problem problem = Problem::minimize(n, first_element);
+  if (state.range(1) != 0)
+    problem.bounds(std::vector<double>(size, 0.0), std::vector<double>(size, 2.0));
+  const Options options;
+  const face::Constraints constraints = face::normalize(problem.data());
+  embed::Task task;
+  const embed::Activation activation(task);
+  const embed::FrameScope frame(task);
+  face::Shared shared{problem.data(), constraints, options};
+  face::Run run(shared, face::row_of(Technique::nelder_mead));
+  face::prepare_run(run, std::vector<double>(size, 1.0));
+  for (auto _ : state) {
+    if (run.usfct(&run) != 0) state.SkipWithError("the evaluation failed");
+    benchmark::DoNotOptimize(run.crit);
+  }
+}
+
+BENCHMARK(direct_call_of_the_face)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
+BENCHMARK(through_the_face)->ArgNames({"n", "bounds"})->ArgsProduct({{2, 20, 200}, {0, 1}});
 BENCHMARK(direct_call)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
 BENCHMARK(through_the_bridge)->ArgName("n")->Arg(2)->Arg(20)->Arg(200);
 BENCHMARK_CAPTURE(gradient, record, true)

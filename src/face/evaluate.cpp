@@ -4,7 +4,10 @@
 // A function is never called outside of the bounds: a technique that looks beyond them (COBYLA) or
 // a step that rounding carries over gets the value at the point of the bounds that is nearest.
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <utility>
 
 #include "aasubs/derivatives/znlpfid.h"
 #include "aasubs/setup/evaluations.h"
@@ -39,18 +42,29 @@ static void negate(double* values, long count) {
   for (long i = 0; i < count; ++i) values[i] = -values[i];
 }
 
+// Is an element beyond a bound, or no number? By the bits that a projection would change, without a
+// branch for each element.
+static bool beyond(long n, const double* x, const double* lower, const double* upper) {
+  std::uint64_t changed = 0;
+  for (long j = 0; j < n; ++j) {
+    const double raised = x[j] > lower[j] ? x[j] : lower[j];  // a NaN too
+    const double inside = raised < upper[j] ? raised : upper[j];
+    changed |= std::bit_cast<std::uint64_t>(inside) ^ std::bit_cast<std::uint64_t>(x[j]);
+  }
+  return changed != 0;
+}
+
 // The point for the user's function: x itself, or its projection into the bounds. Null when x is no
-// point, as after an overflow in a step.
+// point, as after an overflow in a step. An absent bound stands at the largest double, so that an
+// infinite element is beyond it.
 static const double* point(Run& run) {
   const long n = run.nvar;
   const double* x = run.x;
-  if (!all_finite(n, x)) return nullptr;
-  if (!run.shared.constraints.bounds) return x;
+  if (!run.shared.constraints.bounds) return all_finite(n, x) ? x : nullptr;
   const double* lower = run.shared.constraints.lower.data();
   const double* upper = run.shared.constraints.upper.data();
-  bool outside = false;
-  for (long j = 0; j < n; ++j) outside |= (x[j] < lower[j]) | (x[j] > upper[j]);
-  if (!outside) return x;
+  if (!beyond(n, x, lower, upper)) return x;
+  if (!all_finite(n, x)) return nullptr;
   for (long j = 0; j < n; ++j)
     run.inside[static_cast<std::size_t>(j)] = std::clamp(x[j], lower[j], upper[j]);
   return run.inside.data();
@@ -61,7 +75,7 @@ static const double* point(Run& run) {
 template <class Body>
 static bool call(Run& run, long& count, const Body& body) {
   Shared& shared = run.shared;
-  if (shared.thrown != nullptr) return false;
+  if (shared.interrupted) return false;
   ++count;
   if (run.indf >= GRADIENT_STEP) ++shared.counts.for_differences;
   try {
@@ -72,7 +86,7 @@ static bool call(Run& run, long& count, const Body& body) {
   } catch (const EvaluationFailed&) {
     shared.clock.ends();
   } catch (...) {
-    shared.thrown = std::current_exception();
+    shared.keep_exception();
   }
   return false;
 }
@@ -379,7 +393,7 @@ static Progress progress_of(const Run& run) {
 static int terminate(MINSTR* str, int job) {
   Run& run = run_of(str);
   Shared& shared = run.shared;
-  if (shared.thrown != nullptr) return MODULE_FAILED;
+  if (shared.interrupted) return MODULE_FAILED;
   if (shared.stopped) return STOPPED_BY_CALLER;
   const int code = znlptrm(str, job);
   const bool iteration = job == TEST_START || (job > 0 && job % 2 == 1);
@@ -393,7 +407,7 @@ static int terminate(MINSTR* str, int job) {
     str->tcod = STOPPED_BY_CALLER;
     return STOPPED_BY_CALLER;
   } catch (...) {
-    shared.thrown = std::current_exception();
+    shared.keep_exception();
     return MODULE_FAILED;
   }
 }

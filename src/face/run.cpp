@@ -265,7 +265,7 @@ int drive(Run& run) {
   const int gradient_test = !run.supplied.gradient ? 0 : run.squares ? 2 : 1;
   const int constraint_test = checks && run.supplied.constraint_jacobian ? 1 : 0;
   int code = znlpdrv(&run, 1, report, gradient_test, constraint_test);
-  if (code >= 0 && run.shared.thrown == nullptr) code = znlpdrv(&run, 2, detail, 0, 0);
+  if (code >= 0 && !run.shared.interrupted) code = znlpdrv(&run, 2, detail, 0, 0);
   if (run.rvx != nullptr) wobmth(run.rvx, 0, RvxMethod::close, {});
   run.rvx = nullptr;
   return code;

@@ -25,30 +25,31 @@ struct BestPoint {
   std::vector<double> x;
 };
 
-// Time in the user's functions. The first calls are timed, and then every 16th: a clock reading
-// costs as much as a quick function.
+// Time in the user's functions. The first calls are timed, and then every 64th: readings of a clock
+// cost more than a quick function.
 class UserClock {
  public:
-  bool starts() {
+  void starts() {
     timed_ = calls_ < ALWAYS || calls_ % EVERY == 0;
     ++calls_;
     if (timed_) began_ = Clock::now();
-    return timed_;
   }
   void ends() {
-    if (!timed_) return;
-    const double passed = std::chrono::duration<double>(Clock::now() - began_).count();
-    seconds_ += calls_ > ALWAYS ? EVERY * passed : passed;
+    if (timed_) add();
   }
   double seconds() const { return seconds_; }
 
  private:
   using Clock = std::chrono::steady_clock;
-  static constexpr long ALWAYS = 32;
-  static constexpr long EVERY = 16;
+  static constexpr unsigned long ALWAYS = 64;
+  static constexpr unsigned long EVERY = 64;
+  void add() {
+    const double passed = std::chrono::duration<double>(Clock::now() - began_).count();
+    seconds_ += calls_ > ALWAYS ? EVERY * passed : passed;
+  }
   Clock::time_point began_;
   double seconds_ = 0.0;
-  long calls_ = 0;
+  unsigned long calls_ = 0;
   bool timed_ = false;
 };
 
@@ -61,10 +62,16 @@ struct Shared {
   UserClock clock{};
   BestPoint best{};
   History history{};
-  std::exception_ptr thrown{};  // by a user's function: from then on none is called
+  std::exception_ptr thrown{};  // by a user's function, or by what Options holds
+  bool interrupted = false;     // by that: from then on no function is called
   bool stopped = false;         // by Options::progress
   double began = 0.0;           // clock of the host
   long iterations_before = 0;   // of runs before a restart
+
+  void keep_exception() {
+    thrown = std::current_exception();
+    interrupted = true;
+  }
 };
 
 // A record with its scratch. The arrays of the record are the host's, and belong to the call.

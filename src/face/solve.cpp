@@ -91,7 +91,7 @@ static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<
   prepare_run(run, start);
   tighten_criteria(run, result->optimality.restarts);
   int code = drive(run);
-  if (shared.thrown != nullptr) code = Status::interrupted_by_exception;
+  if (shared.interrupted) code = Status::interrupted_by_exception;
   result->status = status_of(code);
   take_point(run, code, result);
   if (run.squares && run.func != nullptr) result->residuals.assign(run.func, run.func + run.mequ);
@@ -138,7 +138,7 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
   std::vector<double> better;
   check(shared, task, wants_analysis(shared.options, *result), result, &better);
   while (wants_analysis(shared.options, *result) && contradicted(*result) &&
-         result->optimality.restarts < MOST_RESTARTS && shared.thrown == nullptr) {
+         result->optimality.restarts < MOST_RESTARTS && !shared.interrupted) {
     Result next = *result;
     ++next.optimality.restarts;
     run_once(shared, row, better.empty() ? result->x : better, &next);
@@ -157,11 +157,11 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
 static void set_sink(Shared& shared, embed::Task& task) {
   if (shared.options.sink == nullptr) return;
   task.sink = std::make_shared<const Session::Sink>([&shared](std::string_view line) {
-    if (shared.thrown != nullptr) return;
+    if (shared.interrupted) return;
     try {
       shared.options.sink(line);
     } catch (...) {
-      shared.thrown = std::current_exception();
+      shared.keep_exception();
     }
   });
 }
@@ -200,7 +200,7 @@ static Result run_on_task(Shared& shared, const TechniqueRow& row,
     embed::hand_on_open_tables(task);
     finish(shared, task, &result);
   }
-  if (shared.thrown != nullptr) {
+  if (shared.interrupted) {
     result.status = status_of(Status::interrupted_by_exception);
     if (shared.options.partial != nullptr) *shared.options.partial = std::move(result);
     std::rethrow_exception(shared.thrown);
