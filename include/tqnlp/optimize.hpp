@@ -309,8 +309,8 @@ struct Optimality {
 // (bound) that is active; 0 where none is. The gradient is the sum of multipliers times gradients
 // of the constraints.
 struct Multipliers {
-  std::vector<double> bounds;     // one a parameter
-  std::vector<double> linear;     // one a row, also of a row that became a bound
+  std::vector<double> bounds;  // one a parameter; missing where it is fixed and no gradient given
+  std::vector<double> linear;  // one a row, also of a row that became a bound
   std::vector<double> nonlinear;  // one a constraint
 };
 

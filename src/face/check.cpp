@@ -33,13 +33,24 @@ static bool good(Run& run, Callback callback) {
   return callback == nullptr || (callback(&run) == 0 && run.tbig == 0.0);
 }
 
-// Objective, gradient, constraints and their Jacobian at x; false when one of them has no value.
-static bool evaluate(Run& run) {
+// Residuals and constraints as the user gives them, kept before differences call again.
+static void keep_values(Run& run, Result* result) {
+  const ProblemData& problem = run.shared.problem;
+  const Constraints& c = run.shared.constraints;
+  const double* values = run.values.data();
+  if (problem.kind == Kind::least_squares) result->residuals.assign(values, values + problem.m);
+  result->constraints.assign(problem.c_lower.size(), missing);
+  if (run.usnlc == nullptr || !good(run, run.usnlc)) return;
+  std::copy_n(c.as_given ? run.fcon : values, problem.c_lower.size(), result->constraints.begin());
+}
+
+// Objective, constraints and first derivatives at x; false when one of them has no value.
+static bool evaluate(Run& run, Result* result) {
   run.indf = AT_SOLUTION;
   run.ifdr = ORDER_FUNCTION;
-  bool all = good(run, run.usfct);
-  all = good(run, run.usnlc) && all;
-  if (!all) return false;
+  const bool value = good(run, run.usfct);
+  if (value) keep_values(run, result);
+  if (!value || run.tbig != 0.0) return false;
   run.ifdr = ORDER_GRADIENT;
   return good(run, run.usgrd) && good(run, run.usjnc);
 }
@@ -67,31 +78,29 @@ static void add_rows(const ProblemData& problem, const std::vector<double>& x, G
   }
 }
 
-// Values and gradients as the user gives them, from one side of the record's form.
-static void add_nonlinear(const Run& run, General& general) {
+// Gradients as the user gives them, from one side of the record's form.
+static void add_nonlinear(const Run& run, const std::vector<double>& values, General& general) {
   const ProblemData& problem = run.shared.problem;
   const auto n = static_cast<std::size_t>(problem.n);
-  const std::size_t first = general.values.size(), count = problem.c_lower.size();
-  general.values.resize(first + count, 0.0);
-  general.normals.resize((first + count) * n, 0.0);
-  for (std::size_t k = 0; k < count; ++k) {
+  const std::size_t first = general.values.size();
+  general.values.insert(general.values.end(), values.begin(), values.end());
+  general.normals.resize(general.values.size() * n, 0.0);
+  for (std::size_t k = 0; k < values.size(); ++k) {
     general.lower.push_back(clipped(problem.c_lower[k]));
     general.upper.push_back(clipped(problem.c_upper[k]));
   }
   const std::vector<OneSide>& sides = run.shared.constraints.nonlinear;
   for (std::size_t k = 0; k < sides.size(); ++k) {
-    const OneSide& one = sides[k];
-    const std::size_t place = first + static_cast<std::size_t>(one.source);
-    general.values[place] = one.sign * run.fcon[k] + one.side;
+    const std::size_t place = first + static_cast<std::size_t>(sides[k].source);
     for (std::size_t j = 0; j < n; ++j)
-      general.normals[place * n + j] = one.sign * run.jcon[k * n + j];
+      general.normals[place * n + j] = sides[k].sign * run.jcon[k * n + j];
   }
 }
 
-static General general_constraints(const Run& run, const std::vector<double>& x) {
+static General general_constraints(const Run& run, const Result& result) {
   General general;
-  add_rows(run.shared.problem, x, general);
-  add_nonlinear(run, general);
+  add_rows(run.shared.problem, result.x, general);
+  add_nonlinear(run, result.constraints, general);
   general.multipliers.resize(general.values.size());
   return general;
 }
@@ -124,6 +133,9 @@ static void hand_out_multipliers(const Run& run, const General& general,
     to.linear[i] = to.bounds[j] / problem.rows[i].values.front();
     to.bounds[j] = 0.0;
   }
+  // A parameter that is fixed has no differences within its bounds.
+  for (std::size_t j = 0; j < to.bounds.size() && !run.supplied.gradient; ++j)
+    if (c.lower[j] == c.upper[j]) to.bounds[j] = missing;
   for (auto* list : {&to.bounds, &to.linear, &to.nonlinear})
     for (double& multiplier : *list) multiplier = multiplier == 0.0 ? 0.0 : sign * multiplier;
 }
@@ -210,14 +222,13 @@ void check_point(Shared& shared, bool curvature, Result* result, std::vector<dou
   const double sign = problem.maximize ? -1.0 : 1.0;
   result->gradient.assign(n, missing);
   result->optimality.verdict = Optimality::not_known;
-  const bool known = evaluate(run);
+  const bool known = evaluate(run, result);
   if (run.crit < HUGE_VALUE) result->objective = sign * run.crit;
   if (!known) return;
   for (std::size_t j = 0; j < n; ++j) result->gradient[j] = sign * run.grad[j];
-  General general = general_constraints(run, result->x);
+  General general = general_constraints(run, *result);
   const auto rows = static_cast<std::ptrdiff_t>(problem.rows.size());
   result->linear.assign(general.values.begin(), general.values.begin() + rows);
-  result->constraints.assign(general.values.begin() + rows, general.values.end());
   mark_active(problem, shared.constraints, result);
   check_first_order_conditions(run, general, result);
   const bool optimal = result->optimality.verdict == Optimality::optimal;

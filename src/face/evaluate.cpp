@@ -3,6 +3,8 @@
 //
 // A function is never called outside of the bounds: a technique that looks beyond them (COBYLA) or
 // a step that rounding carries over gets the value at the point of the bounds that is nearest.
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -85,6 +87,8 @@ static bool call(Run& run, long& count, const Body& body) {
     return true;
   } catch (const EvaluationFailed&) {
     shared.clock.ends();
+  } catch (const abi::__forced_unwind&) {  // the thread is being cancelled: not ours to stop
+    throw;
   } catch (...) {
     shared.keep_exception();
   }

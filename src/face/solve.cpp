@@ -44,12 +44,7 @@ static Status status_of(int code) {
   return status;
 }
 
-static bool is_feasible(const Run& run) {
-  // What the driver widened the tolerance to is told by the check.
-  return run.ipre == 0;
-}
-
-// The point of a run that failed: the best feasible one, if it is better than the last.
+// The last point, or of a run that failed the best feasible one: no feasible point is better.
 static void take_point(const Run& run, int code, Result* result) {
   const BestPoint& best = run.shared.best;
   result->x.assign(run.x, run.x + run.nvar);
@@ -57,8 +52,7 @@ static void take_point(const Run& run, int code, Result* result) {
   const bool known = !wzmis(run.crit) && std::fabs(run.crit) < HUGE_VALUE;
   result->objective = known ? sign * run.crit : missing;
   const bool failed = code <= 0 || code > Status::all_parameters_active;
-  const bool better = best.found && (!known || !is_feasible(run) || best.crit < run.crit);
-  if (failed && better) {
+  if (failed && best.found) {
     result->x = best.x;
     result->objective = sign * best.crit;
   }
@@ -90,11 +84,11 @@ static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<
   Run run(shared, row);
   prepare_run(run, start);
   tighten_criteria(run, result->optimality.restarts);
+  run.upti = std::max(run.upti - (zdattim() - shared.began), 0.0);
   int code = drive(run);
   if (shared.interrupted) code = Status::interrupted_by_exception;
   result->status = status_of(code);
   take_point(run, code, result);
-  if (run.squares && run.func != nullptr) result->residuals.assign(run.func, run.func + run.mequ);
   add_counts(run, result);
 }
 
@@ -149,6 +143,7 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
     if (!improves(next, *result, shared.problem.maximize)) break;
     *result = std::move(next);
   }
+  if (shared.stopped) result->status = status_of(STOPPED_BY_CALLER);
 }
 
 // ---- On a task ----------------------------------------------------------------------------------

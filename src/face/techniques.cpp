@@ -86,6 +86,8 @@ const TechniqueRow& choose_technique(const ProblemData& problem, const Constrain
                                      const Options& options) {
   if (options.technique == Technique::automatic)
     return row_of(automatic_choice(problem, constraints, options));
+  if (std::string(name_of(options.technique)) == "unknown")
+    refuse("Options::technique", "a number that is none of them", "one of Technique");
   const TechniqueRow& asked = row_of(options.technique);
   if (takes(asked, problem, constraints)) return asked;
   std::string others;
