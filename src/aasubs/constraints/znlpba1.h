@@ -83,8 +83,8 @@ int znlpclo(MINSTR* str);
 // other forms stand in hess. product must not overlap v.
 void quadratic_product(MINSTR* str, const double* v, double* product);
 
-// The largest element, without sign, of the diagonal of H.
-double largest_diagonal(MINSTR* str);
+// Roots of the diagonal of H, without signs: |H(i,j)| <= scale[i] scale[j] where H is definite.
+void quadratic_scale(MINSTR* str, double* scale);
 
 // ---- Feasible start ---------------------------------------------------------------------------
 

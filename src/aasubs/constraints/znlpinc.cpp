@@ -242,14 +242,12 @@ void quadratic_product(MINSTR* str, const double* v, double* product) {
   }
 }
 
-double largest_diagonal(MINSTR* str) {
-  if (str->hfrm != PACKED) return zvamx(str->nvar, str->hess);
-  double largest = 0.0;
-  if (str->utquad != nullptr) read_head(str);
-  for (long i = 0; i < str->nvar; ++i) {
-    largest = std::max(largest, std::fabs(packed_row(str, i)[i]));
+void quadratic_scale(MINSTR* str, double* scale) {
+  if (str->hfrm == PACKED && str->utquad != nullptr) read_head(str);
+  for (long j = 0; j < str->nvar; ++j) {
+    const double diagonal = str->hfrm == PACKED ? packed_row(str, j)[j] : str->hess[j];
+    scale[j] = std::sqrt(std::fabs(diagonal));
   }
-  return largest;
 }
 
 }  // namespace tqnlp

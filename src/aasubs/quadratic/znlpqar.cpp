@@ -11,7 +11,9 @@
 //            that is bent along the bounds
 // Reads      hess in the form hfrm or utquad, qvec, qcon, bounds, lincon, deat; termination group
 // Writes     x, crit, grad, gmax, pred, dfes, alfa, stub, chac, mini, counters; half, the frame
-// Work       wrk2 = product with H (n) | step along the bounds (n); what the frame uses
+// Work       wrk2 = product with H (n) | step along the bounds (n) | scale (n) | sizes of the
+// gradient
+//            (n); what the frame uses
 // Ends       codes of uster; -1, -2, -6 failed loads; -2 H not positive definite (said in the log);
 //            -5 no step
 //
@@ -56,19 +58,19 @@ static constexpr int MOST_SKIPPED = 8;                 // constraints that a wor
 
 // What the iterations of one run share.
 struct BarrierRun {
-  int ij = 0;                  // code in hand
-  double hessian_size = 0.0;   // largest element of H
-  double gradient_size = 0.0;  // largest of what the gradient is the sum of
-  double value_size = 0.0;     // the same for the objective
-  double deat = 0.0;           // the user's
-  int full_steps = 0;          // to the minimizer, on this working set
-  bool fresh = false;          // do grad and u, v, w come from x itself?
-  bool restored = false;       // were the rows satisfied exactly on this working set?
-  bool blocks = true;          // may several bounds leave at once?
-  bool relaxed = false;        // do rows give way?
-  bool broken = false;         // the factor of the free parameters failed
-  long idle = 0;               // changes of the working set since x moved
-  bool untested = false;       // has the termination test not yet looked at x as a solution?
+  int ij = 0;               // code in hand
+  double* scale = nullptr;  // of each parameter: |H(i,j)| <= scale[i] scale[j]
+  double* sizes = nullptr;  // of what each element of the gradient is the sum of
+  double value_size = 0.0;  // the same for the objective
+  double deat = 0.0;        // the user's
+  int full_steps = 0;       // to the minimizer, on this working set
+  bool fresh = false;       // do grad and u, v, w come from x itself?
+  bool restored = false;    // were the rows satisfied exactly on this working set?
+  bool blocks = true;       // may several bounds leave at once?
+  bool relaxed = false;     // do rows give way?
+  bool broken = false;      // the factor of the free parameters failed
+  long idle = 0;            // changes of the working set since x moved
+  bool untested = false;    // has the termination test not yet looked at x as a solution?
   unsigned lots = 1;
   int skipped_count = 0;
   Member skipped[MOST_SKIPPED];  // depend on the members, by rounding
@@ -141,15 +143,19 @@ static void znlpggn(MINSTR* str, double alfa) {
   zvxay11(str->nvar, str->grad, alfa, product_room(str));
 }
 
-// Sizes against which rounding is judged.
+// Sizes against which rounding is judged. A diagonal matrix keeps the parameters apart.
 static void measure_point(MINSTR* str, BarrierRun& run) {
-  const double of_product = run.hessian_size * zvamx(str->nvar, str->x);
-  run.gradient_size = TINY;
+  static constexpr int DIAGONAL = 2;
+  double largest = 0.0;
+  for (long j = 0; j < str->nvar; ++j) {
+    largest = std::max(largest, run.scale[j] * std::fabs(str->x[j]));
+  }
   run.value_size = std::fabs(str->crit);
   for (long j = 0; j < str->nvar; ++j) {
-    const double size = std::max(of_product, std::fabs(str->qvec[j]));
-    run.gradient_size = std::max(run.gradient_size, size);
-    run.value_size += std::fabs(str->x[j]) * size;
+    const double x = std::fabs(str->x[j]);
+    const double product = str->hfrm == DIAGONAL ? run.scale[j] * x : largest;
+    run.sizes[j] = std::max({run.scale[j] * product, std::fabs(str->qvec[j]), TINY});
+    run.value_size += x * run.sizes[j];
   }
 }
 
@@ -219,13 +225,38 @@ static bool enter_bounds(MINSTR* str, BarrierRun& run) {
   return true;
 }
 
+static bool chosen_by_user(const BarrierRun& run) { return !wzmis(run.deat) && run.deat > 0.0; }
+
+// The multiplier that counts as zero, for a gradient of unit length: what the gradient's elements
+// leave uncertain where the constraint has coefficients. Rows bring what they take off the gradient
+// into the multiplier of a bound.
+static double multiplier_tolerance(MINSTR* str, const BarrierRun& run, const Member& m) {
+  if (chosen_by_user(run)) return run.deat;
+  if (m.koc != 0) {
+    const double of_rows = str->nalc > 0 ? std::fabs(str->grad[m.ic] - str->gpro[m.ic]) : 0.0;
+    return MULTIPLIER_ZERO * std::max(run.sizes[m.ic], of_rows);
+  }
+  const double* row = gradient_of(str, m);
+  double size = 0.0;
+  for (long j = 0; j < str->nvar; ++j) {
+    if (row[j] != 0.0) size = std::max(size, run.sizes[j]);
+  }
+  return MULTIPLIER_ZERO * size;
+}
+
+// The one threshold of the frame's own choice, which all multipliers above it pass.
+static void set_frame_threshold(MINSTR* str, const BarrierRun& run) {
+  if (!chosen_by_user(run)) str->deat = MULTIPLIER_ZERO * zvamx(str->nvar, run.sizes);
+}
+
 // Bounds with the wrong sign leave together, as long as that does not lead to a step that is
 // blocked at once.
 static bool release_bounds(MINSTR* str, BarrierRun& run) {
   long left = 0;
   for (long i = 0; i < str->nabc; ++i) {
     const long j = str->ifxr[free_count(str) + i];
-    if (str->iabc[j] == 2 || !(str->lagm[i] < -str->deat)) continue;
+    if (str->iabc[j] == 2 || !(str->lagm[i] < 0.0)) continue;
+    if (!(str->lagm[i] < -multiplier_tolerance(str, run, {str->iabc[j], j}))) continue;
     str->iabc[j] = 0;
     ++left;
   }
@@ -246,7 +277,7 @@ static bool release_scaled(MINSTR* str, BarrierRun& run) {
     if (!may_leave(str, m) || !(str->lagm[i] < 0.0)) continue;
     const double length = m.koc != 0 ? 1.0 : zvenorm(str->nvar, 1, gradient_of(str, m));
     const double lambda = length * str->lagm[i];
-    if (!(lambda < -str->deat)) continue;
+    if (!(lambda < -multiplier_tolerance(str, run, m))) continue;
     const double worth = cycling(str, run) ? lot(run) : -lambda;
     if (worth <= highest) continue;
     worst = m;
@@ -276,7 +307,7 @@ static bool release(MINSTR* str, BarrierRun& run) {
   frame_projection(str);
   if (str->nabc + str->nalc == 0) return false;
   str->mini = static_cast<long>(str->nitr);
-  if (wzmis(run.deat) || run.deat <= 0.0) str->deat = MULTIPLIER_ZERO * run.gradient_size;
+  set_frame_threshold(str, run);
   const bool block = run.blocks && run.idle == 0;
   if (!(block && release_bounds(str, run)) && !release_one(str, run)) return false;
   str->chac = -1;
@@ -663,7 +694,7 @@ static Next load_start(MINSTR* str, BarrierRun& run) {
   }
   if (first && !matrix_is_definite(str)) return refuse_matrix(str, run);
   measure_point(str, run);
-  if (wzmis(run.deat) || run.deat <= 0.0) str->deat = MULTIPLIER_ZERO * run.gradient_size;
+  set_frame_threshold(str, run);
   if (znlpftr(str, 1, 1, str->half) != 0) return refuse_matrix(str, run);
   set_changed(str, run, 0);
   run.fresh = true;
@@ -686,7 +717,9 @@ int znlpqar(MINSTR* str) {
   str->usclo = znlpclo;
   BarrierRun run;
   run.deat = str->deat;
-  run.hessian_size = largest_diagonal(str);
+  run.scale = str->wrk2 + 2 * str->nvar;
+  run.sizes = str->wrk2 + 3 * str->nvar;
+  quadratic_scale(str, run.scale);
   const double sing = str->sing;
   // Definite is what rounding does not call into question, on whatever scale.
   str->sing = 0.0;
