@@ -14,6 +14,8 @@
 // Work       wrk2 = product with H (n) | step along the bounds (n) | scale (n) | sizes of the
 // gradient
 //            (n); what the frame uses
+//            ldco = for bounds (n) and rows (ncon) the number of a working set that cannot take
+//            them
 // Ends       codes of uster; -1, -2, -6 failed loads; -2 H not positive definite (said in the log);
 //            -5 no step
 //
@@ -54,7 +56,6 @@ static constexpr double ENOUGH_DECREASE = 1e-4;        // of the slope, along a 
 static constexpr double LOST_VALUE = 1e-6;             // rise of the true value, of its size
 static constexpr int MOST_BENDS = 4;                   // lengths tried along the bounds
 static constexpr int MOST_REFINEMENTS = 2;             // full steps on one working set
-static constexpr int MOST_SKIPPED = 8;                 // constraints that a working set cannot take
 
 // What the iterations of one run share.
 struct BarrierRun {
@@ -72,8 +73,7 @@ struct BarrierRun {
   long idle = 0;            // changes of the working set since x moved
   bool untested = false;    // has the termination test not yet looked at x as a solution?
   unsigned lots = 1;
-  int skipped_count = 0;
-  Member skipped[MOST_SKIPPED];  // depend on the members, by rounding
+  long set_number = 1;  // of the working set; the mark of a constraint that it cannot take
   RestartGuard guard;
 };
 
@@ -167,7 +167,7 @@ static double value_rounding(const MINSTR* str, const BarrierRun& run) {
 
 static void set_changed(MINSTR* str, BarrierRun& run, int status) {
   run.full_steps = 0;
-  run.skipped_count = 0;
+  ++run.set_number;
   run.restored = false;
   if (status < 0) run.broken = true;
   if (has_constraints(str)) forget_deferred(str);
@@ -181,9 +181,13 @@ static void refresh(MINSTR* str, BarrierRun& run) {
   run.fresh = true;
 }
 
-static bool is_skipped(const BarrierRun& run, const Member& m) {
-  return std::any_of(run.skipped, run.skipped + run.skipped_count,
-                     [&m](const Member& s) { return s.koc == m.koc && s.ic == m.ic; });
+// Number of the last working set that could not take m: it depends on the members, by rounding.
+static long& skip_mark(const MINSTR* str, const Member& m) {
+  return str->ldco[m.koc != 0 ? m.ic : str->nvar + m.ic];
+}
+
+static bool is_skipped(const MINSTR* str, const BarrierRun& run, const Member& m) {
+  return skip_mark(str, m) == run.set_number;
 }
 
 // A constraint that cut the step enters. One that depends on the members, which its slope says it
@@ -196,10 +200,9 @@ static void enter(MINSTR* str, BarrierRun& run, const Member& m, double alfa) {
   const int status = znlpupr(str, 0, m.koc, m.ic, alfa, str->half);
   if (status == 1) {
     if (m.koc == 0) frame_advance(str, alfa);
-    if (run.skipped_count == MOST_SKIPPED) run.broken = true;
     forget_deferred(str);
     run.fresh = false;
-    if (!run.broken) run.skipped[run.skipped_count++] = m;
+    skip_mark(str, m) = run.set_number;
     return;
   }
   ++str->chac;
@@ -362,7 +365,7 @@ static void visit_bounds(const MINSTR* str, const BarrierRun& run, double length
     if (!(std::fabs(d) > ROUNDING_SLOPE * length)) continue;
     const Member m{d < 0.0 ? 1 : -1, j};
     const double bound = bound_value(str, j, m.koc);
-    if (!lower_exists(bound) || !upper_exists(bound) || is_skipped(run, m)) continue;
+    if (!lower_exists(bound) || !upper_exists(bound) || is_skipped(str, run, m)) continue;
     visit(Approach{m, -std::fabs(d), std::fabs(d), m.koc * (str->x[j] - bound),
                    (std::fabs(bound) + 1.0) * BOUND_ROUNDING});
   }
@@ -379,7 +382,7 @@ static void visit_approached(MINSTR* str, const BarrierRun& run, Visit visit) {
   std::fill_n(is_member, str->ncon, 0L);
   for (long k = 0; k < str->nalc; ++k) is_member[str->iact[k]] = 1;
   for (long i = str->neqc; i < str->ncon; ++i) {
-    if (is_member[i] != 0 || is_skipped(run, {0, i})) continue;
+    if (is_member[i] != 0 || is_skipped(str, run, {0, i})) continue;
     const double slope = row_product(str, i, str->sdir);
     if (!(slope < 0.0)) continue;
     const double norm = row_length(str, i);
@@ -720,6 +723,7 @@ int znlpqar(MINSTR* str) {
   run.scale = str->wrk2 + 2 * str->nvar;
   run.sizes = str->wrk2 + 3 * str->nvar;
   quadratic_scale(str, run.scale);
+  std::fill_n(str->ldco, str->nvar + str->ncon, 0L);
   const double sing = str->sing;
   // Definite is what rounding does not call into question, on whatever scale.
   str->sing = 0.0;

@@ -200,7 +200,7 @@ struct MINSTR {
   long* iact;    // working set: nalc active constraints, then nldc deferred ones; linear i as i,
                  // nonlinear k as ncon + k
   long* liwk;    // as long as iact; candidate lists
-  long* ldco;    // linear-dependence work with nonlinear constraints
+  long* ldco;    // linear-dependence work with nonlinear constraints, and of the barrier form
   double* alcn;  // coefficients of linear constraints, stored as a'x >= b
   double* blcn;  // ncon; their right sides
   double* hpro;  // packed, or without linear constraints as hess; projected Hessian

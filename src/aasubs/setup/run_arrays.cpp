@@ -319,7 +319,12 @@ static constexpr RunArray ARRAYS[] = {
     {&MINSTR::gpro, frame_room, divide_gpro},
     {&MINSTR::iact, [](const Sizes& s) { return general(s) ? 2 * working_set(s) : 0; },
      divide_iact},
-    {&MINSTR::ldco, [](const Sizes& s) { return s.nonlinear ? working_set(s) : 0; }, nullptr},
+    {&MINSTR::ldco,
+     [](const Sizes& s) {
+       if (is_barrier(s.str)) return s.n + s.str->ncon;
+       return s.nonlinear ? working_set(s) : 0;
+     },
+     nullptr},
     {&MINSTR::half, [](const Sizes& s) { return s.request.late_hessian ? 0 : half_length(s); },
      mark_half},
     {&MINSTR::hpro, [](const Sizes& s) { return s.request.late_hessian ? 0 : hpro_length(s); },
