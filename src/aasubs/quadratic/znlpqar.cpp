@@ -44,10 +44,10 @@
 
 namespace tqnlp {
 
-static constexpr double MULTIPLIER_ZERO = 1e-10;  // of the gradient's size
-static constexpr double NEGLIGIBLE_STEP = 1e-14;  // of the size of a parameter
-static constexpr double ROUNDING_SLOPE = 1e-11;   // of the lengths of row and step
-static constexpr double RATIO_TOLERANCE = 1e-4;   // of the feasibility tolerance, for rows
+static constexpr double MULTIPLIER_ZERO = 1e-10;       // of the gradient's size
+static constexpr double NEGLIGIBLE_STEP = 1e-14;       // of the size of a parameter
+static constexpr double ROUNDING_SLOPE = HUNDRED_EPS;  // of the terms that a slope is the sum of
+static constexpr double RATIO_TOLERANCE = 1e-4;        // of the feasibility tolerance, for rows
 static constexpr double BOUND_ROUNDING = 10.0 * EPS;
 static constexpr double RELAXATION = 0.1;              // the same, of rows at a degenerate point
 static constexpr long FIRST_RELAXED = 20;              // change of the working set in place
@@ -351,18 +351,20 @@ struct Approach {
 
 }  // namespace
 
-static double row_length(MINSTR* str, long i) {
-  double* row = str->awrk;
-  str->acget(str, i, row);
-  return zvenorm(str->nvar, 1, row);
+// Is the slope of row i, which stands in awrk, more than the rounding of its terms? The length of
+// the step says nothing of that where parameters differ in size.
+static bool slope_is_clear(const MINSTR* str, double slope) {
+  double terms = 0.0;
+  for (long j = 0; j < str->nvar; ++j) terms += std::fabs(str->awrk[j] * str->sdir[j]);
+  return slope < -ROUNDING_SLOPE * terms;
 }
 
 template <class Visit>
-static void visit_bounds(const MINSTR* str, const BarrierRun& run, double length, Visit visit) {
+static void visit_bounds(const MINSTR* str, const BarrierRun& run, Visit visit) {
   for (long l = 0; str->bounds != 0 && l < free_count(str); ++l) {
     const long j = str->ifxr[l];
     const double d = str->sdir[j];
-    if (!(std::fabs(d) > ROUNDING_SLOPE * length)) continue;
+    if (d == 0.0) continue;
     const Member m{d < 0.0 ? 1 : -1, j};
     const double bound = bound_value(str, j, m.koc);
     if (!lower_exists(bound) || !upper_exists(bound) || is_skipped(str, run, m)) continue;
@@ -375,8 +377,7 @@ static void visit_bounds(const MINSTR* str, const BarrierRun& run, double length
 template <class Visit>
 static void visit_approached(MINSTR* str, const BarrierRun& run, Visit visit) {
   const double eps = RATIO_TOLERANCE * feasibility_tolerance(str, str->ipre);
-  const double length = zvenorm(str->nvar, 1, str->sdir);
-  visit_bounds(str, run, length, visit);
+  visit_bounds(str, run, visit);
   if (str->lincon == 0) return;
   long* is_member = str->liwk;
   std::fill_n(is_member, str->ncon, 0L);
@@ -385,8 +386,9 @@ static void visit_approached(MINSTR* str, const BarrierRun& run, Visit visit) {
     if (is_member[i] != 0 || is_skipped(str, run, {0, i})) continue;
     const double slope = row_product(str, i, str->sdir);
     if (!(slope < 0.0)) continue;
-    const double norm = row_length(str, i);
-    if (!(slope < -ROUNDING_SLOPE * norm * length)) continue;
+    str->acget(str, i, str->awrk);
+    if (!slope_is_clear(str, slope)) continue;
+    const double norm = zvenorm(str->nvar, 1, str->awrk);
     const double scale = std::fabs(str->blcn[i]) + 1.0;
     const double residual = row_product(str, i, str->x) - str->blcn[i];
     const double room = residual + scale * relaxation(str, run, i);
