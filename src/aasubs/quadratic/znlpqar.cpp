@@ -320,9 +320,13 @@ static bool release(MINSTR* str, BarrierRun& run) {
 
 // ---- Direction and ratio test -------------------------------------------------------------------
 
-static bool moves(const MINSTR* str, double length, double least) {
+// Does a step of this length move a parameter by more than this share of its size? One near zero
+// has the size that the sizes of the gradient stand for, at most 1.
+static bool moves(const MINSTR* str, const BarrierRun& run, double length, double least) {
+  double largest = 0.0;
+  for (long j = 0; j < str->nvar; ++j) largest = std::max(largest, run.sizes[j] / run.scale[j]);
   for (long j = 0; j < str->nvar; ++j) {
-    const double size = std::max(1.0, std::fabs(str->x[j]));
+    const double size = std::max(std::min(1.0, largest / run.scale[j]), std::fabs(str->x[j]));
     if (std::fabs(length * str->sdir[j]) > least * size) return true;
   }
   return false;
@@ -335,7 +339,7 @@ static bool choose_direction(MINSTR* str, BarrierRun& run) {
   str->pred = length < ROOT_HUGE ? 0.5 * length * length : HUGE_VALUE;
   if (length <= ROUNDING_LENGTH * zvenorm(str->nvar, 1, frame_u(str))) return false;
   frame_direction(str, str->half);
-  return str->pred > SMALLEST_TOLERANCE && moves(str, 1.0, NEGLIGIBLE_STEP);
+  return str->pred > SMALLEST_TOLERANCE && moves(str, run, 1.0, NEGLIGIBLE_STEP);
 }
 
 namespace {
@@ -497,7 +501,7 @@ static bool restore_members(MINSTR* str, BarrierRun& run) {
   if (run.restored || str->nalc == 0) return false;
   run.restored = true;
   frame_correction(str, str->half);
-  if (!moves(str, 1.0, NEGLIGIBLE_STEP)) return false;
+  if (!moves(str, run, 1.0, NEGLIGIBLE_STEP)) return false;
   double* before = bent_room(str);
   std::copy_n(str->x, str->nvar, before);
   for (long j = 0; j < str->nvar; ++j) str->x[j] += str->sdir[j];
@@ -539,7 +543,7 @@ static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
     if (run.idle >= FIRST_RELAXED) run.relaxed = true;
     if (choose_direction(str, run)) {
       *met = stepl(str, run);
-      if (met->ic < 0 || moves(str, str->stub, 10.0 * NEGLIGIBLE_STEP)) return Next::go_on;
+      if (met->ic < 0 || moves(str, run, str->stub, 10.0 * NEGLIGIBLE_STEP)) return Next::go_on;
       // a step of length zero: of several bounds that left together one should have stayed
       run.untested = true;
       run.blocks = false;
