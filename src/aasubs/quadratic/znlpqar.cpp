@@ -190,18 +190,32 @@ static bool is_skipped(const MINSTR* str, const BarrierRun& run, const Member& m
   return skip_mark(str, m) == run.set_number;
 }
 
+// The parameter of a bound goes onto it. Value and gradient follow: a later step would otherwise
+// seem to lead uphill.
+static void put_on_bound(MINSTR* str, const Member& m) {
+  const double bound = bound_value(str, m.ic, m.koc);
+  const bool moved = str->x[m.ic] != bound;
+  str->x[m.ic] = bound;
+  if (moved) {
+    fqad(str, 0);
+    str->cold = std::max(str->cold, str->crit);
+  }
+  gqad(str, moved ? 1 : 0);
+}
+
 // A constraint that cut the step enters. One that depends on the members, which its slope says it
 // does by rounding alone, is left out until the set changes.
 static void enter(MINSTR* str, BarrierRun& run, const Member& m, double alfa) {
-  if (m.koc != 0) {
-    str->x[m.ic] = bound_value(str, m.ic, m.koc);
-    gqad(str, 0);
-  }
+  if (m.koc != 0) put_on_bound(str, m);
   const int status = znlpupr(str, 0, m.koc, m.ic, alfa, str->half);
   if (status == 1) {
-    if (m.koc == 0) frame_advance(str, alfa);
     forget_deferred(str);
-    run.fresh = false;
+    if (m.koc == 0) {
+      frame_advance(str, alfa);
+    } else {
+      inuvwg(str, str->half);  // x and the gradient have moved onto the bound
+    }
+    run.fresh = m.koc != 0;
     skip_mark(str, m) = run.set_number;
     return;
   }
