@@ -533,6 +533,19 @@ static bool restore_members(MINSTR* str, BarrierRun& run) {
   return true;
 }
 
+// Ends a run that cannot go on, or may not. At a vertex the termination test would take x for the
+// solution, though a multiplier may have the wrong sign: it is not asked there.
+static Next give_up(MINSTR* str, BarrierRun& run, int code) {
+  run.ij = code;
+  if (str->nabc + str->nalc < str->nvar) return Next::finish;
+  if (!evaluate_objective(str)) {
+    run.ij = FUNCTION_FAILED;
+  } else if (!evaluate_gradient(str)) {
+    run.ij = -4;
+  }
+  return Next::leave;
+}
+
 // Nothing moves and nothing wants to leave: only the tolerances are left to say so. Asked again,
 // the test compares x with itself; if not even that ends the run, nothing will.
 static Next at_solution(MINSTR* str, BarrierRun& run) {
@@ -568,8 +581,7 @@ static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
       return at_solution(str, run);
     }
   }
-  run.ij = NO_PROGRESS;
-  return Next::finish;
+  return give_up(str, run, NO_PROGRESS);
 }
 
 // The true value against the one by formula. False: the formula has lost it, and x is the last
@@ -711,10 +723,7 @@ static Next load_start(MINSTR* str, BarrierRun& run) {
   open_restart(str);
   run.ij = load_point(str);
   if (run.ij != 0) return Next::leave;
-  if (!restart_makes_progress(str, run.guard)) {
-    run.ij = NO_PROGRESS;
-    return Next::finish;
-  }
+  if (!restart_makes_progress(str, run.guard)) return give_up(str, run, NO_PROGRESS);
   if (first && !matrix_is_definite(str)) return refuse_matrix(str, run);
   measure_point(str, run);
   set_frame_threshold(str, run);
