@@ -567,6 +567,7 @@ static Next at_solution(MINSTR* str, BarrierRun& run) {
 // solution. go_on: direction, stub and, if one blocks, the constraint met.
 static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
   for (; !exhausted(str, run); ++run.idle) {
+    if (const int limit = limit_reached(str); limit != 0) return give_up(str, run, limit);
     if (run.idle >= FIRST_RELAXED) run.relaxed = true;
     if (choose_direction(str, run)) {
       *met = stepl(str, run);
@@ -647,7 +648,7 @@ static Next one_iteration(MINSTR* str, BarrierRun& run) {
   ++str->itre;
   run.untested = str->chac != 0;
   // A vertex that is to be left, though a constraint that waited has entered for the one that left:
-  // the termination test would take it for the end.
+  // the termination test would take it for the end. The limits are looked at before the next step.
   if (str->chac != 0 && free_count(str) <= str->nalc) return Next::go_on;
   run.ij = str->uster(str, TEST_ITERATION);
   return run.ij == 0 ? Next::go_on : Next::stop;

@@ -246,11 +246,16 @@ static bool stop_is_overruled(MINSTR* str, int job, const Measures& m) {
   return better;
 }
 
+int limit_reached(const MINSTR* str) {
+  if (str->nitr >= str->maxi || static_cast<double>(str->nfct) >= str->maxf) return COUNT_LIMIT;
+  return zdattim() - str->mtim > str->upti ? TIME_LIMIT : 0;
+}
+
 // Limits end a run that would go on, an overruled stop included.
 static int apply_limits(const MINSTR* str, int result) {
   if (result != 0 && result != STOP_OVERRULED) return result;
-  if (str->nitr >= str->maxi || static_cast<double>(str->nfct) >= str->maxf) return COUNT_LIMIT;
-  return zdattim() - str->mtim > str->upti ? TIME_LIMIT : result;
+  const int limit = limit_reached(str);
+  return limit != 0 ? limit : result;
 }
 
 // Digit k of fidi from its forward to its central form.

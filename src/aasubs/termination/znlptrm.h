@@ -26,6 +26,9 @@ inline constexpr int TEST_START = 10;
 // the limits then end the run.
 int znlptrm(MINSTR* str, int job);
 
+// Code of the limit on iterations, evaluations or time that the run has reached; 0 none.
+int limit_reached(const MINSTR* str);
+
 // Writes the iteration history: the start table and the head of the history at the start of a run,
 // a row at a later call whose job is negative or odd. job1 selects the layout of the start table
 // and of the marks, job2 the columns. A service of the report that fails is logged; the line is
