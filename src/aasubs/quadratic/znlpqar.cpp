@@ -621,8 +621,8 @@ static void revise_set(MINSTR* str, BarrierRun& run, const Member& met, bool ben
   frame_projection(str);
   if (!minimizer && free_count(str) > str->nalc) {
     if (str->chac == 0) str->chac = 1;
-  } else if (!release(str, run) && restore_members(str, run)) {
-    str->chac = 1;
+  } else if (!release(str, run)) {
+    str->chac = restore_members(str, run) ? 1 : 0;
   }
 }
 
