@@ -585,21 +585,21 @@ static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
   return give_up(str, run, NO_PROGRESS);
 }
 
-// The true value against the one by formula. False: the formula has lost it, and x is the last
-// point again. A rise that is rounding counts as no change, by way of cold.
-static bool check_value(MINSTR* str, const BarrierRun& run) {
+// The true value against the one by formula: 0; -2 the formula has lost it, -1 it is no number, and
+// x is the last point again. A rise that is rounding counts as no change, by way of cold.
+static int check_value(MINSTR* str, const BarrierRun& run) {
   const bool finite = fqad(str, 0);
   str->dfes = str->cold - str->crit;
   if (!finite || str->dfes < -LOST_VALUE * std::max(1.0, std::fabs(str->cold))) {
     return_to_xold(str);
-    return false;
+    return finite ? -2 : -1;
   }
   if (str->dfes < 0.0 && str->dfes >= -value_rounding(str, run)) {
     str->cold = str->crit;
     str->dfes = 0.0;
   }
   gqad(str, 1);
-  return true;
+  return 0;
 }
 
 // The frame at the new point, and chac, which tells the termination test whether x is the minimizer
@@ -635,9 +635,9 @@ static Next one_iteration(MINSTR* str, BarrierRun& run) {
   const bool bent = take_bent_step(str, run);
   if (!bent) fgupd(str, str->stub);
   str->nitr += 1.0;
-  if (!check_value(str, run)) {
+  if (const int code = check_value(str, run); code != 0) {
     if (str->itre > 0) return Next::restart;
-    run.ij = -2;
+    run.ij = code;
     return Next::leave;
   }
   run.idle = 0;
