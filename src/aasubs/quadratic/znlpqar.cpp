@@ -322,12 +322,14 @@ static bool release_one(MINSTR* str, BarrierRun& run) {
 static bool release(MINSTR* str, BarrierRun& run) {
   refresh(str, run);
   frame_projection(str);
-  if (str->nabc + str->nalc == 0) return false;
+  const long before = str->nabc + str->nalc;
+  if (before == 0) return false;
   str->mini = static_cast<long>(str->nitr);
   set_frame_threshold(str, run);
   const bool block = run.blocks && run.idle == 0;
   if (!(block && release_bounds(str, run)) && !release_one(str, run)) return false;
   str->chac = -1;
+  str->idac = str->nabc + str->nalc - before;
   frame_projection(str);
   return true;
 }
@@ -631,7 +633,7 @@ static Next one_iteration(MINSTR* str, BarrierRun& run) {
   Next next = settle(str, run, &met);
   if (next != Next::go_on) return next == Next::solve_again ? Next::go_on : next;
   start_iteration(str);
-  str->chac = 0;
+  str->chac = str->idac = 0;
   const bool bent = take_bent_step(str, run);
   if (!bent) fgupd(str, str->stub);
   str->nitr += 1.0;
