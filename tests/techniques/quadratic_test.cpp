@@ -212,6 +212,19 @@ TEST(Quadratic, SaysWhatIsWrong) {
   const Matrix none, x = {1, 1, 1, 1}, zero(1, 4);
   const Matrix flat = {{1, 1, 2}}, saddle = {{1, 1, 2}, {2, 2, 2}, {3, 3, 2}, {4, 1, 1}, {4, 4, 0}};
   const Matrix above = {{0, 0, 0, 0}, {missing, missing, missing, missing}};
+  // The graph Laplacian of a ring, singular, whose last pivot rounding may leave above zero.
+  const long nodes = 39;
+  Matrix ring(2 * nodes, 3), push(1, nodes);
+  push[0] = -1;
+  for (long i = 0; i < nodes; ++i) {
+    const long next = (i + 1) % nodes;
+    const double weight = 0.1 * static_cast<double>(1 + i % 9);
+    ring(i, 0) = ring(i, 1) = ring(nodes + i, 0) = i + 1;
+    ring(nodes + i, 1) = next + 1;
+    ring(nodes + i, 2) = -weight;
+    ring(i, 2) += weight;
+    ring(next, 2) += weight;
+  }
   const struct {
     const char* what;
     Matrix h, start, blc, linear;
@@ -230,6 +243,15 @@ TEST(Quadratic, SaysWhatIsWrong) {
       {"bounded by the other side", flat, x, above, {0, 0, -1, 0}, -5, "unbounded below"},
       {"no definite matrix", saddle, x, above, zero, -2, "positive definite matrix", BARRIER},
       {"the same on the free", flat, x, none, zero, -2, "positive definite matrix", BARRIER},
+      {"singular", ring, Matrix(1, nodes), none, push, -2, "positive definite matrix", BARRIER},
+      {"a bound to leave beside a large element",
+       {{1e8, 0}, {0, 2}},
+       {1e4, 0},
+       {{missing, 0}, {missing, missing}},
+       {-1e12, -6},
+       6,
+       "GCONV",
+       BARRIER},
       {"a saddle point at the start", saddle, zero, none, zero, -5, "unbounded below"},
       {"not symmetric", {{1, 2}, {3, 1}}, {1, 1}, none, none, 0, "element (2, 1) is 3"},
       {"no number", {{1, 2}, {missing, HUGE_VAL}}, {1, 1}, none, none, 0, "(2, 2) of argument 1"},
