@@ -29,6 +29,7 @@
 #include "aasubs/newton/znlpnrr.h"
 #include "aasubs/newton/znlptre.h"
 #include "aasubs/post/stop_analysis.h"
+#include "aasubs/post/znlppli.h"
 #include "aasubs/quadratic/znlpqar.h"
 #include "aasubs/quadratic/znlpqas.h"
 #include "aasubs/quasinewton/znlpcog.h"
@@ -375,6 +376,39 @@ static int evaluate_solution(MINSTR* str, int code) {
   return code;
 }
 
+// A run without reports, from x: what a service calls that optimizes again. Its point must be
+// feasible within the tolerance as it stands. Returns the code of the run, with crit at x.
+static int optimize_again(MINSTR* str) {
+  const int ipre = str->ipre;
+  if ((str->bounds != 0 || str->lincon != 0) && (znlpfea(str, 2) < 0 || str->ipre != ipre)) {
+    return -10;
+  }
+  int code = evaluate_start(str);
+  if (code != 0) return code;
+  if (has_general_constraints(str) || str->bounds != 0) {
+    znlpfch(str, 1, 1, str->ipre);
+    rebuild_frame(str, 1);
+  }
+  str->indf = IN_RUN;
+  code = run_within_limits(str);
+  if (code < 0) return code;
+  str->indf = AT_SOLUTION;
+  if (!evaluate_objective(str) || !evaluate_constraints(str)) return -3;
+  return znlpfch(str, 0, 1, ipre) == 0 ? code : -10;
+}
+
+// Confidence limits about the solution. They change the arrays of the run: what belongs to x is
+// made again.
+static void compute_limits(MINSTR* str, int code) {
+  PLCSTR* options = str->covstr->plcstr;
+  options->optimize = optimize_again;
+  znlppli(str);
+  if (options->nrun == 0) return;
+  const MINSTR result = *str;
+  evaluate_solution(str, code);
+  *str = result;
+}
+
 static int final_level(const MINSTR* str, bool evaluated) {
   int level = 0;
   if (str->dbug >= 4.0) {
@@ -406,7 +440,7 @@ static int run(MINSTR* str, int pfun) {
   if (level != 0) znlppre(str, level, post != nullptr ? post->pfun : pfun / 2);
   if (evaluated && post != nullptr && post->uspmat != nullptr) post->uspmat(str, 1);
   if (code >= 0 && post != nullptr && post->plcstr != nullptr && post->plcstr->job != 0) {
-    service_is_absent("The computation of profile-likelihood limits");
+    compute_limits(str, code);
   }
   return code;
 }

@@ -9,23 +9,61 @@ namespace tqnlp {
 
 struct PLCS;  // working record of the profile-likelihood limits
 
-// Options of profile-likelihood limits.
+// How the search for one limit ended; value is missing unless it was found.
+enum LimitStatus : int {
+  LIMIT_NOT_SOUGHT = 0,     // Wald limits alone were asked for, or the parameter is fixed
+  LIMIT_FOUND = 1,          // the objective has the target value there, the others being optimal
+  LIMIT_AT_BOUND = 2,       // at the parameter's bound the rise is still below the target
+  LIMIT_NOT_REACHED = 3,    // nor as far out as the search goes: the profile may be flat
+  LIMIT_LOWER_POINT = 4,    // a lower objective was met: the result is no minimum
+  LIMIT_SEARCH_FAILED = 5,  // the other parameters could not be optimized, or the profile jumps
+  LIMIT_NO_TARGET = 6,      // no scale (no freedom, or residuals of zero), or a level beyond (0, 1)
+};
+
+// One limit of one parameter.
+struct PLLIM {
+  long ipar;     // parameter, from 0
+  int side;      // -1 lower, 1 upper
+  double alfa;   // level: 1 - alfa is the confidence of the interval between both sides
+  double value;  // profile-likelihood limit; or missing
+  double wald;   // Wald limit; missing without standard errors
+  int status;    // LimitStatus
+};
+
+// One point of a profile, as written to utprof.
+struct PLPNT {
+  double ipar;  // parameter, from 0
+  double xval;  // where it was held
+  double yval;  // minimum over the others there, in the user's sense
+};
+
+// Options of profile-likelihood limits, and their results. What a limit is, and how ffac and forchi
+// set its target, is told at the head of post/znlppli.h.
 struct PLCSTR {
   PLCS* plcs;        // working record while limits are computed
-  int job;           // nonzero: compute limits after a run
-  int forchi;        // 1: chi-square quantile, else F
-  int plal;          // declared kind of the alpha list
+  int job;           // nonzero: compute limits after a run; set to 1 Wald, 2 profile, 3 both
+  int forchi;        // 0, 1: chi-square quantile, else F
+  int plal;          // nonzero: alfa 0.5, 0.1, 0.05, 0.01 for all; 2: only with standard errors
   int nalf;          // levels in alfa
-  int ipri;          // print the iterations
-  int otab;          // write an output table
-  int oplg;          // write the output of the likelihood
-  long npar;         // parameters in mpar
-  long* mpar;        // parameters for which limits are wanted
-  double maxi;       // iteration limit of a limit's search
-  double frat;       // ratio of the first step
-  double ffac;       // factor of the objective in the likelihood
-  double* alfa;      // nalf confidence levels
-  WorkFile* utprof;  // file with the results
+  int ipri;          // print level; 0: 1 where npri of COVSTR is 0. Above 1: the runs too
+  int otab;          // the caller takes the limits by usfout of COVSTR
+  int oplg;          // the same for the profiles
+  long npar;         // parameters in mpar; 0: all
+  long* mpar;        // parameters for which limits are wanted, from 0; null: the first npar
+  double maxi;       // [iterations] limit of each optimization; missing or 0: that of the run
+  double frat;       // the first step is frat times the one to the start; missing or 0: 1
+  double ffac;       // quantile over rise of the objective, above 0; missing: 2, a likelihood
+  double* alfa;      // nalf levels, each inside (0, 1)
+  WorkFile* utprof;  // receives the points as PLPNT; null: nobody wants them
+  // ---- Results; the caller owns the arrays, and null means that it does not want them ----
+  PLLIM* limits;  // 2 npar nalf (8 npar with plal): parameter, level, lower before upper
+  double* xlow;   // n; a point lower than the result, when one was met
+  double flow;    // the objective there in the user's sense; missing: none
+  long npnt;      // points in utprof
+  long nrun;      // optimizations
+  long nf;        // function evaluations, those for differences included
+  // ---- Set by the driver ----
+  Callback optimize;  // runs the technique from x, without reports; code of the run
 };
 
 // Options and outputs of post-analysis.
@@ -38,7 +76,8 @@ struct COVSTR {
   double asin, msin, vsin, csin;                         // singularity criteria
   int ihlf;                                              // form of the half factor
   long g4li;                                             // order limit of the generalized inverse
-  double vardiv, sigm, df, cfac;                         // divisor, scale, freedom, factor
+  double vardiv, sigm, df, cfac;                         // divisor, scale, freedom, factor; divisor
+                                                         // 0: formed from nobs, df and vardef
   double* nobs;                                          // observations per function
   SPAR shes, scpj;                                       // patterns of Hessian and crossproduct
   short npri, prit, pall, psho, psum, phis, pini, pfun;  // print flags

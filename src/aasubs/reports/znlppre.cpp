@@ -21,6 +21,7 @@
 
 #include "aasubs/record/covstr.h"
 #include "aasubs/reports/report_tables.h"
+#include "kernels/distributions.h"
 
 namespace tqnlp {
 
@@ -31,47 +32,12 @@ static long free_parameters(const MINSTR* str) { return str->nvar - str->nabc; }
 
 // ---- Probability of a t value -------------------------------------------------------------------
 
-// Continued fraction of the incomplete beta function (Abramowitz and Stegun 26.5.8), evaluated from
-// the front by the method of Lentz. Good for x below (a + 1) / (a + b + 2).
-static double beta_fraction(double a, double b, double x) {
-  static constexpr int MOST_TERMS = 500;
-  // A partial denominator may come out as zero by chance, and the next one divides by it.
-  auto away_from_zero = [](double v) { return std::fabs(v) < TINY ? TINY : v; };
-  double c = 1.0;
-  double d = 1.0 / away_from_zero(1.0 - (a + b) * x / (a + 1.0));
-  double value = d;
-  for (int m = 1; m <= MOST_TERMS; ++m) {
-    const double even = m * (b - m) * x / ((a + 2.0 * m - 1.0) * (a + 2.0 * m));
-    d = 1.0 / away_from_zero(1.0 + even * d);
-    c = away_from_zero(1.0 + even / c);
-    value *= c * d;
-    const double odd = -(a + m) * (a + b + m) * x / ((a + 2.0 * m) * (a + 2.0 * m + 1.0));
-    d = 1.0 / away_from_zero(1.0 + odd * d);
-    c = away_from_zero(1.0 + odd / c);
-    const double factor = c * d;
-    value *= factor;
-    if (!(std::fabs(factor - 1.0) > 4.0 * EPS)) break;
-  }
-  return value;
-}
-
-// I_x(a,b). By symmetry the fraction is only used where it converges fast; the front is formed from
-// logarithms, as the gamma functions of large degrees of freedom overflow.
-static double incomplete_beta(double a, double b, double x) {
-  if (x <= 0.0) return 0.0;
-  if (x >= 1.0) return 1.0;
-  const double front = std::exp(std::lgamma(a + b) - std::lgamma(a) - std::lgamma(b) +
-                                a * std::log(x) + b * std::log1p(-x));
-  if (x < (a + 1.0) / (a + b + 2.0)) return front * beta_fraction(a, b, x) / a;
-  return 1.0 - front * beta_fraction(b, a, 1.0 - x) / b;
-}
-
 // P(|T| > |t|) for df degrees of freedom; the normal distribution when they are not known. Both
 // tails at once: 1 minus a distribution function would lose the small probabilities that matter.
 static double probability_beyond(double t, double df) {
   if (wzmis(t) || std::isnan(t)) return MISSING;
   if (wzmis(df) || !(df > 0.0)) return std::erfc(std::fabs(t) / std::sqrt(2.0));
-  return incomplete_beta(0.5 * df, 0.5, df / (df + t * t));
+  return zbetai(0.5 * df, 0.5, df / (df + t * t));
 }
 
 // ---- Parameters ---------------------------------------------------------------------------------
