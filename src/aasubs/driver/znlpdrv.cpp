@@ -97,12 +97,6 @@ static int run_technique(MINSTR* str) {
 
 // ---- What both jobs share -----------------------------------------------------------------------
 
-// A state that asks for a service that this version does not have (the entries never make one).
-[[noreturn]] static void service_is_absent(const char* what) {
-  xpslog("%s is not part of this version.", what);
-  xexit(EXIT_INCONSISTENT, 0);
-}
-
 static bool has_general_constraints(const MINSTR* str) {
   return str->nlicon != 0 || str->lincon != 0;
 }
@@ -380,7 +374,7 @@ static int evaluate_solution(MINSTR* str, int code) {
 // feasible within the tolerance as it stands. Returns the code of the run, with crit at x.
 static int optimize_again(MINSTR* str) {
   const int ipre = str->ipre;
-  if ((str->bounds != 0 || str->lincon != 0) && (znlpfea(str, 2) < 0 || str->ipre != ipre)) {
+  if ((str->bounds != 0 || str->lincon != 0) && (make_feasible(str, 2) < 0 || str->ipre != ipre)) {
     return -10;
   }
   int code = evaluate_start(str);

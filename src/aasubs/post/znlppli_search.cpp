@@ -136,6 +136,20 @@ static Trial solve_at(MINSTR* str, PLCS* s, double distance, double goal) {
   return Trial::lower;
 }
 
+// Optimizes the others at point i once more, from those of the point before it. A far point that
+// was started from the estimate may have ended in another valley than that of the estimate. Returns
+// whether it came lower.
+static bool solve_again(MINSTR* str, PLCS* s, long i) {
+  std::copy_n(parameters_of(str, s, i - 1), str->nvar, str->x);
+  const double value = s->xopt[s->ipar] + s->gole * s->xval[i];
+  if (doopt(value, str, 1, s->ipar) < 0) return false;
+  const double rise = str->crit - s->yopt;
+  if (!(rise < s->yval[i] * s->yval[i] - s->noise)) return false;
+  s->yval[i] = std::sqrt(std::max(rise, 0.0));
+  std::copy_n(str->x, str->nvar, parameters_of(str, s, i));
+  return true;
+}
+
 // ---- One limit ----------------------------------------------------------------------------------
 
 // The next distance beyond all points, first the given one. What failed is not passed.
@@ -213,6 +227,7 @@ static int znlppcl(MINSTR* str, double goal, double least_goal, double first, do
   const double precision = std::max(RELATIVE_PRECISION * goal, s->noise);
   double best = INFINITE;  // least |r - t| between the two points
   bool bisect = false;
+  double again = 0.0;  // the outer point that was optimized twice
   for (int trials = 0; trials < MOST_OPTIMIZATIONS; ++trials) {
     const long i =
         std::find_if(s->yval, s->yval + s->npnt, [=](double r) { return r >= t; }) - s->yval;
@@ -231,6 +246,12 @@ static int znlppcl(MINSTR* str, double goal, double least_goal, double first, do
       xpslog(" Bad: gole=%i xl=%g xu=%g", s->gole, x + s->gole * s->xval[i - 1],
              x + s->gole * s->xval[i]);
       return LIMIT_SEARCH_FAILED;
+    }
+    if (bisect && !outside && s->xval[i] != again) {
+      again = s->xval[i];
+      bisect = !solve_again(str, s, i);
+      best = bisect ? best : INFINITE;
+      continue;
     }
     const double next = outside ? step_out(s, t, first) : step_in(s, i, t, bisect);
     const Trial trial = solve_at(str, s, next, least_goal);
