@@ -26,18 +26,21 @@ struct PLCS {
   double noise;                  // differences of objectives below it say nothing
   double edge;                   // distance of the parameter's bound; infinite: none
   double wall;                   // least distance at which an optimization failed; or infinite
-  int ierr;                      // its code
-  double* xsav;                  // n; x of the run
-  double* xopt;                  // n; x at f*
-  double* xend;                  // n; end of a run that another one is to confirm
-  double *lb, *ub;               // n; bounds of the run, all absent where it had none
-  double *lbnd, *ubnd;           // n; the record's bounds where it had none
-  long* ifxr;                    // n; the record's, where it had none
-  int* stat;                     // n; its statuses, where it had none
-  double *xval, *yval, *xpnt;    // mpnt; distance, root of the rise, and mpnt x n parameters
-  double* ster;                  // n; standard errors; missing: none
-  double* goal;                  // nalf; rises; missing: no scale
-  PLLIM* limits;                 // npar x nalf x 2
+  double high;          // the root of the rise there, when it was only too high to follow; or 0
+  double growth;        // outwards, at most this times the distance
+  int resets;           // times that the search went on past wall
+  int ierr;             // its code
+  double* xsav;         // n; x of the run
+  double* xopt;         // n; x at f*
+  double* xend;         // n; end of a run that another one is to confirm
+  double *lb, *ub;      // n; bounds of the run, all absent where it had none
+  double *lbnd, *ubnd;  // n; the record's bounds where it had none
+  long* ifxr;           // n; the record's, where it had none
+  int* stat;            // n; its statuses, where it had none
+  double *xval, *yval, *xpnt;  // mpnt; distance, root of the rise, and mpnt x n parameters
+  double* ster;                // n; standard errors; missing: none
+  double* goal;                // nalf; rises; missing: no scale
+  PLLIM* limits;               // npar x nalf x 2
 };
 
 inline PLCS* working_record(const MINSTR* str) { return str->covstr->plcstr->plcs; }

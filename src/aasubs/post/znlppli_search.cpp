@@ -15,6 +15,7 @@
 #include <limits>
 
 #include "aasubs/post/znlppli_internal.h"
+#include "aasubs/record/stop_codes.h"
 #include "aasubs/reports/report_tables.h"
 #include "host/files.h"
 #include "host/log.h"
@@ -27,6 +28,10 @@ static constexpr double RELATIVE_PRECISION = 1e-8;  // of the rise at a limit
 static constexpr double LOWER_BY = 1e-6;            // of the target: below f*, no error of f*
 static constexpr double LONGEST_STEP = 10.0;        // outwards, of the distance
 static constexpr double LEAST_GROWTH = 1.2;
+static constexpr double FALLING_GROWTH = 1.5;  // where the profile falls
+static constexpr double CAREFUL_GROWTH = 2.0;  // after a failure
+static constexpr double TOO_HIGH = 3.0;        // of the target: not to be followed there
+static constexpr int MOST_RESETS = 12;
 static constexpr double FARTHEST = 1e8;        // of the first step
 static constexpr double SMALLEST_STEP = 0.01;  // of the first step
 static constexpr double NARROW = 1e-6;         // of the distance: before what cannot be passed
@@ -107,8 +112,32 @@ static void note_lower(MINSTR* str, PLCS* s) {
   if (options->xlow != nullptr) std::copy_n(str->x, str->nvar, options->xlow);
 }
 
-// Optimizes the others at a distance; goal: the least target of all levels.
-static Trial solve_at(MINSTR* str, PLCS* s, double distance, double goal) {
+// A trial from which nothing is to be had: the next ones come nearer, and go on in small steps.
+static Trial fail_at(PLCS* s, double distance, double root, int code) {
+  if (code == NO_FEASIBLE_POINT && s->ierr != code) xpslog(" Error computing feasible point");
+  if (distance < s->wall) {
+    s->wall = distance;
+    s->high = root;
+    s->ierr = code;
+  }
+  s->growth = CAREFUL_GROWTH;
+  return Trial::failed;
+}
+
+// After a point below the target, another try may be made further out: optimizations that ended in
+// another valley, or not at all, may find their way from here.
+static void try_further(PLCS* s) {
+  const bool evaluated = s->high > 0.0 || s->ierr == NO_PROGRESS || s->ierr == COUNT_LIMIT;
+  if (s->wall == INFINITE || !evaluated || s->resets >= MOST_RESETS) return;
+  ++s->resets;
+  s->wall = INFINITE;
+  s->high = 0.0;
+}
+
+// Optimizes the others at a distance, for the root t; goal: the least target of all levels. A rise
+// far beyond the target says little about where it is met, and more often than not that the start
+// led into another valley: such a point is not kept.
+static Trial solve_at(MINSTR* str, PLCS* s, double distance, double t, double goal) {
   if (s->npnt >= s->mpnt) {
     xpslog("PLC: Bad jpnt=%li mpnt=%li", s->npnt, s->mpnt);
     return Trial::no_room;
@@ -122,15 +151,13 @@ static Trial solve_at(MINSTR* str, PLCS* s, double distance, double goal) {
     start_at_nearest(str, s, distance);
     code = doopt(value, str, 1, p);
   }
-  if (code < 0) {
-    if (code == NO_FEASIBLE_POINT && s->ierr != code) xpslog(" Error computing feasible point");
-    s->wall = std::min(s->wall, distance);
-    s->ierr = code;
-    return Trial::failed;
-  }
+  if (code < 0) return fail_at(s, distance, 0.0, code);
   write_point(str, s, value);
   const double rise = str->crit - s->yopt;
-  insert_point(str, s, distance, std::sqrt(std::max(rise, 0.0)));
+  const double root = std::sqrt(std::max(rise, 0.0));
+  if (root > TOO_HIGH * t) return fail_at(s, distance, root, 0);
+  insert_point(str, s, distance, root);
+  if (root < t) try_further(s);
   if (!(rise < -std::max(LOWER_BY * goal, s->noise))) return Trial::solved;
   note_lower(str, s);
   return Trial::lower;
@@ -159,11 +186,16 @@ static double step_out(const PLCS* s, double t, double first) {
   if (last > 0) {
     const double d = s->xval[last];
     const double slope = (s->yval[last] - s->yval[last - 1]) / (d - s->xval[last - 1]);
-    // A little beyond the target: a point on either side is worth more than two below it.
-    next = slope > 0.0 ? d + 1.05 * (t - s->yval[last]) / slope : INFINITE;
-    next = std::clamp(next, LEAST_GROWTH * d, LONGEST_STEP * d);
+    // A little beyond the target: a point on either side is worth more than two below it. Where the
+    // profile falls, a better valley may be near, which a long step would miss.
+    next = slope > 0.0 ? d + 1.05 * (t - s->yval[last]) / slope : FALLING_GROWTH * d;
+    next = std::clamp(next, LEAST_GROWTH * d, s->growth * d);
   }
-  if (next >= s->wall) next = 0.5 * (s->xval[last] + s->wall);
+  if (next >= s->wall) {
+    const double inside = s->yval[last];
+    const double share = s->high > 0.0 ? 1.5 * (t - inside) / (s->high - inside) : 0.5;
+    next = s->xval[last] + std::min(share, 0.5) * (s->wall - s->xval[last]);
+  }
   return std::min(next, s->edge);
 }
 
@@ -254,7 +286,7 @@ static int znlppcl(MINSTR* str, double goal, double least_goal, double first, do
       continue;
     }
     const double next = outside ? step_out(s, t, first) : step_in(s, i, t, bisect);
-    const Trial trial = solve_at(str, s, next, least_goal);
+    const Trial trial = solve_at(str, s, next, t, least_goal);
     if (trial == Trial::lower) return LIMIT_LOWER_POINT;
     if (trial == Trial::no_room) return LIMIT_SEARCH_FAILED;
     if (trial == Trial::failed || outside) continue;
@@ -289,6 +321,9 @@ static void open_side(MINSTR* str, PLCS* s) {
   s->edge = exists ? std::max(s->gole * (bound - s->xopt[p]), 0.0) : INFINITE;
   if (exists && s->edge <= s->base.ceps * (std::fabs(bound) + 1.0)) s->edge = 0.0;
   s->wall = INFINITE;
+  s->high = 0.0;
+  s->growth = LONGEST_STEP;
+  s->resets = 0;
   s->ierr = 0;
   s->npnt = 0;
   std::copy_n(s->xopt, str->nvar, str->x);
