@@ -1,0 +1,81 @@
+// The extension module tqnlp._core: what the Python part of the package calls.
+#include <pybind11/stl.h>
+
+#include "convert.h"
+
+namespace tqnlp::python {
+
+// Runs with the lock released. An exception of a function carries what was found until then.
+static py::dict run(const py::dict& problem_said, std::vector<double> start,
+                    const py::dict& options_said) {
+  const Problem problem = make_problem(problem_said);
+  Options options = make_options(options_said);
+  Result partial;
+  options.partial = &partial;
+  try {
+    Result found;
+    {
+      const py::gil_scoped_release others_run;
+      found = solve(problem, std::move(start), options);
+    }
+    return as_dict(found);
+  } catch (py::error_already_set& raised) {
+    py::setattr(raised.value(), "partial", as_dict(partial));
+    throw;
+  }
+}
+
+// Errors of the library with their code and log on them.
+template <class Error>
+static void raise(const py::object& type, const Error& error) {
+  py::object raised = type(error.what());
+  raised.attr("code") = error.code();
+  raised.attr("log") = as_list(error.log());
+  PyErr_SetObject(type.ptr(), raised.ptr());
+}
+
+static py::object& error_types(int which) {
+  static auto* const types = new py::object[2];  // CallError, FatalError
+  return types[which];
+}
+
+static void bind_errors(py::module_& module) {
+  const auto make = [&](const char* name, PyObject* base, const char* says) {
+    const std::string full = std::string("tqnlp.") + name;
+    auto type = py::reinterpret_steal<py::object>(
+        PyErr_NewExceptionWithDoc(full.c_str(), says, base, nullptr));
+    module.attr(name) = type;
+    return type;
+  };
+  evaluation_failed() = make("EvaluationFailed", PyExc_ArithmeticError,
+                             "Raised by a function that cannot be evaluated at a point.");
+  error_types(0) = make("CallError", PyExc_ValueError, "A subroutine refused its call.");
+  error_types(1) = make("FatalError", PyExc_RuntimeError, "A run could not go on.");
+  py::register_exception_translator([](std::exception_ptr thrown) {
+    try {
+      std::rethrow_exception(thrown);
+    } catch (const CallError& error) {
+      raise(error_types(0), error);
+    } catch (const FatalError& error) {
+      raise(error_types(1), error);
+    }
+  });
+}
+
+static std::vector<std::string> technique_names() {
+  return {
+#define TQNLP_NAME(name) #name,
+      TQNLP_FACE_TECHNIQUES(TQNLP_NAME)
+#undef TQNLP_NAME
+  };
+}
+
+PYBIND11_MODULE(_core, module) {
+  bind_errors(module);
+  bind_session(module);
+  module.def("solve", &run);
+  module.attr("TECHNIQUES") = technique_names();
+  module.attr("OPTIONS") = option_names();
+}
+
+}  // namespace tqnlp::python

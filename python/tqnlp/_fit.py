@@ -1,0 +1,258 @@
+"""Least squares and curve fitting."""
+
+from __future__ import annotations
+
+import inspect
+from collections.abc import Callable
+from typing import Any
+
+import numpy as np
+
+from ._minimize import differences_or_function, solve
+from ._options import options_of
+from ._problem import constrained, function, further_arguments, start_point, vector
+from ._result import Result
+from ._session import Session
+
+
+def _jacobian(fun: Callable, jac: Callable | None, x: np.ndarray, m: int) -> np.ndarray | None:
+    """The Jacobian at the solution, by central differences where there is no function for it."""
+    if jac is not None:
+        return np.array(jac(x), dtype=float).reshape(m, x.size)
+    session = Session()
+    session.module("F", lambda at: np.reshape(fun(at), (m, 1)))
+    try:
+        _, derivatives, _ = session.call("NLPFDD", "F", x, [m, 1])
+    except ValueError:
+        return None  # the function has no value beside the solution
+    return derivatives if m > 1 else derivatives.reshape(1, -1)
+
+
+def _covariance(jacobian: np.ndarray | None, n: int) -> np.ndarray:
+    """The inverse of J'J; infinite where it is singular."""
+    if jacobian is None or not np.isfinite(jacobian).all():
+        return np.full((n, n), np.inf)
+    _, sizes, vectors = np.linalg.svd(jacobian, full_matrices=False)
+    smallest = np.finfo(float).eps * max(jacobian.shape) * sizes[0]
+    if len(sizes) < n or sizes[-1] <= smallest:
+        return np.full((n, n), np.inf)
+    scaled = vectors / sizes[:, None]
+    return scaled.T @ scaled
+
+
+def _pair_of_bounds(bounds: Any, n: int) -> Any:
+    """SciPy's pair of sides for least squares, each a number or a vector, as pairs."""
+    if hasattr(bounds, "lb"):
+        return bounds
+    try:
+        lower, upper = bounds
+    except (TypeError, ValueError):
+        raise ValueError("bounds must be (lower, upper), each a number or of shape (n,)") from None
+    sides = []
+    for side, name in ((lower, "lower"), (upper, "upper")):
+        array = vector(side, f"{name} bounds")
+        if array.size not in (1, n):
+            raise ValueError(f"{name} bounds must have the shape ({n},), not {array.shape}")
+        sides.append(np.broadcast_to(array, n))
+    if np.isinf(sides[0]).all() and np.isinf(sides[1]).all():
+        return None
+    return list(zip(*sides))
+
+
+def least_squares(
+    fun: Callable[..., Any],
+    x0: Any,
+    jac: Any = None,
+    bounds: Any = (-np.inf, np.inf),
+    method: str = "auto",
+    tol: float | None = None,
+    *,
+    constraints: Any = (),
+    args: Any = (),
+    kwargs: dict[str, Any] | None = None,
+    options: dict[str, Any] | None = None,
+    callback: Callable[..., Any] | None = None,
+) -> Result:
+    """Minimizes half the sum of squares of residuals.
+
+    Parameters
+    ----------
+    fun : callable
+        ``fun(x, *args, **kwargs) -> (m,)``, the residuals at x of shape (n,).
+    x0 : array_like, shape (n,)
+    jac : callable, "2-point", "3-point" or None
+        ``jac(x, *args, **kwargs) -> (m, n)``.
+    bounds : (lower, upper), each a number or of shape (n,); or an object with lb and ub
+    constraints, options, callback, tol
+        As of `minimize`.
+
+    Returns
+    -------
+    Result
+        With `cost`, `fun` (the residuals), `grad`, `jac` (m, n), `active_mask`, `covariance`
+        (residual variance times the inverse of J'J) and `stderr`.
+    """
+    x = start_point(x0)
+    further = further_arguments(args)
+    if further or kwargs:
+        residuals = _with_arguments(function(fun, "fun"), further, kwargs or {})
+        if callable(jac):
+            jac = _with_arguments(jac, further, kwargs or {})
+    else:
+        residuals = function(fun, "fun")
+    problem: dict[str, Any] = {"kind": "least_squares", "fun": residuals}
+    inside = constrained(problem, x, _pair_of_bounds(bounds, x.size), constraints)
+    first = np.asarray(residuals(inside.copy()))
+    if first.ndim > 1 or first.size == 0:
+        raise ValueError(f"fun must return residuals of shape (m,), not {first.shape}")
+    problem["m"] = m = first.size
+    general = bool(problem["linear"] or problem["nonlinear"])
+    made = options_of(options, method, tol, general)
+    problem["jac"] = differences_or_function(jac, made)
+    result = solve(problem, x, made, callback)
+    _complete(result, residuals, problem["jac"], m)
+    return result
+
+
+def _with_arguments(fun: Callable, args: tuple, kwargs: dict[str, Any]) -> Callable:
+    return lambda x: fun(x, *args, **kwargs)
+
+
+def _complete(result: Result, fun: Callable, jac: Callable | None, m: int) -> None:
+    n = result.x.size
+    result.cost = result.objective
+    result.grad = result.gradient
+    result.fun = result.residuals
+    result.active_mask = result.active.bounds
+    result.jac = _jacobian(fun, jac, result.x, m)
+    unscaled = _covariance(result.jac, n)
+    variance = 2.0 * result.cost / (m - n) if m > n else np.inf
+    with np.errstate(invalid="ignore"):
+        result.covariance = unscaled * variance
+    result.unscaled_covariance = unscaled
+    result.stderr = np.sqrt(np.diag(result.covariance))
+
+
+# ---- curve_fit ------------------------------------------------------------------------------
+
+
+def _number_of_parameters(f: Callable) -> int:
+    try:
+        parameters = list(inspect.signature(f).parameters.values())
+    except (TypeError, ValueError):
+        parameters = []
+    named = (inspect.Parameter.POSITIONAL_ONLY, inspect.Parameter.POSITIONAL_OR_KEYWORD)
+    if len(parameters) < 2 or any(p.kind not in named for p in parameters):
+        raise ValueError("p0 must be given: the parameters of f cannot be counted")
+    return len(parameters) - 1
+
+
+def _default_start(bounds: Any, n: int) -> np.ndarray:
+    """Ones; within bounds the middle, or one beside the side that there is."""
+    lower, upper = (bounds.lb, bounds.ub) if hasattr(bounds, "lb") else bounds
+    low, high = np.broadcast_to(lower, n), np.broadcast_to(upper, n)
+    start = np.ones(n)
+    for j in range(n):
+        if np.isfinite(low[j]) and np.isfinite(high[j]):
+            start[j] = 0.5 * (low[j] + high[j])
+        elif np.isfinite(low[j]):
+            start[j] = low[j] + 1
+        elif np.isfinite(high[j]):
+            start[j] = high[j] - 1
+    return start
+
+
+def _weighting(sigma: Any, m: int) -> Callable[[np.ndarray], np.ndarray]:
+    """Divides residuals, or the rows of a Jacobian, by their standard deviations."""
+    if sigma is None:
+        return lambda rows: rows
+    array = np.asarray(sigma, dtype=float)
+    if array.shape == (m,) or array.size == 1:
+        weights = 1.0 / np.broadcast_to(array.ravel(), m)
+        return lambda rows: rows * (weights if rows.ndim == 1 else weights[:, None])
+    if array.shape == (m, m):
+        factor = np.linalg.cholesky(array)
+        return lambda rows: np.linalg.solve(factor, rows)
+    raise ValueError(f"sigma must have the shape ({m},) or ({m}, {m}), not {array.shape}")
+
+
+def curve_fit(
+    f: Callable[..., Any],
+    xdata: Any,
+    ydata: Any,
+    p0: Any = None,
+    sigma: Any = None,
+    absolute_sigma: bool = False,
+    check_finite: bool = True,
+    bounds: Any = (-np.inf, np.inf),
+    method: str | None = None,
+    jac: Any = None,
+    *,
+    full_output: bool = False,
+    **kwargs: Any,
+) -> Any:
+    """Fits ``f(xdata, *parameters)`` to ydata by least squares.
+
+    Parameters
+    ----------
+    f : callable
+        ``f(xdata, p1, p2, ...) -> (m,)``.
+    xdata : any; ydata : array_like, shape (m,)
+    p0 : array_like, shape (n,)
+        The start; ones, or the middle of the bounds, without one.
+    sigma : array_like, shape (m,) or (m, m)
+        Standard deviations of ydata, or its covariance matrix.
+    absolute_sigma : bool
+        Is sigma in the units of ydata? Otherwise only the ratios count.
+    jac : callable
+        ``jac(xdata, p1, p2, ...) -> (m, n)``.
+    full_output : bool
+        Answer the result too.
+    **kwargs
+        Arguments of `least_squares`.
+
+    Returns
+    -------
+    popt : ndarray, shape (n,)
+    pcov : ndarray, shape (n, n)
+        Infinite where the data do not determine the parameters.
+    result : Result
+        With `full_output`.
+
+    Raises
+    ------
+    RuntimeError
+        Where the fit fails; with the result as ``partial``.
+    """
+    y = vector(ydata, "ydata")
+    if y.size == 0:
+        raise ValueError("ydata must not be empty")
+    if isinstance(xdata, (list, tuple, np.ndarray)):
+        xdata = np.asarray(xdata)
+    if check_finite:
+        for name, data in (("xdata", xdata), ("ydata", y)):
+            is_float = isinstance(data, np.ndarray) and data.dtype.kind == "f"
+            if is_float and not np.isfinite(data).all():
+                raise ValueError(f"{name} must be finite")
+    start = _default_start(bounds, _number_of_parameters(f)) if p0 is None else start_point(p0)
+    weighted = _weighting(sigma, y.size)
+
+    def residuals(p: np.ndarray) -> np.ndarray:
+        values = np.asarray(f(xdata, *p))
+        if values.shape not in (y.shape, ()):
+            raise ValueError(f"f must return the shape {y.shape} of ydata, not {values.shape}")
+        return weighted(values - y)
+
+    def derivatives(p: np.ndarray) -> np.ndarray:
+        return weighted(np.asarray(jac(xdata, *p), dtype=float))
+
+    chosen = derivatives if callable(jac) else jac
+    result = least_squares(residuals, start, chosen, bounds, method or "auto", **kwargs)
+    if not result.success:
+        failed = RuntimeError(f"curve_fit: {result.message}")
+        failed.partial = result  # type: ignore[attr-defined]
+        raise failed
+    absolute = absolute_sigma and sigma is not None
+    pcov = result.unscaled_covariance if absolute else result.covariance
+    pcov = np.where(np.isnan(pcov), np.inf, pcov)
+    return (result.x, pcov, result) if full_output else (result.x, pcov)

@@ -1,0 +1,193 @@
+"""minimize, quadratic, and methods for scipy.optimize.minimize."""
+
+from __future__ import annotations
+
+import inspect
+from collections.abc import Callable
+from typing import Any
+
+import numpy as np
+
+from . import _core
+from ._options import options_of, technique
+from ._problem import (
+    add_hessian,
+    constrained,
+    function,
+    further_arguments,
+    start_point,
+    symmetric,
+    vector,
+)
+from ._result import Result, make_result
+
+_DIFFERENCES = {"2-point": "forward", "3-point": "central"}
+
+
+def _look(callback: Callable | None) -> Callable | None:
+    """SciPy's two forms of a callback as a function of (x, fun, iteration)."""
+    if callback is None:
+        return None
+    function(callback, "callback")
+    try:
+        names = list(inspect.signature(callback).parameters)
+    except (TypeError, ValueError):
+        names = []
+
+    def look(x: np.ndarray, fun: float, iteration: int) -> bool:
+        try:
+            if names == ["intermediate_result"]:
+                at = Result(x=x, fun=fun, nit=iteration)
+                return bool(callback(intermediate_result=at))
+            return bool(callback(x))
+        except StopIteration:
+            return True
+
+    return look
+
+
+def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callback: Any) -> Result:
+    """Runs the core. What a function raises carries the best point so far as `partial`."""
+    look = _look(callback)
+    if look is not None:
+        options["progress"] = look
+    try:
+        return make_result(_core.solve(problem, x.tolist(), options))
+    except BaseException as raised:
+        found = getattr(raised, "partial", None)
+        if isinstance(found, dict) and not isinstance(found, Result):
+            raised.partial = make_result(found)  # type: ignore[attr-defined]
+        raise
+
+
+def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
+    """A derivative that is a function or None; SciPy's names of difference schemes set an option."""
+    if jac is None or jac is False or callable(jac):
+        return jac or None
+    if isinstance(jac, str) and jac in _DIFFERENCES:
+        options.setdefault("differences", _DIFFERENCES[jac])
+        return None
+    raise ValueError(f"{name} must be a function, '2-point', '3-point' or None, not {jac!r}")
+
+
+def minimize(
+    fun: Callable[..., Any],
+    x0: Any,
+    args: Any = (),
+    method: str = "auto",
+    jac: Any = None,
+    hess: Any = None,
+    bounds: Any = None,
+    constraints: Any = (),
+    tol: float | None = None,
+    options: dict[str, Any] | None = None,
+    callback: Callable[..., Any] | None = None,
+) -> Result:
+    """Minimizes a function of several variables.
+
+    Parameters
+    ----------
+    fun : callable
+        ``fun(x, *args) -> float``, x a read-only array of shape (n,) that is valid in the call;
+        ``(float, gradient)`` where `jac` is True.
+    x0 : array_like, shape (n,)
+        The start, which need not satisfy the constraints.
+    args : tuple
+        Further arguments of `fun`, `jac` and `hess`.
+    method : str
+        ``"auto"``, a technique (``"quasi_newton"``), a subroutine (``"NLPQN"``) or a method of
+        SciPy that has its like here (``"BFGS"``).
+    jac : callable, True, "2-point", "3-point" or None
+        ``jac(x, *args) -> (n,)``; differences without one.
+    hess : callable
+        ``hess(x, *args) -> (n, n)``; used together with `jac`.
+    bounds : sequence of (min, max), or an object with lb and ub
+    constraints : one or several of
+        dictionaries with type, fun, jac, args; objects with A, lb, ub; with fun, lb, ub, jac.
+    tol : float
+        The gradient tolerances; of simplex searches those of objective and step.
+    options : dict
+        By the names of the library (docs/cpp.md), or maxiter, maxfev, gtol, disp.
+    callback : callable
+        ``callback(x)`` or ``callback(intermediate_result)`` after each iteration; True or
+        StopIteration ends the run.
+
+    Returns
+    -------
+    Result
+
+    Raises
+    ------
+    TypeError, ValueError
+        Where an argument, or what a function returns, has another type or shape.
+    Exception
+        What a function raises, with the best point so far as ``partial``. `EvaluationFailed`
+        marks a point that has no value instead.
+    """
+    x = start_point(x0)
+    problem: dict[str, Any] = {"kind": "minimize", "fun": function(fun, "fun")}
+    problem["args"] = further_arguments(args)
+    inside = constrained(problem, x, bounds, constraints)
+    general = bool(problem["linear"] or problem["nonlinear"])
+    made = options_of(options, method, tol, general)
+    problem["jac"] = True if jac is True else differences_or_function(jac, made)
+    if hess is not None and callable(hess) and problem["jac"] is not None:
+        add_hessian(problem, hess, inside)
+    return solve(problem, x, made, callback)
+
+
+def quadratic(
+    h: Any,
+    g: Any = None,
+    c: float = 0.0,
+    x0: Any = None,
+    bounds: Any = None,
+    constraints: Any = (),
+    method: str = "auto",
+    tol: float | None = None,
+    options: dict[str, Any] | None = None,
+) -> Result:
+    """Minimizes ``c + g @ x + x @ h @ x / 2``, which need not be convex.
+
+    Parameters
+    ----------
+    h : array_like or sparse matrix, shape (n, n), or (n,) for a diagonal
+        Of a sparse matrix either triangle will do.
+    g : array_like, shape (n,)
+    x0 : array_like, shape (n,)
+        The start; zeros without one.
+
+    The other arguments and the result are those of `minimize`.
+    """
+    problem: dict[str, Any] = {"kind": "quadratic", "c": float(c), **symmetric(h)}
+    n = problem["n"]
+    problem["g"] = None if g is None else vector(g, "g", n)
+    x = np.zeros(n) if x0 is None else vector(x0, "x0", n)
+    constrained(problem, x, bounds, constraints)
+    made = options_of(options, method, tol, True)
+    return solve(problem, x, made, None)
+
+
+def method(name: str) -> Callable[..., Result]:
+    """A method for ``scipy.optimize.minimize(..., method=tqnlp.method("NLPQN"))``."""
+    technique(name)  # refused here rather than in the run
+
+    def run(
+        fun: Callable[..., Any],
+        x0: Any,
+        args: Any = (),
+        jac: Any = None,
+        hess: Any = None,
+        hessp: Any = None,
+        bounds: Any = None,
+        constraints: Any = (),
+        callback: Callable[..., Any] | None = None,
+        tol: float | None = None,
+        **options: Any,
+    ) -> Result:
+        if hessp is not None:
+            raise ValueError("hessp is not taken; give the Hessian itself as hess")
+        return minimize(fun, x0, args, name, jac, hess, bounds, constraints, tol, options, callback)
+
+    run.__name__ = name
+    return run

@@ -1,0 +1,85 @@
+"""Methods and options by the names of this package, of the subroutines, and of SciPy."""
+
+from __future__ import annotations
+
+from difflib import get_close_matches
+from typing import Any
+
+from . import _core
+
+SUBROUTINES = {
+    "nlpqn": "quasi_newton",
+    "nlpdd": "double_dogleg",
+    "nlpcg": "conjugate_gradient",
+    "nlptr": "trust_region",
+    "nlpnra": "newton_line_search",
+    "nlpnrr": "newton_ridge",
+    "nlpnms": "nelder_mead",
+    "nlpvmc": "watchdog",
+    "nlplm": "levenberg_marquardt",
+    "nlphqn": "hybrid_quasi_newton",
+    "nlpqua": "quadratic_active_set",
+}
+SCIPY = {
+    "nelder-mead": "nelder_mead",
+    "cg": "conjugate_gradient",
+    "bfgs": "quasi_newton",
+    "slsqp": "quasi_newton",
+    "cobyla": "cobyla",
+    "trust-exact": "trust_region",
+    "lm": "levenberg_marquardt",
+}
+_OTHER_NAMES = {"auto": "automatic", **SUBROUTINES, **SCIPY}
+
+_SCIPY_OPTIONS = {
+    "maxiter": "iterations",
+    "maxfev": "calls",
+    "maxfun": "calls",
+    "gtol": "gradient_tolerance",
+}
+_SIMPLEX = ("nelder_mead", "nelder_mead_2", "cobyla")
+
+
+def technique(name: Any, constrained: bool = False) -> str:
+    """The technique of a name; simplex search under constraints is COBYLA."""
+    if not isinstance(name, str):
+        raise TypeError(f"method must be a name, not {name!r}")
+    found = _OTHER_NAMES.get(name.lower(), name.lower())
+    if found not in _core.TECHNIQUES:
+        known = [*_core.TECHNIQUES, *(key.upper() for key in SUBROUTINES)]
+        raise ValueError(f"method {name!r} is not known{_perhaps(name, known)}")
+    if name.lower() == "nlpnms" and constrained:
+        return "cobyla"
+    return found
+
+
+def _perhaps(name: str, known: list[str]) -> str:
+    near = get_close_matches(name, known, n=3) or get_close_matches(name.upper(), known, n=3)
+    return f"; near are {', '.join(near)}" if near else f"; there are {', '.join(known)}"
+
+
+def _from_tolerance(tol: float, name: str) -> dict[str, float]:
+    if name in _SIMPLEX:
+        return {"relative_objective_tolerance": tol, "step_tolerance": tol}
+    return {"gradient_tolerance": tol, "relative_gradient_tolerance": tol}
+
+
+def options_of(options: Any, method: Any, tol: float | None, constrained: bool) -> dict[str, Any]:
+    """Options for the core."""
+    if options is not None and not isinstance(options, dict):
+        raise TypeError(f"options must be a dictionary, not {options!r}")
+    name = technique(method, constrained)
+    made: dict[str, Any] = {} if tol is None else _from_tolerance(float(tol), name)
+    for key, value in (options or {}).items():
+        key = _SCIPY_OPTIONS.get(key, key)
+        if key == "disp":
+            if value:
+                made.setdefault("report", 1)
+                made.setdefault("sink", print)
+        elif key in _core.OPTIONS and key not in ("technique", "progress"):
+            if value is not None:
+                made[key] = value
+        else:
+            known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp"]
+            raise ValueError(f"options: {key!r} is not known{_perhaps(str(key), known)}")
+    return {**made, "technique": name}

@@ -1,0 +1,155 @@
+"""What a run answers."""
+
+from __future__ import annotations
+
+from html import escape
+from typing import Any, NamedTuple
+
+import numpy as np
+
+
+class LogRecord(NamedTuple):
+    """A line of the log."""
+
+    group: int
+    number: int
+    severity: str
+    text: str
+
+
+class Table(NamedTuple):
+    """A table of the report; str() is its text."""
+
+    name: str
+    title: str
+    columns: list[str]
+    rows: list[list[Any]]
+    text: str
+
+    def __str__(self) -> str:
+        return self.text
+
+
+class _Fields(dict):
+    """A dictionary whose keys are attributes too."""
+
+    def __getattr__(self, name: str) -> Any:
+        try:
+            return self[name]
+        except KeyError:
+            raise AttributeError(f"{type(self).__name__} has no field {name!r}") from None
+
+    __setattr__ = dict.__setitem__
+    __delattr__ = dict.__delitem__
+
+    def __dir__(self) -> list[str]:
+        return [*super().__dir__(), *self]
+
+
+class Part(_Fields):
+    """A group of fields of a result."""
+
+
+_MOST_SHOWN = 8
+
+
+def _numbers(values: np.ndarray) -> str:
+    shown = ", ".join(f"{value:.8g}" for value in values[:_MOST_SHOWN])
+    return shown if len(values) <= _MOST_SHOWN else f"{shown}, ... ({len(values)} in all)"
+
+
+class Result(_Fields):
+    """The result of a run: SciPy's fields, and more.
+
+    Attributes
+    ----------
+    x : ndarray, shape (n,)
+        The solution; after a failure the best feasible point that was evaluated.
+    fun : float
+        The objective there (of least squares: the residuals, ndarray of shape (m,)).
+    jac : ndarray, shape (n,)
+        The gradient there (of least squares: the Jacobian, where it was asked for).
+    success : bool
+        Did the run converge? What an independent check finds stands in `optimality`.
+    status : int
+        The code of the run: positive where it converged.
+    message : str
+        Why it ended, what is true now, what to try.
+    nit, nfev, njev, nhev : int
+        Iterations, and calls of the user's functions.
+    technique, ending : str
+        The technique that ran, and why it ended, by name.
+    multipliers, active : Part
+        One a bound, linear row, nonlinear constraint: `bounds`, `linear`, `nonlinear`. Active is
+        -1 at the lower side, 1 at the upper, 2 at both.
+    linear, constraints : ndarray
+        Values of the linear rows and of the nonlinear constraints.
+    optimality : Part
+        The check of the point: `verdict`, `feasibility`, `stationarity`, ...
+    history : Part
+        A column each: `iteration`, `calls`, `objective`, `gradient`, `violation`, `step`.
+    counts : Part
+        All calls; `tables`, `log`: the report.
+    """
+
+    def _summary(self) -> list[tuple[str, str]]:
+        rows = [
+            ("message", str(self.message)),
+            ("success", f"{self.success} (status {self.status}, {self.ending})"),
+            ("technique", str(self.technique)),
+            ("objective", f"{self.objective:.10g}"),
+            ("x", _numbers(self.x)),
+            ("check", str(self.optimality["sentence"])),
+            ("work", f"{self.nit} iterations, {self.nfev} calls, {self.seconds:.3g} s"),
+        ]
+        if "stderr" in self:
+            rows.insert(5, ("stderr", _numbers(self.stderr)))
+        return rows
+
+    def __repr__(self) -> str:
+        return "\n".join(f"{name:>10}: {text}" for name, text in self._summary())
+
+    __str__ = __repr__
+
+    def _repr_html_(self) -> str:
+        rows = "".join(
+            f"<tr><th style='text-align:right'>{name}</th>"
+            f"<td style='text-align:left'>{escape(text)}</td></tr>"
+            for name, text in self._summary()
+        )
+        return f"<table>{rows}</table>"
+
+    def plot_history(self, axes: Any = None) -> Any:
+        """Draws objective and gradient over the iterations; needs Matplotlib."""
+        if axes is None:
+            import matplotlib.pyplot as plt
+
+            _, axes = plt.subplots()
+        history = self.history
+        axes.plot(history.iteration, history.objective, color="tab:blue")
+        axes.set_xlabel("iteration")
+        axes.set_ylabel("objective", color="tab:blue")
+        gradient = axes.twinx()
+        gradient.semilogy(history.iteration, history.gradient, color="tab:orange")
+        gradient.set_ylabel("largest projected gradient", color="tab:orange")
+        return axes
+
+
+def make_result(found: dict[str, Any]) -> Result:
+    """A result with SciPy's names for what the core answers."""
+    result = Result(found)
+    counts = found["counts"]
+    for name in ("multipliers", "active", "optimality", "counts", "history"):
+        result[name] = Part(found[name])
+    result.tables = [Table(*table) for table in found["tables"]]
+    result.log = [LogRecord(*record) for record in found["log"]]
+    result.update(
+        fun=found["objective"],
+        jac=found["gradient"],
+        status=result.pop("code"),
+        nit=counts["iterations"],
+        nfev=counts["objective"],
+        njev=counts["gradient"],
+        nhev=counts["hessian"],
+    )
+    return result
