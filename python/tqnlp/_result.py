@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from html import escape
+from textwrap import fill
 from typing import Any, NamedTuple
 
 import numpy as np
@@ -107,7 +108,11 @@ class Result(_Fields):
         return rows
 
     def __repr__(self) -> str:
-        return "\n".join(f"{name:>10}: {text}" for name, text in self._summary())
+        further = " " * 12
+        return "\n".join(
+            fill(text, 100, initial_indent=f"{name:>10}: ", subsequent_indent=further)
+            for name, text in self._summary()
+        )
 
     __str__ = __repr__
 
