@@ -39,34 +39,29 @@ static void scale_by_roots(const MINSTR* str, const double* half, double* b) {
   for (long l = 0; l < free_count(str); ++l) b[l] /= half[str->ifxr[l]];
 }
 
-// b := L^-1 b, in the order of the free parameters.
-static void solve_lower(MINSTR* str, const double* half, double* b) {
+// b := L^-1 b, or L^-T b, in the order of the free parameters.
+static void solve_half(MINSTR* str, const double* half, double* b, bool transposed) {
   const SPAR& s = str->shes;
   const long free = free_count(str);
   if (half == nullptr || free < 1) return;
   if (str->hfrm == DIAGONAL) {
     scale_by_roots(str, half, b);
   } else if (str->hfrm == SPARSE) {
+    const auto solve = transposed ? zslltui : zslltli;
     const bool second = str->bounds != 0;
-    zslltli(second ? 1 : 0, free, s.perm, second ? s.jusl : s.jusp, half, b);
+    solve(second ? 1 : 0, free, s.perm, second ? s.jusl : s.jusp, half, b);
   } else {
-    znlpilm(str, packed_job(str), free, const_cast<double*>(half), b);
+    const auto solve = transposed ? znlpium : znlpilm;
+    solve(str, packed_job(str), free, const_cast<double*>(half), b);
   }
 }
 
-// b := L^-T b.
+static void solve_lower(MINSTR* str, const double* half, double* b) {
+  solve_half(str, half, b, false);
+}
+
 static void solve_upper(MINSTR* str, const double* half, double* b) {
-  const SPAR& s = str->shes;
-  const long free = free_count(str);
-  if (half == nullptr || free < 1) return;
-  if (str->hfrm == DIAGONAL) {
-    scale_by_roots(str, half, b);
-  } else if (str->hfrm == SPARSE) {
-    const bool second = str->bounds != 0;
-    zslltui(second ? 1 : 0, free, s.perm, second ? s.jusl : s.jusp, half, b);
-  } else {
-    znlpium(str, packed_job(str), free, const_cast<double*>(half), b);
-  }
+  solve_half(str, half, b, true);
 }
 
 // ---- Rows ---------------------------------------------------------------------------------------

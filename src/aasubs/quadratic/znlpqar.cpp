@@ -39,42 +39,32 @@
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/constraints/znlpftr.h"
 #include "aasubs/loop/loads.h"
+#include "aasubs/quadratic/quadas_run.h"
 #include "host/log.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
 
 static constexpr double MULTIPLIER_ZERO = 1e-10;       // of the gradient's size
-static constexpr double NEGLIGIBLE_STEP = 1e-14;       // of the size of a parameter
 static constexpr double ROUNDING_SLOPE = HUNDRED_EPS;  // of the terms that a slope is the sum of
 static constexpr double RATIO_TOLERANCE = 1e-4;        // of the feasibility tolerance, for rows
 static constexpr double BOUND_ROUNDING = 10.0 * EPS;
 static constexpr double RELAXATION = 0.1;              // the same, of rows at a degenerate point
 static constexpr long FIRST_RELAXED = 20;              // change of the working set in place
 static constexpr double ROUNDING_LENGTH = 10.0 * EPS;  // of w, against u
-static constexpr double ENOUGH_DECREASE = 1e-4;        // of the slope, along a bent step
 static constexpr double LOST_VALUE = 1e-6;             // rise of the true value, of its size
 static constexpr int MOST_BENDS = 4;                   // lengths tried along the bounds
-static constexpr int MOST_REFINEMENTS = 2;             // full steps on one working set
 
 // What the iterations of one run share.
-struct BarrierRun {
-  int ij = 0;               // code in hand
+struct BarrierRun : QuadasRun {
   double* scale = nullptr;  // of each parameter: |H(i,j)| <= scale[i] scale[j]
   double* sizes = nullptr;  // of what each element of the gradient is the sum of
-  double value_size = 0.0;  // the same for the objective
   double deat = 0.0;        // the user's
-  int full_steps = 0;       // to the minimizer, on this working set
   bool fresh = false;       // do grad and u, v, w come from x itself?
-  bool restored = false;    // were the rows satisfied exactly on this working set?
   bool blocks = true;       // may several bounds leave at once?
   bool relaxed = false;     // do rows give way?
   bool broken = false;      // the factor of the free parameters failed
-  long idle = 0;            // changes of the working set since x moved
-  bool untested = false;    // has the termination test not yet looked at x as a solution?
-  unsigned lots = 1;
-  long set_number = 1;  // of the working set; the mark of a constraint that it cannot take
-  RestartGuard guard;
+  long set_number = 1;      // of the working set; the mark of a constraint that it cannot take
 };
 
 static double* product_room(const MINSTR* str) { return str->wrk2; }
@@ -89,19 +79,6 @@ static double relaxation(const MINSTR* str, const BarrierRun& run, long i) {
   const unsigned hash = (static_cast<unsigned>(i) + 1U) * 2654435761U;
   const double share = 0.1 + 0.9 * static_cast<double>(hash >> 8U) / 16777216.0;
   return share * RELAXATION * feasibility_tolerance(str, str->ipre);
-}
-
-// More of them: not the best candidate leaves and enters, but any, which breaks the rule
-// by which a cycle goes round.
-static bool cycling(const MINSTR* str, const BarrierRun& run) { return run.idle > str->nvar; }
-
-static double lot(BarrierRun& run) {
-  run.lots = run.lots * 1664525U + 1013904223U;
-  return static_cast<double>(run.lots >> 8U) + 1.0;
-}
-
-static bool exhausted(const MINSTR* str, const BarrierRun& run) {
-  return run.broken || run.idle > 100 + 20 * (str->nvar + str->ncon);
 }
 
 // ---- The quadratic ------------------------------------------------------------------------------
@@ -157,10 +134,6 @@ static void measure_point(MINSTR* str, BarrierRun& run) {
     run.sizes[j] = std::max({run.scale[j] * product, std::fabs(str->qvec[j]), TINY});
     run.value_size += x * run.sizes[j];
   }
-}
-
-static double value_rounding(const MINSTR* str, const BarrierRun& run) {
-  return (10.0 + static_cast<double>(str->nvar)) * EPS * run.value_size;
 }
 
 // ---- The working set ----------------------------------------------------------------------------
@@ -358,19 +331,6 @@ static bool choose_direction(MINSTR* str, BarrierRun& run) {
   return str->pred > SMALLEST_TOLERANCE && moves(str, run, 1.0, NEGLIGIBLE_STEP);
 }
 
-namespace {
-
-// One constraint that the direction approaches.
-struct Approach {
-  Member m;
-  double slope;      // n'd, negative
-  double steepness;  // against the length of n
-  double residual;
-  double tolerance;
-};
-
-}  // namespace
-
 // Is the slope of row i, which stands in awrk, more than the rounding of its terms? The length of
 // the step says nothing of that where parameters differ in size.
 static bool slope_is_clear(const MINSTR* str, double slope) {
@@ -416,28 +376,8 @@ static void visit_approached(MINSTR* str, const BarrierRun& run, Visit visit) {
   }
 }
 
-// Ratio test: the largest step up to 1 in stub, and the constraint that stops it (ic -1: none). Of
-// those met within a tolerance the one that the direction meets most steeply, which keeps the
-// members well conditioned where many constraints meet.
 static Member stepl(MINSTR* str, BarrierRun& run) {
-  double reach = 1.0;
-  visit_approached(str, run, [&reach](const Approach& a) {
-    reach = std::min(reach, std::max(a.residual + a.tolerance, 0.0) / -a.slope);
-  });
-  Member met;
-  double highest = 0.0;
-  str->stub = 1.0;
-  if (!(reach < 1.0)) return met;
-  visit_approached(str, run, [&](const Approach& a) {
-    const double step = std::max(a.residual, 0.0) / -a.slope;
-    if (step > reach) return;
-    const double worth = cycling(str, run) ? lot(run) : a.steepness;
-    if (worth <= highest) return;
-    met = a.m;
-    highest = worth;
-    str->stub = step;
-  });
-  return met;
+  return ratio_test(str, run, 1.0, [&](auto visit) { visit_approached(str, run, visit); });
 }
 
 // ---- The step -----------------------------------------------------------------------------------
@@ -548,27 +488,12 @@ static Next give_up(MINSTR* str, BarrierRun& run, int code) {
   return Next::leave;
 }
 
-// Nothing moves and nothing wants to leave: only the tolerances are left to say so. Asked again,
-// the test compares x with itself; if not even that ends the run, nothing will.
-static Next at_solution(MINSTR* str, BarrierRun& run) {
-  static constexpr int WITHOUT_HISTORY = 2;
-  str->chac = 0;
-  if (!run.untested) start_iteration(str);
-  const bool last_word = !run.untested;
-  run.untested = false;
-  run.ij = str->uster(str, WITHOUT_HISTORY);
-  if (run.ij != 0) return Next::stop;
-  if (!last_word) return Next::solve_again;
-  run.ij = NO_PROGRESS;
-  return Next::finish;
-}
-
 // ---- One iteration ------------------------------------------------------------------------------
 
 // Changes the working set at x until a direction is found that the members allow, or x is a
 // solution. go_on: direction, stub and, if one blocks, the constraint met.
 static Next settle(MINSTR* str, BarrierRun& run, Member* met) {
-  for (; !exhausted(str, run); ++run.idle) {
+  for (; !(run.broken || exhausted(str, run)); ++run.idle) {
     if (const int limit = limit_reached(str); limit != 0) return give_up(str, run, limit);
     if (run.idle >= FIRST_RELAXED) run.relaxed = true;
     if (choose_direction(str, run)) {

@@ -33,6 +33,7 @@
 #include "aasubs/constraints/znlpba1.h"
 #include "aasubs/constraints/znlpbas.h"
 #include "aasubs/loop/loads.h"
+#include "aasubs/quadratic/quadas_run.h"
 #include "aasubs/quadratic/znlpqas_factor.h"
 #include "host/log.h"
 #include "kernels/vector.h"
@@ -40,60 +41,35 @@
 namespace tqnlp {
 
 static constexpr double MULTIPLIER_ZERO = 1e-12;     // of the gradient's size
-static constexpr double NEGLIGIBLE_STEP = 1e-14;     // of the size of a parameter
 static constexpr double LARGEST_CORRECTION = 1e-6;   // of the same, to satisfy the members
 static constexpr double ROUNDING_SLOPE = 1e-11;      // of the lengths of row and step
 static constexpr double RATIO_TOLERANCE = 0.01;      // of the feasibility tolerance
 static constexpr double ROW_ROUNDING = 16 * EPS;     // of the lengths of row and point
 static constexpr double ROUNDING_CURVATURE = 1e-13;  // of the matrix and the squared step
-static constexpr double ENOUGH_DECREASE = 1e-4;      // of the slope, along a bent step
 static constexpr double CUT = 0.1;                   // a step that failed
 static constexpr double CLEAR_UPDATE = 1e-8;  // a smaller new pivot is made anew, to be sure of it
 static constexpr int MOST_UPDATES = 100;      // changes of one factor before it is made anew
-static constexpr int MOST_REFINEMENTS = 2;    // full steps on one working set
 static constexpr long MANY = 50;              // bounds that leave at once
 static constexpr int MOST_HALVINGS = 10;      // of a bent step
 static constexpr double LEAST_CURVATURE = 1e-8;  // of the scaled matrix, for a sweep
 static constexpr int SWEEPS = 40;                // each costs a product, far less than a factor
 
 // What the iterations of one run share.
-struct QuadraticRun {
-  int ij = 0;  // code in hand
+struct QuadraticRun : QuadasRun {
   ReducedHessian reduced;
   double* rg = nullptr;     // reduced gradient
   double* sizes = nullptr;  // of what each element of the gradient is the sum of
-  double value_size = 0.0;  // the same for the objective
   double gs = 0.0;          // slope of the direction
   Course course = Course::none;
   double natural = 1.0;     // length at which the model is lowest along the direction
   int updates = 0;          // changes since the factor was made
-  int full_steps = 0;       // to the minimizer, on this working set
-  bool restored = false;    // were the members satisfied exactly on this working set?
   long single = 0;          // moves of x until several bounds may leave at once again
   long longest_single = 1;  // the next such number
-  long idle = 0;            // changes of the working set since x moved
-  bool untested = false;    // has the termination test not yet looked at x as a solution?
   bool sweeps_due = false;  // did so many leave that more of their neighbours should?
   bool sweeps = true;       // do sweeps lower the objective?
-  unsigned lots = 1;
-  RestartGuard guard;
 };
 
 static bool bounds_alone(const MINSTR* str) { return str->lincon == 0 && str->bounds != 0; }
-
-// Many changes in place: not the best candidate leaves and enters, but any. The rule by which a
-// cycle goes round is broken then, and with it the cycle.
-static bool cycling(const MINSTR* str, const QuadraticRun& run) { return run.idle > str->nvar; }
-
-// How much a candidate is worth then.
-static double lot(QuadraticRun& run) {
-  run.lots = run.lots * 1664525U + 1013904223U;
-  return static_cast<double>(run.lots >> 8U) + 1.0;
-}
-
-static bool exhausted(const MINSTR* str, const QuadraticRun& run) {
-  return run.idle > 100 + 20 * (str->nvar + str->ncon);
-}
 
 // ---- Values at a point --------------------------------------------------------------------------
 
@@ -111,10 +87,6 @@ static void measure_point(MINSTR* str, QuadraticRun& run) {
     run.sizes[j] = std::max(scale[j] * largest, std::fabs(str->grad[j] - product[j]));
     run.value_size += std::fabs(str->x[j]) * run.sizes[j];
   }
-}
-
-static double value_rounding(const MINSTR* str, const QuadraticRun& run) {
-  return (10.0 + static_cast<double>(str->nvar)) * EPS * run.value_size;
 }
 
 // Rounding of the product of a row of unit length with x.
@@ -338,19 +310,6 @@ static bool choose_direction(MINSTR* str, QuadraticRun& run) {
 
 // ---- Ratio test ---------------------------------------------------------------------------------
 
-namespace {
-
-// One constraint that the direction approaches.
-struct Approach {
-  Member m;
-  double slope;      // n'd, negative
-  double steepness;  // against the length of n
-  double residual;
-  double tolerance;
-};
-
-}  // namespace
-
 // Calls visit for every constraint outside the working set that the direction approaches.
 template <class Visit>
 static void visit_approached(MINSTR* str, Visit visit) {
@@ -383,29 +342,9 @@ static void visit_approached(MINSTR* str, Visit visit) {
   }
 }
 
-// Largest step in stub (the largest double: nothing blocks), and the constraint that it meets.
-// Among those met within a tolerance the one that the direction meets most steeply is taken: a
-// vertex of nearly dependent constraints then keeps the working set well conditioned. One that is
-// violated by its tolerance already lets nothing pass, so that the violations do not add up.
+// stub is the largest double where nothing blocks.
 static Member limit_step(MINSTR* str, QuadraticRun& run) {
-  double reach = HUGE_VALUE;
-  visit_approached(str, [&reach](const Approach& a) {
-    reach = std::min(reach, std::max(a.residual + a.tolerance, 0.0) / -a.slope);
-  });
-  Member met;
-  double highest = 0.0;
-  str->stub = HUGE_VALUE;
-  if (!(reach < HUGE_VALUE)) return met;
-  visit_approached(str, [&](const Approach& a) {
-    const double step = std::max(a.residual, 0.0) / -a.slope;
-    if (step > reach) return;
-    const double worth = cycling(str, run) ? lot(run) : a.steepness;
-    if (worth <= highest) return;
-    met = a.m;
-    highest = worth;
-    str->stub = step;
-  });
-  return met;
+  return ratio_test(str, run, HUGE_VALUE, [str](auto visit) { visit_approached(str, visit); });
 }
 
 // ---- The step -----------------------------------------------------------------------------------
@@ -599,21 +538,6 @@ static bool restore_members(MINSTR* str, QuadraticRun& run) {
   if (!evaluate_gradient(str)) return false;
   measure_point(str, run);
   return good;
-}
-
-// Nothing moves and nothing wants to leave: only the tolerances are left to say so. Asked again,
-// the test compares x with itself; if not even that ends the run, nothing will.
-static Next at_solution(MINSTR* str, QuadraticRun& run) {
-  static constexpr int WITHOUT_HISTORY = 2;
-  str->chac = 0;
-  if (!run.untested) start_iteration(str);
-  const bool last_word = !run.untested;
-  run.untested = false;
-  run.ij = str->uster(str, WITHOUT_HISTORY);
-  if (run.ij != 0) return Next::stop;
-  if (!last_word) return Next::solve_again;
-  run.ij = NO_PROGRESS;
-  return Next::finish;
 }
 
 static Next report_unbounded(MINSTR* str, QuadraticRun& run) {

@@ -120,6 +120,21 @@ bool move_along(MINSTR* str) {
   return moved;
 }
 
+void return_to_start(MINSTR* str, SequentialRun& run, double merit) {
+  return_to_xold(str);
+  str->tbig = 0.0;
+  std::copy_n(run.v.cbeg, run.v.terms, run.v.vcon);
+  str->cpsi = merit;
+  str->cmax = largest_violation(run.v, run.v.vcon);
+}
+
+Next derivatives_failed(MINSTR* str, SequentialRun& run) {
+  move_along(str);  // differences may have left x beside the point
+  str->indf = IN_RUN;
+  run.ij = -4;
+  return Next::finish;
+}
+
 // ---- Matrix -------------------------------------------------------------------------------------
 
 // The updates and the start of the matrix see all parameters, whatever is active.

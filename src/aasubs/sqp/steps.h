@@ -60,6 +60,12 @@ void reset(MINSTR* str, SequentialRun& run);
 // x := xold + alfa sdir, inside the bounds where xold is. False: rounding moved nothing.
 bool move_along(MINSTR* str);
 
+// The point before a search that failed (xold, cbeg), whose merit was that.
+void return_to_start(MINSTR* str, SequentialRun& run, double merit);
+
+// The end of a run whose derivatives failed after a step.
+Next derivatives_failed(MINSTR* str, SequentialRun& run);
+
 // ---- Matrix -------------------------------------------------------------------------------------
 
 // hess := factor of the user's Hessian (load), made positive definite, or of a multiple of the

@@ -195,20 +195,11 @@ static int lines(MINSTR* str, ConstrainedRun& run, Search& s) {
   return NO_PROGRESS;
 }
 
-// The point before the search.
-static void return_to_start(MINSTR* str, ConstrainedRun& run, const Search& s) {
-  return_to_xold(str);
-  str->tbig = 0.0;
-  std::copy_n(run.v.cbeg, run.v.terms, run.v.vcon);
-  str->cpsi = s.psi0;
-  str->crlf = s.crlf0;
-  str->cmax = largest_violation(run.v, run.v.vcon);
-}
-
 static Next search(MINSTR* str, ConstrainedRun& run, Search& s) {
   run.ij = lines(str, run, s);
   if (run.ij == 0) return Next::go_on;
-  return_to_start(str, run, s);
+  return_to_start(str, run, s.psi0);
+  str->crlf = s.crlf0;
   run.ij = NO_PROGRESS;
   return Next::finish;
 }
@@ -270,12 +261,7 @@ static Next one_iteration(MINSTR* str, ConstrainedRun& run) {
   Search s{str->cpsi, str->crlf, str->crit, str->cpsi, -4.0};
   Next next = search(str, run, s);
   if (next != Next::go_on) return next;
-  if (!evaluate_derivatives(str, run.v)) {
-    move_along(str);  // differences may have left x beside the point
-    str->indf = IN_RUN;
-    run.ij = -4;
-    return Next::finish;
-  }
+  if (!evaluate_derivatives(str, run.v)) return derivatives_failed(str, run);
   update_matrix(str, run);
   set_watchdog(str, run, s);
   str->nitr += 1.0;

@@ -180,11 +180,7 @@ static Next restart_at_best(MINSTR* str, const WatchdogRun& run) {
 
 // From an updated matrix a failed search says little: it starts afresh.
 static Next search_failed(MINSTR* str, WatchdogRun& run, double begin) {
-  return_to_xold(str);
-  str->tbig = 0.0;
-  std::copy_n(run.v.cbeg, run.v.terms, run.v.vcon);
-  str->cpsi = begin;
-  str->cmax = largest_violation(run.v, run.v.vcon);
+  return_to_start(str, run, begin);
   if (str->itre > 0) return restart_at_best(str, run);
   if (run.ij == UPHILL) {
     xpslog(" ***ERROR: Uphill search direction.");
@@ -208,12 +204,7 @@ static Next one_iteration(MINSTR* str, WatchdogRun& run) {
   double promised = begin;
   run.ij = search(str, run, &promised);
   if (run.ij != 0) return search_failed(str, run, begin);
-  if (!evaluate_derivatives(str, run.v)) {
-    move_along(str);  // differences may have left x beside the point
-    str->indf = IN_RUN;
-    run.ij = -4;
-    return Next::finish;
-  }
+  if (!evaluate_derivatives(str, run.v)) return derivatives_failed(str, run);
   update_matrix(str, run);
   set_watchdog(str, run, begin, promised);
   if (str->cpsi > run.psiopt && run.iopt + PATIENCE < str->nitr) {
