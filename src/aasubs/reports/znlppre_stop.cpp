@@ -253,6 +253,7 @@ static RvxText tell_reason(const MINSTR* str, int fail) {
   if (fail == NO_PROGRESS && unbounded_quadratic(str)) {
     return tell(str, 0, str->imax != 0 ? 41 : 40);  // the log has it
   }
+  if (fail == -2 && is_barrier(str)) return tell(str, 0, 145);  // the matrix: the log has it
   if (fail == NO_PROGRESS && far_from_feasible(str)) {
     return tell(str, 146, 146, {str->cmax});
   }
