@@ -166,13 +166,18 @@ const char* name_of(Technique technique);
 
 enum class Differences { forward, central };
 
+// automatic: a run counts parameters of very different sizes, and an objective far from 1, in units
+// of its own, powers of two. off: in the user's units.
+enum class Scaling { automatic, off };
+
 // A look at a run after an iteration. The spans are valid until the function returns.
 struct Progress {
   long iteration = 0;
   long calls = 0;  // of the objective, those for differences not counted
   double seconds = 0.0;
   double objective = 0.0;  // as the user states it
-  double gradient = 0.0;   // largest element of the projected gradient; missing without one
+  double gradient = 0.0;   // largest element of the projected gradient, each times the unit that
+                           // the run counts its parameter in; missing without one
   double violation = 0.0;  // largest of the nonlinear constraints
   Point x;
 };
@@ -195,6 +200,13 @@ struct Options {
   std::optional<double> relative_step_tolerance;        // XCONV
   std::optional<double> objective_size;  // least magnitude of the objective in relative tests
   std::optional<double> parameter_size;  // and of a parameter
+
+  // Units of the run. All that the user's functions see, and all of a result but the lines and
+  // tables of its report, is in his own units; so are the criteria above, which hold there when a
+  // run in other units meets them.
+  Scaling scaling = Scaling::automatic;
+  std::vector<double>
+      scale;  // typical sizes of the parameters, above 0; empty: by start and bounds
 
   // Limits.
   std::optional<double> iterations;

@@ -93,7 +93,8 @@ static void add_nonlinear(const Run& run, const std::vector<double>& values, Gen
   for (std::size_t k = 0; k < sides.size(); ++k) {
     const std::size_t place = first + static_cast<std::size_t>(sides[k].source);
     for (std::size_t j = 0; j < n; ++j)
-      general.normals[place * n + j] = sides[k].sign * run.jcon[k * n + j];
+      general.normals[place * n + j] = slope_to_user(run.shared.units, 1.0, static_cast<long>(j),
+                                                     sides[k].sign * run.jcon[k * n + j]);
   }
 }
 
@@ -164,13 +165,15 @@ static Optimality::Verdict first_order_verdict(const Optimality& found, bool by_
 
 static void check_first_order_conditions(Run& run, General& general, Result* result) {
   const Constraints& c = run.shared.constraints;
-  std::vector<double> of_bounds(result->x.size());
+  std::vector<double> of_bounds(result->x.size()), slopes(result->gradient);
+  if (run.imax != 0)
+    for (double& slope : slopes) slope = -slope;
   FirstOrder point;
   point.n = run.nvar;
   point.rows = static_cast<long>(general.values.size());
   point.x = result->x.data();
-  point.crit = run.crit;
-  point.gradient = run.grad;
+  point.crit = objective_to_user(run.shared.units, run.crit);
+  point.gradient = slopes.data();
   point.lower = c.lower.data();
   point.upper = c.upper.data();
   point.normals = general.normals.data();
@@ -203,7 +206,8 @@ static void check_curvature(Run& run, Result* result, std::vector<double>* bette
   if (code == NO_STEP && znlpnoi(&run, 1) == 0) return;
   if (!(run.crit < before - CLEARLY * (1.0 + std::fabs(before)))) return;
   result->optimality.verdict = Optimality::negative_curvature;
-  better->assign(run.x, run.x + run.nvar);
+  better->resize(static_cast<std::size_t>(run.nvar));
+  point_to_user(run.shared.units, run.nvar, run.x, better->data());
 }
 
 static bool curvature_is_affordable(const Run& run) {
@@ -223,9 +227,12 @@ void check_point(Shared& shared, bool curvature, Result* result, std::vector<dou
   result->gradient.assign(n, missing);
   result->optimality.verdict = Optimality::not_known;
   const bool known = evaluate(run, result);
-  if (run.crit < HUGE_VALUE) result->objective = sign * run.crit;
+  const Units& units = shared.units;
+  if (run.crit < HUGE_VALUE) result->objective = sign * objective_to_user(units, run.crit);
   if (!known) return;
-  for (std::size_t j = 0; j < n; ++j) result->gradient[j] = sign * run.grad[j];
+  for (std::size_t j = 0; j < n; ++j)
+    result->gradient[j] =
+        sign * slope_to_user(units, units.objective, static_cast<long>(j), run.grad[j]);
   General general = general_constraints(run, *result);
   const auto rows = static_cast<std::ptrdiff_t>(problem.rows.size());
   result->linear.assign(general.values.begin(), general.values.begin() + rows);

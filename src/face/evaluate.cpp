@@ -56,12 +56,16 @@ static bool beyond(long n, const double* x, const double* lower, const double* u
   return changed != 0;
 }
 
-// The point for the user's function: x itself, or its projection into the bounds. Null when x is no
-// point, as after an overflow in a step. An absent bound stands at the largest double, so that an
-// infinite element is beyond it.
+// The point for the user's function: x itself, or in his units, or its projection into the bounds.
+// Null when x is no point, as after an overflow in a step. An absent bound stands at the largest
+// double, so that an infinite element is beyond it.
 static const double* point(Run& run) {
   const long n = run.nvar;
   const double* x = run.x;
+  if (!run.shared.units.parameter.empty()) {
+    point_to_user(run.shared.units, n, x, run.inside.data());
+    x = run.inside.data();
+  }
   if (!run.shared.constraints.bounds) return all_finite(n, x) ? x : nullptr;
   const double* lower = run.shared.constraints.lower.data();
   const double* upper = run.shared.constraints.upper.data();
@@ -141,12 +145,13 @@ static bool rows_hold(const Run& run, const double* x) {
 // before or after it, at the same point.
 static void note_objective(Run& run, const double* x) {
   BestPoint& best = run.shared.best;
-  if (best.found && !(run.crit < best.crit)) return;
+  const double crit = objective_to_user(run.shared.units, run.crit);
+  if (best.found && !(crit < best.crit)) return;
   if (!run.shared.constraints.rows.empty() && !rows_hold(run, x)) return;
-  if (run.shared.constraints.nonlinear.empty()) return offer_best(run.shared, x, run.crit);
-  if (std::equal(x, x + run.nvar, run.held.begin())) return offer_best(run.shared, x, run.crit);
+  if (run.shared.constraints.nonlinear.empty()) return offer_best(run.shared, x, crit);
+  if (std::equal(x, x + run.nvar, run.held.begin())) return offer_best(run.shared, x, crit);
   std::copy_n(x, run.nvar, run.pending.begin());
-  run.pending.back() = run.crit;
+  run.pending.back() = crit;
 }
 
 static void note_constraints(Run& run, const double* x) {
@@ -171,11 +176,12 @@ static int scalar_objective(Run& run, const double* x) {
   if (!call(run, run.shared.counts.objective, [&] { value = objective(as_point(run, x)); }) ||
       !std::isfinite(value))
     return FAILED;
-  run.func[0] = run.crit = run.imax != 0 ? -value : value;
+  run.func[0] = run.crit = objective_to_record(run.shared.units, run.imax != 0 ? -value : value);
   return GOOD;
 }
 
-// Residuals into func, or for a technique that knows of no residuals into scratch.
+// Residuals into func, or for a technique that knows of no residuals into scratch, where they stay
+// in the units of the user.
 static int squares_objective(Run& run, const double* x) {
   const long m = run.shared.problem.m;
   double* f = run.squares ? run.func : run.values.data();
@@ -184,15 +190,30 @@ static int squares_objective(Run& run, const double* x) {
             [&] { residuals(as_point(run, x), as_values(f, m)); }) ||
       !all_finite(m, f))
     return FAILED;
+  const Units& units = run.shared.units;
+  for (long i = 0; i < m && run.squares && units.residual != 1.0; ++i) f[i] /= units.residual;
   const int code = half_sum_of_squares(m, f, f, &run.crit);
-  if (code == GOOD && !run.squares) run.func[0] = run.crit;
-  return code;
+  if (code != GOOD || run.squares) return code;
+  run.func[0] = run.crit = objective_to_record(units, run.crit);
+  return GOOD;
+}
+
+// The value at the start is often known already: the unit of the objective was chosen by it.
+static bool start_is_asked(const Run& run) {
+  return std::equal(run.x, run.x + run.nvar, run.start.begin());
+}
+
+static int end_at_start(Run& run) {
+  run.crit = run.start_crit;
+  if (run.start_code == GOOD && !run.squares) run.func[0] = run.crit;
+  return end(&run, run.start_code);
 }
 
 // crit stands at the largest double while there is no value.
 static int objective(MINSTR* str) {
   Run& run = run_of(str);
   if (run.in_differences_of_functions == 0 && run.indf < GRADIENT_STEP) ++run.nfct;
+  if (std::exchange(run.start_is_known, false) && start_is_asked(run)) return end_at_start(run);
   run.tbig = 1.0;
   run.crit = HUGE_VALUE;
   const double* x = point(run);
@@ -255,6 +276,8 @@ static int gradient(MINSTR* str) {
     good = fill(run, run.shared.counts.gradient, problem.gradient, run.grad, run.nvar);
   }
   if (!good) return fail(run, FAILED);
+  const Units& units = run.shared.units;
+  if (run.fqad == 0) slopes_to_record(units, units.objective, 1, run.nvar, run.grad);
   if (run.imax != 0) negate(run.grad, run.nvar);
   return end(&run, GOOD);
 }
@@ -272,6 +295,19 @@ static void scatter(const Run& run) {
   for (std::size_t k = 0; k < run.places.size(); ++k) run.hess[run.places[k]] = run.second[k];
 }
 
+// The elements of a Hessian as the user gave them, into the units of the record.
+static void convert_second(Run& run) {
+  const Units& units = run.shared.units;
+  if (!units.are_own()) return;
+  const ProblemData& problem = run.shared.problem;
+  for (std::size_t k = 0; k < run.second.size(); ++k) {
+    const auto place = static_cast<long>(k);
+    const auto [i, j] = problem.pattern.has_value() ? problem.pattern->places[k]
+                                                    : std::pair(place / run.nvar, place % run.nvar);
+    run.second[k] = curvature_to_record(units, units.objective, i, j, run.second[k]);
+  }
+}
+
 // The gradient belongs to the Hessian's point: techniques ask for both with one call.
 static int hessian(MINSTR* str) {
   Run& run = run_of(str);
@@ -286,6 +322,7 @@ static int hessian(MINSTR* str) {
   const long count = static_cast<long>(run.second.size());
   if (!fill(run, run.shared.counts.hessian, run.shared.problem.hessian, run.second.data(), count))
     return fail(run, HESSIAN_FAILED);
+  convert_second(run);
   if (run.shared.problem.pattern.has_value())
     scatter(run);
   else
@@ -306,6 +343,7 @@ static int load_jacobian(Run& run, int digit, long* counter, double* packed) {
   double* j = run.jacobian.data();
   if (!fill(run, run.shared.counts.gradient, run.shared.problem.jacobian, j, m * n))
     return fail(run, FAILED);
+  slopes_to_record(run.shared.units, run.shared.units.residual, m, n, j);
   crossproduct(m, n, j, run.func, run.grad, packed);
   hold_jacobian(&run, j);
   return end(&run, GOOD);
@@ -358,6 +396,7 @@ static int constraint_jacobian(MINSTR* str) {
   const long count = static_cast<long>(problem.c_lower.size()) * n;
   if (!fill(run, run.shared.counts.constraint_jacobian, problem.constraint_jacobian, values, count))
     return fail(run, FAILED);
+  slopes_to_record(run.shared.units, 1.0, count / n, n, values);
   for (std::size_t k = 0; k < c.nonlinear.size() && !c.as_given; ++k) {
     const OneSide& one = c.nonlinear[k];
     for (long j = 0; j < n; ++j)
@@ -380,15 +419,19 @@ static void keep_iteration(Run& run, const Progress& at) {
   history.step.push_back(step_of(run));
 }
 
-static Progress progress_of(const Run& run) {
+static Progress progress_of(Run& run) {
+  const Units& units = run.shared.units;
   Progress at;
   at.iteration = run.shared.iterations_before + static_cast<long>(run.nitr);
   at.calls = run.nfct;
   at.seconds = zdattim() - run.shared.began;
-  at.objective = run.imax != 0 ? -run.crit : run.crit;
-  at.gradient = is_simplex(run.tech) ? MISSING : run.nlicon != 0 ? run.gmlf : run.gmax;
+  const double crit = wzmis(run.crit) ? run.crit : objective_to_user(units, run.crit);
+  at.objective = run.imax != 0 ? -crit : crit;
+  const double slope = run.nlicon != 0 ? run.gmlf : run.gmax;
+  at.gradient = is_simplex(run.tech) || wzmis(slope) ? MISSING : objective_to_user(units, slope);
   at.violation = run.nlicon != 0 ? run.cmax : 0.0;
-  at.x = as_point(run, run.x);
+  if (!run.shown.empty()) point_to_user(units, run.nvar, run.x, run.shown.data());
+  at.x = as_point(run, run.shown.empty() ? run.x : run.shown.data());
   return at;
 }
 

@@ -90,6 +90,12 @@ void check_options(const Options& options) {
     refuse(std::string("Options::") + row.name, std::to_string(*value),
            std::to_string(row.lowest) + " to " + std::to_string(row.highest));
   }
+  static constexpr double SMALLEST = 1e-100, LARGEST = 1e100;
+  for (const double size : options.scale)
+    if (!(size >= SMALLEST && size <= LARGEST))
+      refuse("Options::scale", shown(size), "numbers from 1e-100 to 1e+100");
+  if (options.scaling == Scaling::off && !options.scale.empty())
+    refuse("Options::scale", "sizes, with Options::scaling off", "no sizes, or scaling");
   static constexpr int MOST_DETAIL = 9;
   if (options.report < 0 || options.report > MOST_DETAIL)
     refuse("Options::report", std::to_string(options.report), "0 to 9");
@@ -138,6 +144,22 @@ void apply_options(const Options& options, const TechniqueRow& row, MINSTR* str)
   default_sparse_form(str);
   if (!row.quadratic && row.tech != NEWRAP) str->ratio = 0.0;  // who else has no sparse factor
   choose_methods(str);
+}
+
+void convert_options(const Options& options, const Units& units, MINSTR* str) {
+  if (!units.are_own()) return;
+  double least = 1.0, most = 1.0;
+  if (!units.parameter.empty()) {
+    const auto [lowest, highest] = std::ranges::minmax(units.parameter);
+    least = lowest;
+    most = highest;
+  }
+  if (options.objective_target.has_value()) str->atol /= units.objective;
+  str->aftl /= units.objective;
+  str->fsiz /= units.objective;
+  if (options.gradient_tolerance.has_value()) str->agtl *= least / units.objective;
+  if (options.step_tolerance.has_value()) str->axtl /= most;
+  str->xsiz /= most;
 }
 
 }  // namespace tqnlp::face

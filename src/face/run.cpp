@@ -118,17 +118,20 @@ static void choose_sparse_form(Run& run) {
   choose_form(run, triples, SPM_PLACES, problem.pattern->places.size());
 }
 
-static double middle(const std::vector<double>& by_rows, long n, long i, long j) {
-  const double lower = by_rows[static_cast<std::size_t>(i * n + j)];
-  const double upper = by_rows[static_cast<std::size_t>(j * n + i)];
-  return lower == upper ? lower : 0.5 * (lower + upper);
+// Element (i, j) of the dense matrix of a quadratic, the middle of its two values.
+static double element_of_quadratic(const Run& run, long i, long j) {
+  const std::vector<double>& by_rows = run.shared.problem.h->dense();
+  const double lower = by_rows[static_cast<std::size_t>(i * run.nvar + j)];
+  const double upper = by_rows[static_cast<std::size_t>(j * run.nvar + i)];
+  const double middle = lower == upper ? lower : 0.5 * (lower + upper);
+  const Units& units = run.shared.units;
+  return curvature_to_record(units, units.objective, i, j, middle);
 }
 
 static void choose_dense_form(Run& run) {
-  const SymmetricMatrix& h = *run.shared.problem.h;
   std::vector<double> packed;
   for (long i = 0; i < run.nvar; ++i)
-    for (long j = 0; j <= i; ++j) packed.push_back(middle(h.dense(), run.nvar, i, j));
+    for (long j = 0; j <= i; ++j) packed.push_back(element_of_quadratic(run, i, j));
   choose_form(run, packed, SPM_PACKED, 0);
 }
 
@@ -154,22 +157,27 @@ static void find_places(Run& run) {
 // The matrix and linear term of a quadratic, as they are minimized.
 static void load_quadratic(Run& run) {
   const ProblemData& problem = run.shared.problem;
+  const Units& units = run.shared.units;
   vzfdl(0.0, run.hess, hessian_length(&run));
   if (problem.pattern.has_value()) {
     find_places(run);
-    for (std::size_t k = 0; k < run.places.size(); ++k)
-      run.hess[run.places[k]] = problem.h->elements()[k].value;
+    for (std::size_t k = 0; k < run.places.size(); ++k) {
+      const Element& element = problem.h->elements()[k];
+      run.hess[run.places[k]] =
+          curvature_to_record(units, units.objective, element.row, element.col, element.value);
+    }
   } else {
     for (long i = 0; i < run.nvar; ++i)
       for (long j = 0; j <= i; ++j) {
-        const double value = middle(problem.h->dense(), run.nvar, i, j);
+        const double value = element_of_quadratic(run, i, j);
         const long place = value != 0.0 ? hessian_place(&run, i, j) : -1;
         if (place >= 0) run.hess[place] = value;
       }
   }
   run.qlin = 1;
-  run.qcon = problem.c;
+  run.qcon = objective_to_record(units, problem.c);
   std::copy(problem.g.begin(), problem.g.end(), run.qvec);
+  slopes_to_record(units, units.objective, 1, run.nvar, run.qvec);
 }
 
 // ---- Arrays -------------------------------------------------------------------------------------
@@ -181,7 +189,9 @@ static void take_scratch(Run& run) {
   const std::size_t m =
       problem.kind == Kind::least_squares ? static_cast<std::size_t>(problem.m) : 0;
   const std::size_t given = problem.c_lower.size();
-  if (c.bounds) run.inside.resize(n);
+  const bool other_units = !run.shared.units.parameter.empty();
+  if (c.bounds || other_units) run.inside.resize(n);
+  if (other_units) run.shown.resize(n);
   if (!c.nonlinear.empty()) {
     run.pending.assign(n + 1, MISSING);
     run.held.assign(n, MISSING);
@@ -198,20 +208,37 @@ static void take_scratch(Run& run) {
 static void load_bounds(Run& run) {
   const Constraints& c = run.shared.constraints;
   if (run.bounds == 0) return;
-  std::copy(c.lower.begin(), c.lower.end(), run.lb);
-  std::copy(c.upper.begin(), c.upper.end(), run.ub);
+  const Units& units = run.shared.units;
+  for (long j = 0; j < run.nvar; ++j) {
+    const auto place = static_cast<std::size_t>(j);
+    const double lower = c.lower[place], upper = c.upper[place];
+    run.lb[j] = lower_exists(lower) ? lower / units.of(j) : lower;
+    run.ub[j] = upper_exists(upper) ? upper / units.of(j) : upper;
+  }
+}
+
+// A row is counted in a unit of its own where the parameters are: its largest coefficient is of
+// moderate size then.
+static double unit_of_row(const Units& units, const LinearRow& row) {
+  double largest = 0.0;
+  for (std::size_t k = 0; k < row.columns.size(); ++k)
+    largest = std::max(largest, std::fabs(row.values[k]) * units.of(row.columns[k]));
+  return units.parameter.empty() ? 1.0 : power_of_two(largest);
 }
 
 static void load_rows(Run& run) {
   const Constraints& c = run.shared.constraints;
+  const Units& units = run.shared.units;
   long stored = 0;
   for (std::size_t i = 0; i < c.rows.size(); ++i) {
     const LinearRow& row = run.shared.problem.rows[static_cast<std::size_t>(c.rows[i].source)];
+    const double unit = unit_of_row(units, row);
     for (std::size_t k = 0; k < row.columns.size(); ++k) {
-      run.alcn[stored] = c.rows[i].sign * row.values[k];
+      run.alcn[stored] =
+          slope_to_record(units, unit, row.columns[k], c.rows[i].sign * row.values[k]);
       run.jalc[stored++] = row.columns[k];
     }
-    run.blcn[i] = c.rows[i].sign * c.rows[i].side;
+    run.blcn[i] = c.rows[i].sign * c.rows[i].side / unit;
     run.naco[i] = stored;
   }
 }
@@ -227,6 +254,7 @@ static void prepare(Run& run, const std::vector<double>& start, bool central, bo
   count_constraints(run);
   set_derivatives(run, central);
   apply_options(run.shared.options, run.row, &run);
+  convert_options(run.shared.options, run.shared.units, &run);
   if (silent) run.dbug = 0.0;
   set_checks(run);
   set_callbacks(run);
@@ -237,7 +265,7 @@ static void prepare(Run& run, const std::vector<double>& start, bool central, bo
   if (allocate_arrays(&run, request) != 0) out_of_memory();
   take_scratch(run);
   if (run.fqad != 0) load_quadratic(run);
-  std::copy(start.begin(), start.end(), run.x);
+  point_to_record(run.shared.units, run.nvar, start.data(), run.x);
   if (run.tech == DBLDOG) vzfdl(1.0, run.dsca, run.nvar);
   load_bounds(run);
   load_rows(run);

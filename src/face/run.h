@@ -11,6 +11,7 @@
 
 #include "aasubs/record/minstr.h"
 #include "aasubs/setup/derivative_choice.h"
+#include "face/scaling.h"
 #include "face/techniques.h"
 
 namespace tqnlp::face {
@@ -18,10 +19,10 @@ namespace tqnlp::face {
 // Codes of a run beside those of the library.
 inline constexpr int STOPPED_BY_CALLER = Status::stopped_by_caller;
 
-// The best feasible point that was evaluated.
+// The best feasible point that was evaluated, in the units of the user.
 struct BestPoint {
   bool found = false;
-  double crit = 0.0;
+  double crit = 0.0;  // as it is minimized
   std::vector<double> x;
 };
 
@@ -58,6 +59,8 @@ struct Shared {
   const ProblemData& problem;
   const Constraints& constraints;
   const Options& options;
+  Units units{};              // of all records
+  bool unit_is_open = false;  // that of the objective, until its first value is known
   Counts counts{};
   UserClock clock{};
   BestPoint best{};
@@ -82,7 +85,8 @@ struct Run : MINSTR {
   bool squares = false;  // the record's objective is one of residuals
   short in_differences_of_functions = 0;
   short in_differences_of_gradients = 0;
-  std::vector<double> inside;    // n: x, projected into the bounds
+  std::vector<double> inside;    // n: x in the user's units, projected into the bounds
+  std::vector<double> shown;     // n: x for the caller of progress, in his units
   std::vector<double> values;    // of the user's constraints, or residuals of a scalar record
   std::vector<double> jacobian;  // of the user's constraints, or of the residuals
   std::vector<double> second;    // elements of a Hessian as the user gives them
@@ -90,6 +94,10 @@ struct Run : MINSTR {
   std::vector<double> pending;   // n + 1: point and value that wait for their constraints
   std::vector<double> held;      // n: point at which the nonlinear constraints held last
   std::vector<const char*> names;
+  bool start_is_known = false;  // the objective was called once, at the start
+  std::vector<double> start;    // n: where,
+  double start_crit = 0.0;      // the value,
+  int start_code = 0;           // and what it answered; residuals stand in func
 
   Run(Shared& s, const TechniqueRow& r);
   ~Run();
@@ -110,8 +118,12 @@ int drive(Run& run);
 // Callbacks of the record (evaluate.cpp).
 void set_callbacks(Run& run);
 
-// x with the objective there: is it the best feasible point so far? For points whose constraints
-// are known to hold.
+// The unit of the objective, by its value at the start and what it is near by. True when it becomes
+// another one, for which the record has to be made anew. Asks once in a solve.
+bool choose_objective_unit(Run& run);
+
+// x with the objective there, in the units of the user: is it the best feasible point so far? For
+// points whose constraints are known to hold.
 void offer_best(Shared& shared, const double* x, double crit);
 
 }  // namespace tqnlp::face

@@ -47,10 +47,12 @@ static Status status_of(int code) {
 // The last point, or of a run that failed the best feasible one: no feasible point is better.
 static void take_point(const Run& run, int code, Result* result) {
   const BestPoint& best = run.shared.best;
-  result->x.assign(run.x, run.x + run.nvar);
+  const Units& units = run.shared.units;
+  result->x.resize(static_cast<std::size_t>(run.nvar));
+  point_to_user(units, run.nvar, run.x, result->x.data());
   const double sign = run.imax != 0 ? -1.0 : 1.0;
   const bool known = !wzmis(run.crit) && std::fabs(run.crit) < HUGE_VALUE;
-  result->objective = known ? sign * run.crit : missing;
+  result->objective = known ? sign * objective_to_user(units, run.crit) : missing;
   const bool failed = code <= 0 || code > Status::all_parameters_active;
   if (failed && best.found) {
     result->x = best.x;
@@ -77,12 +79,12 @@ static void tighten_criteria(Run& run, int restarts) {
   }
 }
 
-// Runs the technique from a start. Whatever ends it, what it has found is in the result.
-static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
-                     Result* result) {
-  shared.iterations_before = result->counts.iterations;
+// False: the unit of the objective has become another one, and nothing has run.
+static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
+                         Result* result) {
   Run run(shared, row);
   prepare_run(run, start);
+  if (choose_objective_unit(run)) return false;
   tighten_criteria(run, result->optimality.restarts);
   run.upti = std::max(run.upti - (zdattim() - shared.began), 0.0);
   int code = drive(run);
@@ -90,6 +92,14 @@ static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<
   result->status = status_of(code);
   take_point(run, code, result);
   add_counts(run, result);
+  return true;
+}
+
+// Runs the technique from a start. Whatever ends it, what it has found is in the result.
+static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
+                     Result* result) {
+  shared.iterations_before = result->counts.iterations;
+  if (!run_in_units(shared, row, start, result)) run_in_units(shared, row, start, result);
 }
 
 // ---- Runs and checks ----------------------------------------------------------------------------
@@ -227,10 +237,13 @@ Result solve(const Problem& problem, std::vector<double> start, const Options& o
   face::check_start(data, start);
   face::check_derivatives(data);
   face::check_options(options);
+  face::check_scale(data, options);
   const face::Constraints constraints = face::normalize(data);
   const face::TechniqueRow& row = face::choose_technique(data, constraints, options);
   const face::FlagKeeper flags;
   face::Shared shared{data, constraints, options};
+  shared.units = face::choose_units(data, constraints, options, start);
+  shared.unit_is_open = options.scaling == Scaling::automatic;
   return face::run_on_task(shared, row, start);
 }
 

@@ -1,0 +1,135 @@
+// The choice of the units of a record.
+//
+// Parameters  their sizes are what the user says, or what his start and bounds show; units of their
+//             own are taken only where these sizes are far apart or far from 1. A quadratic shows
+//             the sizes of its parameters itself: the distances over which each changes it alike.
+// Objective   its size is how much it changes over a part of the parameters' sizes around the
+//             start. Its value says little, since a constant may hide in it; but a value of
+//             moderate size is not looked at further, so that a run costs no call more.
+#include "face/scaling.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "face/run.h"
+
+namespace tqnlp::face {
+
+double power_of_two(double size) {
+  if (!(size > 0.0) || !std::isfinite(size)) return 1.0;
+  return std::exp2(std::round(std::log2(size)));
+}
+
+void slopes_to_record(const Units& units, double unit, long rows, long n, double* values) {
+  if (units.parameter.empty() && unit == 1.0) return;
+  for (long i = 0; i < rows; ++i)
+    for (long j = 0; j < n; ++j, ++values) *values = slope_to_record(units, unit, j, *values);
+}
+
+// ---- Parameters ---------------------------------------------------------------------------------
+
+void check_scale(const ProblemData& problem, const Options& options) {
+  if (options.scale.empty() || options.scale.size() == static_cast<std::size_t>(problem.n)) return;
+  refuse("Options::scale", std::to_string(options.scale.size()) + " elements",
+         std::to_string(problem.n));
+}
+
+// By the start, or where it is 0 by the bounds; 0: nothing is known.
+static double size_of(double start, double lower, double upper) {
+  if (start != 0.0) return std::fabs(start);
+  const double below = lower_exists(lower) ? std::fabs(lower) : 0.0;
+  const double above = upper_exists(upper) ? std::fabs(upper) : 0.0;
+  return std::max(below, above);
+}
+
+static std::vector<double> sizes_of(const Constraints& c, const std::vector<double>& start) {
+  std::vector<double> sizes;
+  for (std::size_t j = 0; j < start.size(); ++j)
+    sizes.push_back(size_of(start[j], c.lower[j], c.upper[j]));
+  return sizes;
+}
+
+// Parameters that change a quadratic alike: the roots of the reciprocal elements of its diagonal.
+static std::vector<double> sizes_of_quadratic(const ProblemData& problem) {
+  std::vector<double> diagonal(static_cast<std::size_t>(problem.n), 0.0);
+  for (const Element& e : problem.h->elements())
+    if (e.row == e.col) diagonal[static_cast<std::size_t>(e.row)] = std::fabs(e.value);
+  for (long j = 0; j < problem.n && !problem.h->is_sparse(); ++j)
+    diagonal[static_cast<std::size_t>(j)] =
+        std::fabs(problem.h->dense()[static_cast<std::size_t>(j * problem.n + j)]);
+  for (double& element : diagonal) element = element > 0.0 ? 1.0 / std::sqrt(element) : 0.0;
+  return diagonal;
+}
+
+// Sizes with which a technique does well in the user's units.
+static bool are_moderate(const std::vector<double>& sizes) {
+  static constexpr double SMALL = 1e-4, LARGE = 1e4;
+  return std::ranges::all_of(
+      sizes, [](double size) { return size == 0.0 || (size >= SMALL && size <= LARGE); });
+}
+
+Units choose_units(const ProblemData& problem, const Constraints& constraints,
+                   const Options& options, const std::vector<double>& start) {
+  Units units;
+  if (options.scaling == Scaling::off) return units;
+  std::vector<double> sizes = options.scale;
+  if (sizes.empty()) {
+    const bool quadratic = problem.kind == Kind::quadratic;
+    sizes = quadratic ? sizes_of_quadratic(problem) : sizes_of(constraints, start);
+    if (are_moderate(sizes)) return units;
+  }
+  for (double& size : sizes) size = power_of_two(size);
+  if (std::ranges::any_of(sizes, [](double size) { return size != 1.0; }))
+    units.parameter = std::move(sizes);
+  return units;
+}
+
+// ---- Objective ----------------------------------------------------------------------------------
+
+// The value at the start, kept for the run's own first call.
+static bool evaluate_start(Run& run) {
+  run.indf = AT_START;
+  run.start_code = run.usfct(&run);
+  run.start_crit = run.crit;
+  run.start.assign(run.x, run.x + run.nvar);
+  run.start_is_known = true;
+  return run.start_code == 0;
+}
+
+// The largest change of the objective at two points a tenth of the parameters' sizes away.
+static double change_near_start(Run& run) {
+  static constexpr double PART = 0.1;
+  double change = 0.0;
+  for (const double side : {PART, -PART}) {
+    for (long j = 0; j < run.nvar; ++j) {
+      const double x = run.start[static_cast<std::size_t>(j)];
+      run.x[j] = x + side * std::max(std::fabs(x), 1.0);
+    }
+    if (run.usfct(&run) == 0) change = std::max(change, std::fabs(run.crit - run.start_crit));
+  }
+  std::copy(run.start.begin(), run.start.end(), run.x);
+  return change;
+}
+
+// 0: the objective is of moderate size.
+static double unusual_size(Run& run) {
+  static constexpr double SMALL = 1e-6;
+  if (!evaluate_start(run) || std::fabs(run.start_crit) >= SMALL) return 0.0;
+  const double change = change_near_start(run);
+  return change < SMALL ? change : 0.0;
+}
+
+bool choose_objective_unit(Run& run) {
+  Shared& shared = run.shared;
+  if (!std::exchange(shared.unit_is_open, false)) return false;
+  run.in_differences_of_functions = 1;  // the run does not count these calls
+  const double size = unusual_size(run);
+  run.in_differences_of_functions = 0;
+  if (size == 0.0) return false;
+  shared.units.residual = power_of_two(std::sqrt(size));
+  shared.units.objective = shared.units.residual * shared.units.residual;
+  return true;
+}
+
+}  // namespace tqnlp::face
