@@ -18,6 +18,7 @@
 #include "face/run.h"
 #include "host/log.h"
 #include "kernels/crossproduct.h"
+#include "kernels/vector.h"
 
 namespace tqnlp::face {
 
@@ -209,6 +210,25 @@ static int end_at_start(Run& run) {
   return end(&run, run.start_code);
 }
 
+static int constraints(MINSTR* str);
+static int constraint_jacobian(MINSTR* str);
+
+// The value of the Lagrangian in the place of the objective's.
+static int lagrangian(Run& run) {
+  const double crit = run.crit;
+  run.crit = HUGE_VALUE;
+  if (const int code = constraints(&run); code != GOOD) return code;
+  run.func[0] = run.crit = crit - zvdot11(run.nnlc, run.lagrange.data(), run.fcon);
+  return GOOD;
+}
+
+static int gradient_of_lagrangian(Run& run) {
+  if (const int code = constraint_jacobian(&run); code != GOOD) return code;
+  for (std::size_t k = 0; k < run.lagrange.size(); ++k)
+    zvxay11(run.nvar, run.grad, -run.lagrange[k], run.jcon + static_cast<long>(k) * run.nvar);
+  return GOOD;
+}
+
 // crit stands at the largest double while there is no value.
 static int objective(MINSTR* str) {
   Run& run = run_of(str);
@@ -227,6 +247,7 @@ static int objective(MINSTR* str) {
   }
   if (code != GOOD) return fail(run, code);
   run.tbig = 0.0;
+  if (!run.lagrange.empty()) return lagrangian(run);
   note_objective(run, x);
   return GOOD;
 }
@@ -279,7 +300,7 @@ static int gradient(MINSTR* str) {
   const Units& units = run.shared.units;
   if (run.fqad == 0) slopes_to_record(units, units.objective, 1, run.nvar, run.grad);
   if (run.imax != 0) negate(run.grad, run.nvar);
-  return end(&run, GOOD);
+  return run.lagrange.empty() ? end(&run, GOOD) : gradient_of_lagrangian(run);
 }
 
 // A full matrix by rows: what stands above the diagonal counts, as in the calling surface.

@@ -74,6 +74,10 @@ static void set_derivatives(Run& run, bool central) {
   supplied.hessian = supplied.gradient && problem.hessian != nullptr;
   supplied.constraints = !run.shared.constraints.nonlinear.empty();
   supplied.constraint_jacobian = supplied.constraints && problem.constraint_jacobian != nullptr;
+  if (!run.lagrange.empty()) {  // derivatives of both parts, or of none
+    supplied.gradient = supplied.gradient && supplied.constraint_jacobian;
+    supplied.hessian = false;
+  }
   if (run.row.job == SETTINGS_SIMPLEX || run.row.quadratic) return;
   const int choice = central ? 1 : 0;
   const bool load = options.start_from_hessian.value_or(false);
@@ -280,6 +284,17 @@ void prepare_run(Run& run, const std::vector<double>& start) {
 
 void prepare_evaluations(Run& run, const std::vector<double>& start) {
   prepare(run, start, true, true);
+}
+
+// A constraint with two sides has one multiplier, and its second row none.
+std::vector<double> lagrange_of(const Shared& shared, const std::vector<double>& multipliers) {
+  const double sign = shared.problem.maximize ? -1.0 : 1.0;
+  std::vector<double> left = multipliers, lagrange;
+  for (const OneSide& one : shared.constraints.nonlinear) {
+    const double multiplier = std::exchange(left[static_cast<std::size_t>(one.source)], 0.0);
+    lagrange.push_back(objective_to_record(shared.units, sign * one.sign * multiplier));
+  }
+  return lagrange;
 }
 
 // ---- The driver ---------------------------------------------------------------------------------

@@ -94,6 +94,10 @@ struct Run : MINSTR {
   std::vector<double> pending;   // n + 1: point and value that wait for their constraints
   std::vector<double> held;      // n: point at which the nonlinear constraints held last
   std::vector<const char*> names;
+  // One a nonlinear constraint of the record, set before the record is filled; empty: none. With
+  // them the record's objective, with all its derivatives, is the Lagrangian, crit less multipliers
+  // times fcon; the objective must not be one of residuals (squares).
+  std::vector<double> lagrange;
   bool start_is_known = false;  // the objective was called once, at the start
   std::vector<double> start;    // n: where,
   double start_crit = 0.0;      // the value,
@@ -111,6 +115,9 @@ void prepare_run(Run& run, const std::vector<double>& start);
 
 // The same for a record that evaluates points with central differences and runs no technique.
 void prepare_evaluations(Run& run, const std::vector<double>& start);
+
+// Run::lagrange for multipliers of the user's nonlinear constraints, as a Result has them.
+std::vector<double> lagrange_of(const Shared& shared, const std::vector<double>& multipliers);
 
 // Both jobs of the driver. Returns the code of the run.
 int drive(Run& run);
