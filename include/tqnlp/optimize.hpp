@@ -31,13 +31,15 @@
 #include <utility>
 #include <vector>
 
+#include "tqnlp/statistics.hpp"
 #include "tqnlp/tqnlp.hpp"
 
 namespace tqnlp {
 
 namespace face {
 struct ProblemData;
-}
+struct Origin;
+}  // namespace face
 
 using Point = std::span<const double>;  // n parameters
 using Values = std::span<double>;       // what a function fills
@@ -373,6 +375,24 @@ struct Result {
   History history;
   std::vector<Table> tables;
   std::vector<LogRecord> log;
+
+  // Statistics of a result that solve made; functions of the problem are called. The options of the
+  // run count, but for what reports and stops it. All throw std::invalid_argument for arguments out
+  // of range and for a result that is of no run, and what a user's function throws.
+  //
+  // Standard errors and covariance at x.
+  Covariance covariance(Variance kind = Variance::automatic,
+                        const Likelihood& likelihood = {}) const;
+  // The Jacobian of the residuals at x, m x n by rows; missing where it cannot be had.
+  std::vector<double> jacobian() const;
+  // Confidence limits of all parameters: from standard errors (Wald), or of the profile likelihood,
+  // each where the optimum over the other parameters has become too bad for the level.
+  Limits limits(double level = 0.95, LimitKind kind = LimitKind::profile) const;
+  Limits limits(const LimitOptions& options) const;
+  // The profile of one parameter as far as its limits at the level.
+  Profile profile(long parameter, double level = 0.99, const Likelihood& likelihood = {}) const;
+
+  std::shared_ptr<const face::Origin> origin;  // for this library
 };
 
 // Solves a problem from a start, which need not be feasible. Throws std::invalid_argument for what

@@ -4,12 +4,12 @@
 // point that the check found, a bounded number of times. A run that fails ends at the best feasible
 // point that any of them evaluated.
 #include <algorithm>
-#include <cfenv>
 #include <cmath>
 
-#include "embed/task.h"
 #include "face/check.h"
 #include "face/options.h"
+#include "face/statistics.h"
+#include "face/task_scope.h"
 #include "host/log.h"
 
 namespace tqnlp {
@@ -183,28 +183,19 @@ static void finish(Shared& shared, embed::Task& task, Result* result) {
   result->tables = std::move(task.tables);
 }
 
-static Result run_on_task(Shared& shared, const TechniqueRow& row,
-                          const std::vector<double>& start) {
+static Result solve_on_task(Shared& shared, const Problem& problem, const TechniqueRow& row,
+                            const std::vector<double>& start) {
   Result result;
   result.technique = row.technique;
   result.x = start;
   embed::Task task;
-  const embed::Activation activation(task);
   set_sink(shared, task);
-  int exit_code = 0;
-  {
-    const embed::FrameScope frame(task);
+  const auto body = [&] {
     shared.began = zdattim();
-    try {
-      run_and_check(shared, task, row, start, &result);
-    } catch (const embed::ExitRequest& request) {
-      exit_code = request.code;
-    } catch (const embed::MathResume&) {  // to a point that is gone
-      exit_code = -1;
-    }
-    embed::hand_on_open_tables(task);
-    finish(shared, task, &result);
-  }
+    run_and_check(shared, task, row, start, &result);
+  };
+  const int exit_code = run_on_task(task, body, [&] { finish(shared, task, &result); });
+  result.origin = remember(problem, shared, row.technique);
   if (shared.interrupted) {
     result.status = status_of(Status::interrupted_by_exception);
     if (shared.options.partial != nullptr) *shared.options.partial = std::move(result);
@@ -216,18 +207,6 @@ static Result run_on_task(Shared& shared, const TechniqueRow& row,
                      std::move(result.log));
   return result;
 }
-
-// The floating-point flags of the caller stay as they were.
-class FlagKeeper {
- public:
-  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  FlagKeeper(const FlagKeeper&) = delete;
-  FlagKeeper& operator=(const FlagKeeper&) = delete;
-
- private:
-  std::fexcept_t flags_;
-};
 
 }  // namespace face
 
@@ -244,7 +223,7 @@ Result solve(const Problem& problem, std::vector<double> start, const Options& o
   face::Shared shared{data, constraints, options};
   shared.units = face::choose_units(data, constraints, options, start);
   shared.unit_is_open = options.scaling == Scaling::automatic;
-  return face::run_on_task(shared, row, start);
+  return face::solve_on_task(shared, held, row, start);
 }
 
 }  // namespace tqnlp
