@@ -219,7 +219,6 @@ Result solve(const Problem& problem, std::vector<double> start, const Options& o
   face::check_scale(data, options);
   const face::Constraints constraints = face::normalize(data);
   const face::TechniqueRow& row = face::choose_technique(data, constraints, options);
-  const face::FlagKeeper flags;
   face::Shared shared{data, constraints, options};
   shared.units = face::choose_units(data, constraints, options, start);
   shared.unit_is_open = options.scaling == Scaling::automatic;

@@ -26,6 +26,7 @@ template <class Body, class Last>
 int run_on_task(embed::Task& task, const Body& body, const Last& last) {
   const embed::Activation activation(task);
   const embed::FrameScope frame(task);
+  const FlagKeeper flags;
   int exit_code = 0;
   try {
     body();
