@@ -370,10 +370,23 @@ static int evaluate_solution(MINSTR* str, int code) {
   return code;
 }
 
+// The end of a run of a service: its values, and whether the constraints hold. Where they do not it
+// is told apart whether points exist at which they do.
+static int check_end(MINSTR* str, int code, int ipre) {
+  str->indf = AT_SOLUTION;
+  if (!evaluate_objective(str) || !evaluate_constraints(str)) return -3;
+  if (znlpfch(str, 0, 1, ipre) == 0) return code;
+  return str->nlicon != 0 && znlpfnc(str, 1) != 0 ? -10 : -6;
+}
+
 // A run without reports, from x: what a service calls that optimizes again. Its point must be
-// feasible within the tolerance as it stands. Returns the code of the run, with crit at x.
+// feasible within the tolerance as it stands, also where it stopped for lack of progress or at a
+// limit of counts. The caller's modules for termination and output belong to his own run. Returns
+// the code of the run, with crit at x.
 static int optimize_again(MINSTR* str) {
   const int ipre = str->ipre;
+  str->uster = znlptrm;
+  str->usfout = nullptr;
   if ((str->bounds != 0 || str->lincon != 0) && (make_feasible(str, 2) < 0 || str->ipre != ipre)) {
     return -10;
   }
@@ -385,10 +398,8 @@ static int optimize_again(MINSTR* str) {
   }
   str->indf = IN_RUN;
   code = run_within_limits(str);
-  if (code < 0) return code;
-  str->indf = AT_SOLUTION;
-  if (!evaluate_objective(str) || !evaluate_constraints(str)) return -3;
-  return znlpfch(str, 0, 1, ipre) == 0 ? code : -10;
+  const bool judged = code >= 0 || code == NO_PROGRESS || code == COUNT_LIMIT;
+  return judged ? check_end(str, code, ipre) : code;
 }
 
 // Confidence limits about the solution. They change the arrays of the run: what belongs to x is
@@ -397,7 +408,7 @@ static void compute_limits(MINSTR* str, int code) {
   PLCSTR* options = str->covstr->plcstr;
   options->optimize = optimize_again;
   znlppli(str);
-  if (options->nrun == 0) return;
+  if (options->nrun == 0 && options->nf == 0) return;
   const MINSTR result = *str;
   evaluate_solution(str, code);
   *str = result;

@@ -63,7 +63,7 @@ int dodiag(int job, long n, double asin, double msin, double* cov, double* det) 
 
 // ---- Packed -------------------------------------------------------------------------------------
 
-// The power of two next below the root of x.
+// A power of two near the root of x, off by less than a factor of two.
 static double root_to_power_of_two(double x) { return std::ldexp(1.0, std::ilogb(x) / 2); }
 
 // Scales from the row norms; all are 1 when a row vanishes, since nothing is known of its size.

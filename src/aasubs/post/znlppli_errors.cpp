@@ -8,6 +8,7 @@
 // 2) and s2 times that for half a sum of squares.
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "aasubs/constraints/znlpba0.h"
 #include "aasubs/constraints/znlpbas.h"
@@ -45,6 +46,8 @@ double zvardiv(const char* vardef, double nobs, double df) {
 // gradient that is not made of differences itself (indf 9). The options of the run do not count.
 static int fih(MINSTR* str, const Room& room) {
   const MINSTR before = *str;
+  COVSTR& post = *str->covstr;
+  const int form = std::exchange(post.hfrm, 0);
   str->hess = room.hess;
   str->wfid = room.wfid;
   str->hfrm = 0;
@@ -53,6 +56,7 @@ static int fih(MINSTR* str, const Room& room) {
   if (code == 0 && str->tbig == 0.0) code = gradient ? znlpfh4(str) : znlpfh2(str);
   const bool failed = code != 0 || str->tbig != 0.0;
   *str = before;
+  post.hfrm = form;
   const auto finite = [](double h) { return std::isfinite(h); };
   return failed || !std::all_of(room.hess, room.hess + str->nnva, finite) ? -1 : 0;
 }

@@ -9,11 +9,12 @@ namespace tqnlp {
 struct PLCS {
   MINSTR savstr;                 // the record as it was
   MINSTR base;                   // as every optimization begins: counters 0, tolerances tight
-  COVSTR inner;                  // post-analysis of the optimizations: none but this record
+  COVSTR inner;                  // post-analysis of the optimizations: the caller's, silent
   Callback usfct, usgrd, ushes;  // the run's callbacks
   int gole;                      // side: -1 lower, 1 upper
   int lower;                     // 1: a lower point was met, which is told once a parameter
   int failed;                    // 1: a search failed at its smallest step
+  int ended;                     // nonzero: the code that ended the whole analysis
   long toln[20];                 // the run's counts
   int* iabc;                     // n; statuses of the run
   int* ialf;                     // nalf; levels in the order of their targets
@@ -27,9 +28,9 @@ struct PLCS {
   double edge;                   // distance of the parameter's bound; infinite: none
   double wall;                   // least distance at which an optimization failed; or infinite
   double high;          // the root of the rise there, when it was only too high to follow; or 0
+  int ierr;             // the code there
   double growth;        // outwards, at most this times the distance
   int resets;           // times that the search went on past wall
-  int ierr;             // its code
   double* xsav;         // n; x of the run
   double* xopt;         // n; x at f*
   double* xend;         // n; end of a run that another one is to confirm
@@ -39,7 +40,8 @@ struct PLCS {
   int* stat;            // n; its statuses, where it had none
   double *xval, *yval, *xpnt;  // mpnt; distance, root of the rise, and mpnt x n parameters
   double* ster;                // n; standard errors; missing: none
-  double* goal;                // nalf; rises; missing: no scale
+  double* quan;                // nalf; quantiles; missing: none at this level
+  double* goal;                // nalf; rises; missing: no quantile, or no scale
   PLLIM* limits;               // npar x nalf x 2
 };
 
@@ -53,6 +55,13 @@ inline constexpr int SIDES[] = {-1, 1};
 // (ipar below 0: all are free) and optimizes the others. Returns 0, or the code of the
 // optimization.
 int doopt(double ai, MINSTR* str, int job, long ipar);
+
+// The objective alone at a point, into crit, with x there; false when it has none.
+bool objective_at(MINSTR* str, const double* x);
+
+// Is the code of an optimization one after which no other makes sense: time is over, somebody wants
+// to stop, or the objective has no value at the estimate any more?
+bool ends_analysis(MINSTR* str, int code);
 
 // Limits of one side of parameter ipar at all levels.
 void znlpplc(MINSTR* str, long kk);

@@ -33,14 +33,25 @@ static constexpr double CAREFUL_GROWTH = 2.0;  // after a failure
 static constexpr double TOO_HIGH = 3.0;        // of the target: not to be followed there
 static constexpr int MOST_RESETS = 12;
 static constexpr double FARTHEST = 1e8;        // of the first step
-static constexpr double SMALLEST_STEP = 0.01;  // of the first step
+static constexpr double SMALLEST_STEP = 0.01;  // of the first step, or of one without errors
+static constexpr double MOST_BY_ERROR = 1e3;   // the first step, of one without errors
+static constexpr double STEPS_OF_X = 64.0;     // EPS |x|: a step that still changes x
 static constexpr double NARROW = 1e-6;         // of the distance: before what cannot be passed
 static constexpr int MOST_OPTIMIZATIONS = 60;  // for one limit
+static constexpr int CONSTRAINTS_UNMET = -6;   // there are points that satisfy them
 static constexpr int NO_FEASIBLE_POINT = -10;
 
 namespace {
 
-enum class Trial { solved, failed, lower, no_room };
+enum class Trial { solved, failed, lower, ended, no_room };
+
+// What the search for one level looks for, and its steps.
+struct Search {
+  double goal;      // rise
+  double t;         // its root
+  double first;     // distance of the first trial
+  double smallest;  // distance below which failures are not approached
+};
 
 }  // namespace
 
@@ -48,6 +59,12 @@ enum class Trial { solved, failed, lower, no_room };
 
 static double* parameters_of(const MINSTR* str, const PLCS* s, long i) {
   return s->xpnt + i * str->nvar;
+}
+
+// Where the parameter is held at a distance.
+static double value_at(const PLCS* s, double distance) {
+  if (distance >= s->edge) return s->gole < 0 ? s->lb[s->ipar] : s->ub[s->ipar];
+  return s->xopt[s->ipar] + s->gole * distance;
 }
 
 static void insert_point(const MINSTR* str, PLCS* s, double distance, double root) {
@@ -112,6 +129,14 @@ static void note_lower(MINSTR* str, PLCS* s) {
   if (options->xlow != nullptr) std::copy_n(str->x, str->nvar, options->xlow);
 }
 
+// Is the optimum in hand below f* by more than errors of f* can be?
+static Trial judge(MINSTR* str, PLCS* s) {
+  const double rise = str->crit - s->yopt;
+  if (!(rise < -std::max(LOWER_BY * s->goal[s->ialf[0]], s->noise))) return Trial::solved;
+  note_lower(str, s);
+  return Trial::lower;
+}
+
 // A trial from which nothing is to be had: the next ones come nearer, and go on in small steps.
 static Trial fail_at(PLCS* s, double distance, double root, int code) {
   if (code == NO_FEASIBLE_POINT && s->ierr != code) xpslog(" Error computing feasible point");
@@ -127,54 +152,59 @@ static Trial fail_at(PLCS* s, double distance, double root, int code) {
 // After a point below the target, another try may be made further out: optimizations that ended in
 // another valley, or not at all, may find their way from here.
 static void try_further(PLCS* s) {
-  const bool evaluated = s->high > 0.0 || s->ierr == NO_PROGRESS || s->ierr == COUNT_LIMIT;
+  const bool evaluated = s->high > 0.0 || s->ierr == NO_PROGRESS || s->ierr == COUNT_LIMIT ||
+                         s->ierr == CONSTRAINTS_UNMET;
   if (s->wall == INFINITE || !evaluated || s->resets >= MOST_RESETS) return;
   ++s->resets;
   s->wall = INFINITE;
   s->high = 0.0;
 }
 
-// Optimizes the others at a distance, for the root t; goal: the least target of all levels. A rise
-// far beyond the target says little about where it is met, and more often than not that the start
-// led into another valley: such a point is not kept.
-static Trial solve_at(MINSTR* str, PLCS* s, double distance, double t, double goal) {
+// Optimizes the others at a distance, for the root t. A rise far beyond the target says little
+// about where it is met, and more often than not that the start led into another valley: such a
+// point is not kept.
+static Trial solve_at(MINSTR* str, PLCS* s, double distance, double t) {
   if (s->npnt >= s->mpnt) {
-    xpslog("PLC: Bad jpnt=%li mpnt=%li", s->npnt, s->mpnt);
+    xpslog("PCL: Bad jpnt=%li mpnt=%li", s->npnt, s->mpnt);
     return Trial::no_room;
   }
-  const long p = s->ipar;
-  double value = s->xopt[p] + s->gole * distance;
-  if (distance >= s->edge) value = s->gole < 0 ? s->lb[p] : s->ub[p];
+  const double value = value_at(s, distance);
   predict(str, s, distance);
-  int code = doopt(value, str, 1, p);
-  if (code < 0) {
+  int code = doopt(value, str, 1, s->ipar);
+  if (code < 0 && !ends_analysis(str, code)) {
     start_at_nearest(str, s, distance);
-    code = doopt(value, str, 1, p);
+    code = doopt(value, str, 1, s->ipar);
+  }
+  if (code < 0 && ends_analysis(str, code)) {
+    s->ended = code;
+    return Trial::ended;
   }
   if (code < 0) return fail_at(s, distance, 0.0, code);
   write_point(str, s, value);
-  const double rise = str->crit - s->yopt;
-  const double root = std::sqrt(std::max(rise, 0.0));
+  const double root = std::sqrt(std::max(str->crit - s->yopt, 0.0));
   if (root > TOO_HIGH * t) return fail_at(s, distance, root, 0);
   insert_point(str, s, distance, root);
   if (root < t) try_further(s);
-  if (!(rise < -std::max(LOWER_BY * goal, s->noise))) return Trial::solved;
-  note_lower(str, s);
-  return Trial::lower;
+  return judge(str, s);
 }
 
 // Optimizes the others at point i once more, from those of the point before it. A far point that
-// was started from the estimate may have ended in another valley than that of the estimate. Returns
-// whether it came lower.
-static bool solve_again(MINSTR* str, PLCS* s, long i) {
+// was started from the estimate may have ended in another valley than that of the estimate. Solved
+// when it came lower, failed when it did not.
+static Trial solve_again(MINSTR* str, PLCS* s, long i) {
   std::copy_n(parameters_of(str, s, i - 1), str->nvar, str->x);
-  const double value = s->xopt[s->ipar] + s->gole * s->xval[i];
-  if (doopt(value, str, 1, s->ipar) < 0) return false;
+  const double value = value_at(s, s->xval[i]);
+  const int code = doopt(value, str, 1, s->ipar);
+  if (code < 0 && ends_analysis(str, code)) {
+    s->ended = code;
+    return Trial::ended;
+  }
   const double rise = str->crit - s->yopt;
-  if (!(rise < s->yval[i] * s->yval[i] - s->noise)) return false;
+  if (code < 0 || !(rise < s->yval[i] * s->yval[i] - s->noise)) return Trial::failed;
+  write_point(str, s, value);
   s->yval[i] = std::sqrt(std::max(rise, 0.0));
   std::copy_n(str->x, str->nvar, parameters_of(str, s, i));
-  return true;
+  return judge(str, s);
 }
 
 // ---- One limit ----------------------------------------------------------------------------------
@@ -225,23 +255,45 @@ static double step_in(const PLCS* s, long i, double t, bool bisect) {
   return in + (out - in) * (t - s->yval[i - 1]) / (s->yval[i] - s->yval[i - 1]);
 }
 
-// Why a search that cannot pass a failure ends: constraints may end the profile like a bound.
-static int status_at_wall(PLCS* s, double first, long i) {
+// The first point at or beyond the target; npnt: none.
+static long first_beyond(const PLCS* s, double t) {
+  return std::find_if(s->yval, s->yval + s->npnt, [=](double r) { return r >= t; }) - s->yval;
+}
+
+// Is the target met on either side of place i? The estimate itself is no limit.
+static bool met(const PLCS* s, const Search& search, long i, double* distance) {
+  const double precision = std::max(RELATIVE_PRECISION * search.goal, s->noise);
+  for (long k = std::max(i - 1, 1L); k <= i && k < s->npnt; ++k) {
+    *distance = s->xval[k];
+    if (std::fabs(s->yval[k] * s->yval[k] - search.goal) <= precision) return true;
+  }
+  return false;
+}
+
+// Is the search before a failure at its end? One that was only too high is approached as long as
+// steps change x.
+static bool at_wall(const PLCS* s, const Search& search, long i) {
+  if (s->wall == INFINITE || (i < s->npnt && s->wall > s->xval[i])) return false;
+  if (s->wall - s->xval[i - 1] <= NARROW * s->wall) return true;
+  const double unchanged = STEPS_OF_X * EPS * std::fabs(s->xopt[s->ipar]);
+  return i == 1 && s->wall <= (s->high > 0.0 ? unchanged : search.smallest);
+}
+
+// Why a search that cannot pass a failure ends: constraints may end the profile like a bound, or
+// the objective may be gone altogether.
+static int status_at_wall(MINSTR* str, PLCS* s, long i) {
   if (s->ierr == NO_FEASIBLE_POINT) return LIMIT_AT_BOUND;
-  if (s->npnt == 1 && s->wall <= SMALLEST_STEP * first) {
+  if (!objective_at(str, s->xopt)) {
+    s->ended = FUNCTION_FAILED;
+    return LIMIT_STOPPED;
+  }
+  if (s->npnt == 1 && s->high == 0.0) {
     s->failed = 1;
     xpmlog(OPTIMIZATION, 271, {SMALLEST_STEP});
   } else {
     xpslog(i < s->npnt ? "Bad inside point bisection" : "Bad outside point bisection");
   }
   return LIMIT_SEARCH_FAILED;
-}
-
-// Is the search before a failure at its end?
-static bool at_wall(const PLCS* s, double first, long i) {
-  if (s->wall == INFINITE || (i < s->npnt && s->wall > s->xval[i])) return false;
-  const double inside = s->xval[i - 1];
-  return s->wall - inside <= NARROW * s->wall || (i == 1 && s->wall <= SMALLEST_STEP * first);
 }
 
 // Ends a search outwards that need not or cannot go on: a status, or LIMIT_NOT_SOUGHT to go on.
@@ -251,67 +303,91 @@ static int status_outside(const PLCS* s, double first) {
   return d >= FARTHEST * first ? LIMIT_NOT_REACHED : LIMIT_NOT_SOUGHT;
 }
 
-// znlppcl: the limit of one level, first the distance of the first step. Returns its status and, if
-// it was found, its distance.
-static int znlppcl(MINSTR* str, double goal, double least_goal, double first, double* distance) {
+// Ends a search between points i - 1 and i that lie next to each other: the profile jumps.
+static int status_inside(const PLCS* s, long i) {
+  const double x = s->xopt[s->ipar];
+  const double in = s->xval[i - 1], out = s->xval[i];
+  if (out - in > 8.0 * EPS * std::max(out, std::fabs(x))) return LIMIT_NOT_SOUGHT;
+  xpslog(" Bad: gole=%i xl=%g xu=%g", s->gole, x + std::min(s->gole * in, s->gole * out),
+         x + std::max(s->gole * in, s->gole * out));
+  return LIMIT_SEARCH_FAILED;
+}
+
+// The status after a trial that ends the search, or LIMIT_NOT_SOUGHT to go on.
+static int status_after(Trial trial) {
+  switch (trial) {
+    case Trial::lower:
+      return LIMIT_LOWER_POINT;
+    case Trial::ended:
+      return LIMIT_STOPPED;
+    case Trial::no_room:
+      return LIMIT_SEARCH_FAILED;
+    default:
+      return LIMIT_NOT_SOUGHT;
+  }
+}
+
+// The status before the next trial, i the place of the target among the points.
+static int status_before(MINSTR* str, PLCS* s, const Search& search, long i, double* distance) {
+  if (met(s, search, i, distance)) return LIMIT_FOUND;
+  if (at_wall(s, search, i)) return status_at_wall(str, s, i);
+  return i == s->npnt ? status_outside(s, search.first) : status_inside(s, i);
+}
+
+// znlppcl: the limit of one level. Returns its status and, if it was found, its distance.
+static int znlppcl(MINSTR* str, const Search& search, double* distance) {
   PLCS* s = working_record(str);
-  const double t = std::sqrt(goal);
-  const double precision = std::max(RELATIVE_PRECISION * goal, s->noise);
+  const double t = search.t;
   double best = INFINITE;  // least |r - t| between the two points
   bool bisect = false;
+  bool outside = true;
   double again = 0.0;  // the outer point that was optimized twice
   for (int trials = 0; trials < MOST_OPTIMIZATIONS; ++trials) {
-    const long i =
-        std::find_if(s->yval, s->yval + s->npnt, [=](double r) { return r >= t; }) - s->yval;
-    for (long k = i - 1; k <= i && k < s->npnt; ++k) {
-      *distance = s->xval[k];
-      if (std::fabs(s->yval[k] * s->yval[k] - goal) <= precision) return LIMIT_FOUND;
-    }
-    if (at_wall(s, first, i)) return status_at_wall(s, first, i);
-    const bool outside = i == s->npnt;
-    if (outside) {
-      const int status = status_outside(s, first);
-      if (status != LIMIT_NOT_SOUGHT) return status;
-    } else if (s->xval[i] - s->xval[i - 1] <=
-               8.0 * EPS * std::max(s->xval[i], std::fabs(s->xopt[s->ipar]))) {
-      const double x = s->xopt[s->ipar];
-      xpslog(" Bad: gole=%i xl=%g xu=%g", s->gole, x + s->gole * s->xval[i - 1],
-             x + s->gole * s->xval[i]);
-      return LIMIT_SEARCH_FAILED;
-    }
-    if (bisect && !outside && s->xval[i] != again) {
-      again = s->xval[i];
-      bisect = !solve_again(str, s, i);
-      best = bisect ? best : INFINITE;
-      continue;
-    }
-    const double next = outside ? step_out(s, t, first) : step_in(s, i, t, bisect);
-    const Trial trial = solve_at(str, s, next, t, least_goal);
-    if (trial == Trial::lower) return LIMIT_LOWER_POINT;
-    if (trial == Trial::no_room) return LIMIT_SEARCH_FAILED;
+    const long i = first_beyond(s, t);
+    int status = status_before(str, s, search, i, distance);
+    if (status != LIMIT_NOT_SOUGHT) return status;
+    outside = i == s->npnt;
+    const bool repeat = bisect && !outside && s->xval[i] != again;
+    if (repeat) again = s->xval[i];
+    const double next = outside ? step_out(s, t, search.first) : step_in(s, i, t, bisect);
+    const Trial trial = repeat ? solve_again(str, s, i) : solve_at(str, s, next, t);
+    status = status_after(trial);
+    if (status != LIMIT_NOT_SOUGHT) return status;
     if (trial == Trial::failed || outside) continue;
     const long k = std::lower_bound(s->xval, s->xval + s->npnt, next) - s->xval;
-    const double miss = std::fabs(s->yval[k] - t);
-    bisect = !bisect && miss > 0.25 * best;
-    best = std::min(best, miss);
+    const double miss = repeat ? INFINITE : std::fabs(s->yval[k] - t);
+    bisect = !repeat && !bisect && miss > 0.25 * best;
+    best = repeat ? INFINITE : std::min(best, miss);
   }
-  xpslog("Bad outside point bisection");
+  xpslog(outside ? "Bad outside point bisection" : "Bad inside point bisection");
   return LIMIT_SEARCH_FAILED;
 }
 
 // ---- One side -----------------------------------------------------------------------------------
 
-// Distance of the first trial: that of the Wald limit where there is a standard error.
-static double first_step(const MINSTR* str, const PLCS* s, double goal) {
+// gtinit: start values of the search for a level. The first trial is at the Wald limit where there
+// is a standard error, but not absurdly far: such an error says that there is none. A failure that
+// a point below the target was solved beyond is forgotten.
+static Search gtinit(const MINSTR* str, PLCS* s, int level) {
   const PLCSTR* options = str->covstr->plcstr;
-  const double ratio = !wzmis(options->frat) && options->frat > 0.0 ? options->frat : 1.0;
-  const double error = s->ster[s->ipar];
-  const double q = goal * options->ffac / s->sigm;
   const double x = s->xopt[s->ipar];
+  const double error = s->ster[s->ipar];
+  const double ratio = !wzmis(options->frat) && options->frat > 0.0 ? options->frat : 1.0;
+  const double usual = std::max(0.01, 0.1 * std::fabs(x));
+  const bool known = !wzmis(error) && error > 0.0;
   const double step =
-      !wzmis(error) && error > 0.0 ? std::sqrt(q) * error : std::max(0.01, 0.1 * std::fabs(x));
-  // Far from zero a step must still change x.
-  return std::max(ratio * step, 64.0 * EPS * std::fabs(x));
+      known ? std::min(std::sqrt(s->quan[level]) * error, MOST_BY_ERROR * usual) : usual;
+  Search search{};
+  search.goal = s->goal[level];
+  search.t = std::sqrt(search.goal);
+  search.first = std::max(ratio * step, STEPS_OF_X * EPS * std::fabs(x));
+  search.smallest = SMALLEST_STEP * std::min(search.first, usual);
+  s->resets = 0;
+  if (s->wall <= s->xval[first_beyond(s, search.t) - 1]) {
+    s->wall = INFINITE;
+    s->high = 0.0;
+  }
+  return search;
 }
 
 static void open_side(MINSTR* str, PLCS* s) {
@@ -323,44 +399,52 @@ static void open_side(MINSTR* str, PLCS* s) {
   s->wall = INFINITE;
   s->high = 0.0;
   s->growth = LONGEST_STEP;
-  s->resets = 0;
   s->ierr = 0;
   s->npnt = 0;
   std::copy_n(s->xopt, str->nvar, str->x);
   insert_point(str, s, 0.0, 0.0);
 }
 
+// One level, the place of whose limit is known.
+static void seek_level(MINSTR* str, PLCS* s, int level, PLLIM* limit) {
+  const double goal = s->goal[level];
+  // A rise within the rounding of f* is met everywhere.
+  if (wzmis(goal) || goal <= s->noise) {
+    limit->status = LIMIT_NO_TARGET;
+  } else if (s->ended != 0) {
+    limit->status = LIMIT_STOPPED;
+  } else {
+    const Search search = gtinit(str, s, level);
+    double distance = 0.0;
+    limit->status = znlppcl(str, search, &distance);
+    if (limit->status == LIMIT_FOUND) limit->value = value_at(s, distance);
+  }
+}
+
 // znlpplc: all levels of one side, kk the place of the parameter among those that are asked for.
 void znlpplc(MINSTR* str, long kk) {
   PLCS* s = working_record(str);
   const int levels = str->covstr->plcstr->nalf;
+  const bool stopped = s->ended != 0;
   bool lower_met = false;
   open_side(str, s);
   for (int k = 0; k < levels; ++k) {
     const int level = s->ialf[k];
-    const double goal = s->goal[level];
     PLLIM& limit = s->limits[2 * (kk * levels + level) + (s->gole < 0 ? 0 : 1)];
-    if (wzmis(goal)) {
-      limit.status = LIMIT_NO_TARGET;
-      continue;
-    }
     // Beyond a lower point nothing is the nearest crossing any more.
-    if (lower_met) {
+    if (lower_met && !wzmis(s->goal[level])) {
       limit.status = LIMIT_LOWER_POINT;
       continue;
     }
-    const double first = first_step(str, s, goal);
-    double distance = 0.0;
-    limit.status = znlppcl(str, goal, s->goal[s->ialf[0]], first, &distance);
+    seek_level(str, s, level, &limit);
     lower_met = limit.status == LIMIT_LOWER_POINT;
-    if (limit.status == LIMIT_FOUND) {
-      limit.value = s->xopt[s->ipar] + s->gole * distance;
-    } else if (limit.status == LIMIT_SEARCH_FAILED) {
+    if (limit.status == LIMIT_SEARCH_FAILED) {
       xpslog(s->gole < 0 ? " Bad lower: ii=%i k=%li kk=%li ierr=%i"
                          : " Bad upper: ii=%i k=%li kk=%li ierr=%i",
              level, s->ipar, kk, s->ierr);
     }
   }
+  if (!stopped && s->ended != 0) xpslog(" Bad k=%li kk=%li ierr=%i", s->ipar, kk, s->ended);
 }
 
 }  // namespace tqnlp

@@ -8,6 +8,12 @@
 #include "aasubs/linesearch/znlplis.h"
 #include "aasubs/post/znlppli.h"
 #include "aasubs/quasinewton/znlpupd.h"
+#include "aasubs/record/stop_codes.h"
+#include "aasubs/setup/constraint_rows.h"
+#include "aasubs/setup/defaults.h"
+#include "aasubs/setup/derivative_choice.h"
+#include "aasubs/setup/run_arrays.h"
+#include "aasubs/termination/znlptrm.h"
 #include "embed/faults.h"
 #include "embed/task.h"
 #include "host/files.h"
@@ -40,7 +46,7 @@ struct Limits {
   COVSTR post{};
 
   Limits(MINSTR& record, Levels alfa, int forchi) : levels(std::move(alfa)) {
-    out.resize(2 * levels.size() * static_cast<std::size_t>(record.nvar));
+    out.resize(2 * std::max(levels.size(), 4UL) * static_cast<std::size_t>(record.nvar));
     options.job = 1, options.forchi = forchi, options.ffac = options.maxi = MISSING;
     options.nalf = static_cast<int>(levels.size()), options.alfa = levels.data();
     options.limits = out.data();
@@ -117,12 +123,31 @@ TEST_F(Profile, Weibull) {
     }
     return sum;
   });
-  for (const int technique : {TRUREG, NEWRAP, NRRIDG, QUANEW, QUANEW_DUAL, DBLDOG, CONGRA}) {
-    SCOPED_TRACE(technique_name(technique));
-    TestRecord record(2, technique);
+  // A module that is soon content judges the run, and not the optimizations behind the limits; nor
+  // does the output of the run belong to them.
+  const auto content = [](MINSTR* str, int job) {
+    const int code = znlptrm(str, job);
+    return code == 0 && str->nitr > 0 && str->gmax < 0.05 ? 20 : code;
+  };
+  static long outputs;
+  struct Row {
+    int technique, imax;
+    int (*uster)(MINSTR*, int);
+  };
+  const Row rows[] = {{TRUREG, 0, znlptrm},      {NEWRAP, 0, znlptrm}, {NRRIDG, 0, znlptrm},
+                      {QUANEW, 0, content},      {DBLDOG, 0, content}, {CONGRA, 0, znlptrm},
+                      {QUANEW_DUAL, 0, znlptrm}, {TRUREG, 1, znlptrm}, {QUANEW, 1, znlptrm}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(technique_name(row.technique) + std::to_string(row.imax));
+    TestRecord record(2, row.technique);
     install(record, model);
+    record.imax = row.imax, record.atol = row.imax != 0 ? ROOT_HUGE : -ROOT_HUGE;
+    record.uster = row.uster;
+    record.usfout = [](MINSTR*) { return ++outputs, 0; };
+    outputs = 0;
     Limits l(record, {0.01, 0.05, 0.5}, 1);
     ASSERT_GT(run_technique(record), 0);
+    EXPECT_EQ(outputs, record.nter);
     const std::vector<double> x = record.point();
     expect_limits(l, model.value, x.data(), [](double alfa) { return 0.5 * zqc(1.0 - alfa, 1.0); });
     EXPECT_EQ(record.crit, model.value(record.x));
@@ -188,6 +213,7 @@ struct End {
   Box box;
   Side low, high;  // of parameter 0
   std::vector<LinearRow> rows = {};
+  double error = MISSING;  // standard error of parameter 0
 };
 
 // A parabola with a second parameter that follows the first: the rise of 2 is at a distance of 2.
@@ -220,6 +246,15 @@ TEST_F(Profile, EveryEndOfASearch) {
                     [](const double* x, double* g) {
                       g[0] = 4.0 * x[0] * (x[0] * x[0] - 1.0) + 0.2, g[1] = x[1];
                     }};
+  // Tails so heavy that the first step sees nothing of the width.
+  const Model heavy{[](const double* x) {
+                      const double d = 1e5 * (x[0] - 1.0);
+                      return 50.0 * std::log1p(0.01 * d * d) + 0.5 * x[1] * x[1];
+                    },
+                    [](const double* x, double* g) {
+                      const double d = 1e5 * (x[0] - 1.0);
+                      g[0] = 1e5 * d / (1.0 + 0.01 * d * d), g[1] = x[1];
+                    }};
   const auto at = [](double value) { return Side{LIMIT_FOUND, value}; };
   const Side edge{LIMIT_AT_BOUND, MISSING}, flat{LIMIT_NOT_REACHED, MISSING};
   const Side below{LIMIT_LOWER_POINT, MISSING};
@@ -231,6 +266,14 @@ TEST_F(Profile, EveryEndOfASearch) {
       {"row", following, {{0, 0.2}, {-none, 0}, {none, 5}}, at(-root), edge, {{{-1, -1}, 1, -1}}},
       {"saturating", saturating, {{0.5, 0.2}, {}, {}}, flat, flat},
       {"logarithmic", logarithmic, {{2, 1}, {}, {}}, at(0.0524690974577), at(4.5052414957929)},
+      {"absurd error",
+       logarithmic,
+       {{2, 1}, {}, {}},
+       at(0.0524690974577),
+       at(4.5052414957929),
+       {},
+       1e12},
+      {"heavy", heavy, {{1.000001, 1}, {}, {}}, at(0.9999797983235), at(1.0000202016765)},
       {"wells", wells, {{1, 1}, {}, {}}, below, at(1.5409407690233)},
   };
   for (const End& end : ends) {
@@ -239,6 +282,8 @@ TEST_F(Profile, EveryEndOfASearch) {
     Limits l(record, {1.0 - std::erf(std::sqrt(2.0))}, 1);  // z = 2, a rise of 2
     std::vector<double> lower(2);
     l.options.xlow = lower.data();
+    double errors[] = {end.error, MISSING};
+    if (!wzmis(end.error)) record.ster = errors;
     ASSERT_EQ(xcopen(&l.options.utprof, nullptr), 0);
     plain.updat = znlpbfg, plain.linse = znlpls2;
     for (TestRecord* r : {&record, &plain}) {
@@ -280,22 +325,158 @@ TEST_F(Profile, EveryEndOfASearch) {
   }
 }
 
+// Levels from next to nothing up, and those whose rise is lost in the rounding of the objective.
+// Post-analysis may know the objective by another function than the run, and is told of the limits
+// when the record is what it was.
+TEST_F(Profile, Levels) {
+  static std::vector<PLLIM> told;
+  for (const double offset : {0.0, 1e18}) {
+    TestRecord record(2, QUANEW_DUAL);
+    record.ider = 1;
+    record.f = [=](const double* x) { return offset + parabola(x); };
+    record.g = slope_of_parabola;
+    record.with_callbacks().at({0, 0}).atol = ROOT_HUGE;  // no run, as it were
+    Limits l(record, {1e-20, 0.05, 1e-300, 1.0}, 1);
+    l.post.usfct = [](MINSTR* str) {
+      str->crit = 100.0 + parabola(str->x);
+      return 0;
+    };
+    l.post.usfout = [](MINSTR* str) {
+      const PLCSTR* o = str->covstr->plcstr;
+      told.assign(o->limits, o->limits + 2 * o->npar * o->nalf);
+      return str->crit == 100.0 + parabola(str->x) ? 0 : (told.clear(), 1);
+    };
+    l.options.limits = nullptr;
+    EXPECT_GT(run_technique(record), 0);
+    EXPECT_TRUE(wzmis(l.options.flow));
+    ASSERT_EQ(told.size(), 16U);
+    for (const PLLIM& limit : told) {
+      if (offset > 0.0 || limit.alfa == 1.0) {
+        EXPECT_EQ(limit.status, LIMIT_NO_TARGET);
+        continue;
+      }
+      ASSERT_EQ(limit.status, LIMIT_FOUND) << limit.alfa;
+      const double z = limit.side * limit.value / (limit.ipar == 0 ? 1.0 : std::sqrt(2.0));
+      EXPECT_NEAR(std::erfc(z / std::sqrt(2.0)) / limit.alfa, 1.0, 1e-5);
+      EXPECT_NEAR(limit.wald / limit.value, 1.0, 1e-4);
+    }
+  }
+}
+
+// Limits under a nonlinear constraint c(x) = or >= 0.
+struct Curved : MINSTR {
+  Curved(Objective objective, Objective constraint, long equalities)
+      : MINSTR{}, f(std::move(objective)), c(std::move(constraint)) {
+    default_start(this, QUANEW_DUAL, 1, 2);
+    nlicon = bounds = opro = 1;
+    nnlc = 1, nlec = equalities, fidi = 20002;
+    default_method(this, false);
+    default_parameters(this, SETTINGS_GENERAL);
+    default_limits(this, SETTINGS_GENERAL);
+    default_criteria(this, SETTINGS_GENERAL);
+    uster = znlptrm;
+    usfct = [](MINSTR* str) {
+      str->crit = str->func[0] = static_cast<Curved*>(str)->f(str->x);
+      return ++str->nfct, str->tbig = 0.0, 0;
+    };
+    usnlc = [](MINSTR* str) {
+      str->fcon[0] = static_cast<Curved*>(str)->c(str->x);
+      return str->tbig = 0.0, 0;
+    };
+    usgrd = difference_service(fidi, DIGIT_GRADIENT, false);
+    usjnc = difference_service(fidi, DIGIT_CONSTRAINT_JACOBIAN, false);
+    allocate_arrays(this, {});
+    vzfdl(-HUGE_VALUE, lb, 2), vzfdl(HUGE_VALUE, ub, 2);
+    complete_constraints(this, false);
+    x[0] = 0.8, x[1] = 0.9;
+  }
+  ~Curved() { release_arrays(this); }
+  Objective f, c;
+};
+
+TEST_F(Profile, NonlinearConstraints) {
+  const auto around = [](double x0, double x1) {
+    return [=](const double* x) { return 0.5 * (std::pow(x[0] - x0, 2) + std::pow(x[1] - x1, 2)); };
+  };
+  const auto hyperbola = [](const double* x) { return x[0] * x[1] - 1.0; };
+  const auto disk = [](const double* x) { return 1.0 - x[0] * x[0] - x[1] * x[1]; };
+  // On x0 x1 = 1 the rise at x0 = a is (s - 2) s / 2 with s = a + 1/a.
+  const double s = 1.0 + std::sqrt(5.0), root = std::sqrt(s * s - 4.0);
+  // Beyond its edge the disk ends the profile.
+  const struct {
+    Objective f, c;
+    long equalities;
+    Side low, high;
+  } rows[] = {
+      {around(1, 1),
+       hyperbola,
+       1,
+       {LIMIT_FOUND, 0.5 * (s - root)},
+       {LIMIT_FOUND, 0.5 * (s + root)}},
+      {around(0.1, 0), disk, 0, {LIMIT_AT_BOUND, MISSING}, {LIMIT_AT_BOUND, MISSING}},
+      {around(2, 0), disk, 0, {LIMIT_FOUND, 2.0 - std::sqrt(5.0)}, {LIMIT_AT_BOUND, MISSING}}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    Curved record(row.f, row.c, row.equalities);
+    Limits l(record, {1.0 - std::erf(std::sqrt(2.0))}, 1);  // a rise of 2
+    choose_methods(&record);
+    EXPECT_GT(run_technique(record), 0);
+    for (const int side : {-1, 1}) {
+      const PLLIM& limit = l.at(0, 0, side);
+      const Side& wanted = side < 0 ? row.low : row.high;
+      EXPECT_EQ(limit.status, wanted.status);
+      EXPECT_TRUE(wzmis(limit.value) || std::fabs(limit.value - wanted.at) < 1e-6) << limit.value;
+    }
+  }
+}
+
+// Time that is over, and a function that has no values any more, end all searches at once.
+TEST_F(Profile, EndOfTheAnalysis) {
+  for (const bool time : {true, false}) {
+    TestRecord record(2, QUANEW_DUAL);
+    record.ider = 1;
+    bool gone = false;
+    record.f = [&](const double* x) {
+      if (time && record.indf == AT_SOLUTION) record.upti = 0.0;
+      gone = gone || (!time && x[0] > 1.5);
+      return gone ? NAN : parabola(x);
+    };
+    record.g = slope_of_parabola;
+    record.with_callbacks().at({1, 1});
+    double errors[] = {1.0, 1.0};
+    record.ster = errors;
+    Limits l(record, {0.05, 0.01}, 1);
+    EXPECT_GT(run_technique(record), 0);
+    EXPECT_EQ(l.at(0, 0, -1).status, time ? LIMIT_STOPPED : LIMIT_FOUND);
+    for (const PLLIM* limit : {&l.at(0, 0, 1), &l.at(0, 1, 1), &l.at(1, 0, -1), &l.at(1, 1, 1)})
+      EXPECT_EQ(limit->status, LIMIT_STOPPED);
+    EXPECT_FALSE(logged(271));
+  }
+}
+
 TEST_F(Profile, Refusals) {
   static constexpr struct {
     int tech, plal;
     double ffac;
     int code, message;
-  } ROWS[] = {{NO_TECHNIQUE, 0, 2.0, 0, 280},
-              {20, 0, 2.0, 0, 280},
-              {NRRIDG, 2, 2.0, 1, 282},
-              {NRRIDG, 0, 0.0, -1, 284}};
+    long npar, parameter;
+  } ROWS[] = {{NO_TECHNIQUE, 0, 2.0, 0, 280, 1, 0}, {20, 0, 2.0, 0, 280, 1, 0},
+              {NRRIDG, 2, 2.0, 1, 282, 1, 0},       {NRRIDG, 0, 0.0, -1, 284, 1, 0},
+              {NRRIDG, 0, 2.0, -1, 0, 1, 2},        {NRRIDG, 0, 2.0, -1, 0, 3, 0}};
+  std::vector<double> unknown(2, MISSING);
   for (const auto& row : ROWS) {
     TestRecord record(2, row.tech);
     Limits l(record, {0.05}, 1);
     l.options.plal = row.plal, l.options.ffac = row.ffac;
+    std::vector<long> wanted(3, row.parameter);
+    l.options.npar = row.npar, l.options.mpar = wanted.data();
+    l.out[0].status = LIMIT_FOUND;
+    record.ster = unknown.data();
     EXPECT_EQ(znlppli(&record), row.code);
-    EXPECT_TRUE(logged(row.message)) << row.message;
+    EXPECT_EQ(l.options.rcod, row.code);
+    EXPECT_TRUE(row.message == 0 || logged(row.message)) << row.message;
     EXPECT_EQ(l.options.nrun, 0);
+    EXPECT_EQ(l.out[0].status, LIMIT_NOT_SOUGHT);
   }
   // Whatever request is refused, nothing is left behind.
   embed::Task& task = session.task();
