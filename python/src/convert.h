@@ -7,11 +7,11 @@ namespace tqnlp::python {
 
 // What the package's Python part has made of the arguments of a call: "kind", "n" and what belongs
 // to it, as _problem.py lists them. Shapes have been checked there.
-Problem make_problem(const py::dict& said);
+Problem make_problem(const py::dict& said, const std::shared_ptr<Calls>& calls);
 
 // Options by the names of the face; others are refused. "progress" is a function of (x, fun,
 // iteration) whose True ends the run, "sink" one of a line.
-Options make_options(const py::dict& said);
+Options make_options(const py::dict& said, const std::shared_ptr<Calls>& calls);
 std::vector<std::string> option_names();
 
 py::dict as_dict(const Result& result);

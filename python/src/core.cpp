@@ -1,15 +1,18 @@
 // The extension module tqnlp._core: what the Python part of the package calls.
 #include <pybind11/stl.h>
 
+#include "compiled.h"
 #include "convert.h"
 
 namespace tqnlp::python {
 
 // Runs with the lock released. An exception of a function carries what was found until then.
 static py::dict run(const py::dict& problem_said, std::vector<double> start,
-                    const py::dict& options_said) {
-  const Problem problem = make_problem(problem_said);
-  Options options = make_options(options_said);
+                    const py::dict& options_said, const StopFlag& stop) {
+  const auto calls = make_held<Calls>();
+  calls->watch.stop_at(stop);
+  const Problem problem = make_problem(problem_said, calls);
+  Options options = make_options(options_said, calls);
   Result partial;
   options.partial = &partial;
   try {
@@ -70,10 +73,23 @@ static std::vector<std::string> technique_names() {
   };
 }
 
+static void bind_stop_flag(py::module_& module) {
+  py::class_<StopFlag>(module, "StopFlag")
+      .def(py::init<>())
+      .def("set", &StopFlag::set)
+      .def("is_set", &StopFlag::is_set)
+      // In another process it is one of its own.
+      .def(py::pickle([](const StopFlag&) { return py::tuple(); },
+                      [](const py::tuple&) { return StopFlag(); }));
+}
+
 PYBIND11_MODULE(_core, module) {
   bind_errors(module);
   bind_session(module);
-  module.def("solve", &run);
+  bind_compiled(module);
+  bind_stop_flag(module);
+  using namespace py::literals;
+  module.def("solve", &run, "problem"_a, "start"_a, "options"_a, "stop"_a = StopFlag());
   module.attr("TECHNIQUES") = technique_names();
   module.attr("OPTIONS") = option_names();
 }

@@ -33,10 +33,6 @@ void throw_raised() {
   throw py::error_already_set();
 }
 
-void check_signals() {
-  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-}
-
 Function::Function(std::string name, py::object body, const py::tuple& further_arguments)
     : name_(std::move(name)), body_(std::move(body)), further_(further_arguments) {
   if (PyCallable_Check(body_.ptr()) == 0)
@@ -150,18 +146,18 @@ void returned_array(const py::object& value, const std::string& name, long rows,
 
 // ---- Functions of a problem ---------------------------------------------------------------------
 
-Problem::Objective objective(std::shared_ptr<PointArray> points, std::shared_ptr<Function> body) {
-  return [points = std::move(points), body = std::move(body)](Point x) {
+Problem::Objective objective(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body) {
+  return [calls = std::move(calls), body = std::move(body)](Point x) {
     const Interpreter lock;
-    return returned_number((*body)(*points, x), body->name());
+    return returned_number((*body)(calls->points, x), body->name());
   };
 }
 
-Problem::Function filling(std::shared_ptr<PointArray> points, std::shared_ptr<Function> body,
-                          long rows, long cols) {
-  return [points = std::move(points), body = std::move(body), rows, cols](Point x, Values values) {
+Problem::Function filling(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body, long rows,
+                          long cols) {
+  return [calls = std::move(calls), body = std::move(body), rows, cols](Point x, Values values) {
     const Interpreter lock;
-    returned_array((*body)(*points, x), body->name(), rows, cols, values);
+    returned_array((*body)(calls->points, x), body->name(), rows, cols, values);
   };
 }
 
@@ -191,16 +187,16 @@ static void evaluate(PointArray& points, Function& body, Point x, Pair* last) {
   last->x.assign(x.begin(), x.end());
 }
 
-ObjectiveWithGradient objective_with_gradient(std::shared_ptr<PointArray> points,
+ObjectiveWithGradient objective_with_gradient(std::shared_ptr<Calls> calls,
                                               std::shared_ptr<Function> body, long n) {
   const auto last = std::make_shared<Pair>();
   last->gradient.resize(static_cast<std::size_t>(n));
   return {[=](Point x) {
-            evaluate(*points, *body, x, last.get());
+            evaluate(calls->points, *body, x, last.get());
             return last->value;
           },
           [=](Point x, Values values) {
-            evaluate(*points, *body, x, last.get());
+            evaluate(calls->points, *body, x, last.get());
             std::copy(last->gradient.begin(), last->gradient.end(), values.begin());
           }};
 }

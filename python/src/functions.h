@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tqnlp/optimize.hpp"
+#include "watch.h"
 
 namespace tqnlp::python {
 
@@ -47,6 +48,12 @@ class PointArray {
   py::array_t<double> array_;
 };
 
+// What the calls of all functions of a run share.
+struct Calls {
+  PointArray points;
+  Watch watch;
+};
+
 // A Python function under the name that errors call it by. All of it needs the lock.
 class Function {
  public:
@@ -69,9 +76,6 @@ py::object& evaluation_failed();
 // Throws what Python has raised; EvaluationFailed as the one of the library.
 [[noreturn]] void throw_raised();
 
-// Throws when a signal handler has raised.
-void check_signals();
-
 // A returned number: a float, or what has one element. A returned array of rows x cols numbers
 // (cols 0: a vector). Both refuse what has another type or shape by TypeError and ValueError.
 double returned_number(py::handle value, const std::string& name);
@@ -79,16 +83,16 @@ void returned_array(const py::object& value, const std::string& name, long rows,
                     Values out);
 
 // The functions of a problem.
-Problem::Objective objective(std::shared_ptr<PointArray> points, std::shared_ptr<Function> body);
-Problem::Function filling(std::shared_ptr<PointArray> points, std::shared_ptr<Function> body,
-                          long rows, long cols);
+Problem::Objective objective(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body);
+Problem::Function filling(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body, long rows,
+                          long cols);
 
 // One function that answers value and gradient: each point is evaluated once.
 struct ObjectiveWithGradient {
   Problem::Objective objective;
   Problem::Function gradient;
 };
-ObjectiveWithGradient objective_with_gradient(std::shared_ptr<PointArray> points,
+ObjectiveWithGradient objective_with_gradient(std::shared_ptr<Calls> calls,
                                               std::shared_ptr<Function> body, long n);
 
 }  // namespace tqnlp::python

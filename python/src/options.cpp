@@ -39,15 +39,19 @@ static Differences differences_of(py::handle value) {
                         "\"");
 }
 
-static std::function<bool(const Progress&)> make_progress(py::handle value) {
-  const auto points = make_held<PointArray>();
-  const auto body =
-      make_held<py::object>(py::reinterpret_borrow<py::object>(value));  // None: signals alone
-  return [points, body](const Progress& at) {
+// The look of the user, and a look for signals where no function of his runs.
+static std::function<bool(const Progress&)> make_progress(const py::dict& said,
+                                                          const std::shared_ptr<Calls>& calls) {
+  if (!said.contains("progress"))
+    return [calls](const Progress&) {
+      calls->watch.look();
+      return true;
+    };
+  const auto body = make_held<py::object>(said["progress"]);
+  return [calls, body](const Progress& at) {
+    calls->watch.look();
     const Interpreter lock;
-    check_signals();
-    if (body->is_none()) return true;
-    const auto point = py::reinterpret_borrow<py::object>(points->at(at.x));
+    const auto point = py::reinterpret_borrow<py::object>(calls->points.at(at.x));
     PyObject* answer =
         PyObject_CallFunction(body->ptr(), "Odl", point.ptr(), at.objective, at.iteration);
     if (answer == nullptr) throw py::error_already_set();
@@ -119,7 +123,7 @@ static constexpr Setter SETTERS[] = {
     TQNLP_CHOICE(report),
     {"sink",
      [](Options* o, py::handle v) { o->sink = make_sink(py::reinterpret_borrow<py::object>(v)); }},
-    {"progress", [](Options* o, py::handle v) { o->progress = make_progress(v); }},
+    {"progress", [](Options*, py::handle) {}},
 };
 #undef TQNLP_NUMBER
 #undef TQNLP_CHOICE
@@ -131,9 +135,9 @@ std::vector<std::string> option_names() {
   return names;
 }
 
-Options make_options(const py::dict& said) {
+Options make_options(const py::dict& said, const std::shared_ptr<Calls>& calls) {
   Options options;
-  options.progress = make_progress(py::none());
+  options.progress = make_progress(said, calls);
   for (const auto& [key, value] : said) {
     const auto name = key.cast<std::string>();
     bool known = false;

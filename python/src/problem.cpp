@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "compiled.h"
 #include "convert.h"
 
 namespace tqnlp::python {
@@ -25,6 +26,25 @@ static std::shared_ptr<Function> function(const py::dict& said, const char* key)
   std::string name = key;
   if (said.contains("name")) name = said["name"].cast<std::string>() + ", " + name;
   return make_held<Function>(name, said[key].cast<py::object>(), further);
+}
+
+// Python functions take the interpreter lock, compiled ones do not.
+static Problem::Function filling_of(const py::dict& said, const char* key,
+                                    const std::shared_ptr<Calls>& calls, long rows, long cols) {
+  if (!py::isinstance<Compiled>(said[key])) return filling(calls, function(said, key), rows, cols);
+  return [calls, body = make_held<Compiled>(said[key].cast<Compiled>())](Point x, Values values) {
+    (*body)(x, values);
+    calls->watch.look();
+  };
+}
+
+static Problem::Objective objective_of(const py::dict& said, const std::shared_ptr<Calls>& calls) {
+  if (!py::isinstance<Compiled>(said["fun"])) return objective(calls, function(said, "fun"));
+  return [body = filling_of(said, "fun", calls, 1, 0)](Point x) {
+    double value = missing;
+    body(x, {&value, 1});
+    return value;
+  };
 }
 
 // ---- Constraints --------------------------------------------------------------------------------
@@ -60,7 +80,7 @@ static Problem::Function together(std::vector<Problem::Function> blocks, std::ve
 }
 
 // A Jacobian counts only when every block has one.
-static void add_nonlinear(const py::list& blocks, long n, const std::shared_ptr<PointArray>& points,
+static void add_nonlinear(const py::list& blocks, long n, const std::shared_ptr<Calls>& calls,
                           Problem* problem) {
   std::vector<Problem::Function> values, jacobians;
   std::vector<long> counts, elements;
@@ -73,15 +93,15 @@ static void add_nonlinear(const py::list& blocks, long n, const std::shared_ptr<
     upper.insert(upper.end(), high.begin(), high.end());
     counts.push_back(count);
     elements.push_back(count * n);
-    values.push_back(filling(points, function(block, "fun"), count, 0));
-    if (has(block, "jac")) jacobians.push_back(filling(points, function(block, "jac"), count, n));
+    values.push_back(filling_of(block, "fun", calls, count, 0));
+    if (has(block, "jac")) jacobians.push_back(filling_of(block, "jac", calls, count, n));
   }
   problem->nonlinear(std::move(lower), std::move(upper), together(std::move(values), counts));
   if (jacobians.size() == counts.size())
     problem->nonlinear_jacobian(together(std::move(jacobians), elements));
 }
 
-static void add_constraints(const py::dict& said, long n, const std::shared_ptr<PointArray>& points,
+static void add_constraints(const py::dict& said, long n, const std::shared_ptr<Calls>& calls,
                             Problem* problem) {
   if (has(said, "lower")) {
     auto [lower, upper] = sides(said);
@@ -90,49 +110,45 @@ static void add_constraints(const py::dict& said, long n, const std::shared_ptr<
   for (const py::handle block : said["linear"].cast<py::list>())
     add_rows(block.cast<py::dict>(), problem);
   const auto blocks = said["nonlinear"].cast<py::list>();
-  if (!blocks.empty()) add_nonlinear(blocks, n, points, problem);
+  if (!blocks.empty()) add_nonlinear(blocks, n, calls, problem);
 }
 
 // ---- Kinds --------------------------------------------------------------------------------------
 
 // A sparse one answers the elements of one triangle in the order of its pattern.
-static void add_hessian(const py::dict& said, long n, const std::shared_ptr<PointArray>& points,
+static void add_hessian(const py::dict& said, long n, const std::shared_ptr<Calls>& calls,
                         Problem* problem) {
   if (!has(said, "hess")) return;
-  auto body = function(said, "hess");
   if (!has(said, "pattern")) {
-    problem->hessian(filling(points, std::move(body), n, n));
+    problem->hessian(filling_of(said, "hess", calls, n, n));
     return;
   }
   SparsePattern pattern;
   pattern.places = said["pattern"].cast<std::vector<std::pair<long, long>>>();
   const long count = static_cast<long>(pattern.places.size());
-  problem->hessian(std::move(pattern), filling(points, std::move(body), count, 0));
+  problem->hessian(std::move(pattern), filling_of(said, "hess", calls, count, 0));
 }
 
-static Problem scalar_problem(const py::dict& said, long n,
-                              const std::shared_ptr<PointArray>& points) {
-  auto fun = function(said, "fun");
+static Problem scalar_problem(const py::dict& said, long n, const std::shared_ptr<Calls>& calls) {
   const bool both = said["jac"].ptr() == Py_True;
   ObjectiveWithGradient pair;
-  if (both) pair = objective_with_gradient(points, fun, n);
+  if (both) pair = objective_with_gradient(calls, function(said, "fun"), n);
   const bool maximize = said["kind"].cast<std::string>() == "maximize";
-  auto value = both ? std::move(pair.objective) : objective(points, fun);
+  auto value = both ? std::move(pair.objective) : objective_of(said, calls);
   Problem problem =
       maximize ? Problem::maximize(n, std::move(value)) : Problem::minimize(n, std::move(value));
   if (both)
     problem.gradient(std::move(pair.gradient));
   else if (has(said, "jac"))
-    problem.gradient(filling(points, function(said, "jac"), n, 0));
-  add_hessian(said, n, points, &problem);
+    problem.gradient(filling_of(said, "jac", calls, n, 0));
+  add_hessian(said, n, calls, &problem);
   return problem;
 }
 
-static Problem squares_problem(const py::dict& said, long n,
-                               const std::shared_ptr<PointArray>& points) {
+static Problem squares_problem(const py::dict& said, long n, const std::shared_ptr<Calls>& calls) {
   const long m = said["m"].cast<long>();
-  Problem problem = Problem::least_squares(n, m, filling(points, function(said, "fun"), m, 0));
-  if (has(said, "jac")) problem.jacobian(filling(points, function(said, "jac"), m, n));
+  Problem problem = Problem::least_squares(n, m, filling_of(said, "fun", calls, m, 0));
+  if (has(said, "jac")) problem.jacobian(filling_of(said, "jac", calls, m, n));
   return problem;
 }
 
@@ -147,14 +163,13 @@ static Problem quadratic_problem(const py::dict& said, long n) {
   return Problem::quadratic({n, std::move(elements)}, std::move(g), c);
 }
 
-Problem make_problem(const py::dict& said) {
+Problem make_problem(const py::dict& said, const std::shared_ptr<Calls>& calls) {
   const long n = said["n"].cast<long>();
   const auto kind = said["kind"].cast<std::string>();
-  const auto points = make_held<PointArray>();
   Problem problem = kind == "quadratic"       ? quadratic_problem(said, n)
-                    : kind == "least_squares" ? squares_problem(said, n, points)
-                                              : scalar_problem(said, n, points);
-  add_constraints(said, n, points, &problem);
+                    : kind == "least_squares" ? squares_problem(said, n, calls)
+                                              : scalar_problem(said, n, calls);
+  add_constraints(said, n, calls, &problem);
   if (has(said, "names")) problem.names(said["names"].cast<std::vector<std::string>>());
   return problem;
 }

@@ -8,6 +8,8 @@ from typing import Any
 
 import numpy as np
 
+from ._compiled import VALUES
+from ._core import Compiled
 from ._minimize import differences_or_function, solve
 from ._options import options_of
 from ._problem import constrained, function, further_arguments, start_point, vector
@@ -15,10 +17,14 @@ from ._result import Result
 from ._session import Session
 
 
-def _jacobian(fun: Callable, jac: Callable | None, x: np.ndarray, m: int) -> np.ndarray | None:
+def _jacobian(fun: Any, jac: Any, x: np.ndarray, m: int) -> np.ndarray | None:
     """The Jacobian at the solution, by central differences where there is no function for it."""
+    if isinstance(jac, Compiled):
+        return jac.values(x, m * x.size).reshape(m, x.size)
     if jac is not None:
         return np.array(jac(x), dtype=float).reshape(m, x.size)
+    if isinstance(fun, Compiled):
+        return _jacobian(lambda at: fun.values(at, m), None, x, m)
     session = Session()
     session.module("F", lambda at: np.reshape(fun(at), (m, 1)))
     try:
@@ -70,6 +76,7 @@ def least_squares(
     constraints: Any = (),
     args: Any = (),
     kwargs: dict[str, Any] | None = None,
+    m: int | None = None,
     options: dict[str, Any] | None = None,
     callback: Callable[..., Any] | None = None,
 ) -> Result:
@@ -83,6 +90,8 @@ def least_squares(
     jac : callable, "2-point", "3-point" or None
         ``jac(x, *args, **kwargs) -> (m, n)``.
     bounds : (lower, upper), each a number or of shape (n,); or an object with lb and ub
+    m : int
+        The number of residuals, where `fun` is compiled; the others tell it themselves.
     constraints, options, callback, tol
         As of `minimize`.
 
@@ -94,24 +103,31 @@ def least_squares(
     """
     x = start_point(x0)
     further = further_arguments(args)
+    residuals = function(fun, "fun", VALUES, further)
     if further or kwargs:
-        residuals = _with_arguments(function(fun, "fun"), further, kwargs or {})
+        residuals = _with_arguments(residuals, further, kwargs or {})
         if callable(jac):
             jac = _with_arguments(jac, further, kwargs or {})
-    else:
-        residuals = function(fun, "fun")
     problem: dict[str, Any] = {"kind": "least_squares", "fun": residuals}
     inside = constrained(problem, x, _pair_of_bounds(bounds, x.size), constraints)
-    first = np.asarray(residuals(inside.copy()))
-    if first.ndim > 1 or first.size == 0:
-        raise ValueError(f"fun must return residuals of shape (m,), not {first.shape}")
-    problem["m"] = m = first.size
+    problem["m"] = m = _number_of_residuals(residuals, inside, m)
     general = bool(problem["linear"] or problem["nonlinear"])
     made = options_of(options, method, tol, general)
     problem["jac"] = differences_or_function(jac, made)
     result = solve(problem, x, made, callback)
     _complete(result, residuals, problem["jac"], m)
     return result
+
+
+def _number_of_residuals(fun: Any, x: np.ndarray, stated: int | None) -> int:
+    if isinstance(fun, Compiled):
+        if stated is None or stated < 1:
+            raise ValueError("m must be the number of residuals, as fun is compiled")
+        return stated
+    first = np.asarray(fun(x.copy()))
+    if first.ndim > 1 or first.size == 0:
+        raise ValueError(f"fun must return residuals of shape (m,), not {first.shape}")
+    return first.size
 
 
 def _with_arguments(fun: Callable, args: tuple, kwargs: dict[str, Any]) -> Callable:

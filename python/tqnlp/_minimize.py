@@ -9,6 +9,7 @@ from typing import Any
 import numpy as np
 
 from . import _core
+from ._compiled import NUMBER, VALUES, compiled
 from ._options import options_of, technique
 from ._problem import (
     add_hessian,
@@ -62,8 +63,10 @@ def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callb
 
 def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
     """A derivative that is a function or None; SciPy's names of difference schemes set an option."""
-    if jac is None or jac is False or callable(jac):
-        return jac or None
+    if jac is None or jac is False:
+        return None
+    if (found := compiled(jac, name, VALUES)) is not None or callable(jac):
+        return found or jac
     if isinstance(jac, str) and jac in _DIFFERENCES:
         options.setdefault("differences", _DIFFERENCES[jac])
         return None
@@ -125,14 +128,17 @@ def minimize(
         marks a point that has no value instead.
     """
     x = start_point(x0)
-    problem: dict[str, Any] = {"kind": "minimize", "fun": function(fun, "fun")}
-    problem["args"] = further_arguments(args)
+    further = further_arguments(args)
+    takes = () if jac is True else NUMBER
+    problem: dict[str, Any] = {"kind": "minimize", "fun": function(fun, "fun", takes, further)}
+    problem["args"] = further
     inside = constrained(problem, x, bounds, constraints)
     general = bool(problem["linear"] or problem["nonlinear"])
     made = options_of(options, method, tol, general)
     problem["jac"] = True if jac is True else differences_or_function(jac, made)
-    if hess is not None and callable(hess) and problem["jac"] is not None:
-        add_hessian(problem, hess, inside)
+    second = compiled(hess, "hess", VALUES) or (hess if callable(hess) else None)
+    if second is not None and problem["jac"] is not None:
+        add_hessian(problem, second, inside)
     return solve(problem, x, made, callback)
 
 

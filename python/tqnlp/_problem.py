@@ -10,6 +10,9 @@ from typing import Any
 
 import numpy as np
 
+from ._compiled import NUMBER, VALUES, compiled
+from ._core import Compiled
+
 
 def vector(value: Any, name: str, length: int | None = None) -> np.ndarray:
     """An array of shape (length,) of finite or infinite doubles."""
@@ -39,7 +42,12 @@ def further_arguments(args: Any) -> tuple:
     return args if isinstance(args, tuple) else (args,)
 
 
-def function(value: Any, name: str) -> Callable:
+def function(value: Any, name: str, takes: tuple[str, ...] = (), args: tuple = ()) -> Any:
+    """A Python function as it is, one of C where its signature is one of takes as `Compiled`."""
+    if takes and (found := compiled(value, name, takes)) is not None:
+        if args:
+            raise ValueError(f"args must be (): {name} is compiled, and gets its user data alone")
+        return found
     if not callable(value):
         raise TypeError(f"{name} must be a function, not {_shown(value)}")
     return value
@@ -114,7 +122,10 @@ def _linear(constraint: Any, n: int, name: str) -> dict[str, Any]:
     return {**rows, "lower": lower, "upper": upper}
 
 
-def _count_of(fun: Callable, args: tuple, x: np.ndarray, name: str) -> int:
+def _count_of(fun: Any, args: tuple, x: np.ndarray, name: str, stated: int) -> int:
+    """The number of values; of a compiled function the stated one."""
+    if isinstance(fun, Compiled):
+        return stated
     value = np.asarray(fun(x.copy(), *args))
     if value.dtype.kind not in "biufO" or value.ndim > 1:
         raise ValueError(
@@ -124,8 +135,10 @@ def _count_of(fun: Callable, args: tuple, x: np.ndarray, name: str) -> int:
 
 
 def _block(name: str, fun: Any, jac: Any, args: Any) -> dict[str, Any]:
-    block = {"name": name, "fun": function(fun, f"{name}.fun"), "args": further_arguments(args)}
-    return {**block, "jac": jac if callable(jac) else None}
+    args = further_arguments(args)
+    block = {"name": name, "fun": function(fun, f"{name}.fun", NUMBER + VALUES, args)}
+    slopes = compiled(jac, f"{name}.jac", VALUES) or (jac if callable(jac) else None)
+    return {**block, "args": args, "jac": slopes}
 
 
 def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
@@ -135,14 +148,15 @@ def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
     if "fun" not in said:
         raise ValueError(f"{name} must have a 'fun'")
     block = _block(name, said["fun"], said.get("jac"), said.get("args", ()))
-    count = _count_of(block["fun"], block["args"], x, name)
+    count = _count_of(block["fun"], block["args"], x, name, int(said.get("count", 1)))
     upper = np.zeros(count) if kind == "eq" else np.full(count, np.inf)
     return {**block, "lower": np.zeros(count), "upper": upper}
 
 
 def _by_sides(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
     block = _block(name, said.fun, getattr(said, "jac", None), ())
-    lower, upper = _sides(said.lb, said.ub, _count_of(said.fun, (), x, name), name)
+    stated = np.broadcast(said.lb, said.ub).size
+    lower, upper = _sides(said.lb, said.ub, _count_of(block["fun"], (), x, name, stated), name)
     return {**block, "lower": lower, "upper": upper}
 
 
@@ -184,9 +198,11 @@ def constrained(
 # ---- Symmetric matrices ---------------------------------------------------------------------
 
 
-def add_hessian(problem: dict[str, Any], hess: Callable, x: np.ndarray) -> None:
+def add_hessian(problem: dict[str, Any], hess: Any, x: np.ndarray) -> None:
     """Adds a Hessian; what is sparse at the start has its pattern from there."""
     problem["hess"] = hess
+    if isinstance(hess, Compiled):
+        return
     args = problem["args"]
     first = hess(x.copy(), *args)
     if not hasattr(first, "tocoo"):
