@@ -426,4 +426,7 @@ struct ManyResults {
 ManyResults solve_from_many(const Problem& problem, const std::vector<std::vector<double>>& starts,
                             const Options& options = {}, int threads = 0);
 
+// The same of results that were found elsewhere, such as by other processes: one a start.
+ManyResults merge_results(std::vector<Result> results, bool maximize = false);
+
 }  // namespace tqnlp

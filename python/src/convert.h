@@ -19,6 +19,9 @@ py::list as_list(const std::vector<LogRecord>& log);
 py::list as_list(const std::vector<Table>& tables);
 py::array_t<double> as_array(const std::vector<double>& values);
 
+// The starts of each solution, the best first, of one result of the package a start.
+std::vector<std::vector<long>> merged_starts(const py::list& ends);
+
 // The lines of a report, to a Python function.
 Session::Sink make_sink(const py::object& write);
 

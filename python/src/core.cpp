@@ -90,6 +90,7 @@ PYBIND11_MODULE(_core, module) {
   bind_stop_flag(module);
   using namespace py::literals;
   module.def("solve", &run, "problem"_a, "start"_a, "options"_a, "stop"_a = StopFlag());
+  module.def("merged_starts", &merged_starts);
   module.attr("TECHNIQUES") = technique_names();
   module.attr("OPTIONS") = option_names();
 }

@@ -148,6 +148,7 @@ void returned_array(const py::object& value, const std::string& name, long rows,
 
 Problem::Objective objective(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body) {
   return [calls = std::move(calls), body = std::move(body)](Point x) {
+    calls->watch.look();
     const Interpreter lock;
     return returned_number((*body)(calls->points, x), body->name());
   };
@@ -156,6 +157,7 @@ Problem::Objective objective(std::shared_ptr<Calls> calls, std::shared_ptr<Funct
 Problem::Function filling(std::shared_ptr<Calls> calls, std::shared_ptr<Function> body, long rows,
                           long cols) {
   return [calls = std::move(calls), body = std::move(body), rows, cols](Point x, Values values) {
+    calls->watch.look();
     const Interpreter lock;
     returned_array((*body)(calls->points, x), body->name(), rows, cols, values);
   };

@@ -1,6 +1,8 @@
 // Results as dictionaries of plain values and arrays.
 #include <pybind11/stl.h>
 
+#include <algorithm>
+
 #include "convert.h"
 
 namespace tqnlp::python {
@@ -44,11 +46,10 @@ py::list as_list(const std::vector<Table>& tables) {
   return list;
 }
 
-static const char* name_of(Optimality::Verdict verdict) {
-  static constexpr const char* NAMES[] = {"optimal", "not_feasible", "not_stationary",
-                                          "negative_curvature", "not_known"};
-  return NAMES[verdict];
-}
+static constexpr const char* VERDICTS[] = {"optimal", "not_feasible", "not_stationary",
+                                           "negative_curvature", "not_known"};
+
+static const char* name_of(Optimality::Verdict verdict) { return VERDICTS[verdict]; }
 
 static py::dict as_dict(const Optimality& check) {
   using namespace py::literals;
@@ -98,6 +99,26 @@ py::dict as_dict(const Result& result) {
                   "optimality"_a = as_dict(result.optimality), "counts"_a = as_dict(result.counts),
                   "history"_a = as_dict(result.history), "tables"_a = as_list(result.tables),
                   "log"_a = as_list(result.log));
+}
+
+// ---- Many starts --------------------------------------------------------------------------------
+
+std::vector<std::vector<long>> merged_starts(const py::list& ends) {
+  std::vector<Result> results;
+  for (const py::handle end : ends) {
+    Result result;
+    result.x = end.attr("x").cast<std::vector<double>>();
+    result.objective = end.attr("objective").cast<double>();
+    result.status.code = end.attr("status").cast<int>();
+    const auto verdict = end.attr("optimality").attr("verdict").cast<std::string>();
+    const auto* const known = std::find(std::begin(VERDICTS), std::end(VERDICTS), verdict);
+    result.optimality.verdict = static_cast<Optimality::Verdict>(known - std::begin(VERDICTS));
+    results.push_back(std::move(result));
+  }
+  std::vector<std::vector<long>> starts;
+  for (Solution& solution : merge_results(std::move(results)).solutions)
+    starts.push_back(std::move(solution.starts));
+  return starts;
 }
 
 }  // namespace tqnlp::python

@@ -16,6 +16,7 @@ The functions have SciPy's shape::
 from ._core import CallError, EvaluationFailed, FatalError
 from ._fit import curve_fit, least_squares
 from ._minimize import method, minimize, quadratic
+from ._multistart import ManyResults, Problem, Solution, multistart
 from ._result import LogRecord, Result, Table
 from ._session import Session
 
@@ -24,13 +25,17 @@ __all__ = [
     "EvaluationFailed",
     "FatalError",
     "LogRecord",
+    "ManyResults",
+    "Problem",
     "Result",
     "Session",
+    "Solution",
     "Table",
     "curve_fit",
     "least_squares",
     "method",
     "minimize",
+    "multistart",
     "quadratic",
 ]
 __version__ = "0.1.0"

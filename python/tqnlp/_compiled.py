@@ -53,6 +53,10 @@ def _parts(value: Any) -> tuple[str, int, int] | None:
     return None
 
 
+def is_compiled(value: Any) -> bool:
+    return _parts(value) is not None
+
+
 def compiled(value: Any, name: str, takes: tuple[str, ...]) -> _core.Compiled | None:
     """The function of C that a value holds, None where it is something else.
 

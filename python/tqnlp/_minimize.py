@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import inspect
 from collections.abc import Callable
+from contextvars import ContextVar
 from typing import Any
 
 import numpy as np
@@ -21,6 +22,9 @@ from ._problem import (
     vector,
 )
 from ._result import Result, make_result
+
+# Ends the runs of this context when it is set.
+STOP: ContextVar[_core.StopFlag | None] = ContextVar("STOP", default=None)
 
 _DIFFERENCES = {"2-point": "forward", "3-point": "central"}
 
@@ -53,7 +57,8 @@ def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callb
     if look is not None:
         options["progress"] = look
     try:
-        return make_result(_core.solve(problem, x.tolist(), options))
+        stop = STOP.get() or _core.StopFlag()
+        return make_result(_core.solve(problem, x.tolist(), options, stop))
     except BaseException as raised:
         found = getattr(raised, "partial", None)
         if isinstance(found, dict) and not isinstance(found, Result):
@@ -62,7 +67,7 @@ def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callb
 
 
 def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
-    """A derivative that is a function or None; SciPy's names of difference schemes set an option."""
+    """A derivative that is a function or None; SciPy's names of differences set an option."""
     if jac is None or jac is False:
         return None
     if (found := compiled(jac, name, VALUES)) is not None or callable(jac):

@@ -51,12 +51,9 @@ class Part(_Fields):
     """A group of fields of a result."""
 
 
-_MOST_SHOWN = 8
-
-
-def _numbers(values: np.ndarray) -> str:
-    shown = ", ".join(f"{value:.8g}" for value in values[:_MOST_SHOWN])
-    return shown if len(values) <= _MOST_SHOWN else f"{shown}, ... ({len(values)} in all)"
+def _numbers(values: np.ndarray, most: int = 8) -> str:
+    shown = ", ".join(f"{value:.8g}" for value in values[:most])
+    return shown if len(values) <= most else f"{shown}, ... ({len(values)} in all)"
 
 
 class Result(_Fields):
@@ -92,6 +89,10 @@ class Result(_Fields):
     counts : Part
         All calls; `tables`, `log`: the report.
     """
+
+    def shown_x(self, most: int = 8) -> str:
+        """The first elements of x as text."""
+        return _numbers(self.x, most)
 
     def _summary(self) -> list[tuple[str, str]]:
         rows = [

@@ -129,10 +129,10 @@ static bool same_solution(const Result& a, const Result& b) {
                     [](double u, double v) { return close(u, v, SAME_POINT); });
 }
 
-static std::vector<Solution> merge(std::vector<Ended>& ended) {
+static std::vector<Solution> merge(std::vector<Result>& results) {
   std::vector<Solution> solutions;
-  for (std::size_t i = 0; i < ended.size(); ++i) {
-    Result& result = *ended[i].result;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    Result& result = results[i];
     const auto known = std::find_if(solutions.begin(), solutions.end(), [&](const Solution& s) {
       return same_solution(s.result, result);
     });
@@ -176,20 +176,26 @@ ManyResults solve_from_many(const Problem& problem, const std::vector<std::vecto
   const Problem held = problem;  // a function of the problem may change the caller's own
   face::check_starts(held, starts, threads);
   std::vector<face::Ended> ended = face::run_all(held, starts, options, threads);
-  for (const face::Ended& end : ended) {
+  std::vector<Result> results;
+  for (face::Ended& end : ended) {
     if (end.thrown != nullptr) std::rethrow_exception(end.thrown);
+    results.push_back(std::move(*end.result));
   }
-  ManyResults results;
-  results.solutions = face::merge(ended);
-  face::sort_by_worth(results.solutions, held.data().maximize);
-  results.solution_of.resize(starts.size());
-  for (std::size_t k = 0; k < results.solutions.size(); ++k) {
-    for (const long i : results.solutions[k].starts) {
-      results.solution_of[static_cast<std::size_t>(i)] = static_cast<long>(k);
+  return merge_results(std::move(results), held.data().maximize);
+}
+
+ManyResults merge_results(std::vector<Result> results, bool maximize) {
+  ManyResults merged;
+  merged.solution_of.resize(results.size());
+  merged.solutions = face::merge(results);
+  face::sort_by_worth(merged.solutions, maximize);
+  for (std::size_t k = 0; k < merged.solutions.size(); ++k) {
+    for (const long i : merged.solutions[k].starts) {
+      merged.solution_of[static_cast<std::size_t>(i)] = static_cast<long>(k);
     }
   }
-  results.summary = face::summarize(results.solutions);
-  return results;
+  merged.summary = face::summarize(merged.solutions);
+  return merged;
 }
 
 }  // namespace tqnlp

@@ -1,0 +1,355 @@
+"""Problems as values, and runs of them from many starts on any executor."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Callable, Iterable, Iterator, Sequence
+from concurrent.futures import (
+    BrokenExecutor,
+    Executor,
+    ProcessPoolExecutor,
+    ThreadPoolExecutor,
+    as_completed,
+)
+from dataclasses import dataclass, field
+from html import escape
+from typing import Any, NamedTuple, Union
+
+import numpy as np
+
+from . import _core
+from ._compiled import is_compiled
+from ._fit import least_squares
+from ._minimize import STOP, minimize
+from ._problem import start_point
+from ._result import Result
+
+
+@dataclass(frozen=True)
+class Problem:
+    """What `minimize` or `least_squares` is called with, but for the start.
+
+    A value that pickles when its functions do: those of modules go by their names, so that other
+    processes must be able to import them.
+
+    Parameters
+    ----------
+    fun : callable
+        The objective; the residuals where `residuals` is true.
+    args, method, jac, hess, bounds, constraints, tol, options
+        As of `minimize`.
+    residuals : bool
+        Is half the sum of squares of what `fun` returns to be minimized?
+    m : int
+        The number of residuals, where `fun` is compiled.
+
+    Examples
+    --------
+    >>> problem = Problem(lambda x: (x[0] - 2) ** 2, bounds=[(0, 1)])
+    >>> print(problem.solve([0.5]).x)
+    [1.]
+    """
+
+    fun: Any
+    args: tuple = ()
+    method: str = "auto"
+    jac: Any = None
+    hess: Any = None
+    bounds: Any = None
+    constraints: Any = ()
+    tol: float | None = None
+    options: dict[str, Any] | None = None
+    residuals: bool = False
+    m: int | None = None
+
+    def solve(self, x0: Any, callback: Callable[..., Any] | None = None) -> Result:
+        """Runs from a start, an array of shape (n,); answers and raises as `minimize` does."""
+        same = {"args": self.args, "method": self.method, "tol": self.tol, "callback": callback}
+        same |= {"jac": self.jac, "constraints": self.constraints, "options": self.options}
+        if not self.residuals:
+            return minimize(self.fun, x0, hess=self.hess, bounds=self.bounds, **same)
+        sides = (-np.inf, np.inf) if self.bounds is None else self.bounds
+        return least_squares(self.fun, x0, bounds=sides, m=self.m, **same)
+
+    def _runs_without_the_interpreter(self) -> bool:
+        blocks = self.constraints
+        blocks = [blocks] if not isinstance(blocks, Sequence) else blocks
+        used = [self.fun, self.jac, self.hess]
+        for block in blocks:
+            used += [_part(block, "fun"), _part(block, "jac")]
+        return all(is_compiled(one) or not callable(one) for one in used)
+
+
+def _part(block: Any, key: str) -> Any:
+    return block.get(key) if isinstance(block, dict) else getattr(block, key, None)
+
+
+class Solution(NamedTuple):
+    """A point that runs led to.
+
+    Attributes
+    ----------
+    result : Result
+        Of the first of its starts.
+    starts : list of int
+        Their numbers, ascending.
+    """
+
+    result: Result
+    starts: list[int]
+
+
+End = Union[Result, BaseException]
+
+
+@dataclass
+class ManyResults:
+    """What runs from many starts led to; the same whatever ended first.
+
+    Attributes
+    ----------
+    solutions : list of Solution
+        The best first: those that pass the check of optimality, then other converged runs, then
+        feasible points, each by objective, then by the first start. Runs that converged to the
+        same point, within 1e-4 of 1 + the size of each parameter and 1e-6 of 1 + that of the
+        objective, are one solution.
+    results : list of Result or None
+        One a start; None where it was lost.
+    lost : dict of int to Exception
+        Starts whose worker died.
+    """
+
+    solutions: list[Solution]
+    results: list[Result | None] = field(repr=False)
+    lost: dict[int, BaseException]
+
+    @property
+    def best(self) -> Result:
+        return self.solutions[0].result
+
+    _HEADS = ("objective", "starts", "first", "ending", "check", "x")
+
+    def _rows(self) -> list[tuple[str, ...]]:
+        return [
+            (f"{one.result.objective:.10g}", str(len(one.starts)), str(one.starts[0]),
+             one.result.ending, one.result.optimality.verdict, one.result.shown_x(4))
+            for one in self.solutions
+        ]  # fmt: skip
+
+    def _lost_line(self) -> str:
+        return "".join(f"\nstart {i} was lost: {why!r}" for i, why in sorted(self.lost.items()))
+
+    def __repr__(self) -> str:
+        rows = [self._HEADS, *self._rows()]
+        widths = [max(map(len, column)) for column in zip(*rows)]
+        lines = ["  ".join(map(str.ljust, row, widths)).rstrip() for row in rows]
+        return "\n".join(lines) + self._lost_line()
+
+    def _repr_html_(self) -> str:
+        def line(row: Sequence[str], tag: str) -> str:
+            return "<tr>" + "".join(f"<{tag}>{escape(cell)}</{tag}>" for cell in row) + "</tr>"
+
+        body = line(self._HEADS, "th") + "".join(line(row, "td") for row in self._rows())
+        return f"<table>{body}</table>{escape(self._lost_line())}"
+
+
+# ---- Ends of runs, as they come -------------------------------------------------------------
+
+
+def _run(problem: Problem, x: np.ndarray, stop: _core.StopFlag) -> Result:
+    """A run on a worker. In this process the flag ends it; a copy in another one is never set."""
+    token = STOP.set(stop)
+    try:
+        return problem.solve(x)
+    finally:
+        STOP.reset(token)
+
+
+def _died(error: BaseException) -> bool:
+    """Did the worker end, rather than the run? Dask's error is known by its name."""
+    return isinstance(error, BrokenExecutor) or type(error).__name__ == "KilledWorker"
+
+
+class _Runs:
+    """Runs of a problem from points; `ends` answers how each ended, in any order.
+
+    Starts behind one that raised are not begun. Those before it come to their ends, so that the
+    first exception in the order of the starts is always the same.
+    """
+
+    def __init__(self, problem: Problem, points: list[np.ndarray]) -> None:
+        self.problem, self.points = problem, points
+        self.stop = _core.StopFlag()
+        self.first_raised = len(points)
+
+    def ends(self, executor: Executor | None) -> Iterator[tuple[int, End]]:
+        if executor is not None:
+            yield from self._on(executor)
+        elif self.problem._runs_without_the_interpreter():
+            with ThreadPoolExecutor(min(len(self.points), os.cpu_count() or 1)) as threads:
+                yield from self._on(threads)
+        else:
+            yield from self._in_order()
+
+    def _in_order(self) -> Iterator[tuple[int, End]]:
+        for i, x in enumerate(self.points):
+            try:
+                end: End = _run(self.problem, x, self.stop)
+            except Exception as raised:
+                end = raised
+            yield i, end
+            if isinstance(end, Exception):
+                return
+
+    def _on(self, executor: Executor) -> Iterator[tuple[int, End]]:
+        broken = []
+        for i, end in self._submitted(lambda _: executor, range(len(self.points))):
+            if isinstance(end, BrokenExecutor) and isinstance(executor, ProcessPoolExecutor):
+                broken.append(i)  # one worker has died, and all starts that had not ended failed
+            else:
+                yield i, end
+        at_once = getattr(executor, "_max_workers", 1)
+        for first in range(0, len(broken), at_once):
+            yield from self._alone(executor, sorted(broken)[first : first + at_once])
+
+    def _submitted(
+        self, executor_of: Callable[[int], Executor], starts: Iterable[int]
+    ) -> Iterator[tuple[int, End]]:
+        futures: dict[Any, int] = {}
+        try:
+            for i in starts:
+                try:
+                    future = executor_of(i).submit(_run, self.problem, self.points[i], self.stop)
+                except BrokenExecutor as broken:
+                    yield i, broken
+                else:
+                    futures[future] = i
+            for future in as_completed(futures):
+                if future.cancelled():
+                    continue
+                error = future.exception()
+                if error is not None and not _died(error):
+                    self._raised(futures[future], futures)
+                yield futures[future], error or future.result()
+        finally:
+            for future in futures:
+                future.cancel()
+
+    def _raised(self, i: int, futures: dict[Any, int]) -> None:
+        self.first_raised = min(self.first_raised, i)
+        for future, other in futures.items():
+            if other > self.first_raised:
+                future.cancel()
+
+    def _alone(self, like: Executor, starts: list[int]) -> Iterator[tuple[int, End]]:
+        """Each start in a process of its own: if one dies, it is that start's."""
+        inherited = {
+            name: getattr(like, f"_{name}")
+            for name in ("mp_context", "initializer", "initargs")
+            if hasattr(like, f"_{name}")
+        }
+        pools = {i: ProcessPoolExecutor(1, **inherited) for i in starts if i < self.first_raised}
+        try:
+            yield from self._submitted(pools.__getitem__, pools)
+        finally:
+            for pool in pools.values():
+                pool.shutdown()
+
+
+# ---- Many starts ----------------------------------------------------------------------------
+
+
+def _points(starts: Any) -> list[np.ndarray]:
+    points = []
+    for i, start in enumerate(starts):
+        try:
+            points.append(start_point(start))
+        except (TypeError, ValueError) as wrong:
+            raise type(wrong)(f"starts[{i}]: {wrong}") from None
+        if points[i].size != points[0].size:
+            raise ValueError(
+                f"starts[{i}] must have the shape ({points[0].size},), not ({points[i].size},)"
+            )
+    if not points:
+        raise ValueError("starts must have the shape (k, n) with k > 0")
+    return points
+
+
+def _together(results: list[Result | None], lost: dict[int, BaseException]) -> ManyResults:
+    ended = [i for i, result in enumerate(results) if result is not None]
+    groups = _core.merged_starts([results[i] for i in ended])
+    solutions = []
+    for group in groups:
+        starts = [ended[place] for place in group]
+        solutions.append(Solution(results[starts[0]], starts))  # type: ignore[arg-type]
+    return ManyResults(solutions, results, lost)
+
+
+def multistart(
+    problem: Problem,
+    starts: Any,
+    executor: Executor | None = None,
+    on_result: Callable[[int, End], Any] | None = None,
+) -> ManyResults:
+    """Solves a problem from each of many starts.
+
+    Parameters
+    ----------
+    problem : Problem
+    starts : array_like, shape (k, n)
+        One start a row; or any iterable of points of shape (n,).
+    executor : concurrent.futures.Executor
+        Runs the starts: threads, processes, ``dask_client.get_executor()``,
+        ``mpi4py.futures.MPIPoolExecutor``. Without one, threads run them where all functions are
+        compiled, and otherwise they run one after the other here.
+    on_result : callable
+        ``on_result(start, end)``, called here as each run ends, in any order. `end` is a Result,
+        or the exception of a run that was lost.
+
+    Returns
+    -------
+    ManyResults
+        Independent of the executor and of what ends first.
+
+    Raises
+    ------
+    Exception
+        What a function raised, of the first start that did; its number as ``start``. Starts behind
+        it are given up. Ctrl-C ends all runs in this process, with what has ended as ``partial``.
+    RuntimeError
+        Where every start was lost.
+
+    Notes
+    -----
+    A worker that dies costs its start, which is reported in ``lost``. A pool of processes does not
+    tell whose worker died: what had not ended by then runs again, each start in a process of its
+    own.
+    """
+    if not isinstance(problem, Problem):
+        raise TypeError(f"problem must be a tqnlp.Problem, not {problem!r}")
+    points = _points(starts)
+    results: list[Result | None] = [None] * len(points)
+    lost: dict[int, BaseException] = {}
+    raised: dict[int, BaseException] = {}
+    runs = _Runs(problem, points)
+    ends = runs.ends(executor)
+    try:
+        for i, end in ends:
+            if isinstance(end, Result):
+                results[i] = end
+            else:
+                (lost if _died(end) else raised)[i] = end
+            if on_result is not None and i not in raised:
+                on_result(i, end)
+    except BaseException as stopped:
+        runs.stop.set()
+        ends.close()
+        stopped.partial = _together(results, lost)  # type: ignore[attr-defined]
+        raise
+    if raised:
+        first = min(raised)
+        raised[first].start = first  # type: ignore[attr-defined]
+        raise raised[first]
+    if len(lost) == len(points):
+        raise RuntimeError(f"every start was lost: {lost[0]!r}") from lost[0]
+    return _together(results, lost)
