@@ -399,6 +399,35 @@ struct Result {
 // cannot be meant, what a user's function threw, FatalError when the run could not go on.
 Result solve(const Problem& problem, std::vector<double> start, const Options& options = {});
 
+// ---- Checks of derivatives ----------------------------------------------------------------------
+
+enum class DerivativeKind { gradient, hessian, jacobian, constraint_jacobian };
+
+// An element of the derivatives that a problem gives.
+struct DerivativeElement {
+  DerivativeKind kind = DerivativeKind::gradient;
+  long row = 0;  // of what: a residual, a constraint; of a Hessian the row
+  long parameter = 0;
+  double given = 0.0;
+  double difference = 0.0;  // the same by differences,
+  double error = 0.0;       // with an estimate of their error
+};
+
+struct DerivativeCheck {
+  std::vector<DerivativeElement> wrong;  // further off than the error and 1e-6 of the size explain
+  long compared = 0;                     // elements
+  long left_out = 0;                     // of fixed parameters, or without a value beside the point
+  Table summary;                         // a row an element that is wrong
+  explicit operator bool() const { return wrong.empty(); }
+};
+
+// Compares all derivatives that a problem gives at a point (brought into the bounds) with central
+// differences, Hessians with those of the gradient: 4 evaluations a parameter. Of options
+// objective_digits and constraint_digits count. Throws std::invalid_argument for a point that
+// cannot be meant, and what a function throws.
+DerivativeCheck check_derivatives(const Problem& problem, std::vector<double> x,
+                                  const Options& options = {});
+
 // ---- Many starts --------------------------------------------------------------------------------
 
 // One of the points that runs from several starts led to.

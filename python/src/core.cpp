@@ -28,6 +28,24 @@ static py::dict run(const py::dict& problem_said, std::vector<double> start,
   }
 }
 
+static py::tuple check(const py::dict& problem_said, std::vector<double> x,
+                       const py::dict& options_said) {
+  const auto calls = make_held<Calls>();
+  const Problem problem = make_problem(problem_said, calls);
+  const Options options = make_options(options_said, calls);
+  const DerivativeCheck found = [&] {
+    const py::gil_scoped_release others_run;
+    return check_derivatives(problem, std::move(x), options);
+  }();
+  py::list wrong;
+  for (std::size_t k = 0; k < found.wrong.size(); ++k) {
+    const DerivativeElement& one = found.wrong[k];
+    wrong.append(py::make_tuple(found.summary.rows[k][0], one.row, one.parameter, one.given,
+                                one.difference, one.error));
+  }
+  return py::make_tuple(wrong, found.compared, found.left_out);
+}
+
 // Errors of the library with their code and log on them.
 template <class Error>
 static void raise(const py::object& type, const Error& error) {
@@ -90,6 +108,7 @@ PYBIND11_MODULE(_core, module) {
   bind_stop_flag(module);
   using namespace py::literals;
   module.def("solve", &run, "problem"_a, "start"_a, "options"_a, "stop"_a = StopFlag());
+  module.def("check_derivatives", &check);
   module.def("merged_starts", &merged_starts);
   module.attr("TECHNIQUES") = technique_names();
   module.attr("OPTIONS") = option_names();

@@ -212,6 +212,29 @@ TEST(Face, NamesTablesCountsAndThreads) {
   for (const Vector& end : ends) EXPECT_EQ(end, ends[0]);
 }
 
+// Each wrong element is named with both values, at a bound and beside one too; right ones are not.
+TEST(Face, WrongDerivativesAreNamedElementByElement) {
+  for (const double lower : {-5.0, 1.5 - 1e-7, 1.5}) {
+    auto problem = Problem::minimize(2, [](Point x) { return std::exp(x[0]) * x[1] + x[1]; });
+    problem.gradient([](Point x, Values g) { g[0] = std::exp(x[0]) * x[1], g[1] = std::exp(x[0]); })
+        .hessian([](Point x, Values h) { h[0] = h[3] = 0, h[1] = h[2] = std::exp(x[0]); })
+        .nonlinear({0, 0}, {inf, inf}, [](Point x, Values c) { c[0] = x[0] - x[1], c[1] = x[1]; })
+        .nonlinear_jacobian([](Point, Values j) { j[0] = j[3] = 1, j[1] = -1, j[2] = 0.01; })
+        .bounds({lower, -1}, {9, 9});
+    const DerivativeCheck check = check_derivatives(problem, {1.5, 2});
+    EXPECT_EQ(check.compared, 2 + 3 + 4);
+    ASSERT_EQ(check.wrong.size(), 3) << text_table(check.summary);
+    const double wanted[3][4] = {
+        {0, 1, std::exp(1.5), std::exp(1.5) + 1}, {1, 0, 0.01, 0}, {0, 0, 0, 2 * std::exp(1.5)}};
+    for (std::size_t k = 0; k < 3; ++k) {
+      EXPECT_EQ(check.wrong[k].row, wanted[k][0]);
+      EXPECT_EQ(check.wrong[k].parameter, wanted[k][1]);
+      EXPECT_DOUBLE_EQ(check.wrong[k].given, wanted[k][2]);
+      EXPECT_NEAR(check.wrong[k].difference, wanted[k][3], 1e-7);
+    }
+  }
+}
+
 struct Refusal {
   const char* words[3];  // field, given, expected
   std::function<void()> attempt;
