@@ -235,6 +235,17 @@ TEST(Face, WrongDerivativesAreNamedElementByElement) {
   }
 }
 
+TEST(Face, RightDerivativesAreNotBlamed) {
+  for (const auto& p : test::problem_library()) {
+    for (const auto form : {test::Form::scalar, test::Form::squares}) {
+      if (form == test::Form::squares && p.m == 0) continue;
+      const auto check =
+          check_derivatives(test::face_problem(p, form, test::Modules::all), p.start);
+      EXPECT_TRUE(check && check.compared > 0) << p.name << '\n' << text_table(check.summary);
+    }
+  }
+}
+
 struct Refusal {
   const char* words[3];  // field, given, expected
   std::function<void()> attempt;
