@@ -1,5 +1,7 @@
 """Faults at the border between Python and the library; its numbers have tests of their own."""
 
+import doctest
+import importlib
 import pickle
 import signal
 import subprocess
@@ -261,3 +263,30 @@ def test_sessions_speak_the_language():
     tql.module("F", lambda x: 1 / 0)
     with pytest.raises(ZeroDivisionError):
         tql.call("NLPQN", "F", [1.0])
+
+
+def test_wrong_derivatives_are_named():
+    def gradient(x):
+        return rosen_gradient(x) + [0, 0.5]
+
+    def hessian(x):
+        return scipy.rosen_hess(x) * [[1, 1.1], [1.1, 1]]
+
+    cases = {"fun": rosen, "x": [-1.2, 1.5], "jac": rosen_gradient, "constraints": DISK_OLD}
+    assert tqnlp.check_derivatives(**cases).compared == 4
+    disk = {"type": "ineq", "fun": lambda x: [1 - x @ x, x[0]], "jac": lambda x: [-2 * x, [1, 1]]}
+    found = tqnlp.check_derivatives(**{**cases, "jac": gradient, "hess": hessian,
+                                       "constraints": disk})  # fmt: skip
+    assert [one.name for one in found.wrong] == [
+        "gradient[1]", "constraint_jacobian[1, 1]", "hessian[0, 1]"]  # fmt: skip
+    slope = rosen_gradient([-1.2, 1.5])[1]
+    assert found.wrong[0][3:5] == pytest.approx((slope + 0.5, slope)) and not found
+    assert "gradient[1]" in repr(found) and "<td>hessian[0, 1]" in found._repr_html_()
+    with pytest.raises(ValueError, match="nothing to check"):
+        tqnlp.check_derivatives(rosen, [0.0, 1.0])
+
+
+@pytest.mark.parametrize("name", ["tqnlp", "tqnlp._check", "tqnlp._multistart"])
+def test_examples_of_docstrings(name):
+    found = doctest.testmod(importlib.import_module(name))
+    assert found.attempted > 0 and found.failed == 0

@@ -13,6 +13,7 @@ The functions have SciPy's shape::
 `Session` is the language face, with the subroutines by their own names.
 """
 
+from ._check import DerivativeCheck, WrongElement, check_derivatives
 from ._core import CallError, EvaluationFailed, FatalError
 from ._fit import curve_fit, least_squares
 from ._minimize import method, minimize, quadratic
@@ -22,6 +23,7 @@ from ._session import Session
 
 __all__ = [
     "CallError",
+    "DerivativeCheck",
     "EvaluationFailed",
     "FatalError",
     "LogRecord",
@@ -31,6 +33,8 @@ __all__ = [
     "Session",
     "Solution",
     "Table",
+    "WrongElement",
+    "check_derivatives",
     "curve_fit",
     "least_squares",
     "method",

@@ -65,6 +65,27 @@ def _pair_of_bounds(bounds: Any, n: int) -> Any:
     return list(zip(*sides))
 
 
+def squares_problem(
+    fun: Any, x0: Any, jac: Any, bounds: Any, method: str, tol: float | None, constraints: Any,
+    args: Any, kwargs: dict[str, Any] | None, m: int | None, options: dict[str, Any] | None,
+) -> tuple[dict[str, Any], np.ndarray, dict[str, Any]]:  # fmt: skip
+    """Problem, start and options of `least_squares` for the core."""
+    x = start_point(x0)
+    further = further_arguments(args)
+    residuals = function(fun, "fun", VALUES, further)
+    if further or kwargs:
+        residuals = _with_arguments(residuals, further, kwargs or {})
+        if callable(jac):
+            jac = _with_arguments(jac, further, kwargs or {})
+    problem: dict[str, Any] = {"kind": "least_squares", "fun": residuals}
+    inside = constrained(problem, x, _pair_of_bounds(bounds, x.size), constraints)
+    problem["m"] = _number_of_residuals(residuals, inside, m)
+    general = bool(problem["linear"] or problem["nonlinear"])
+    made = options_of(options, method, tol, general)
+    problem["jac"] = differences_or_function(jac, made)
+    return problem, x, made
+
+
 def least_squares(
     fun: Callable[..., Any],
     x0: Any,
@@ -101,21 +122,10 @@ def least_squares(
         With `cost`, `fun` (the residuals), `grad`, `jac` (m, n), `active_mask`, `covariance`
         (residual variance times the inverse of J'J) and `stderr`.
     """
-    x = start_point(x0)
-    further = further_arguments(args)
-    residuals = function(fun, "fun", VALUES, further)
-    if further or kwargs:
-        residuals = _with_arguments(residuals, further, kwargs or {})
-        if callable(jac):
-            jac = _with_arguments(jac, further, kwargs or {})
-    problem: dict[str, Any] = {"kind": "least_squares", "fun": residuals}
-    inside = constrained(problem, x, _pair_of_bounds(bounds, x.size), constraints)
-    problem["m"] = m = _number_of_residuals(residuals, inside, m)
-    general = bool(problem["linear"] or problem["nonlinear"])
-    made = options_of(options, method, tol, general)
-    problem["jac"] = differences_or_function(jac, made)
-    result = solve(problem, x, made, callback)
-    _complete(result, residuals, problem["jac"], m)
+    said = squares_problem(fun, x0, jac, bounds, method, tol, constraints, args, kwargs, m, options)
+    problem = said[0]
+    result = solve(*said, callback)
+    _complete(result, problem["fun"], problem["jac"], problem["m"])
     return result
 
 

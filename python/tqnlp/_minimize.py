@@ -78,6 +78,26 @@ def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac"
     raise ValueError(f"{name} must be a function, '2-point', '3-point' or None, not {jac!r}")
 
 
+def scalar_problem(
+    fun: Any, x0: Any, args: Any, method: str, jac: Any, hess: Any, bounds: Any, constraints: Any,
+    tol: float | None, options: dict[str, Any] | None,
+) -> tuple[dict[str, Any], np.ndarray, dict[str, Any]]:  # fmt: skip
+    """Problem, start and options of `minimize` for the core."""
+    x = start_point(x0)
+    further = further_arguments(args)
+    takes = () if jac is True else NUMBER
+    problem: dict[str, Any] = {"kind": "minimize", "fun": function(fun, "fun", takes, further)}
+    problem["args"] = further
+    inside = constrained(problem, x, bounds, constraints)
+    general = bool(problem["linear"] or problem["nonlinear"])
+    made = options_of(options, method, tol, general)
+    problem["jac"] = True if jac is True else differences_or_function(jac, made)
+    second = compiled(hess, "hess", VALUES) or (hess if callable(hess) else None)
+    if second is not None and problem["jac"] is not None:
+        add_hessian(problem, second, inside)
+    return problem, x, made
+
+
 def minimize(
     fun: Callable[..., Any],
     x0: Any,
@@ -132,19 +152,8 @@ def minimize(
         What a function raises, with the best point so far as ``partial``. `EvaluationFailed`
         marks a point that has no value instead.
     """
-    x = start_point(x0)
-    further = further_arguments(args)
-    takes = () if jac is True else NUMBER
-    problem: dict[str, Any] = {"kind": "minimize", "fun": function(fun, "fun", takes, further)}
-    problem["args"] = further
-    inside = constrained(problem, x, bounds, constraints)
-    general = bool(problem["linear"] or problem["nonlinear"])
-    made = options_of(options, method, tol, general)
-    problem["jac"] = True if jac is True else differences_or_function(jac, made)
-    second = compiled(hess, "hess", VALUES) or (hess if callable(hess) else None)
-    if second is not None and problem["jac"] is not None:
-        add_hessian(problem, second, inside)
-    return solve(problem, x, made, callback)
+    said = scalar_problem(fun, x0, args, method, jac, hess, bounds, constraints, tol, options)
+    return solve(*said, callback)
 
 
 def quadratic(

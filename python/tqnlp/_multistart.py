@@ -19,10 +19,10 @@ import numpy as np
 
 from . import _core
 from ._compiled import is_compiled
-from ._fit import least_squares
-from ._minimize import STOP, minimize
+from ._fit import least_squares, squares_problem
+from ._minimize import STOP, minimize, scalar_problem
 from ._problem import start_point
-from ._result import Result
+from ._result import Result, table_of
 
 
 @dataclass(frozen=True)
@@ -64,12 +64,21 @@ class Problem:
 
     def solve(self, x0: Any, callback: Callable[..., Any] | None = None) -> Result:
         """Runs from a start, an array of shape (n,); answers and raises as `minimize` does."""
-        same = {"args": self.args, "method": self.method, "tol": self.tol, "callback": callback}
-        same |= {"jac": self.jac, "constraints": self.constraints, "options": self.options}
-        if not self.residuals:
-            return minimize(self.fun, x0, hess=self.hess, bounds=self.bounds, **same)
-        sides = (-np.inf, np.inf) if self.bounds is None else self.bounds
-        return least_squares(self.fun, x0, bounds=sides, m=self.m, **same)
+        run = least_squares if self.residuals else minimize
+        return run(x0=x0, callback=callback, **self._arguments())
+
+    def _arguments(self) -> dict[str, Any]:
+        names = ["fun", "args", "method", "jac", "bounds", "constraints", "tol", "options"]
+        said = {name: getattr(self, name) for name in [*names, "m" if self.residuals else "hess"]}
+        if self.residuals and self.bounds is None:
+            said["bounds"] = (-np.inf, np.inf)
+        return said
+
+    def for_core(self, x0: Any) -> tuple[dict[str, Any], np.ndarray, dict[str, Any]]:
+        """What the core takes of it, and of a start."""
+        if self.residuals:
+            return squares_problem(x0=x0, kwargs=None, **self._arguments())
+        return scalar_problem(x0=x0, **self._arguments())
 
     def _runs_without_the_interpreter(self) -> bool:
         blocks = self.constraints
@@ -140,17 +149,10 @@ class ManyResults:
         return "".join(f"\nstart {i} was lost: {why!r}" for i, why in sorted(self.lost.items()))
 
     def __repr__(self) -> str:
-        rows = [self._HEADS, *self._rows()]
-        widths = [max(map(len, column)) for column in zip(*rows)]
-        lines = ["  ".join(map(str.ljust, row, widths)).rstrip() for row in rows]
-        return "\n".join(lines) + self._lost_line()
+        return table_of([self._HEADS, *self._rows()]) + self._lost_line()
 
     def _repr_html_(self) -> str:
-        def line(row: Sequence[str], tag: str) -> str:
-            return "<tr>" + "".join(f"<{tag}>{escape(cell)}</{tag}>" for cell in row) + "</tr>"
-
-        body = line(self._HEADS, "th") + "".join(line(row, "td") for row in self._rows())
-        return f"<table>{body}</table>{escape(self._lost_line())}"
+        return table_of([self._HEADS, *self._rows()], html=True) + escape(self._lost_line())
 
 
 # ---- Ends of runs, as they come -------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from html import escape
 from textwrap import fill
 from typing import Any, NamedTuple
@@ -54,6 +55,18 @@ class Part(_Fields):
 def _numbers(values: np.ndarray, most: int = 8) -> str:
     shown = ", ".join(f"{value:.8g}" for value in values[:most])
     return shown if len(values) <= most else f"{shown}, ... ({len(values)} in all)"
+
+
+def table_of(rows: Sequence[Sequence[str]], html: bool = False) -> str:
+    """Text rows, the first of them heads, as an aligned table."""
+    if not html:
+        widths = [max(map(len, column)) for column in zip(*rows)]
+        return "\n".join("  ".join(map(str.ljust, row, widths)).rstrip() for row in rows)
+    lines = [
+        "<tr>" + "".join(f"<{tag}>{escape(cell)}</{tag}>" for cell in row) + "</tr>"
+        for row, tag in zip(rows, ["th", *["td"] * len(rows)])
+    ]
+    return f"<table>{''.join(lines)}</table>"
 
 
 class Result(_Fields):
