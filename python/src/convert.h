@@ -15,6 +15,9 @@ Options make_options(const py::dict& said, const std::shared_ptr<Calls>& calls);
 std::vector<std::string> option_names();
 
 py::dict as_dict(const Result& result);
+// The statistics of a result, for its field "fit" (statistics.cpp).
+py::object make_fit(const Result& result);
+void bind_statistics(py::module_& module);
 py::list as_list(const std::vector<LogRecord>& log);
 py::list as_list(const std::vector<Table>& tables);
 py::array_t<double> as_array(const std::vector<double>& values);

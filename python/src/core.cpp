@@ -106,6 +106,7 @@ PYBIND11_MODULE(_core, module) {
   bind_session(module);
   bind_compiled(module);
   bind_stop_flag(module);
+  bind_statistics(module);
   using namespace py::literals;
   module.def("solve", &run, "problem"_a, "start"_a, "options"_a, "stop"_a = StopFlag());
   module.def("check_derivatives", &check);

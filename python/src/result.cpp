@@ -98,7 +98,7 @@ py::dict as_dict(const Result& result) {
                                         "nonlinear"_a = as_integers(active.nonlinear)),
                   "optimality"_a = as_dict(result.optimality), "counts"_a = as_dict(result.counts),
                   "history"_a = as_dict(result.history), "tables"_a = as_list(result.tables),
-                  "log"_a = as_list(result.log));
+                  "log"_a = as_list(result.log), "fit"_a = make_fit(result));
 }
 
 // ---- Many starts --------------------------------------------------------------------------------
