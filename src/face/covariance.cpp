@@ -205,6 +205,8 @@ static void set_covariance(const Result& result, const ProblemData& problem,
 
 static Variance kind_of(const ProblemData& problem, Variance asked) {
   const bool squares = problem.kind == Kind::least_squares;
+  if (asked < Variance::automatic || asked > Variance::crossproduct)
+    refuse("Variance", "a number that is none of them", "one of Variance");
   if (asked == Variance::crossproduct && !squares)
     refuse("Variance", "crossproduct for an objective without residuals", "hessian, or automatic");
   if (asked != Variance::automatic) return asked;

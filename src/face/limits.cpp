@@ -94,11 +94,11 @@ static Limit::Ending ending_of(int status) {
 }
 
 // A technique with derivatives: the one of the run if it has them.
-static const TechniqueRow& limit_technique(const ProblemData& problem, const Constraints& c,
-                                           const Origin& origin) {
+static const TechniqueRow& limit_technique(const Origin& origin) {
+  const ProblemData& problem = origin.problem.data();
   const TechniqueRow& row = row_of(origin.technique);
   if (row.job != SETTINGS_SIMPLEX && !row.quadratic) return row;
-  const bool squares = problem.kind == Kind::least_squares && c.nonlinear.empty();
+  const bool squares = problem.kind == Kind::least_squares && problem.c_lower.empty();
   return row_of(squares ? Technique::levenberg_marquardt : Technique::quasi_newton);
 }
 
@@ -120,8 +120,8 @@ struct Request {
 
 }  // namespace
 
-static void fill_request(const Origin& origin, const Result& result, const LimitOptions& asked,
-                         const Covariance& covariance, Request& to) {
+static void fill_request(const Origin& origin, const TechniqueRow& row, const Result& result,
+                         const LimitOptions& asked, const Covariance& covariance, Request& to) {
   const ProblemData& problem = origin.problem.data();
   const Units& units = origin.units;
   const std::size_t n = result.x.size();
@@ -129,7 +129,9 @@ static void fill_request(const Origin& origin, const Result& result, const Limit
   for (const double level : asked.levels) to.alfa.push_back(1.0 - level);
   to.errors = covariance.errors;
   for (std::size_t j = 0; j < n; ++j) to.errors[j] /= units.of(static_cast<long>(j));
-  to.limits.resize(2 * to.parameters.size() * to.alfa.size());
+  // What a search that does not begin leaves.
+  to.limits.assign(2 * to.parameters.size() * to.alfa.size(),
+                   {0, 0, 0.0, missing, missing, LIMIT_SEARCH_FAILED});
   to.lower_point.resize(n);
   PLCSTR& options = to.options;
   options.job = 1;
@@ -143,13 +145,18 @@ static void fill_request(const Origin& origin, const Result& result, const Limit
   options.ffac = squares ? 2.0 : 2.0 / asked.likelihood.multiple * units.objective;
   options.limits = to.limits.data();
   options.xlow = to.lower_point.data();
+  options.flow = missing;
   COVSTR& post = to.post;
   post.plcstr = &options;
   post.df = missing;
   if (!squares) return;
   to.observations = static_cast<double>(problem.m);
   post.nobs = &to.observations;
-  post.sigs = std::sqrt(covariance.residual_variance) / units.residual;
+  // A record without residuals has no variance of them: its rise is scaled instead.
+  if (row.squares)
+    post.sigs = std::sqrt(covariance.residual_variance) / units.residual;
+  else
+    options.ffac *= units.objective / covariance.residual_variance;
   // The search itself takes off one for each active constraint.
   const auto active = static_cast<double>(problem.n - covariance.dimension);
   if (covariance.freedom > 0.0) post.df = to.observations - covariance.freedom + active;
@@ -208,10 +215,9 @@ static void search_limits(const Result& result, const Origin& origin, Request& r
   constraints.bounds = true;  // a parameter is held by them
   Shared shared{problem, constraints, origin.options};
   shared.units = origin.units;
-  const TechniqueRow& row = limit_technique(problem, constraints, origin);
   embed::Task task;
   const int exit_code = run_on_task(
-      task, [&] { search(shared, row, result, request); },
+      task, [&] { search(shared, limit_technique(origin), result, request); },
       [&] {
         limits.tables = std::move(task.tables);
         limits.log = std::move(task.log);
@@ -237,6 +243,21 @@ static void take_limits(const Units& units, const Request& request, Limits& limi
   }
 }
 
+static void set_endings(Limit::Ending ending, Limits& limits) {
+  for (Limit& limit : limits.all) {
+    limit.lower = limit.upper = missing;
+    limit.lower_ending = limit.upper_ending = ending;
+  }
+}
+
+// Was the result itself bettered, and not only a point of a profile? Its limits are then those of
+// another point.
+static bool result_is_no_optimum(const Limits& limits) {
+  return !limits.better.empty() && std::ranges::none_of(limits.all, [](const Limit& limit) {
+    return limit.lower_ending == Limit::lower_point || limit.upper_ending == Limit::lower_point;
+  });
+}
+
 Limits limits_of(const Result& result, const LimitOptions& options) {
   const Origin& origin = origin_of(result);
   const ProblemData& problem = origin.problem.data();
@@ -248,10 +269,15 @@ Limits limits_of(const Result& result, const LimitOptions& options) {
     set_wald_limits(problem, options.likelihood, covariance, limits);
     return limits;
   }
+  if (problem.kind == Kind::least_squares && wzmis(covariance.residual_variance)) {
+    set_endings(Limit::no_target, limits);
+    return limits;
+  }
   Request request;
-  fill_request(origin, result, options, covariance, request);
+  fill_request(origin, limit_technique(origin), result, options, covariance, request);
   search_limits(result, origin, request, limits);
   take_limits(origin.units, request, limits);
+  if (result_is_no_optimum(limits)) set_endings(Limit::lower_point, limits);
   return limits;
 }
 
@@ -296,7 +322,7 @@ Profile profile_of(const Result& result, long parameter, double level,
   const Covariance covariance = covariance_of(result, Variance::automatic, likelihood);
   Request request;
   request.wants_points = true;
-  fill_request(origin, result, options, covariance, request);
+  fill_request(origin, limit_technique(origin), result, options, covariance, request);
   Limits limits;
   search_limits(result, origin, request, limits);
   Profile profile;

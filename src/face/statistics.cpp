@@ -19,7 +19,7 @@ std::shared_ptr<const Origin> remember(const Problem& problem, const Shared& sha
   kept.partial = nullptr;
   kept.report = 0;
   kept.check_derivatives = kept.leave_saddles = false;
-  kept.objective_target = kept.calls = kept.seconds = std::nullopt;
+  kept.objective_target = kept.iterations = kept.calls = kept.seconds = std::nullopt;
   return origin;
 }
 
@@ -68,11 +68,12 @@ Profile Result::profile(long parameter, double level, const Likelihood& likeliho
 // ---- Words --------------------------------------------------------------------------------------
 
 double Covariance::operator()(long i, long j) const {
-  return matrix[static_cast<std::size_t>(i) * states.size() + static_cast<std::size_t>(j)];
+  return matrix.at(static_cast<std::size_t>(i) * states.size() + static_cast<std::size_t>(j));
 }
 
 double Covariance::correlation(long i, long j) const {
-  const double product = errors[static_cast<std::size_t>(i)] * errors[static_cast<std::size_t>(j)];
+  const double product =
+      errors.at(static_cast<std::size_t>(i)) * errors.at(static_cast<std::size_t>(j));
   return product > 0.0 ? (*this)(i, j) / product : missing;
 }
 

@@ -135,7 +135,13 @@ TEST(Statistics, LimitsAgreeWithBruteForce) {
     };
     const auto freedom = static_cast<double>(set.degrees_of_freedom);
     const double t = zqt(0.9, freedom);
-    expect_limits(fit, 0.8, half, static_cast<Long>(fit.objective / freedom * t * t));
+    const auto rise = static_cast<Long>(fit.objective / freedom * t * t);
+    for (const auto technique : {Technique::automatic, Technique::quasi_newton}) {
+      Options options;
+      options.technique = technique;
+      expect_limits(solve(face_problem(p, Form::squares, Modules::all), p.start, options), 0.8,
+                    half, rise);
+    }
   }
 }
 
@@ -234,6 +240,10 @@ TEST(Statistics, WhatConstraintsLeave) {
       P::least_squares(2, 2, [](Point p, Values r) { r[0] = p[0], r[1] = p[1] - 1; });
   EXPECT_EQ(solve(exact, {1, 1}).covariance().ending, C::no_freedom);
   EXPECT_EQ(solve(exact, {1, 1}).limits()[0].lower_ending, Limit::no_target);
+  options.iterations = 0;
+  const Limits early = solve(squares(2), {9, 9}, options).limits();
+  EXPECT_EQ(early[0].lower_ending, Limit::lower_point);
+  EXPECT_NEAR(early.better_objective, rows[0].result.objective, 1e-9);
 }
 
 TEST(Statistics, RefusalsAndExceptions) {
