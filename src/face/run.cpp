@@ -29,6 +29,23 @@ Run::~Run() {
 
 // ---- Kind, constraints, derivatives -------------------------------------------------------------
 
+// Names of linear and nonlinear constraints, one behind the other at equal lengths.
+static void name_constraints(Run& run) {
+  const ProblemData& problem = run.shared.problem;
+  std::vector<std::string> names;
+  for (const OneSide& row : run.shared.constraints.rows)
+    names.push_back(problem.rows[static_cast<std::size_t>(row.source)].name);
+  for (const OneSide& one : run.shared.constraints.nonlinear)
+    names.push_back(
+        problem.c_names.empty() ? "" : problem.c_names[static_cast<std::size_t>(one.source)]);
+  std::size_t longest = 0;
+  for (const std::string& name : names) longest = std::max(longest, name.size());
+  if (longest == 0) return;
+  for (std::string& name : names) run.constraint_names += name.append(longest - name.size(), ' ');
+  run.cnam = run.constraint_names.data();
+  run.maxcnam = static_cast<int>(longest);
+}
+
 static void set_kind(Run& run) {
   const ProblemData& problem = run.shared.problem;
   default_start(&run, run.row.tech, run.row.ider, problem.n);
@@ -40,6 +57,7 @@ static void set_kind(Run& run) {
   }
   for (const std::string& name : problem.names) run.names.push_back(name.c_str());
   if (!run.names.empty()) run.pnam = run.names.data();
+  name_constraints(run);
 }
 
 // Counts; those of bounds are upper limits until complete_constraints has looked.

@@ -94,6 +94,7 @@ struct Run : MINSTR {
   std::vector<double> pending;   // n + 1: point and value that wait for their constraints
   std::vector<double> held;      // n: point at which the nonlinear constraints held last
   std::vector<const char*> names;
+  std::string constraint_names;
   // One a nonlinear constraint of the record, set before the record is filled; empty: none. With
   // them the record's objective, with all its derivatives, is the Lagrangian, crit less multipliers
   // times fcon; the objective must not be one of residuals (squares).

@@ -198,12 +198,21 @@ TEST(Face, NamesTablesCountsAndThreads) {
   EXPECT_TRUE(found.optimality);
   EXPECT_EQ(found.counts.objective, values);
   EXPECT_EQ(found.counts.gradient, slopes);
-  EXPECT_FALSE(found.tables.empty());
-  bool named = false;
-  for (const Table& table : found.tables)
-    for (const auto& row : table.rows)
-      for (const Cell& cell : row) named |= cell == Cell(std::string("slope"));
-  EXPECT_TRUE(named);
+  const auto names = [](const Result& result, const char* name) {
+    bool named = false;
+    for (const Table& table : result.tables)
+      for (const auto& row : table.rows)
+        for (const Cell& cell : row) named |= cell == Cell(std::string(name));
+    return named;
+  };
+  EXPECT_TRUE(names(found, "slope"));
+  const auto within = [](Point x, Values c) { c[0] = x[0] * x[0] + x[1] * x[1]; };
+  options.report = 3;
+  const Result constrained = solve(problem.linear({1, 1}, -inf, 1, "budget")
+                                       .nonlinear({-inf}, {1}, within)
+                                       .nonlinear_names({"disk"}),
+                                   START, options);
+  EXPECT_TRUE(names(constrained, "budget") && names(constrained, "disk"));
 
   Vector ends[4];
   std::vector<std::thread> threads;

@@ -168,7 +168,7 @@ struct MINSTR {
   const char* const* fnam;  // mequ function names; null: numbered
   int maxpnam;              // longest name in pnam; set by the driver
   int maxfnam;              // longest name in fnam; set by the driver
-  int maxcnam;              // longest name in cnam
+  int maxcnam;              // length of each name in cnam
 
   // ---- Group 8. Real work and value arrays (allocated by the entry) -----------------------------
   double* det;   // 5; determinant of a factorization; head of the block that holds the next five
@@ -213,7 +213,8 @@ struct MINSTR {
   double* lag2;  // multipliers of the second form
   double* ywrk;  // 4n; one row in work of the range-space frame
   double* uvwg;  // solved gradients and triangle of the range-space frame
-  const char* cnam;  // constraint names; null
+  const char* cnam;  // names of general constraints, linear first, maxcnam characters each, padded
+                     // with blanks; null, or blank: by kind and number
   double* fcon;      // nnlc; nonlinear constraint values; COBYLA: ntco, of all constraints
   double* jcon;      // nnlc x n; their Jacobian; COBYLA: values at the vertices
   double* grlf;      // n; gradient of the Lagrangian

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
+#include <string>
 
 #include "host/log.h"
 
@@ -136,7 +137,16 @@ static bool is_equality(const MINSTR* str, long c) {
   return is_linear(str, c) ? c < str->neqc : c - str->ncon < str->nlec;
 }
 
+// The name that the user gave, or none.
+static RvxText given_name(const MINSTR* str, long c) {
+  if (str->cnam == nullptr) return {};
+  const std::string padded(str->cnam + c * str->maxcnam, static_cast<std::size_t>(str->maxcnam));
+  return unpadded(padded.c_str());
+}
+
 RvxText constraint_name(const MINSTR* str, long c) {
+  const RvxText given = given_name(str, c);
+  if (given.text[0] != '\0') return given;
   if (is_linear(str, c)) return numbered_name(is_equality(str, c) ? "C1_" : "C2_", c + 1);
   return numbered_name(is_equality(str, c) ? "C3_" : "C4_", c - str->ncon + 1);
 }

@@ -56,9 +56,9 @@ RvxText parameter_name(const MINSTR* str, long j);
 // A name made of a prefix and a number.
 RvxText numbered_name(const char* prefix, long number);
 
-// Label of a general constraint, c as in iact: "C1_" linear equality, "C2_" linear inequality,
-// "C3_" nonlinear equality, "C4_" nonlinear inequality, and the number of the constraint among the
-// linear or the nonlinear ones.
+// Label of a general constraint, c as in iact: its name in cnam, else "C1_" linear equality, "C2_"
+// linear inequality, "C3_" nonlinear equality, "C4_" nonlinear inequality, and the number of the
+// constraint among the linear or the nonlinear ones.
 RvxText constraint_name(const MINSTR* str, long c);
 
 // Kind of a general constraint (c as in iact) and of a parameter's bound (status as in iabc).
