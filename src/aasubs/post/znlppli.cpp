@@ -1,11 +1,11 @@
 // znlppli: Profile-LIkelihood limits of single parameters, the analysis as a whole. What a limit is
 // stands in the header, how one is searched for in znlppli_search.cpp.
 //
-//   1  options, and who takes the limits
+//   1  lists of parameters and levels, options, and who takes the limits
 //   2  a copy of the record; callbacks that count; bounds, so that a parameter can be held
 //   3  f* once more with tight tolerances, the scale, the targets, standard errors
 //   4  Wald limits; both sides of every parameter
-//   5  report, results, the record as it was
+//   5  report, results, the record as it was, the caller's output
 //
 // Every optimization begins with the same record (base), its start point apart, so that what one
 // run leaves behind never reaches the next.

@@ -82,13 +82,20 @@ static void reduce_hessian(MINSTR* str, const Room& room, long order) {
   }
 }
 
-// Inverts Z'HZ; false unless it is positive definite by the criteria of COVSTR.
+// Inverts Z'HZ; false unless it is positive definite by the criteria of COVSTR. Where there are
+// none it is that of the run's factorizations, for each variable by itself: the zeros of a Hessian
+// by differences are small numbers, and units of variables differ.
 static bool invert(const MINSTR* str, const Room& room, long order) {
+  static constexpr double SINGULAR = 1e-8;
   const COVSTR* post = working_record(str)->savstr.covstr;
   const auto given = [](double criterion) { return criterion > 0.0 ? criterion : MISSING; };
+  double vsin = given(post->vsin);
+  if (wzmis(vsin) && wzmis(given(post->asin)) && wzmis(given(post->msin))) {
+    vsin = std::max(str->sing, SINGULAR);
+  }
   double det[5];
-  const int code = zcovinv(1, 0, order, given(post->asin), given(post->msin), given(post->vsin),
-                           room.inv, det, room.cdia, room.work, str->iwk);
+  const int code = zcovinv(1, 0, order, given(post->asin), given(post->msin), vsin, room.inv, det,
+                           room.cdia, room.work, str->iwk);
   return code == 0 && det[3] == 0.0 && det[4] == 0.0;
 }
 

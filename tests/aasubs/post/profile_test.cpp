@@ -255,6 +255,9 @@ TEST_F(Profile, EveryEndOfASearch) {
                       const double d = 1e5 * (x[0] - 1.0);
                       g[0] = 1e5 * d / (1.0 + 0.01 * d * d), g[1] = x[1];
                     }};
+  // Nothing but the sum is determined.
+  const Model valley{[](const double* x) { return 0.5 * (x[0] + x[1]) * (x[0] + x[1]); },
+                     [](const double* x, double* g) { g[0] = g[1] = x[0] + x[1]; }};
   const auto at = [](double value) { return Side{LIMIT_FOUND, value}; };
   const Side edge{LIMIT_AT_BOUND, MISSING}, flat{LIMIT_NOT_REACHED, MISSING};
   const Side below{LIMIT_LOWER_POINT, MISSING};
@@ -274,6 +277,7 @@ TEST_F(Profile, EveryEndOfASearch) {
        {},
        1e12},
       {"heavy", heavy, {{1.000001, 1}, {}, {}}, at(0.9999797983235), at(1.0000202016765)},
+      {"valley", valley, {{1, 1}, {}, {}}, flat, flat},
       {"wells", wells, {{1, 1}, {}, {}}, below, at(1.5409407690233)},
   };
   for (const End& end : ends) {
@@ -308,6 +312,7 @@ TEST_F(Profile, EveryEndOfASearch) {
       const Side& wanted = side < 0 ? end.low : end.high;
       EXPECT_EQ(limit.status, wanted.status);
       EXPECT_EQ(wzmis(limit.value), limit.status != LIMIT_FOUND);
+      EXPECT_TRUE(wzmis(limit.wald) || &end.model != &valley);
       if (wzmis(limit.value)) continue;
       EXPECT_NEAR(limit.value, wanted.at, 2e-8);
     }
