@@ -85,6 +85,7 @@ static Limit::Ending ending_of(int status) {
     case LIMIT_LOWER_POINT:
       return Limit::lower_point;
     case LIMIT_SEARCH_FAILED:
+    case LIMIT_STOPPED:
       return Limit::search_failed;
     case LIMIT_NO_TARGET:
       return Limit::no_target;
@@ -180,7 +181,7 @@ static void search(Shared& shared, const TechniqueRow& row, const Result& result
                    Request& request) {
   Run run(shared, row);
   prepare_run(run, result.x);
-  run.atol = HUGE_VALUE;
+  run.atol = run.imax != 0 ? -HUGE_VALUE : HUGE_VALUE;
   run.ster = request.errors.data();
   run.covstr = &request.post;
   if (request.wants_points && xcopen(&request.options.utprof, nullptr) != 0) throw std::bad_alloc();
