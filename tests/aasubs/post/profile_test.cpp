@@ -311,6 +311,7 @@ TEST_F(Profile, EveryEndOfASearch) {
     EXPECT_EQ(record.nfct, plain.nfct);
     EXPECT_EQ(record.bounds, plain.bounds);
     EXPECT_TRUE(std::equal(record.grad, record.grad + 2, plain.grad));
+    EXPECT_TRUE(std::equal(record.ifxr, record.ifxr + 2, plain.ifxr));
     EXPECT_TRUE(std::equal(record.iabc, record.iabc + 2, plain.iabc));
     EXPECT_EQ(l.options.plcs, nullptr);
 
