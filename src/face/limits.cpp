@@ -298,8 +298,9 @@ static void add_points(std::vector<PLPNT>& points, double sign, double objective
                        Profile& profile) {
   static constexpr double APART = 0.05;  // in the root of the likelihood ratio
   points.push_back({static_cast<double>(profile.parameter), profile.estimate, objective});
-  std::sort(points.begin(), points.end(),
-            [](const PLPNT& a, const PLPNT& b) { return a.xval < b.xval; });
+  std::sort(points.begin(), points.end(), [=](const PLPNT& a, const PLPNT& b) {
+    return a.xval != b.xval ? a.xval < b.xval : sign * a.yval < sign * b.yval;
+  });
   for (const PLPNT& point : points) {
     const double rise = std::max(sign * (point.yval - objective), 0.0);
     const double root = std::copysign(std::sqrt(rise / unit), point.xval - profile.estimate);
