@@ -5,9 +5,18 @@
 
 namespace tqnlp::face {
 
+// How far a look goes: second derivatives never, where the gradient leaves doubt, or always; they
+// are taken where they can be afforded.
+enum class Look { first_order, if_in_doubt, second_order };
+
+// What a run that is started again may use.
+struct Advice {
+  std::vector<double> better;  // the lower point that negative curvature leads to; empty: none
+  std::vector<double> sizes;   // of the parameters, by the curvature; 0: not known; empty: none
+};
+
 // Evaluates the point of the result afresh and fills gradient, residuals, values of the
-// constraints, multipliers, active set and optimality. curvature: also whether there is negative
-// curvature, where that can be afforded; *better then receives the lower point that shows it.
-void check_point(Shared& shared, bool curvature, Result* result, std::vector<double>* better);
+// constraints, multipliers, active set and optimality.
+void check_point(Shared& shared, Look look, Result* result, Advice* advice);
 
 }  // namespace tqnlp::face

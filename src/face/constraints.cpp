@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "aasubs/record/constants.h"
 
@@ -108,6 +109,87 @@ static void take_rows(const ProblemData& problem, Constraints& c) {
         static_cast<long>(problem.rows[static_cast<std::size_t>(row.source)].columns.size());
 }
 
+// ---- Contradictions of rows ---------------------------------------------------------------------
+
+// The values that a row can have between the bounds, and the size of its terms.
+struct Range {
+  double lowest = 0.0, highest = 0.0, size = 0.0;
+};
+
+static Range range_of(const LinearRow& row, const Constraints& c) {
+  Range range;
+  for (std::size_t k = 0; k < row.columns.size(); ++k) {
+    const auto j = static_cast<std::size_t>(row.columns[k]);
+    double least = c.lower[j] > -HUGE_VALUE ? row.values[k] * c.lower[j] : -inf;
+    double most = c.upper[j] < HUGE_VALUE ? row.values[k] * c.upper[j] : inf;
+    if (row.values[k] < 0.0) {
+      least = c.upper[j] < HUGE_VALUE ? row.values[k] * c.upper[j] : -inf;
+      most = c.lower[j] > -HUGE_VALUE ? row.values[k] * c.lower[j] : inf;
+    }
+    range.lowest += least;
+    range.highest += most;
+    for (const double end : {least, most})
+      if (std::isfinite(end)) range.size += std::fabs(end);
+  }
+  return range;
+}
+
+static constexpr double ROUNDING_OF_ROWS = 1e-12;  // relative to the size of the terms
+
+static void check_row_against_bounds(const ProblemData& problem, long i, const Constraints& c) {
+  const LinearRow& row = problem.rows[static_cast<std::size_t>(i)];
+  const Range range = range_of(row, c);
+  const double slack = ROUNDING_OF_ROWS * (1.0 + range.size);
+  if (side_there(row.lower) && range.highest < row.lower - slack)
+    refuse(problem.row_name(i),
+           "lower " + shown(row.lower) + ", and bounds that allow at most " + shown(range.highest),
+           "a row that some point within the bounds satisfies");
+  if (side_there(row.upper) && range.lowest > row.upper + slack)
+    refuse(problem.row_name(i),
+           "upper " + shown(row.upper) + ", and bounds that allow at least " + shown(range.lowest),
+           "a row that some point within the bounds satisfies");
+}
+
+// The factor f with b = f a; 0: the rows are not parallel.
+static double parallel_factor(const LinearRow& a, const LinearRow& b) {
+  if (a.columns != b.columns) return 0.0;
+  const double factor = b.values.front() / a.values.front();
+  for (std::size_t k = 0; k < a.values.size(); ++k) {
+    const double difference = b.values[k] - factor * a.values[k];
+    if (std::fabs(difference) > ROUNDING_OF_ROWS * std::fabs(b.values[k])) return 0.0;
+  }
+  return factor;
+}
+
+// Row k against row i, which comes before it: sides in the units of row i.
+static void check_parallel_rows(const ProblemData& problem, long i, long k) {
+  const LinearRow& a = problem.rows[static_cast<std::size_t>(i)];
+  const LinearRow& b = problem.rows[static_cast<std::size_t>(k)];
+  const double factor = parallel_factor(a, b);
+  if (factor == 0.0) return;
+  double lower = b.lower / factor, upper = b.upper / factor;
+  if (factor < 0.0) std::swap(lower, upper);
+  const bool above = side_there(lower) && side_there(a.upper) && crosses(lower, a.upper);
+  const bool below = side_there(upper) && side_there(a.lower) && crosses(a.lower, upper);
+  if (!above && !below) return;
+  refuse(problem.row_name(k) + " beside the parallel " + problem.row_name(i),
+         above ? "at least " + shown(lower) + " and at most " + shown(a.upper)
+               : "at most " + shown(upper) + " and at least " + shown(a.lower),
+         "sides that some point satisfies");
+}
+
+static void check_rows(const ProblemData& problem, const Constraints& c) {
+  std::map<std::vector<long>, std::vector<long>> alike;  // rows of the same parameters
+  for (long i = 0; i < static_cast<long>(problem.rows.size()); ++i) {
+    const LinearRow& row = problem.rows[static_cast<std::size_t>(i)];
+    if (row.columns.size() < 2) continue;
+    check_row_against_bounds(problem, i, c);
+    std::vector<long>& before = alike[row.columns];
+    for (const long other : before) check_parallel_rows(problem, other, i);
+    before.push_back(i);
+  }
+}
+
 static void take_nonlinear(const ProblemData& problem, Constraints& c) {
   std::vector<OneSide> equalities, inequalities;
   for (std::size_t k = 0; k < problem.c_lower.size(); ++k)
@@ -125,6 +207,7 @@ Constraints normalize(const ProblemData& problem) {
   Constraints c;
   take_bound_arrays(problem, c);
   take_rows(problem, c);
+  check_rows(problem, c);
   take_nonlinear(problem, c);
   for (std::size_t j = 0; j < c.lower.size(); ++j) {
     if (c.lower[j] > c.upper[j]) c.lower[j] = c.upper[j];  // by rounding

@@ -157,7 +157,11 @@ void convert_options(const Options& options, const Units& units, MINSTR* str) {
   if (options.objective_target.has_value()) str->atol /= units.objective;
   str->aftl /= units.objective;
   str->fsiz /= units.objective;
-  if (options.gradient_tolerance.has_value()) str->agtl *= least / units.objective;
+  // A large objective may have become so on the way from a far start: its criterion stays.
+  if (options.gradient_tolerance.has_value())
+    str->agtl *= least / units.objective;
+  else
+    str->agtl /= std::max(units.objective, 1.0);
   if (options.step_tolerance.has_value()) str->axtl /= most;
   str->xsiz /= most;
 }

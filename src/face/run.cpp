@@ -239,15 +239,6 @@ static void load_bounds(Run& run) {
   }
 }
 
-// A row is counted in a unit of its own where the parameters are: its largest coefficient is of
-// moderate size then.
-static double unit_of_row(const Units& units, const LinearRow& row) {
-  double largest = 0.0;
-  for (std::size_t k = 0; k < row.columns.size(); ++k)
-    largest = std::max(largest, std::fabs(row.values[k]) * units.of(row.columns[k]));
-  return units.parameter.empty() ? 1.0 : power_of_two(largest);
-}
-
 static void load_rows(Run& run) {
   const Constraints& c = run.shared.constraints;
   const Units& units = run.shared.units;

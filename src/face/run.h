@@ -59,8 +59,9 @@ struct Shared {
   const ProblemData& problem;
   const Constraints& constraints;
   const Options& options;
-  Units units{};              // of all records
-  bool unit_is_open = false;  // that of the objective, until its first value is known
+  Units units{};                // of all records
+  std::vector<double> sizes{};  // of the parameters, as start and bounds show; 0: not known
+  bool unit_is_open = false;    // that of the objective, until its first value is known
   Counts counts{};
   UserClock clock{};
   BestPoint best{};
@@ -125,6 +126,17 @@ int drive(Run& run);
 
 // Callbacks of the record (evaluate.cpp).
 void set_callbacks(Run& run);
+
+// Sizes of the parameters and the units of a solve from this start. The unit of the objective waits
+// for its first value.
+void choose_units(Shared& shared, const std::vector<double>& start);
+
+// Units of the parameters by other sizes, unless the user has said his.
+void learn_sizes(Shared& shared, const std::vector<double>& sizes);
+
+// Units that suit a look at x: near its elements, or for one that is small beside the size of its
+// parameter near that.
+std::vector<double> units_near(const Shared& shared, const std::vector<double>& x);
 
 // The unit of the objective, by its value at the start and what it is near by. True when it becomes
 // another one, for which the record has to be made anew. Asks once in a solve.

@@ -69,20 +69,48 @@ static bool are_moderate(const std::vector<double>& sizes) {
       sizes, [](double size) { return size == 0.0 || (size >= SMALL && size <= LARGE); });
 }
 
-Units choose_units(const ProblemData& problem, const Constraints& constraints,
-                   const Options& options, const std::vector<double>& start) {
-  Units units;
-  if (options.scaling == Scaling::off) return units;
-  std::vector<double> sizes = options.scale;
-  if (sizes.empty()) {
-    const bool quadratic = problem.kind == Kind::quadratic;
-    sizes = quadratic ? sizes_of_quadratic(problem) : sizes_of(constraints, start);
-    if (are_moderate(sizes)) return units;
-  }
+// Powers of two near sizes; none when all are 1. What is not known stays in the user's unit.
+static std::vector<double> units_by(std::vector<double> sizes) {
   for (double& size : sizes) size = power_of_two(size);
-  if (std::ranges::any_of(sizes, [](double size) { return size != 1.0; }))
-    units.parameter = std::move(sizes);
-  return units;
+  if (std::ranges::all_of(sizes, [](double size) { return size == 1.0; })) sizes.clear();
+  return sizes;
+}
+
+void choose_units(Shared& shared, const std::vector<double>& start) {
+  const ProblemData& problem = shared.problem;
+  const Options& options = shared.options;
+  shared.sizes = options.scale.empty() ? sizes_of(shared.constraints, start) : options.scale;
+  if (options.scaling == Scaling::off) return;
+  shared.unit_is_open = true;
+  if (!options.scale.empty())
+    shared.units.parameter = units_by(options.scale);
+  else
+    learn_sizes(shared,
+                problem.kind == Kind::quadratic ? sizes_of_quadratic(problem) : shared.sizes);
+}
+
+void learn_sizes(Shared& shared, const std::vector<double>& sizes) {
+  const bool may = shared.options.scaling == Scaling::automatic && shared.options.scale.empty();
+  if (may && !are_moderate(sizes)) shared.units.parameter = units_by(sizes);
+}
+
+std::vector<double> units_near(const Shared& shared, const std::vector<double>& x) {
+  static constexpr double SMALL = 1e-3;
+  std::vector<double> sizes;
+  for (std::size_t j = 0; j < x.size(); ++j) {
+    const bool known = j < shared.sizes.size() && shared.sizes[j] > 0.0;
+    const double typical = known ? shared.sizes[j] : 1.0;
+    sizes.push_back(std::fabs(x[j]) >= SMALL * typical ? std::fabs(x[j]) : typical);
+  }
+  return units_by(std::move(sizes));
+}
+
+double unit_of_row(const Units& units, const LinearRow& row) {
+  if (units.parameter.empty()) return 1.0;
+  double largest = 0.0;
+  for (std::size_t k = 0; k < row.columns.size(); ++k)
+    largest = std::max(largest, std::fabs(row.values[k]) * units.of(row.columns[k]));
+  return power_of_two(largest);
 }
 
 // ---- Objective ----------------------------------------------------------------------------------
@@ -97,27 +125,43 @@ static bool evaluate_start(Run& run) {
   return run.start_code == 0;
 }
 
-// The largest change of the objective at two points a tenth of the parameters' sizes away.
+// The largest change of the objective at two points near the start, a hundredth of the parameters'
+// sizes away, in directions in which no objective is constant by design. The user's unit counts as
+// a size here where a parameter is small: a start near 0 may mean 0.
 static double change_near_start(Run& run) {
-  static constexpr double PART = 0.1;
+  static constexpr double PART = 0.01;
+  static constexpr double GOLDEN = 0.6180339887498949;
   double change = 0.0;
   for (const double side : {PART, -PART}) {
     for (long j = 0; j < run.nvar; ++j) {
       const double x = run.start[static_cast<std::size_t>(j)];
-      run.x[j] = x + side * std::max(std::fabs(x), 1.0);
+      const double size = std::max({std::fabs(x), 1.0, 1.0 / run.shared.units.of(j)});
+      run.x[j] = x + side * size * (0.5 + std::fmod(GOLDEN * static_cast<double>(j + 1), 1.0));
     }
     if (run.usfct(&run) == 0) change = std::max(change, std::fabs(run.crit - run.start_crit));
   }
   std::copy(run.start.begin(), run.start.end(), run.x);
-  return change;
+  return change / PART;
 }
 
-// 0: the objective is of moderate size.
+// Techniques that take the length of the gradient for that of a step. The others go on better with
+// an objective that is large only because its start is far.
+static bool suffers_from_large_objectives(const TechniqueRow& row) {
+  return row.technique == Technique::watchdog || row.technique == Technique::newton_line_search_2;
+}
+
+// 0: the objective is of moderate size. A value much below the changes around it is that of a start
+// near a minimum at 0, where the changes count.
 static double unusual_size(Run& run) {
   static constexpr double SMALL = 1e-6;
-  if (!evaluate_start(run) || std::fabs(run.start_crit) >= SMALL) return 0.0;
+  static constexpr double NEAR_ZERO = 1e-3;
+  const double large = suffers_from_large_objectives(run.row) ? 1e8 : HUGE_VALUE;
+  const bool known = evaluate_start(run);
+  const double value = std::fabs(run.start_crit);
+  if (!known || (value >= SMALL && value <= large)) return 0.0;
   const double change = change_near_start(run);
-  return change < SMALL ? change : 0.0;
+  const double size = value > NEAR_ZERO * change ? std::min(value, change) : change;
+  return change < SMALL || size > large ? size : 0.0;
 }
 
 bool choose_objective_unit(Run& run) {

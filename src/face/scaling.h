@@ -61,13 +61,13 @@ double power_of_two(double size);
 // rows x n derivatives of values that are counted in unit, by rows, from the user to the record.
 void slopes_to_record(const Units& units, double unit, long rows, long n, double* values);
 
-// ---- Choice -------------------------------------------------------------------------------------
+// ---- Choice; what belongs to a run stands in face/run.h -----------------------------------------
 
 // Throws std::invalid_argument when the sizes that the user gives are not one a parameter.
 void check_scale(const ProblemData& problem, const Options& options);
 
-// The units of the parameters. That of the objective waits for its first value.
-Units choose_units(const ProblemData& problem, const Constraints& constraints,
-                   const Options& options, const std::vector<double>& start);
+// Of a run with other units, a row is counted in a unit of its own, so that its largest coefficient
+// is of moderate size; else 1.
+double unit_of_row(const Units& units, const LinearRow& row);
 
 }  // namespace tqnlp::face

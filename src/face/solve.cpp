@@ -116,38 +116,50 @@ static bool wants_analysis(const Options& options, const Result& result) {
   return options.analysis && result.status && result.status.ending != Status::objective_target_met;
 }
 
-static void check(Shared& shared, embed::Task& task, bool curvature, Result* result,
-                  std::vector<double>* better) {
+// After a limit, or where the caller has stopped the run, no time is spent on second derivatives.
+static Look look_at(const Shared& shared, const Result& result) {
+  if (wants_analysis(shared.options, result)) return Look::second_order;
+  const Status::Ending ending = result.status.ending;
+  const bool limited = ending == Status::count_limit || ending == Status::time_limit ||
+                       ending == Status::stopped_by_caller;
+  return limited ? Look::first_order : Look::if_in_doubt;
+}
+
+static void check(Shared& shared, embed::Task& task, Result* result, Advice* advice) {
   if (result->status.ending == Status::no_value_at_start ||
       result->status.ending == Status::interrupted_by_exception)
     return;
+  *advice = {};
   const std::size_t lines = task.log.size();
-  check_point(shared, curvature, result, better);
+  check_point(shared, look_at(shared, *result), result, advice);
   task.log.resize(lines);  // its remarks are those of the run
 }
 
-// Does a run that was started again improve on the one before?
+// Does a run that was started again improve on the one before? One that failed has to be clearly
+// better, or to end at a point that passes.
 static bool improves(const Result& next, const Result& last, bool maximize) {
-  const double sign = maximize ? -1.0 : 1.0;
+  static constexpr double CLEARLY = 1e-6;
   if (last.optimality.verdict == Optimality::not_feasible)
     return next.optimality.feasibility < last.optimality.feasibility;
-  return next.optimality.verdict != Optimality::not_feasible &&
-         (sign * next.objective < sign * last.objective ||
-          (next.optimality && sign * next.objective <= sign * last.objective));
+  if (next.optimality.verdict == Optimality::not_feasible) return false;
+  const double sign = maximize ? -1.0 : 1.0;
+  const double gain = sign * (last.objective - next.objective);
+  if (next.optimality) return gain >= 0.0;
+  return gain > (next.status ? 0.0 : CLEARLY * (1.0 + std::fabs(last.objective)));
 }
 
 static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow& row,
                           const std::vector<double>& start, Result* result) {
   run_once(shared, row, start, result);
-  std::vector<double> better;
-  check(shared, task, wants_analysis(shared.options, *result), result, &better);
+  Advice advice;
+  check(shared, task, result, &advice);
   while (wants_analysis(shared.options, *result) && contradicted(*result) &&
          result->optimality.restarts < MOST_RESTARTS && !shared.interrupted) {
     Result next = *result;
     ++next.optimality.restarts;
-    run_once(shared, row, better.empty() ? result->x : better, &next);
-    better.clear();
-    check(shared, task, wants_analysis(shared.options, next), &next, &better);
+    learn_sizes(shared, advice.sizes);
+    run_once(shared, row, advice.better.empty() ? result->x : advice.better, &next);
+    check(shared, task, &next, &advice);
     result->counts = next.counts;
     result->optimality.restarts = next.optimality.restarts;
     if (!improves(next, *result, shared.problem.maximize)) break;
@@ -220,8 +232,7 @@ Result solve(const Problem& problem, std::vector<double> start, const Options& o
   const face::Constraints constraints = face::normalize(data);
   const face::TechniqueRow& row = face::choose_technique(data, constraints, options);
   face::Shared shared{data, constraints, options};
-  shared.units = face::choose_units(data, constraints, options, start);
-  shared.unit_is_open = options.scaling == Scaling::automatic;
+  face::choose_units(shared, start);
   return face::solve_on_task(shared, held, row, start);
 }
 

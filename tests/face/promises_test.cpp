@@ -299,6 +299,21 @@ TEST(Face, RefusalsNameFieldGivenAndExpected) {
        [] {
          solve(Problem(ROSENBROCK).linear(Vector{1, 1}, 3, 1), START);
        }},
+      {{"\"low\" beside the parallel linear row \"high\"", "at most 1 and at least 2",
+        "some point"},
+       [] {
+         auto p = Problem(ROSENBROCK).linear(Vector{1, 2}, 2, inf, "high");
+         solve(p.linear(Vector{-2, -4}, -2, inf, "low"), START);
+       }},
+      {{"\"sum\"", "lower 5, and bounds that allow at most 3", "within the bounds"},
+       [] {
+         auto p = Problem(ROSENBROCK).bounds({-9, -1}, {1, 9}).linear(Vector{1, -2}, 5, inf, "sum");
+         solve(p, START);
+       }},
+      {{"scale", "1", "2"}, [&] { with([](Options& o) { o.scale = {1}; }); }},
+      {{"scale", "-1", "1e-100"}, [&] { with([](Options& o) {
+                                          o.scale = {1, -1};
+                                        }); }},
       {{"column", "2", "0 to 1"},
        [] {
          Problem(ROSENBROCK).linear(SparseRow{{2}, {1.0}}, 0, 1);

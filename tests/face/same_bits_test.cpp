@@ -69,6 +69,7 @@ TEST(SameBits, ForEveryTechnique) {
         Options options;
         options.technique = pair.technique;
         options.analysis = false;
+        options.scaling = Scaling::off;
         Matrix opt(1, 4);
         opt(0, 3) = pair.update;
         if (pair.form == Form::squares) opt(0, 2) = missing;
@@ -135,6 +136,7 @@ TEST(SameBits, WithNonlinearConstraints) {
       Options options;
       options.technique = technique;
       options.analysis = false;
+      options.scaling = Scaling::off;
       const Result face =
           tqnlp::solve(face_problem(p, Form::scalar, Modules::all), p.start, options);
       Vector all = face.x;
@@ -169,6 +171,7 @@ TEST(SameBits, OfQuadratics) {
   std::fill_n(blc.data() + n, n, 2.0);
   Options options;
   options.analysis = false;
+  options.scaling = Scaling::off;
   for (const bool sparse : {false, true}) {
     Session tql;
     const auto call = tql.call("NLPQUA", {sparse ? rows : dense, Matrix::row(start), Matrix(), blc,

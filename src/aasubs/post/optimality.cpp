@@ -321,9 +321,11 @@ static void measure(FirstOrder* p, const Work& w) {
     p->bound_multipliers[j] = w.r[j] - w.rest[j];
     p->violation = std::max(p->violation, violation_of(p->x[j], p->lower[j], p->upper[j]));
     const double rest = std::fabs(w.rest[j]);
-    const double promise = rest * std::max(std::fabs(p->x[j]), 1.0);
+    const double noise = p->noise != nullptr && !std::isnan(p->noise[j]) ? p->noise[j] : 0.0;
+    p->rest[j] = std::copysign(std::max(rest - noise, 0.0), w.rest[j]);
+    const double promise = std::fabs(p->rest[j]) * std::max(std::fabs(p->x[j]), 1.0);
     p->stationarity = std::isnan(rest) ? HUGE_VALUE : std::max(p->stationarity, rest);
-    p->relative = std::max(p->relative, promise / std::max(std::fabs(p->crit), 1.0));
+    p->relative = std::max(p->relative, promise / std::max(std::fabs(p->crit), p->size));
     const double gap = distance(p->bound_multipliers[j], p->x[j], p->lower[j], p->upper[j]);
     p->complementarity = std::max(p->complementarity, std::fabs(p->bound_multipliers[j]) * gap);
   }

@@ -18,14 +18,19 @@ struct FirstOrder {
   const double* values = nullptr;   // rows
   const double* row_lower = nullptr;
   const double* row_upper = nullptr;
+  double size = 1.0;              // of the objective where that is near 0
+  const double* noise = nullptr;  // n, or null: how far elements of the gradient may be off
   double activity = 1e-6;  // a side counts as active within this distance, relative to 1 + |side|
   // Out.
   double* bound_multipliers = nullptr;  // n; above 0 at a lower side, below 0 at an upper one
   double* row_multipliers = nullptr;    // rows
-  double violation = 0.0;               // largest, relative to 1 + |side|
-  double stationarity = 0.0;  // largest element of gradient less multipliers times normals
-  double relative = 0.0;      // the same as a change that it promises, relative to the objective:
-                              // |r_j| max(|x_j|, 1) / max(|crit|, 1)
+  double* rest = nullptr;     // n; gradient less multipliers times normals, as far as it counts and
+                              // is no noise
+  double violation = 0.0;     // largest, relative to 1 + |side|
+  double stationarity = 0.0;  // largest element of gradient less multipliers times normals,
+                              // noise or not
+  double relative = 0.0;      // the rest as a change that it promises, relative to the objective:
+                              // |rest_j| max(|x_j|, 1) / max(|crit|, size)
   double complementarity = 0.0;  // largest |multiplier| times distance of its side
 };
 
