@@ -308,12 +308,15 @@ struct Optimality {
     not_known,           // values or derivatives could not be had there
   };
   Verdict verdict = not_known;
-  double feasibility = 0.0;   // largest violation, relative to 1 + |side|
+  double feasibility = 0.0;   // largest violation, relative to 1 + |side|, in units near x
   double stationarity = 0.0;  // largest element of gradient less multipliers times normals
-  double relative_stationarity =
-      0.0;                       // as a decrease that it promises: g_j (1 + |x_j|) / (1 + |f|)
+  // The same as a decrease that it promises over the size of a parameter, relative to the
+  // objective; differences are given their error. Where it is too much, the decrease of the
+  // quadratic model decides.
+  double relative_stationarity = 0.0;
   double complementarity = 0.0;  // largest product of a multiplier and the distance of its side
-  bool curvature_known = false;  // was the Hessian for the free parameters looked at?
+  bool curvature_known = false;  // was the Hessian (of the Lagrangian) for the free directions
+                                 // looked at?
   int restarts = 0;              // runs that were started again because of this check
   explicit operator bool() const { return verdict == optimal; }
   std::string sentence() const;
@@ -362,7 +365,8 @@ struct Result {
   Technique technique = Technique::automatic;  // the one that ran
   std::vector<double> x;  // after a failure the best feasible point that was evaluated
   double objective = missing;
-  std::vector<double> gradient;     // of the objective as stated; missing where it failed
+  std::vector<double> gradient;     // of the objective as stated; missing where it failed, and of
+                                    // a fixed parameter without a gradient
   std::vector<double> residuals;    // of least squares
   std::vector<double> linear;       // values a'x of the rows
   std::vector<double> constraints;  // values of the nonlinear constraints

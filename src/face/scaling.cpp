@@ -27,6 +27,34 @@ void slopes_to_record(const Units& units, double unit, long rows, long n, double
     for (long j = 0; j < n; ++j, ++values) *values = slope_to_record(units, unit, j, *values);
 }
 
+// ---- Tables -------------------------------------------------------------------------------------
+
+// What a number of a column is multiplied by; parameter below 0: the row has none.
+static double unit_of_column(const Units& units, const std::string& column, long parameter) {
+  if (column == "OptCrit" || column == "DifCrit") return units.objective;
+  if (parameter < 0) return 1.0;
+  if (column == "Estimate" || column == "LowerBC" || column == "UpperBC")
+    return units.of(parameter);
+  return column == "GradObj" ? units.objective / units.of(parameter) : 1.0;
+}
+
+void estimates_to_user(const Units& units, std::vector<Table>& tables) {
+  for (Table& table : tables) {
+    const auto number = static_cast<std::size_t>(std::ranges::find(table.columns, "Number") -
+                                                 table.columns.begin());
+    for (auto& row : table.rows) {
+      const long* count = number < row.size() ? std::get_if<long>(&row[number]) : nullptr;
+      const long parameter =
+          table.name == "ParameterEstimates" && count != nullptr ? *count - 1 : -1;
+      for (std::size_t k = 0; k < row.size(); ++k) {
+        auto* value = std::get_if<double>(&row[k]);
+        if (value != nullptr && !is_missing(*value))
+          *value *= unit_of_column(units, table.columns[k], parameter);
+      }
+    }
+  }
+}
+
 // ---- Parameters ---------------------------------------------------------------------------------
 
 void check_scale(const ProblemData& problem, const Options& options) {

@@ -61,6 +61,10 @@ double power_of_two(double size);
 // rows x n derivatives of values that are counted in unit, by rows, from the user to the record.
 void slopes_to_record(const Units& units, double unit, long rows, long n, double* values);
 
+// The numbers of a report's tables that are a parameter's (point, bounds, gradient) or the
+// objective's. Its lines went out before, and other tables stay, in the units of the record.
+void estimates_to_user(const Units& units, std::vector<Table>& tables);
+
 // ---- Choice; what belongs to a run stands in face/run.h -----------------------------------------
 
 // Throws std::invalid_argument when the sizes that the user gives are not one a parameter.

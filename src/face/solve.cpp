@@ -193,6 +193,7 @@ static void finish(Shared& shared, embed::Task& task, Result* result) {
   result->seconds_in_user = std::min(shared.clock.seconds(), result->seconds);
   result->log = std::move(task.log);
   result->tables = std::move(task.tables);
+  if (shared.units.are_own()) estimates_to_user(shared.units, result->tables);
 }
 
 static Result solve_on_task(Shared& shared, const Problem& problem, const TechniqueRow& row,

@@ -2,6 +2,7 @@
 // table over all techniques, with derivatives and without.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -117,6 +118,7 @@ TEST(Scaling, IsUndoneInAllThatTheUserSees) {
   near.bounds({-inf, 0}, {1, 1e9}).linear({1, 1e-6}, -inf, 4);
   Options options;
   options.scale = {1, 1e6};
+  options.report = 2;
   double last = 0;
   options.progress = [&](const Progress& at) {
     last = at.x[1];
@@ -126,6 +128,10 @@ TEST(Scaling, IsUndoneInAllThatTheUserSees) {
   ASSERT_TRUE(found.status && found.optimality) << found.optimality.sentence();
   EXPECT_NEAR(found.x[1], 3e6, 1);
   EXPECT_EQ(last, found.x[1]);
+  const auto& end = std::find_if(found.tables.rbegin(), found.tables.rend(), [](const Table& t) {
+                      return t.name == "ParameterEstimates";
+                    })->rows[1];
+  EXPECT_TRUE(std::find(end.begin(), end.end(), Cell(last)) != end.end());
   EXPECT_NEAR(found.objective, 8, 1e-5);
   EXPECT_NEAR(found.gradient[1], -4e-6, 1e-11);
   EXPECT_NEAR(found.multipliers.linear[0], -4, 1e-5);
