@@ -239,10 +239,13 @@ struct Options {
   std::optional<double> dependence_tolerance;  // of linear constraints, 0 to 0.1
 
   // Around the run.
-  bool check_derivatives = false;  // compare them with differences at the start; tables tell
-  bool leave_saddles = false;      // within the technique: look for a better point at each stop
-  bool analysis = true;            // start again where a success proves to be none; see Optimality
-  int report = 0;                  // 0 none, 1 summary and history, up to 9
+  // Compare all derivatives that the problem gives with differences at the start: the log names
+  // each wrong element, Result::derivatives holds both values.
+  bool check_derivatives = false;
+  bool leave_saddles = false;  // within the technique: look for a better point at each stop
+  bool analysis = true;        // start again where a success proves to be none; see Optimality
+  bool check_result = true;    // false: nothing is evaluated after the run, and no analysis
+  int report = 0;              // 0 none, 1 summary and history, up to 9
   std::function<bool(const Progress&)> progress;    // after each iteration; false stops the run
   std::function<void(std::string_view line)> sink;  // gets the lines of the report as they come
   // Where a run that an exception of a user's function ended leaves what it has found.
@@ -277,6 +280,7 @@ struct Options {
   X(no_feasible_start, -10)     \
   X(function_failed, -11)       \
   X(stopped_by_caller, -20)     \
+  X(unbounded, -22)             \
   X(interrupted_by_exception, -21)
 
 struct Status {
@@ -360,6 +364,38 @@ struct History {
   std::vector<double> step;  // length of the step along its direction, as far as there is one
 };
 
+// ---- Checks of derivatives ----------------------------------------------------------------------
+
+enum class DerivativeKind { gradient, hessian, jacobian, constraint_jacobian };
+
+// An element of the derivatives that a problem gives.
+struct DerivativeElement {
+  DerivativeKind kind = DerivativeKind::gradient;
+  long row = 0;  // of what: a residual, a constraint; of a Hessian the row
+  long parameter = 0;
+  double given = 0.0;
+  double difference = 0.0;  // the same by differences,
+  double error = 0.0;       // with an estimate of their error
+};
+
+struct DerivativeCheck {
+  std::vector<DerivativeElement> wrong;  // further off than the error and 1e-6 of the size explain
+  long compared = 0;                     // elements
+  long left_out = 0;                     // of fixed parameters, or without a value beside the point
+  Table summary;                         // a row an element that is wrong
+  Counts calls;                          // of the user's functions
+  explicit operator bool() const { return wrong.empty(); }
+};
+
+// Compares all derivatives that a problem gives at a point (brought into the bounds) with central
+// differences, Hessians with those of the gradient: 4 evaluations a parameter. Of options
+// objective_digits and constraint_digits count. Throws std::invalid_argument for a point that
+// cannot be meant, and what a function throws.
+DerivativeCheck check_derivatives(const Problem& problem, std::vector<double> x,
+                                  const Options& options = {});
+
+// ---- Result -------------------------------------------------------------------------------------
+
 struct Result {
   Status status;
   Technique technique = Technique::automatic;  // the one that ran
@@ -373,6 +409,7 @@ struct Result {
   Multipliers multipliers;
   ActiveSet active;
   Optimality optimality;
+  DerivativeCheck derivatives;  // where Options::check_derivatives asked for it
   Counts counts;
   double seconds = 0.0;          // in all
   double seconds_in_user = 0.0;  // of these in the user's functions (sampled where they are quick)
@@ -402,35 +439,6 @@ struct Result {
 // Solves a problem from a start, which need not be feasible. Throws std::invalid_argument for what
 // cannot be meant, what a user's function threw, FatalError when the run could not go on.
 Result solve(const Problem& problem, std::vector<double> start, const Options& options = {});
-
-// ---- Checks of derivatives ----------------------------------------------------------------------
-
-enum class DerivativeKind { gradient, hessian, jacobian, constraint_jacobian };
-
-// An element of the derivatives that a problem gives.
-struct DerivativeElement {
-  DerivativeKind kind = DerivativeKind::gradient;
-  long row = 0;  // of what: a residual, a constraint; of a Hessian the row
-  long parameter = 0;
-  double given = 0.0;
-  double difference = 0.0;  // the same by differences,
-  double error = 0.0;       // with an estimate of their error
-};
-
-struct DerivativeCheck {
-  std::vector<DerivativeElement> wrong;  // further off than the error and 1e-6 of the size explain
-  long compared = 0;                     // elements
-  long left_out = 0;                     // of fixed parameters, or without a value beside the point
-  Table summary;                         // a row an element that is wrong
-  explicit operator bool() const { return wrong.empty(); }
-};
-
-// Compares all derivatives that a problem gives at a point (brought into the bounds) with central
-// differences, Hessians with those of the gradient: 4 evaluations a parameter. Of options
-// objective_digits and constraint_digits count. Throws std::invalid_argument for a point that
-// cannot be meant, and what a function throws.
-DerivativeCheck check_derivatives(const Problem& problem, std::vector<double> x,
-                                  const Options& options = {});
 
 // ---- Many starts --------------------------------------------------------------------------------
 

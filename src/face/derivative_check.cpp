@@ -25,6 +25,7 @@ struct Tested {
 struct Caller {
   const Tested& tested;
   std::size_t n;
+  Counts& counts;
   std::exception_ptr thrown;
 };
 
@@ -68,6 +69,18 @@ static Tested sparse_hessian(const ProblemData& problem, Point x) {
           }};
 }
 
+// The counter of the calls of what a derivative is compared with, and of the derivative itself.
+static long& functions_in(Counts& calls, DerivativeKind kind) {
+  return kind == DerivativeKind::hessian               ? calls.gradient
+         : kind == DerivativeKind::constraint_jacobian ? calls.constraints
+                                                       : calls.objective;
+}
+static long& derivatives_in(Counts& calls, DerivativeKind kind) {
+  return kind == DerivativeKind::hessian               ? calls.hessian
+         : kind == DerivativeKind::constraint_jacobian ? calls.constraint_jacobian
+                                                       : calls.gradient;
+}
+
 static std::vector<Tested> what_is_given(const ProblemData& problem, Point x) {
   std::vector<Tested> given;
   if (problem.kind == Kind::quadratic) return given;  // no derivatives of the user's own
@@ -95,10 +108,13 @@ static std::vector<Tested> what_is_given(const ProblemData& problem, Point x) {
 static bool call(void* user, const double* x, double* values) {
   auto& caller = *static_cast<Caller*>(user);
   const auto count = size_of(caller.tested.count);
+  ++functions_in(caller.counts, caller.tested.kind);
+  ++caller.counts.for_differences;
   try {
     caller.tested.functions({x, caller.n}, {values, count});
     return all_finite(caller.tested.count, values);
   } catch (const EvaluationFailed&) {
+    ++caller.counts.failed;
     return false;
   } catch (...) {
     caller.thrown = std::current_exception();
@@ -115,7 +131,8 @@ static void compare(const Tested& tested, const Constraints& constraints, double
                     std::vector<double> x, DerivativeCheck* check) {
   const auto count = size_of(tested.count);
   std::vector<double> given(count), difference(count), error(count), work(2 * count);
-  Caller caller{tested, x.size(), nullptr};
+  ++derivatives_in(check->calls, tested.kind);
+  Caller caller{tested, x.size(), check->calls, nullptr};
   ColumnDifferences column{.count = tested.count, .evaluate = call, .user = &caller, .x = x.data()};
   if (constraints.bounds) {
     column.lower = constraints.lower.data();

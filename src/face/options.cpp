@@ -69,6 +69,8 @@ static constexpr ChoiceOption METHOD[] = {
     {"version", &Options::version, &MINSTR::vers, 1, 2},
 };
 
+static constexpr int LAST_OF_GENERAL = 8, OF_LEAST_SQUARES = 12;  // line searches
+
 // ---- Ranges -------------------------------------------------------------------------------------
 
 static void check_number(const Options& options, const NumberOption& row) {
@@ -90,6 +92,9 @@ void check_options(const Options& options) {
     refuse(std::string("Options::") + row.name, std::to_string(*value),
            std::to_string(row.lowest) + " to " + std::to_string(row.highest));
   }
+  const int search = options.line_search.value_or(1);
+  if (search > LAST_OF_GENERAL && search != OF_LEAST_SQUARES)
+    refuse("Options::line_search", std::to_string(search), "1 to 8, or 12 for least squares");
   static constexpr double SMALLEST = 1e-100, LARGEST = 1e100;
   for (const double size : options.scale)
     if (!(size >= SMALLEST && size <= LARGEST))

@@ -113,7 +113,8 @@ static void set_derivatives(Run& run, bool central) {
 
 // Tests of what the user supplies: gradient or Jacobian, and the Hessian with it.
 static void set_checks(Run& run) {
-  if (!run.shared.options.check_derivatives || !run.supplied.gradient) return;
+  const bool without = run.row.job == SETTINGS_SIMPLEX;
+  if (!run.shared.options.check_derivatives || !run.supplied.gradient || without) return;
   run.gchk = run.supplied.hessian && run.row.ider == 4 ? 2 : 1;
 }
 
@@ -314,8 +315,10 @@ int drive(Run& run) {
   const int detail = functions ? FUNCTION_DETAIL : 0;
   const int report = (run.dbug > 2.0 ? START_REPORT : 0) + detail;
   const bool checks = run.shared.options.check_derivatives;
-  const int gradient_test = !run.supplied.gradient ? 0 : run.squares ? 2 : 1;
-  const int constraint_test = checks && run.supplied.constraint_jacobian ? 1 : 0;
+  const bool gradient = run.supplied.gradient && run.usgrd != nullptr;
+  const int gradient_test = !gradient ? 0 : run.squares ? 2 : 1;
+  const bool jacobian = run.supplied.constraint_jacobian && run.usjnc != nullptr;
+  const int constraint_test = checks && jacobian ? 1 : 0;
   int code = znlpdrv(&run, 1, report, gradient_test, constraint_test);
   if (code >= 0 && !run.shared.interrupted) code = znlpdrv(&run, 2, detail, 0, 0);
   if (run.rvx != nullptr) wobmth(run.rvx, 0, RvxMethod::close, {});

@@ -66,11 +66,12 @@ struct Shared {
   UserClock clock{};
   BestPoint best{};
   History history{};
-  std::exception_ptr thrown{};  // by a user's function, or by what Options holds
-  bool interrupted = false;     // by that: from then on no function is called
-  bool stopped = false;         // by Options::progress
-  double began = 0.0;           // clock of the host
-  long iterations_before = 0;   // of runs before a restart
+  std::exception_ptr thrown{};     // by a user's function, or by what Options holds
+  bool interrupted = false;        // by that: from then on no function is called
+  bool stopped = false;            // by Options::progress
+  bool steps_without_end = false;  // the last run has warned of them
+  double began = 0.0;              // clock of the host
+  long iterations_before = 0;      // of runs before a restart
 
   void keep_exception() {
     thrown = std::current_exception();

@@ -5,6 +5,7 @@
 // point that any of them evaluated.
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 
 #include "face/check.h"
 #include "face/options.h"
@@ -79,6 +80,11 @@ static void tighten_criteria(Run& run, int restarts) {
   }
 }
 
+// The library has a target of its own where the caller has none, and warns of steps without end.
+static bool passes_all_bounds(const Run& run, int code) {
+  return code == Status::objective_target_met && !run.shared.options.objective_target.has_value();
+}
+
 // False: the unit of the objective has become another one, and nothing has run.
 static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
                          Result* result) {
@@ -88,6 +94,8 @@ static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vec
   tighten_criteria(run, result->optimality.restarts);
   run.upti = std::max(run.upti - (zdattim() - shared.began), 0.0);
   int code = drive(run);
+  if (passes_all_bounds(run, code)) code = Status::unbounded;
+  shared.steps_without_end = run.unbd != 0;
   if (shared.interrupted) code = Status::interrupted_by_exception;
   result->status = status_of(code);
   take_point(run, code, result);
@@ -113,7 +121,8 @@ static bool contradicted(const Result& result) {
 
 // A target that is met needs no minimum.
 static bool wants_analysis(const Options& options, const Result& result) {
-  return options.analysis && result.status && result.status.ending != Status::objective_target_met;
+  return options.analysis && options.check_result && result.status &&
+         result.status.ending != Status::objective_target_met;
 }
 
 // After a limit, or where the caller has stopped the run, no time is spent on second derivatives.
@@ -126,7 +135,7 @@ static Look look_at(const Shared& shared, const Result& result) {
 }
 
 static void check(Shared& shared, embed::Task& task, Result* result, Advice* advice) {
-  if (result->status.ending == Status::no_value_at_start ||
+  if (!shared.options.check_result || result->status.ending == Status::no_value_at_start ||
       result->status.ending == Status::interrupted_by_exception)
     return;
   *advice = {};
@@ -154,7 +163,8 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
   Advice advice;
   check(shared, task, result, &advice);
   while (wants_analysis(shared.options, *result) && contradicted(*result) &&
-         result->optimality.restarts < MOST_RESTARTS && !shared.interrupted) {
+         result->optimality.restarts < MOST_RESTARTS && !shared.interrupted &&
+         !shared.steps_without_end) {
     Result next = *result;
     ++next.optimality.restarts;
     learn_sizes(shared, advice.sizes);
@@ -163,8 +173,12 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
     result->counts = next.counts;
     result->optimality.restarts = next.optimality.restarts;
     if (!improves(next, *result, shared.problem.maximize)) break;
+    // The criteria of the caller were met before.
+    if (!next.status && !shared.interrupted && !shared.stopped) next.status = result->status;
     *result = std::move(next);
   }
+  if (shared.steps_without_end && !result->optimality && !shared.interrupted)
+    result->status = status_of(Status::unbounded);
   if (shared.stopped) result->status = status_of(STOPPED_BY_CALLER);
 }
 
@@ -183,7 +197,47 @@ static void set_sink(Shared& shared, embed::Task& task) {
   });
 }
 
+// What could not be evaluated has its length all the same.
+static void fill_in_missing(const ProblemData& problem, Result* result) {
+  const auto n = static_cast<std::size_t>(problem.n);
+  const std::size_t rows = problem.rows.size(), constraints = problem.c_lower.size();
+  const std::size_t m =
+      problem.kind == Kind::least_squares ? static_cast<std::size_t>(problem.m) : 0;
+  result->gradient.resize(n, missing);
+  result->residuals.resize(m, missing);
+  result->linear.resize(rows, missing);
+  result->constraints.resize(constraints, missing);
+  result->multipliers.bounds.resize(n, missing);
+  result->multipliers.linear.resize(rows, missing);
+  result->multipliers.nonlinear.resize(constraints, missing);
+  result->active.bounds.resize(n);
+  result->active.linear.resize(rows);
+  result->active.nonlinear.resize(constraints);
+}
+
+// Before the run: the derivatives at its start. False when a function threw.
+static bool check_given_derivatives(Shared& shared, embed::Task& task, const Problem& problem,
+                                    const std::vector<double>& start, Result* result) {
+  if (!shared.options.check_derivatives) return true;
+  try {
+    result->derivatives = check_derivatives(problem, start, shared.options);
+  } catch (...) {
+    shared.keep_exception();
+    return false;
+  }
+  shared.counts = result->derivatives.calls;
+  for (const auto& row : result->derivatives.summary.rows) {
+    std::ostringstream text;
+    text << "The " << std::get<std::string>(row[0]) << " of " << std::get<std::string>(row[1])
+         << " to " << std::get<std::string>(row[2]) << " is given as " << std::get<double>(row[3])
+         << ", and is " << std::get<double>(row[4]) << " by differences.";
+    embed::add_log(task, 0, 0, Severity::warning, text.str());
+  }
+  return true;
+}
+
 static void finish(Shared& shared, embed::Task& task, Result* result) {
+  fill_in_missing(shared.problem, result);
   const long iterations = result->counts.iterations, restarts = result->counts.restarts;
   result->counts = shared.counts;
   result->counts.iterations = iterations;
@@ -205,7 +259,8 @@ static Result solve_on_task(Shared& shared, const Problem& problem, const Techni
   set_sink(shared, task);
   const auto body = [&] {
     shared.began = zdattim();
-    run_and_check(shared, task, row, start, &result);
+    if (check_given_derivatives(shared, task, problem, start, &result))
+      run_and_check(shared, task, row, start, &result);
   };
   const int exit_code = run_on_task(task, body, [&] { finish(shared, task, &result); });
   result.origin = remember(problem, shared, row.technique);
@@ -223,8 +278,9 @@ static Result solve_on_task(Shared& shared, const Problem& problem, const Techni
 
 }  // namespace face
 
-Result solve(const Problem& problem, std::vector<double> start, const Options& options) {
+Result solve(const Problem& problem, std::vector<double> start, const Options& said) {
   const Problem held = problem;  // a function of the problem may change the caller's own
+  const Options options = said;
   const face::ProblemData& data = held.data();
   face::check_start(data, start);
   face::check_derivatives(data);

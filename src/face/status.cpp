@@ -84,6 +84,8 @@ static constexpr Words WORDS[] = {
     TQNLP_WORDS(function_failed, "A function failed in a way that ends the run.", BEST,
                 "A look at the log."),
     TQNLP_WORDS(stopped_by_caller, "Options::progress asked to stop.", BEST, "A start from here."),
+    TQNLP_WORDS(unbounded, "The objective gets better without end, as far as the run went.", BEST,
+                "Bounds, a constraint that is missing, or a look at the sign of the objective."),
     TQNLP_WORDS(interrupted_by_exception, "A function threw an exception.", BEST,
                 "A look at the exception."),
 };

@@ -60,6 +60,14 @@ static bool takes(const TechniqueRow& row, const ProblemData& problem, const Con
   return (row.general || c.rows.empty()) && (row.nonlinear || c.nonlinear.empty());
 }
 
+// What a technique that does not take the problem lacks.
+static const char* missing_in(const TechniqueRow& row, const ProblemData& problem,
+                              const Constraints& c) {
+  if (row.squares && problem.kind != Kind::least_squares) return "objectives without residuals";
+  if (row.quadratic && problem.kind != Kind::quadratic) return "objectives that are no quadratic";
+  return row.nonlinear || c.nonlinear.empty() ? "linear rows" : "nonlinear constraints";
+}
+
 static Technique automatic_choice(const ProblemData& problem, const Constraints& c,
                                   const Options& options) {
   static constexpr double FEW_DIGITS = 5.0;
@@ -95,7 +103,8 @@ const TechniqueRow& choose_technique(const ProblemData& problem, const Constrain
     if (takes(row, problem, constraints))
       others += (others.empty() ? "" : ", ") + std::string(name_of(row.technique));
   refuse("Options::technique",
-         std::string(name_of(options.technique)) + ", which does not take this problem",
+         std::string(name_of(options.technique)) + ", which does not take " +
+             missing_in(asked, problem, constraints),
          "one of " + others);
 }
 

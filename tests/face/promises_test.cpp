@@ -221,6 +221,33 @@ TEST(Face, NamesTablesCountsAndThreads) {
   for (const Vector& end : ends) EXPECT_EQ(end, ends[0]);
 }
 
+TEST(Face, WithoutEndWithoutCheckAndWithoutAValue) {
+  const auto falling = Problem::minimize(2, [](Point x) { return x[0] * x[0] - std::exp(x[1]); });
+  EXPECT_EQ(solve(falling, {1, 1}).status.ending, Status::unbounded);
+  Options options;
+  options.objective_target = -1e3;
+  EXPECT_EQ(solve(falling, {1, 1}, options).status.ending, Status::objective_target_met);
+
+  // What a success of the caller's criteria becomes by the analysis is no failure.
+  options = {};
+  options.relative_gradient_tolerance = 0.5;
+  const Result analysed = solve(ROSENBROCK, START, options);
+  EXPECT_TRUE(analysed.status && analysed.optimality && analysed.optimality.restarts > 0);
+  options = {};
+  options.check_result = false;
+  const Result unchecked = solve(ROSENBROCK, START, options);
+  EXPECT_EQ(unchecked.optimality.verdict, Optimality::not_known);
+  EXPECT_EQ(unchecked.gradient.size(), 2u);
+
+  auto nowhere = Problem::minimize(2, [](Point) { return std::nan(""); });
+  nowhere.linear({1, 1}, 0, 1).nonlinear({0}, {1}, [](Point x, Values c) { c[0] = x[0]; });
+  const Result failed = solve(nowhere, {1, 1});
+  EXPECT_EQ(failed.status.ending, Status::no_value_at_start);
+  EXPECT_EQ(
+      failed.multipliers.bounds.size() + failed.active.linear.size() + failed.constraints.size(),
+      4u);
+}
+
 // Each wrong element is named with both values, at a bound and beside one too; right ones are not.
 TEST(Face, WrongDerivativesAreNamedElementByElement) {
   for (const double lower : {-5.0, 1.5 - 1e-7, 1.5}) {
@@ -241,6 +268,10 @@ TEST(Face, WrongDerivativesAreNamedElementByElement) {
       EXPECT_DOUBLE_EQ(check.wrong[k].given, wanted[k][2]);
       EXPECT_NEAR(check.wrong[k].difference, wanted[k][3], 1e-7);
     }
+    Options options;
+    options.check_derivatives = true;
+    options.technique = Technique::cobyla;  // which uses none of them
+    EXPECT_EQ(solve(problem, {1.5, 2}, options).derivatives.wrong.size(), 3);
   }
 }
 
