@@ -10,7 +10,7 @@ namespace tqnlp::python {
 Problem make_problem(const py::dict& said, const std::shared_ptr<Calls>& calls);
 
 // Options by the names of the face; others are refused. "progress" is a function of (x, fun,
-// iteration) whose True ends the run, "sink" one of a line.
+// iteration, calls, gradient) whose True ends the run, "sink" one of a line.
 Options make_options(const py::dict& said, const std::shared_ptr<Calls>& calls);
 std::vector<std::string> option_names();
 

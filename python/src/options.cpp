@@ -52,8 +52,8 @@ static std::function<bool(const Progress&)> make_progress(const py::dict& said,
     calls->watch.look();
     const Interpreter lock;
     const auto point = py::reinterpret_borrow<py::object>(calls->points.at(at.x));
-    PyObject* answer =
-        PyObject_CallFunction(body->ptr(), "Odl", point.ptr(), at.objective, at.iteration);
+    PyObject* answer = PyObject_CallFunction(body->ptr(), "Odlld", point.ptr(), at.objective,
+                                             at.iteration, at.calls, at.gradient);
     if (answer == nullptr) throw py::error_already_set();
     const auto owned = py::reinterpret_steal<py::object>(answer);
     check_signals();

@@ -88,9 +88,9 @@ if __name__ == "__main__":
     root = ["--allow-run-as-root"] if os.getuid() == 0 else []
     run = ["mpiexec", *root, "--oversubscribe", "-n", "2", sys.executable]
     paths = os.pathsep.join([HERE, os.environ.get("PYTHONPATH", "")])
-    out = subprocess.run([*run, "-m", "mpi4py.futures", str(script)],
-                         env={**os.environ, "PYTHONPATH": paths}, capture_output=True, text=True,
-                         timeout=60)  # fmt: skip
+    env = {**os.environ, "PYTHONPATH": paths}
+    run = [*run, "-m", "mpi4py.futures", str(script)]
+    out = subprocess.run(run, env=env, capture_output=True, text=True, timeout=60)
     assert out.stdout.strip() == "done", out.stderr
 
 

@@ -289,3 +289,32 @@ def test_wrong_derivatives_are_named():
 def test_examples_of_docstrings(name):
     found = doctest.testmod(importlib.import_module(name))
     assert found.attempted > 0 and found.failed == 0
+
+
+@pytest.mark.parametrize("missing", [[], ["tqdm.auto"], ["tqdm.auto", "rich.console"]])
+def test_the_live_line_ends_cleanly(missing, monkeypatch, capfd):
+    for name in missing:
+        monkeypatch.setitem(sys.modules, name, None)
+    shown = {"options": {"progress": True}}
+    tqnlp.minimize(rosen, [-1.2, 1.0], **shown)
+    told = capfd.readouterr().err
+    assert "iterations, " in told and "objective" in told and told.endswith("\n")
+    with pytest.raises(ZeroDivisionError):
+        tqnlp.minimize(rosen, [-1.2, 1.0], callback=lambda x: 1 / 0, **shown)
+    told = capfd.readouterr().err
+    assert "1 iterations" in told and told.endswith("\n")
+    tqnlp.multistart(tqnlp.Problem(rosen, **shown), [[-1.2, 1.0], [0, 0]])
+    assert capfd.readouterr().err.count("2 of 2 starts") >= 1
+
+
+def test_pictures_show_what_was_found():
+    pytest.importorskip("matplotlib").use("Agg")
+    t = np.array([3.0, 0.0, 1.0, 2.0])
+    _, _, fit = tqnlp.curve_fit(lambda t, a: a * t, t, 2 * t, p0=[1.0], full_output=True)
+    curve = fit.plot_fit().lines[-1]
+    assert curve.get_xydata() == pytest.approx(np.array([[0, 0], [1, 2], [2, 4], [3, 6]]), abs=1e-6)
+    assert fit.plot_fit(lambda t, a: a * t).lines[-1].get_xydata()[-1] == pytest.approx([3, 6])
+    history = fit.plot_history()
+    assert (history.lines[0].get_ydata() == fit.history.objective).all()
+    with pytest.raises(ValueError, match="curve_fit"):
+        tqnlp.minimize(rosen, [0.0, 0.0]).plot_fit()

@@ -278,6 +278,7 @@ def curve_fit(
         failed = RuntimeError(f"curve_fit: {result.message}")
         failed.partial = result  # type: ignore[attr-defined]
         raise failed
+    result.update(xdata=xdata, ydata=y, sigma=sigma, fitted=np.array(f(xdata, *result.x)) + 0 * y)
     absolute = absolute_sigma and sigma is not None
     pcov = result.unscaled_covariance if absolute else result.covariance
     pcov = np.where(np.isnan(pcov), np.inf, pcov)

@@ -21,6 +21,7 @@ from ._problem import (
     symmetric,
     vector,
 )
+from ._progress import Live
 from ._result import Result, make_result
 
 # Ends the runs of this context when it is set.
@@ -29,17 +30,18 @@ STOP: ContextVar[_core.StopFlag | None] = ContextVar("STOP", default=None)
 _DIFFERENCES = {"2-point": "forward", "3-point": "central"}
 
 
-def _look(callback: Callable | None) -> Callable | None:
-    """SciPy's two forms of a callback as a function of (x, fun, iteration)."""
+def _look(callback: Callable | None, live: Live) -> Callable:
+    """SciPy's two forms of a callback, and the live line, as the core calls them."""
     if callback is None:
-        return None
+        return lambda _, *at: live.show_run(*at)
     function(callback, "callback")
     try:
         names = list(inspect.signature(callback).parameters)
     except (TypeError, ValueError):
         names = []
 
-    def look(x: np.ndarray, fun: float, iteration: int) -> bool:
+    def look(x: np.ndarray, fun: float, iteration: int, calls: int, gradient: float) -> bool:
+        live.show_run(fun, iteration, calls, gradient)
         try:
             if names == ["intermediate_result"]:
                 at = Result(x=x, fun=fun, nit=iteration)
@@ -53,12 +55,13 @@ def _look(callback: Callable | None) -> Callable | None:
 
 def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callback: Any) -> Result:
     """Runs the core. What a function raises carries the best point so far as `partial`."""
-    look = _look(callback)
-    if look is not None:
-        options["progress"] = look
+    wanted = options.pop("progress", False)
+    stop = STOP.get() or _core.StopFlag()
     try:
-        stop = STOP.get() or _core.StopFlag()
-        return make_result(_core.solve(problem, x.tolist(), options, stop))
+        with Live(wanted) as live:
+            if wanted or callback is not None:
+                options["progress"] = _look(callback, live)
+            return make_result(_core.solve(problem, x.tolist(), options, stop))
     except BaseException as raised:
         found = getattr(raised, "partial", None)
         if isinstance(found, dict) and not isinstance(found, Result):
@@ -135,7 +138,8 @@ def minimize(
     tol : float
         The gradient tolerances; of simplex searches those of objective and step.
     options : dict
-        By the names of the library (docs/cpp.md), or maxiter, maxfev, gtol, disp.
+        By the names of the library (docs/cpp.md), or maxiter, maxfev, gtol, disp; ``"progress":
+        True`` shows a live line on standard error.
     callback : callable
         ``callback(x)`` or ``callback(intermediate_result)`` after each iteration; True or
         StopIteration ends the run.

@@ -11,7 +11,7 @@ from concurrent.futures import (
     ThreadPoolExecutor,
     as_completed,
 )
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 from html import escape
 from typing import Any, NamedTuple, Union
 
@@ -22,6 +22,7 @@ from ._compiled import is_compiled
 from ._fit import least_squares, squares_problem
 from ._minimize import STOP, minimize, scalar_problem
 from ._problem import start_point
+from ._progress import Live
 from ._result import Result, table_of
 
 
@@ -287,6 +288,25 @@ def _together(results: list[Result | None], lost: dict[int, BaseException]) -> M
     return ManyResults(solutions, results, lost)
 
 
+def _without_progress(problem: Problem) -> tuple[bool, Problem]:
+    """Is a live line wanted? One for all starts, not one a run."""
+    options = dict(problem.options or {})
+    wanted = options.pop("progress", False)
+    return bool(wanted), replace(problem, options=options)
+
+
+def _watched(
+    ends: Iterator[tuple[int, End]], count: int, wanted: bool
+) -> Iterator[tuple[int, End]]:
+    least = np.inf
+    with Live(wanted) as live:
+        for done, (i, end) in enumerate(ends, 1):
+            if isinstance(end, Result):
+                least = min(least, end.objective)
+            live.show(f"{done} of {count} starts, least objective {least:.8g}")
+            yield i, end
+
+
 def multistart(
     problem: Problem,
     starts: Any,
@@ -333,10 +353,11 @@ def multistart(
     results: list[Result | None] = [None] * len(points)
     lost: dict[int, BaseException] = {}
     raised: dict[int, BaseException] = {}
+    wanted, problem = _without_progress(problem)
     runs = _Runs(problem, points)
     ends = runs.ends(executor)
     try:
-        for i, end in ends:
+        for i, end in _watched(ends, len(points), wanted):
             if isinstance(end, Result):
                 results[i] = end
             else:

@@ -76,7 +76,9 @@ def options_of(options: Any, method: Any, tol: float | None, constrained: bool) 
             if value:
                 made.setdefault("report", 1)
                 made.setdefault("sink", print)
-        elif key in _core.OPTIONS and key not in ("technique", "progress"):
+        elif key == "progress" and not isinstance(value, (bool, type(None))):
+            raise TypeError(f"options: progress must be True or False, not {value!r}")
+        elif key in _core.OPTIONS and key != "technique":
             if value is not None:
                 made[key] = value
         else:

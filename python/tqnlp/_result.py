@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from html import escape
 from textwrap import fill
 from typing import Any, NamedTuple
@@ -138,20 +138,56 @@ class Result(_Fields):
         )
         return f"<table>{rows}</table>"
 
-    def plot_history(self, axes: Any = None) -> Any:
-        """Draws objective and gradient over the iterations; needs Matplotlib."""
-        if axes is None:
-            import matplotlib.pyplot as plt
+    # ---- Pictures; Matplotlib is imported here alone ------------------------------------------
 
-            _, axes = plt.subplots()
+    def plot_history(self, axes: Any = None) -> Any:
+        """Draws objective and largest projected gradient over the iterations; answers the axes."""
+        axes = _axes(axes)
         history = self.history
         axes.plot(history.iteration, history.objective, color="tab:blue")
         axes.set_xlabel("iteration")
         axes.set_ylabel("objective", color="tab:blue")
-        gradient = axes.twinx()
-        gradient.semilogy(history.iteration, history.gradient, color="tab:orange")
-        gradient.set_ylabel("largest projected gradient", color="tab:orange")
+        if (history.gradient > 0).any():
+            gradient = axes.twinx()
+            gradient.semilogy(history.iteration, history.gradient, color="tab:orange")
+            gradient.set_ylabel("largest projected gradient", color="tab:orange")
         return axes
+
+    def plot_fit(self, model: Callable[..., Any] | None = None, axes: Any = None) -> Any:
+        """Draws data and fit of a `curve_fit` with ``full_output=True``; answers the axes.
+
+        Parameters
+        ----------
+        model : callable
+            The f of the fit, drawn between the data too; without it the fit at the data alone.
+        axes : matplotlib.axes.Axes
+
+        Raises
+        ------
+        ValueError
+            Where the result is of no `curve_fit`, or xdata is no vector of numbers.
+        """
+        x = np.asarray(self.get("xdata"))
+        if x.dtype.kind not in "biuf" or x.shape != self.ydata.shape:
+            raise ValueError("plot_fit needs the result of a curve_fit with xdata of shape (m,)")
+        axes = _axes(axes)
+        bars = self.sigma if np.shape(self.sigma) == x.shape else None
+        axes.errorbar(x, self.ydata, bars, fmt="o", color="tab:blue", label="data")
+        at, fitted = np.sort(x), self.fitted[np.argsort(x)]
+        if model is not None:
+            at = np.linspace(at[0], at[-1], 200)
+            fitted = np.broadcast_to(model(at, *self.x), at.shape)
+        axes.plot(at, fitted, "-" if model is not None else "x", color="tab:orange", label="fit")
+        axes.legend()
+        return axes
+
+
+def _axes(axes: Any) -> Any:
+    if axes is not None:
+        return axes
+    import matplotlib.pyplot as plt
+
+    return plt.subplots()[1]
 
 
 def make_result(found: dict[str, Any]) -> Result:
