@@ -3,7 +3,7 @@
 // linear, and NLPQUA finds the least variance for each mean, the frontier of Markowitz (1952). The
 // other way round, the most return for a risk, is linear with a nonlinear constraint: NLPQN.
 //
-// Usage: portfolio [FOLDER]     writes portfolio.svg there
+// Usage: portfolio returns.csv [FOLDER]     writes portfolio.svg there
 //
 // Seen: the portfolios along the frontier and, for each, the price of return: the multiplier of the
 // wanted mean says how much variance a little more of it costs. It is checked against the
@@ -11,12 +11,13 @@
 // risk, which must lie on the frontier and have the same price. The picture shows the frontier, the
 // classes alone, and the shares along the frontier.
 //
-// The returns are made up: three years of months, in percent, in the manner of such tables.
+// The returns are made up: three years of months, in percent.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <variant>
@@ -34,62 +35,39 @@ static const char* const NAMES[CLASSES] = {"bills",           "bonds",    "large
 static const char* const COLORS[CLASSES] = {"#9aa5b1", "#5b8db8", "#2f6b4f",
                                             "#79b791", "#c98a3b", "#e3c34a"};
 
-// clang-format off
-static const double RETURNS[][CLASSES] = {
-    {0.2, 0.6, 4.6, 4.3, -0.6, -0.1},
-    {0.3, 1.7, -2.9, -7.9, 0.4, 3.0},
-    {0.3, 1.8, 1.0, 0.1, 7.0, 0.7},
-    {0.2, -0.9, 0.6, 1.6, -0.7, -0.7},
-    {0.3, 1.3, 5.1, 6.9, -0.8, 3.6},
-    {0.2, 0.0, -4.5, -5.8, -3.7, 1.3},
-    {0.4, 1.1, 3.8, 1.2, 0.7, 2.3},
-    {0.2, 0.8, 1.4, -1.2, 1.9, -2.9},
-    {0.4, 0.3, 3.0, 4.1, 3.7, -2.2},
-    {0.3, 0.5, 5.3, 8.6, 3.5, -2.5},
-    {0.3, 1.1, 6.9, 7.7, 4.9, 2.7},
-    {0.3, 0.7, 1.6, 0.3, -1.4, -1.5},
-    {0.3, 2.2, 5.2, 8.9, 6.0, 5.3},
-    {0.3, 1.3, 7.6, 8.5, 2.6, 8.6},
-    {0.3, 1.6, 4.5, 2.1, 7.8, 8.4},
-    {0.3, 1.3, 1.7, -0.6, 0.8, 2.2},
-    {0.3, 1.5, 1.5, 5.3, 0.5, 4.9},
-    {0.3, 0.4, -5.7, -9.8, -2.5, 2.3},
-    {0.3, -0.3, 0.3, 2.6, 0.0, -9.6},
-    {0.3, 3.1, 5.7, 3.7, 2.7, 2.7},
-    {0.4, 1.7, 1.6, 6.1, 2.2, 9.5},
-    {0.2, -0.2, 3.2, 8.2, 3.9, 2.2},
-    {0.1, -0.7, -1.7, -3.5, 0.2, -1.5},
-    {0.3, 0.7, -0.3, -0.1, 1.3, 4.3},
-    {0.2, 0.1, -4.1, -0.8, 2.5, 1.0},
-    {0.2, -1.0, 0.8, 2.1, 5.2, 1.1},
-    {0.2, -2.4, 4.5, 7.4, -2.3, -1.3},
-    {0.2, 3.8, 6.7, 8.8, 5.3, -5.1},
-    {0.2, -1.3, 2.1, -2.6, -2.8, 2.7},
-    {0.3, -0.5, -5.3, -3.9, -0.3, -3.6},
-    {0.2, -0.5, -3.8, -6.5, 0.6, 2.8},
-    {0.4, 0.8, 0.3, -2.4, -0.4, -5.4},
-    {0.1, 0.8, 6.4, 10.2, 7.3, 2.7},
-    {0.2, 0.4, -0.4, -3.8, -4.3, -6.3},
-    {0.2, 0.6, -0.8, 2.9, 1.3, 3.9},
-    {0.3, -0.2, -6.6, -6.1, -4.3, 5.7},
-};
-// clang-format on
-
 struct Market {
   Matrix mean = Matrix(1, CLASSES);
   Matrix covariance = Matrix(CLASSES, CLASSES);
 };
 
-static Market measure_market() {
-  Market market;
-  const auto months = static_cast<double>(std::size(RETURNS));
-  for (const auto& month : RETURNS) {
-    for (long i = 0; i < CLASSES; ++i) market.mean[i] += month[i] / months;
+using Month = std::array<double, CLASSES>;
+
+static std::vector<Month> read_returns(const std::string& file) {
+  std::ifstream in(file);
+  if (!in) throw std::runtime_error("cannot open " + file);
+  std::vector<Month> months;
+  for (std::string line; std::getline(in, line);) {
+    std::replace(line.begin(), line.end(), ',', ' ');
+    std::istringstream cells(line);
+    Month month;
+    bool numbers = true;
+    for (double& cell : month) numbers = numbers && cells >> cell;
+    if (numbers) months.push_back(month);
   }
-  for (const auto& month : RETURNS) {
+  return months;
+}
+
+static Market measure_market(const std::vector<Month>& returns) {
+  Market market;
+  const auto months = static_cast<double>(returns.size());
+  for (const Month& month : returns) {
+    for (long i = 0; i < CLASSES; ++i) market.mean[i] += month[size_t(i)] / months;
+  }
+  for (const Month& month : returns) {
     for (long i = 0; i < CLASSES; ++i) {
       for (long j = 0; j < CLASSES; ++j) {
-        const double product = (month[i] - market.mean[i]) * (month[j] - market.mean[j]);
+        const double product =
+            (month[size_t(i)] - market.mean[i]) * (month[size_t(j)] - market.mean[j]);
         market.covariance(i, j) += product / (months - 1.0);
       }
     }
@@ -358,14 +336,14 @@ static void draw(const Market& market, const std::vector<Portfolio>& along,
 }
 
 int main(int argc, char** argv) try {
-  if (argc > 2) throw std::runtime_error("usage: portfolio [FOLDER]");
-  const Market market = measure_market();
+  if (argc < 2 || argc > 3) throw std::runtime_error("usage: portfolio returns.csv [FOLDER]");
+  const Market market = measure_market(read_returns(argv[1]));
   const std::vector<Portfolio> along = frontier(market, 60);
   print_heading("The least risk for a mean");
   for (std::size_t i = 0; i < along.size(); i += 6) print_portfolio(along[i]);
   bool good = prices_agree(along);
   const std::vector<Portfolio> limited = limited_portfolios(market, &good);
-  const std::string file = std::string(argc > 1 ? argv[1] : ".") + "/portfolio.svg";
+  const std::string file = std::string(argc > 2 ? argv[2] : ".") + "/portfolio.svg";
   draw(market, along, limited, file);
   std::printf("\nFrontier drawn in %s\n", file.c_str());
   return good ? 0 : 1;

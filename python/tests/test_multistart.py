@@ -63,13 +63,20 @@ def test_threads_processes_and_no_executor_agree():
 
 def test_dask():
     distributed = pytest.importorskip("distributed")
-    with distributed.LocalCluster(
-        2, threads_per_worker=1, dashboard_address=None, silence_logs=50
+    import dask
+
+    settings = {
+        "distributed.scheduler.allowed-failures": 0,  # deaths that a start outlives
+        "distributed.comm.timeouts.connect": "5s",
+    }
+    workers = {"n_workers": 2, "threads_per_worker": 1, "dashboard_address": None}
+    with dask.config.set(settings), distributed.LocalCluster(
+        **workers, silence_logs=50
     ) as cluster, distributed.Client(cluster) as client:
-        client.run(sys.path.insert, 0, HERE)
         check(tqnlp.multistart(PROBLEM, STARTS, client.get_executor()))
         deaths = tqnlp.multistart(tqnlp.Problem(deadly), STARTS, client.get_executor())
-        assert "KilledWorker" in repr(deaths.lost[4])
+    assert "KilledWorker" in repr(deaths.lost[4])
+    assert all((result is None) == (i in deaths.lost) for i, result in enumerate(deaths.results))
 
 
 def test_mpi(tmp_path):

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Callable, Iterable, Iterator, Sequence
+from collections.abc import Callable, Iterable, Iterator
 from concurrent.futures import (
     BrokenExecutor,
     Executor,
@@ -21,7 +21,7 @@ from . import _core
 from ._compiled import is_compiled
 from ._fit import least_squares, squares_problem
 from ._minimize import STOP, minimize, scalar_problem
-from ._problem import start_point
+from ._problem import one_or_several, start_point
 from ._progress import Live
 from ._result import Result, table_of
 
@@ -82,10 +82,8 @@ class Problem:
         return scalar_problem(x0=x0, **self._arguments())
 
     def _runs_without_the_interpreter(self) -> bool:
-        blocks = self.constraints
-        blocks = [blocks] if not isinstance(blocks, Sequence) else blocks
         used = [self.fun, self.jac, self.hess]
-        for block in blocks:
+        for block in one_or_several(self.constraints):
             used += [_part(block, "fun"), _part(block, "jac")]
         return all(is_compiled(one) or not callable(one) for one in used)
 

@@ -160,13 +160,17 @@ def _by_sides(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
     return {**block, "lower": lower, "upper": upper}
 
 
+def one_or_several(constraints: Any) -> Sequence:
+    """Constraints as a sequence of them; a named tuple with sides is one."""
+    several = isinstance(constraints, Sequence) and not hasattr(constraints, "lb")
+    return constraints if several else (constraints,)
+
+
 def constraints_of(constraints: Any, x: np.ndarray) -> tuple[list[dict], list[dict]]:
     """Linear rows and nonlinear blocks. The functions are called once, for their number."""
-    if isinstance(constraints, dict) or not isinstance(constraints, Sequence):
-        constraints = (constraints,)
     linear: list[dict] = []
     nonlinear: list[dict] = []
-    for k, said in enumerate(constraints):
+    for k, said in enumerate(one_or_several(constraints)):
         name = f"constraints[{k}]"
         if isinstance(said, dict):
             nonlinear.append(_by_dictionary(said, x, name))
