@@ -25,6 +25,11 @@ static py::dict run(const py::dict& problem_said, std::vector<double> start,
   } catch (py::error_already_set& raised) {
     py::setattr(raised.value(), "partial", as_dict(partial));
     throw;
+  } catch (const py::builtin_exception& refused) {  // of what a function returned
+    refused.set_error();
+    py::error_already_set raised;
+    if (!partial.x.empty()) py::setattr(raised.value(), "partial", as_dict(partial));
+    throw raised;
   }
 }
 

@@ -1,6 +1,7 @@
 """Faults at the border between Python and the library; its numbers have tests of their own."""
 
 import doctest
+import gc
 import importlib
 import pickle
 import signal
@@ -148,6 +149,56 @@ def test_exceptions_pass_with_the_best_point_and_leak_nothing():
             assert raised.value.partial.objective <= rosen([-1.2, 1.0])
             del raised
         assert (sys.getrefcount(marker), sys.getrefcount(broken)) == before
+
+
+FAILURES = [  # what a function gives at its third call
+    {"fun": lambda: None},
+    {"fun": lambda: [1.0, 2.0]},
+    {"fun": lambda: "2"},
+    {"jac": lambda: np.zeros(3)},
+    {"hess": lambda: np.array([object()] * 4).reshape(2, 2)},
+    {"constraints": lambda: np.zeros(2)},
+    {"fun": lambda: 1 / 0},
+    {"fun": lambda: signal.raise_signal(signal.SIGINT)},
+]
+
+
+@pytest.mark.parametrize("failure", FAILURES)
+def test_failures_leak_nothing(failure):
+    marker = object()
+    good = {"fun": rosen, "jac": rosen_gradient, "hess": scipy.rosen_hess, "constraints": lambda x: 1}
+
+    def attempt():
+        def body(which):
+            calls = []
+
+            def run(x, marked):
+                calls.append(x)
+                broken = len(calls) == 3 and which in failure
+                return failure[which]() if broken else good[which](x)
+
+            return run
+
+        said = {key: body(key) for key in good}
+        rest = {"type": "ineq", "fun": said.pop("constraints"), "args": (marker,)}
+        if "constraints" in failure:
+            said["constraints"] = rest
+            del said["hess"]
+        with pytest.raises((TypeError, ValueError, ZeroDivisionError, KeyboardInterrupt)) as raised:
+            tqnlp.minimize(x0=[-1.2, 1.0], args=(marker,), **said)
+        assert raised.value.partial.x.shape == (2,)
+
+    def blocks():
+        sys._clear_type_cache()  # keeps names of attributes
+        gc.collect()
+        return sys.getallocatedblocks()
+
+    for _ in range(10):
+        attempt()
+    before = blocks(), sys.getrefcount(marker)
+    for _ in range(200):
+        attempt()
+    assert blocks() - before[0] < 100 and sys.getrefcount(marker) == before[1]
 
 
 def test_a_point_without_value_is_backed_away_from():

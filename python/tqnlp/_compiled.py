@@ -11,6 +11,7 @@ from . import _core
 NUMBER = ("double (int, double *)", "double (int, double *, void *)")
 VALUES = ("void (int, double *, double *)", "void (int, double *, double *, void *)")
 
+_FUNCTION: Any = ctypes.CFUNCTYPE(None).__mro__[1]  # what all functions of ctypes derive from
 _FORM = re.compile(r"(double|void)\(([a-z_0-9 ]+),double\*(,double\*)?(,void\*)?\)")
 _COUNTS = {
     "int": False,
@@ -46,9 +47,9 @@ def _parts(value: Any) -> tuple[str, int, int] | None:
         return _core.read_capsule(tuple.__getitem__(value, 0))  # scipy.LowLevelCallable
     if _is_capsule(value):
         return _core.read_capsule(value)
-    if isinstance(value, ctypes._CFuncPtr) and value.argtypes is not None:
+    if isinstance(value, _FUNCTION) and value.argtypes is not None:
         return _from_ctypes(value)
-    if hasattr(value, "address") and isinstance(getattr(value, "ctypes", None), ctypes._CFuncPtr):
+    if hasattr(value, "address") and isinstance(getattr(value, "ctypes", None), _FUNCTION):
         return _from_ctypes(value.ctypes)  # numba.cfunc
     return None
 
@@ -74,14 +75,20 @@ def compiled(value: Any, name: str, takes: tuple[str, ...]) -> _core.Compiled | 
     if parts is None:
         return None
     signature, address, data = parts
-    plain = re.sub(r"\bconst\b", " ", signature)
-    plain = re.sub(r"\s*([(),*])\s*", r"\1", re.sub(r"\s+", " ", plain)).strip()
-    match = _FORM.fullmatch(plain)
-    number = match is not None and match[1] == "double"
-    right = match is not None and match[2] in _COUNTS and number == (match[3] is None)
-    if not right or (NUMBER if number else VALUES)[0] not in takes:
+    form = _form_of(signature)
+    if form is None or (NUMBER if form[0] else VALUES)[0] not in takes:
         raise ValueError(
             f"{name} must be a Python function or one of C with the signature "
             f"{' or '.join(repr(one) for one in takes)}, not {signature!r}"
         )
-    return _core.Compiled(address, data, number, _COUNTS[match[2]], match[4] is not None, value)
+    return _core.Compiled(address, data, *form, value)
+
+
+def _form_of(signature: str) -> tuple[bool, bool, bool] | None:
+    """Does it answer a number, take a count of 64 bits, take user data? None: another signature."""
+    plain = re.sub(r"\s+", " ", re.sub(r"\bconst\b", " ", signature))
+    match = _FORM.fullmatch(re.sub(r"\s*([(),*])\s*", r"\1", plain).strip())
+    if match is None or match[2] not in _COUNTS:
+        return None
+    number = match[1] == "double"
+    return (number, _COUNTS[match[2]], match[4] is not None) if number != bool(match[3]) else None

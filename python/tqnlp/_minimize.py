@@ -34,9 +34,9 @@ def _look(callback: Callable | None, live: Live) -> Callable:
     """SciPy's two forms of a callback, and the live line, as the core calls them."""
     if callback is None:
         return lambda _, *at: live.show_run(*at)
-    function(callback, "callback")
+    told: Callable = function(callback, "callback")
     try:
-        names = list(inspect.signature(callback).parameters)
+        names = list(inspect.signature(told).parameters)
     except (TypeError, ValueError):
         names = []
 
@@ -45,8 +45,8 @@ def _look(callback: Callable | None, live: Live) -> Callable:
         try:
             if names == ["intermediate_result"]:
                 at = Result(x=x, fun=fun, nit=iteration)
-                return bool(callback(intermediate_result=at))
-            return bool(callback(x))
+                return bool(told(intermediate_result=at))
+            return bool(told(x))
         except StopIteration:
             return True
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Generator, Iterable
 from concurrent.futures import (
     BrokenExecutor,
     Executor,
@@ -65,8 +65,9 @@ class Problem:
 
     def solve(self, x0: Any, callback: Callable[..., Any] | None = None) -> Result:
         """Runs from a start, an array of shape (n,); answers and raises as `minimize` does."""
-        run = least_squares if self.residuals else minimize
-        return run(x0=x0, callback=callback, **self._arguments())
+        if self.residuals:
+            return least_squares(x0=x0, callback=callback, **self._arguments())
+        return minimize(x0=x0, callback=callback, **self._arguments())
 
     def _arguments(self) -> dict[str, Any]:
         names = ["fun", "args", "method", "jac", "bounds", "constraints", "tol", "options"]
@@ -108,6 +109,7 @@ class Solution(NamedTuple):
 
 
 End = Union[Result, BaseException]
+Ends = Generator[tuple[int, End], None, None]
 
 
 @dataclass
@@ -183,7 +185,7 @@ class _Runs:
         self.stop = _core.StopFlag()
         self.first_raised = len(points)
 
-    def ends(self, executor: Executor | None) -> Iterator[tuple[int, End]]:
+    def ends(self, executor: Executor | None) -> Ends:
         if executor is not None:
             yield from self._on(executor)
         elif self.problem._runs_without_the_interpreter():
@@ -192,7 +194,7 @@ class _Runs:
         else:
             yield from self._in_order()
 
-    def _in_order(self) -> Iterator[tuple[int, End]]:
+    def _in_order(self) -> Ends:
         for i, x in enumerate(self.points):
             try:
                 end: End = _run(self.problem, x, self.stop)
@@ -202,7 +204,7 @@ class _Runs:
             if isinstance(end, Exception):
                 return
 
-    def _on(self, executor: Executor) -> Iterator[tuple[int, End]]:
+    def _on(self, executor: Executor) -> Ends:
         broken = []
         for i, end in self._submitted(lambda _: executor, range(len(self.points))):
             if isinstance(end, BrokenExecutor) and isinstance(executor, ProcessPoolExecutor):
@@ -215,7 +217,7 @@ class _Runs:
 
     def _submitted(
         self, executor_of: Callable[[int], Executor], starts: Iterable[int]
-    ) -> Iterator[tuple[int, End]]:
+    ) -> Ends:
         futures: dict[Any, int] = {}
         try:
             for i in starts:
@@ -242,7 +244,7 @@ class _Runs:
             if other > self.first_raised:
                 future.cancel()
 
-    def _alone(self, like: Executor, starts: list[int]) -> Iterator[tuple[int, End]]:
+    def _alone(self, like: Executor, starts: list[int]) -> Ends:
         """Each start in a process of its own: if one dies, it is that start's."""
         inherited = {
             name: getattr(like, f"_{name}")
@@ -294,8 +296,8 @@ def _without_progress(problem: Problem) -> tuple[bool, Problem]:
 
 
 def _watched(
-    ends: Iterator[tuple[int, End]], count: int, wanted: bool
-) -> Iterator[tuple[int, End]]:
+    ends: Ends, count: int, wanted: bool
+) -> Ends:
     least = np.inf
     with Live(wanted) as live:
         for done, (i, end) in enumerate(ends, 1):

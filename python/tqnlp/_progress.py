@@ -62,7 +62,8 @@ class _Plain:
 
 
 def _line() -> _Line:
-    for kind in (_Tqdm, _Rich):
+    kinds: tuple[type[_Line], ...] = (_Tqdm, _Rich)
+    for kind in kinds:
         try:
             return kind()
         except ImportError:

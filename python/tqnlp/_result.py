@@ -41,8 +41,11 @@ class _Fields(dict):
         except KeyError:
             raise AttributeError(f"{type(self).__name__} has no field {name!r}") from None
 
-    __setattr__ = dict.__setitem__
-    __delattr__ = dict.__delitem__
+    def __setattr__(self, name: str, value: Any) -> None:
+        self[name] = value
+
+    def __delattr__(self, name: str) -> None:
+        del self[name]
 
     def __dir__(self) -> list[str]:
         return [*super().__dir__(), *self]
