@@ -1,7 +1,7 @@
 // Which portfolio has the least risk for a wanted return? Six classes of assets, their shares not
 // negative and adding up to 1: the variance of the return is a quadratic in the shares, the mean is
-// linear, and NLPQUA finds the least variance for each mean, the frontier of Markowitz (1952). The
-// other way round, the most return for a risk, is linear with a nonlinear constraint: NLPQN.
+// linear, and a quadratic program finds the least variance for each mean, the frontier of Markowitz
+// (1952). The other way round, the most return for a risk, is linear with a nonlinear constraint.
 //
 // Usage: portfolio returns.csv [FOLDER]     writes portfolio.svg there
 //
@@ -17,27 +17,46 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <variant>
 #include <vector>
 
-#include "tqnlp/tqnlp.hpp"
+#include "tqnlp/optimize.hpp"
 
-using tqnlp::Matrix;
+using tqnlp::inf;
+using tqnlp::Point;
+using tqnlp::Problem;
+using tqnlp::Values;
 
 // ---- Data ---------------------------------------------------------------------------------------
 
-constexpr long CLASSES = 6;
+constexpr std::size_t CLASSES = 6;
 static const char* const NAMES[CLASSES] = {"bills",           "bonds",    "large companies",
                                            "small companies", "property", "gold"};
 static const char* const COLORS[CLASSES] = {"#9aa5b1", "#5b8db8", "#2f6b4f",
                                             "#79b791", "#c98a3b", "#e3c34a"};
 
 struct Market {
-  Matrix mean = Matrix(1, CLASSES);
-  Matrix covariance = Matrix(CLASSES, CLASSES);
+  std::vector<double> mean = std::vector<double>(CLASSES);
+  std::vector<double> covariance = std::vector<double>(CLASSES * CLASSES);  // by rows
+
+  double mean_of(Point shares) const {
+    return std::inner_product(shares.begin(), shares.end(), mean.begin(), 0.0);
+  }
+  // Covariances of each class with the portfolio: half the slope of its variance.
+  void covariances_with(Point shares, Values c) const {
+    for (std::size_t i = 0; i < CLASSES; ++i) {
+      const auto row = covariance.begin() + long(i * CLASSES);
+      c[i] = std::inner_product(shares.begin(), shares.end(), row, 0.0);
+    }
+  }
+  double variance_of(Point shares) const {
+    double c[CLASSES];
+    covariances_with(shares, c);
+    return std::inner_product(shares.begin(), shares.end(), c, 0.0);
+  }
 };
 
 using Month = std::array<double, CLASSES>;
@@ -61,14 +80,13 @@ static Market measure_market(const std::vector<Month>& returns) {
   Market market;
   const auto months = static_cast<double>(returns.size());
   for (const Month& month : returns) {
-    for (long i = 0; i < CLASSES; ++i) market.mean[i] += month[size_t(i)] / months;
+    for (std::size_t i = 0; i < CLASSES; ++i) market.mean[i] += month[i] / months;
   }
   for (const Month& month : returns) {
-    for (long i = 0; i < CLASSES; ++i) {
-      for (long j = 0; j < CLASSES; ++j) {
-        const double product =
-            (month[size_t(i)] - market.mean[i]) * (month[size_t(j)] - market.mean[j]);
-        market.covariance(i, j) += product / (months - 1.0);
+    for (std::size_t i = 0; i < CLASSES; ++i) {
+      for (std::size_t j = 0; j < CLASSES; ++j) {
+        const double product = (month[i] - market.mean[i]) * (month[j] - market.mean[j]);
+        market.covariance[i * CLASSES + j] += product / (months - 1.0);
       }
     }
   }
@@ -78,94 +96,45 @@ static Market measure_market(const std::vector<Month>& returns) {
 // ---- The frontier -------------------------------------------------------------------------------
 
 struct Portfolio {
-  Matrix shares;
+  std::vector<double> shares;
   double mean = 0.0, variance = 0.0;
   double price = 0.0;  // of return: variance for one more unit of mean
   double risk() const { return std::sqrt(variance); }
 };
 
-// The multiplier of a constraint in the last table of that name in the report; 0 when the
-// constraint is not active.
-static double multiplier(const tqnlp::Session& tql, const char* table_name, const char* name_column,
-                         const std::string& constraint) {
-  double found = 0.0;
-  for (const tqnlp::Table& table : tql.tables()) {
-    if (table.name != table_name) continue;
-    found = 0.0;  // the table of the result stands behind that of the start
-    const auto column = [&table](const char* name) {
-      return static_cast<std::size_t>(std::find(table.columns.begin(), table.columns.end(), name) -
-                                      table.columns.begin());
-    };
-    for (const auto& row : table.rows) {
-      const auto* label = std::get_if<std::string>(&row[column(name_column)]);
-      if (label != nullptr && *label == constraint)
-        found = std::get<double>(row[column("Lagrange")]);
-    }
-  }
+// From equal shares. The shares are not negative, and the portfolio is all there is.
+static tqnlp::Result best_shares(Problem problem) {
+  problem.bounds(std::vector<double>(CLASSES, 0.0), std::vector<double>(CLASSES, inf))
+      .linear(std::vector<double>(CLASSES, 1.0), 1.0, 1.0, "whole")
+      .names({std::begin(NAMES), std::end(NAMES)});
+  auto found = tqnlp::solve(problem, std::vector<double>(CLASSES, 1.0 / CLASSES));
+  if (!found.optimality) throw std::runtime_error("no portfolio: " + found.optimality.sentence());
   return found;
-}
-
-static double variance_of(const Market& market, const Matrix& shares) {
-  double variance = 0.0;
-  for (long i = 0; i < CLASSES; ++i) {
-    for (long j = 0; j < CLASSES; ++j) variance += shares[i] * market.covariance(i, j) * shares[j];
-  }
-  return variance;
-}
-
-static double mean_of(const Market& market, const Matrix& shares) {
-  double mean = 0.0;
-  for (long i = 0; i < CLASSES; ++i) mean += market.mean[i] * shares[i];
-  return mean;
-}
-
-// Bounds and the rows that every portfolio keeps: shares are not negative and add up to 1.
-static Matrix shares_of_a_whole(long rows) {
-  Matrix constraints = Matrix::filled(2 + rows, CLASSES + 2, tqnlp::missing);
-  for (long j = 0; j < CLASSES; ++j) {
-    constraints(0, j) = 0.0;
-    constraints(2, j) = 1.0;
-  }
-  constraints(2, CLASSES) = 0.0;  // equal to
-  constraints(2, CLASSES + 1) = 1.0;
-  return constraints;
 }
 
 // Least variance among the portfolios with at least this mean.
 static Portfolio least_variance(const Market& market, double mean) {
-  Matrix twice = market.covariance;  // NLPQUA minimizes x'Hx / 2
+  std::vector<double> twice = market.covariance;  // a quadratic is x'Hx / 2
   for (double& element : twice) element *= 2.0;
-  Matrix constraints = shares_of_a_whole(2);
-  for (long j = 0; j < CLASSES; ++j) constraints(3, j) = market.mean[j];
-  constraints(3, CLASSES) = 1.0;  // at least
-  constraints(3, CLASSES + 1) = mean;
-
-  tqnlp::Session tql;
-  Matrix start(1, CLASSES);
-  for (double& share : start) share = 1.0 / CLASSES;
-  const Matrix with_multipliers = {0, 4};
-  const auto results = tql.call("NLPQUA", {twice, start, with_multipliers, constraints});
-  if (!(results[0](0, 0) > 0.0)) throw std::runtime_error("NLPQUA found no portfolio");
-  Portfolio best;
-  best.shares = results[1];
-  best.mean = mean_of(market, best.shares);
-  best.variance = variance_of(market, best.shares);
-  best.price = multiplier(tql, "Lagrange", "Parameter2", "C2_2");
-  return best;
+  auto problem = Problem::quadratic({CLASSES, twice});
+  problem.linear(market.mean, mean, inf, "wanted mean");
+  const auto found = best_shares(problem);
+  return {found.x, market.mean_of(found.x), found.objective, found.multipliers.linear[0]};
 }
 
-// From the least variance of all to the largest mean, in equal steps of the mean.
+// From the least variance of all to the largest mean, in equal steps of the mean. At the ends there
+// is no price: the first needs no wanted mean, and no mean is above the last.
 static std::vector<Portfolio> frontier(const Market& market, int steps) {
-  std::vector<Portfolio> along = {least_variance(market, -100.0)};
+  std::vector<Portfolio> along = {least_variance(market, -inf)};
   const double first = along[0].mean;
   const double last = *std::max_element(market.mean.begin(), market.mean.end());
   for (int i = 1; i <= steps; ++i) {
     along.push_back(least_variance(market, first + (last - first) * i / steps));
   }
+  along.back().price = 0.0;
   return along;
 }
 
-// At the ends there is no price: the first needs no wanted mean, and none is above the last.
 static void print_portfolio(const Portfolio& p) {
   std::printf("%7.3f %7.3f ", p.mean, p.risk());
   if (p.price > 0.0) {
@@ -199,38 +168,22 @@ static bool prices_agree(const std::vector<Portfolio>& along) {
 
 // ---- The most return for a risk -----------------------------------------------------------------
 
-// The largest mean among the portfolios with at most this risk, by NLPQN with the variance as a
-// nonlinear constraint. Its multiplier is the return that one more unit of variance buys.
-static Portfolio most_return(const Market& market, double limit, double* reward) {
-  const double no = tqnlp::missing;
-  tqnlp::Session tql;
-  tql.module("MEAN", [&](const Matrix& x) { return Matrix::scalar(mean_of(market, x)); });
-  tql.module("SLOPE", [&](const Matrix&) { return market.mean; });
-  tql.module("ROOM", [&](const Matrix& x) {
-    return Matrix::scalar(limit * limit - variance_of(market, x));
-  });
-  tql.module("ROOM_SLOPE", [&](const Matrix& x) {
-    Matrix row(1, CLASSES);
-    for (long i = 0; i < CLASSES; ++i) {
-      for (long j = 0; j < CLASSES; ++j) row[i] -= 2.0 * market.covariance(i, j) * x[j];
-    }
-    return row;
-  });
-  Matrix start(1, CLASSES);
-  for (double& share : start) share = 1.0 / CLASSES;
-  const Matrix maximize_with_report = {1, 4, no, no, no, no, no, no, no, 1, 0};
-  const Matrix promise_alone = {no, no, no, 1e-12, no, 0, no, 0};
-  const auto results =
-      tql.call("NLPQN", {"MEAN", start, maximize_with_report, shares_of_a_whole(1), promise_alone,
-                         Matrix(), Matrix(), "SLOPE", "ROOM", "ROOM_SLOPE"});
-  if (!(results[0](0, 0) > 0.0)) throw std::runtime_error("NLPQN found no portfolio");
-  Portfolio best;
-  best.shares = results[1];
-  best.mean = mean_of(market, best.shares);
-  best.variance = variance_of(market, best.shares);
-  *reward = std::fabs(multiplier(tql, "NonLinCons", "Parameter", "C4_1"));
-  best.price = *reward > 0.0 ? 1.0 / *reward : 0.0;
-  return best;
+// The largest mean among the portfolios with at most this risk. The multiplier of the variance is
+// the mean that one more unit of it buys.
+static Portfolio most_return(const Market& market, double limit) {
+  auto problem = Problem::maximize(CLASSES, [&](Point shares) { return market.mean_of(shares); });
+  problem
+      .gradient([&](Point, Values slope) {
+        std::copy(market.mean.begin(), market.mean.end(), slope.begin());
+      })
+      .nonlinear({-inf}, {limit * limit},
+                 [&](Point shares, Values variance) { variance[0] = market.variance_of(shares); })
+      .nonlinear_jacobian([&](Point shares, Values slope) {
+        market.covariances_with(shares, slope);
+        for (double& element : slope) element *= 2.0;
+      });
+  const auto found = best_shares(problem);
+  return {found.x, found.objective, found.constraints[0], 1.0 / found.multipliers.nonlinear[0]};
 }
 
 // Both ways lead to the same portfolio: the least variance for the mean that was found.
@@ -244,11 +197,10 @@ static std::vector<Portfolio> limited_portfolios(const Market& market, bool* goo
   std::vector<Portfolio> limited;
   print_heading("The largest mean for a risk of 0.5, 1 and 2 percent");
   for (const double limit : {0.5, 1.0, 2.0}) {
-    double reward = 0.0;
-    const Portfolio p = most_return(market, limit, &reward);
+    const Portfolio p = most_return(market, limit);
     print_portfolio(p);
     std::printf("        one more hundredth of risk buys %.4f more mean\n",
-                0.01 * 2.0 * p.risk() * reward);
+                0.01 * 2.0 * p.risk() / p.price);
     *good = *good && lies_on_the_frontier(market, p);
     limited.push_back(p);
   }
@@ -292,7 +244,7 @@ static void draw_axes(std::ofstream& out, double most) {
 // The shares of each class over the risk of the portfolio, one band on the other.
 static void draw_shares(std::ofstream& out, const std::vector<Portfolio>& along) {
   std::vector<double> below(along.size(), 0.0);
-  for (long j = 0; j < CLASSES; ++j) {
+  for (std::size_t j = 0; j < CLASSES; ++j) {
     std::string upper, lower;
     for (std::size_t i = 0; i < along.size(); ++i) {
       const auto point = [&](double share) {
@@ -323,8 +275,9 @@ static void draw(const Market& market, const std::vector<Portfolio>& along,
     out << "<circle cx='" << across(p.risk()) << "' cy='" << down(p.mean, most)
         << "' r='5' fill='white' stroke='#b03a2e' stroke-width='2'/>\n";
   }
-  for (long j = 0; j < CLASSES; ++j) {
-    const double x = across(std::sqrt(market.covariance(j, j))), y = down(market.mean[j], most);
+  for (std::size_t j = 0; j < CLASSES; ++j) {
+    const double x = across(std::sqrt(market.covariance[j * CLASSES + j])),
+                 y = down(market.mean[j], most);
     out << "<circle cx='" << x << "' cy='" << y << "' r='5' fill='" << COLORS[j] << "'/>\n";
     const bool crowded = j == 4;  // by its neighbour on the right
     draw_text(out, crowded ? x - 9 : x, crowded ? y + 4 : y + 20,
