@@ -210,7 +210,7 @@ static std::vector<Portfolio> limited_portfolios(const Market& market, bool* goo
 
 // ---- Picture ------------------------------------------------------------------------------------
 
-constexpr double WIDTH = 860, HEIGHT = 640, LEFT = 70, RIGHT = 690, TOP = 70, MIDDLE = 400;
+constexpr double WIDTH = 740, HEIGHT = 620, LEFT = 70, RIGHT = 690, TOP = 70, MIDDLE = 400;
 constexpr double SHARES_TOP = 450, SHARES_BOTTOM = 580, MOST_RISK = 6.0;
 
 static double across(double risk) { return LEFT + (RIGHT - LEFT) * risk / MOST_RISK; }
@@ -257,6 +257,10 @@ static void draw_shares(std::ofstream& out, const std::vector<Portfolio>& along)
     }
     out << "<polygon points='" << upper << lower << "' fill='" << COLORS[j] << "'/>\n";
   }
+  draw_text(out, LEFT - 8, SHARES_TOP + 10, "text-anchor='end'", "100 %");
+  draw_text(out, LEFT - 8, SHARES_BOTTOM, "text-anchor='end'", "0 %");
+  draw_text(out, (LEFT + RIGHT) / 2, SHARES_BOTTOM + 22, "text-anchor='middle'",
+            "shares of the portfolio on the frontier above, in the colors of their classes");
 }
 
 static void draw(const Market& market, const std::vector<Portfolio>& along,
@@ -279,9 +283,14 @@ static void draw(const Market& market, const std::vector<Portfolio>& along,
     const double x = across(std::sqrt(market.covariance[j * CLASSES + j])),
                  y = down(market.mean[j], most);
     out << "<circle cx='" << x << "' cy='" << y << "' r='5' fill='" << COLORS[j] << "'/>\n";
-    const bool crowded = j == 4;  // by its neighbour on the right
-    draw_text(out, crowded ? x - 9 : x, crowded ? y + 4 : y + 20,
-              crowded ? "text-anchor='end'" : "text-anchor='middle'", NAMES[j]);
+    const std::string name = NAMES[j];
+    if (name == "bills") {
+      draw_text(out, x + 10, y + 4, "", name);  // off the axis
+    } else if (name == "property") {
+      draw_text(out, x - 4, y + 20, "text-anchor='end'", name);  // off its neighbour on the right
+    } else {
+      draw_text(out, x, y + 20, "text-anchor='middle'", name);
+    }
   }
   draw_shares(out, along);
   out << "</svg>\n";
