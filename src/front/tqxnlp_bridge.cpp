@@ -22,6 +22,7 @@
 #include "host/memory.h"
 #include "host/process.h"
 #include "host/strings.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 

@@ -11,6 +11,7 @@
 #include "aasubs/setup/evaluations.h"
 #include "front/tqxnlp_bridge.h"
 #include "kernels/crossproduct.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 

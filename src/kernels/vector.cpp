@@ -6,7 +6,10 @@
 #include "kernels/vector.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 
 #include "aasubs/record/constants.h"
 #include "kernels/lanes.h"
@@ -236,6 +239,53 @@ double xdif(long n, const double* x, const double* y) {
     sum += part * part;
   }
   return largest * std::sqrt(sum);
+}
+
+// ---- Ranges ------------------------------------------------------------------------------------
+
+// Elements that are as wanted are counted, without a branch for each. Groups of eight are walked,
+// and then the last eight, partly once more: n is 8 at least.
+TQNLP_BODY long count_finite(long n, const double* x) {
+  long count = 0;
+  for (long i = 0; i < n; ++i) count += std::fabs(x[i]) <= std::numeric_limits<double>::max();
+  return count;
+}
+
+template <int W>
+TQNLP_BODY bool finite_body(long n, const double* x) {
+  const long whole = n & -LANES;
+  return count_finite(whole, x) + count_finite(LANES, x + n - LANES) == whole + LANES;
+}
+TQNLP_DISPATCH(bool, finite, (long n, const double* x), (n, x))
+
+TQNLP_BODY long count_between(long n, const double* x, const double* lower, const double* upper) {
+  long count = 0;
+  for (long i = 0; i < n; ++i) count += (x[i] >= lower[i]) & (x[i] <= upper[i]);
+  return count;
+}
+
+template <int W>
+TQNLP_BODY bool between_body(long n, const double* x, const double* lower, const double* upper) {
+  const long whole = n & -LANES, last = n - LANES;
+  return count_between(whole, x, lower, upper) +
+             count_between(LANES, x + last, lower + last, upper + last) ==
+         whole + LANES;
+}
+TQNLP_DISPATCH(bool, between, (long n, const double* x, const double* lower, const double* upper),
+               (n, x, lower, upper))
+
+bool all_finite(long n, const double* x) {
+  if (n >= LANES) return finite(n, x);
+  for (long i = 0; i < n; ++i)
+    if (!std::isfinite(x[i])) return false;
+  return true;
+}
+
+bool all_between(long n, const double* x, const double* lower, const double* upper) {
+  if (n >= LANES) return between(n, x, lower, upper);
+  for (long i = 0; i < n; ++i)
+    if (!(x[i] >= lower[i] && x[i] <= upper[i])) return false;
+  return true;
 }
 
 }  // namespace tqnlp

@@ -42,4 +42,8 @@ double reldx(long n, double xsiz, const double* x, const double* y);
 // Euclidean norm of x - y; 0 for n = 0.
 double xdif(long n, const double* x, const double* y);
 
+// Are all elements of x finite numbers? Are they between lower and upper? A NaN is not.
+bool all_finite(long n, const double* x);
+bool all_between(long n, const double* x, const double* lower, const double* upper);
+
 }  // namespace tqnlp

@@ -76,6 +76,22 @@ TEST(VectorKernels, NormIsFreeOfOverflowAndUnderflow) {
   EXPECT_EQ(zvenorm(1, 1, nan + 2), 0.0);
 }
 
+TEST(VectorKernels, RangesSeeEveryElement) {
+  const double nan = std::nan(""), huge = HUGE_VAL;
+  for (long n = 0; n < 40; ++n) {
+    Vec x(n, 1.0), lower(n, 1.0), upper(n, 2.0);
+    EXPECT_TRUE(run(all_finite, n, x) && run(all_between, n, x, lower, upper)) << n;
+    for (long j = 0; j < n; ++j) {
+      for (const double bad : {nan, -nan, huge, -huge, 0.999, 2.001}) {
+        x[j] = bad;
+        EXPECT_EQ(run(all_finite, n, x), std::isfinite(bad)) << n << ' ' << j;
+        EXPECT_FALSE(run(all_between, n, x, lower, upper)) << n << ' ' << j << ' ' << bad;
+      }
+      x[j] = 2.0;
+    }
+  }
+}
+
 // ---- Packed matrices ---------------------------------------------------------------------------
 
 TEST(Crossproduct, AgreesWithPlainSumsInEveryShape) {

@@ -21,10 +21,6 @@ namespace tqnlp {
 // Norms below this are no scale.
 static constexpr double LEAST_NORM = 2.2250738585072018e-307;
 
-static bool all_finite(long count, const double* values) {
-  return std::all_of(values, values + count, [](double v) { return std::isfinite(v); });
-}
-
 // A criterion that is missing or negative is not in force.
 static double in_force(double criterion) {
   return wzmis(criterion) || !(criterion > 0.0) ? 0.0 : criterion;

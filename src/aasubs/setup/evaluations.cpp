@@ -1,27 +1,13 @@
-// Values of a user's code: are they numbers, what is the objective of least squares, of a
-// quadratic.
+// Values of a user's code: the objective of least squares, of a quadratic.
 #include "aasubs/setup/evaluations.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
-#include <cstdint>
 
 #include "aasubs/constraints/znlpba1.h"
 #include "kernels/vector.h"
 
 namespace tqnlp {
-
-// Are all exponents below the largest, that of infinities and NaN? By sums of bits.
-bool all_finite(long n, const double* values) {
-  static constexpr std::uint64_t EXPONENT = 0x7FF0000000000000;
-  static constexpr std::uint64_t LOWEST_OF_IT = 0x0010000000000000;
-  std::uint64_t carries = 0;  // the sign bit: an exponent overflowed
-  for (long i = 0; i < n; ++i) {
-    carries |= (std::bit_cast<std::uint64_t>(values[i]) & EXPONENT) + LOWEST_OF_IT;
-  }
-  return (carries >> 63) == 0;
-}
 
 // ---- Least squares ------------------------------------------------------------------------------
 

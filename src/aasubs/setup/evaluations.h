@@ -5,9 +5,6 @@
 
 namespace tqnlp {
 
-// Are n values finite? Without a branch for each, since a Jacobian has many.
-bool all_finite(long n, const double* values);
-
 // Answers of half_sum_of_squares beside 0.
 inline constexpr int RESIDUAL_TOO_LARGE = 2;  // an element of func at or beyond ROOT_HUGE
 inline constexpr int NORM_TOO_LARGE = 3;      // the norm of func, or an element of J'J
