@@ -6,9 +6,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
-#include <cstdint>
 #include <utility>
 
 #include "aasubs/derivatives/znlpfid.h"
@@ -45,36 +43,29 @@ static void negate(double* values, long count) {
   for (long i = 0; i < count; ++i) values[i] = -values[i];
 }
 
-// Is an element beyond a bound, or no number? By the bits that a projection would change, without a
-// branch for each element.
-static bool beyond(long n, const double* x, const double* lower, const double* upper) {
-  std::uint64_t changed = 0;
-  for (long j = 0; j < n; ++j) {
-    const double raised = x[j] > lower[j] ? x[j] : lower[j];  // a NaN too
-    const double inside = raised < upper[j] ? raised : upper[j];
-    changed |= std::bit_cast<std::uint64_t>(inside) ^ std::bit_cast<std::uint64_t>(x[j]);
-  }
-  return changed != 0;
+// The projection of x into the bounds. Null when x is no point, as after an overflow in a step.
+[[gnu::noinline]] static const double* projection(Run& run, const double* x) {
+  const Constraints& c = run.shared.constraints;
+  if (!c.bounds || !all_finite(run.nvar, x)) return nullptr;
+  for (std::size_t j = 0; j < run.inside.size(); ++j)
+    run.inside[j] = std::clamp(x[j], c.lower[j], c.upper[j]);
+  return run.inside.data();
 }
 
-// The point for the user's function: x itself, or in his units, or its projection into the bounds.
-// Null when x is no point, as after an overflow in a step. An absent bound stands at the largest
-// double, so that an infinite element is beyond it.
+// The point for the user's function: x itself, or in his units, or its projection. An absent bound
+// stands at the largest double, so that an infinite element is beyond it.
 static const double* point(Run& run) {
-  const long n = run.nvar;
   const double* x = run.x;
   if (!run.shared.units.parameter.empty()) {
-    point_to_user(run.shared.units, n, x, run.inside.data());
+    point_to_user(run.shared.units, run.nvar, x, run.inside.data());
     x = run.inside.data();
   }
-  if (!run.shared.constraints.bounds) return all_finite(n, x) ? x : nullptr;
-  const double* lower = run.shared.constraints.lower.data();
-  const double* upper = run.shared.constraints.upper.data();
-  if (!beyond(n, x, lower, upper)) return x;
-  if (!all_finite(n, x)) return nullptr;
-  for (long j = 0; j < n; ++j)
-    run.inside[static_cast<std::size_t>(j)] = std::clamp(x[j], lower[j], upper[j]);
-  return run.inside.data();
+  const Constraints& c = run.shared.constraints;
+  const bool good = c.bounds ? all_between(run.nvar, x, c.lower.data(), c.upper.data())
+                             : all_finite(run.nvar, x);
+  if (good) [[likely]]
+    return x;
+  return projection(run, x);
 }
 
 // Calls a user's function; false when it has no value here. What it throws is kept, and ends the
@@ -82,7 +73,8 @@ static const double* point(Run& run) {
 template <class Body>
 static bool call(Run& run, long& count, const Body& body) {
   Shared& shared = run.shared;
-  if (shared.interrupted) return false;
+  if (shared.interrupted) [[unlikely]]
+    return false;
   ++count;
   if (run.indf >= GRADIENT_STEP) ++shared.counts.for_differences;
   try {
@@ -144,10 +136,7 @@ static bool rows_hold(const Run& run, const double* x) {
 
 // A value of the objective: the best so far, if its constraints hold. Nonlinear ones are evaluated
 // before or after it, at the same point.
-static void note_objective(Run& run, const double* x) {
-  BestPoint& best = run.shared.best;
-  const double crit = objective_to_user(run.shared.units, run.crit);
-  if (best.found && !(crit < best.crit)) return;
+[[gnu::noinline]] static void note_objective(Run& run, const double* x, double crit) {
   if (!run.shared.constraints.rows.empty() && !rows_hold(run, x)) return;
   if (run.shared.constraints.nonlinear.empty()) return offer_best(run.shared, x, crit);
   if (std::equal(x, x + run.nvar, run.held.begin())) return offer_best(run.shared, x, crit);
@@ -245,10 +234,13 @@ static int objective(MINSTR* str) {
     const bool squares = run.shared.problem.kind == Kind::least_squares;
     code = squares ? squares_objective(run, x) : scalar_objective(run, x);
   }
-  if (code != GOOD) return fail(run, code);
+  if (code != GOOD) [[unlikely]]
+    return fail(run, code);
   run.tbig = 0.0;
   if (!run.lagrange.empty()) return lagrangian(run);
-  note_objective(run, x);
+  const BestPoint& best = run.shared.best;
+  const double crit = objective_to_user(run.shared.units, run.crit);
+  if (!best.found || crit < best.crit) note_objective(run, x, crit);
   return GOOD;
 }
 

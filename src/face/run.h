@@ -6,6 +6,7 @@
 // has another (packed Hessians, sides of constraints, points beyond a bound).
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 
@@ -26,32 +27,34 @@ struct BestPoint {
   std::vector<double> x;
 };
 
-// Time in the user's functions. The first calls are timed, and then every 64th: readings of a clock
-// cost more than a quick function.
+// Time in the user's functions. Readings of a clock cost more than a quick function: of such a one
+// the first calls and then every 256th are timed, and stand for those before them.
 class UserClock {
  public:
   void starts() {
-    timed_ = calls_ < ALWAYS || calls_ % EVERY == 0;
-    ++calls_;
-    if (timed_) began_ = Clock::now();
+    if (--untimed_ < 0) [[unlikely]]
+      began_ = Clock::now();
   }
   void ends() {
-    if (timed_) add();
+    if (untimed_ < 0) [[unlikely]]
+      add();
   }
   double seconds() const { return seconds_; }
 
  private:
   using Clock = std::chrono::steady_clock;
-  static constexpr unsigned long ALWAYS = 64;
-  static constexpr unsigned long EVERY = 64;
+  static constexpr double QUICK = 1e-6;  // seconds
+  static constexpr long EVERY = 256;
   void add() {
     const double passed = std::chrono::duration<double>(Clock::now() - began_).count();
-    seconds_ += calls_ > ALWAYS ? EVERY * passed : passed;
+    seconds_ += passed + static_cast<double>(share_ - 1) * std::min(passed, QUICK);
+    share_ = passed < QUICK ? std::min(2 * share_, EVERY) : 1;
+    untimed_ = share_ - 1;
   }
   Clock::time_point began_;
   double seconds_ = 0.0;
-  unsigned long calls_ = 0;
-  bool timed_ = false;
+  long share_ = 1;    // calls that the next timed one stands for
+  long untimed_ = 0;  // calls until then; below zero while it runs
 };
 
 // What all records of one solve share: problem, counts, best point, exception.
