@@ -432,12 +432,12 @@ static void keep_iteration(Run& run, const Progress& at) {
   history.step.push_back(step_of(run));
 }
 
+// But for the time: the history does not need it.
 static Progress progress_of(Run& run) {
   const Units& units = run.shared.units;
   Progress at;
   at.iteration = run.shared.iterations_before + static_cast<long>(run.nitr);
   at.calls = run.nfct;
-  at.seconds = zdattim() - run.shared.began;
   const double crit = wzmis(run.crit) ? run.crit : objective_to_user(units, run.crit);
   at.objective = run.imax != 0 ? -crit : crit;
   const double slope = run.nlicon != 0 ? run.gmlf : run.gmax;
@@ -458,9 +458,10 @@ static int terminate(MINSTR* str, int job) {
   const int code = znlptrm(str, job);
   const bool iteration = job == TEST_START || (job > 0 && job % 2 == 1);
   if (!iteration) return code;
-  const Progress at = progress_of(run);
+  Progress at = progress_of(run);
   keep_iteration(run, at);
   if (shared.options.progress == nullptr || job == TEST_START) return code;
+  at.seconds = zdattim() - shared.began;
   try {
     if (shared.options.progress(at)) return code;
     shared.stopped = true;
