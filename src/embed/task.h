@@ -107,7 +107,7 @@ struct Frame {
   std::list<std::unique_ptr<WorkFile>> files;
   std::list<std::unique_ptr<RvxObject>> reports;
   std::list<std::unique_ptr<TQLCALL>> prepared;
-  std::deque<Matrix> results;
+  std::vector<Matrix> results;  // their numbers stay where they are when it grows
   double no_numbers = 0.0;     // where the numbers of a result without any would stand
   std::exception_ptr thrown;   // what a module or the sink threw: the call ends, and rethrows it
   std::string thrown_by;       // who that was, as the subject of a sentence

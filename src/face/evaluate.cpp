@@ -422,8 +422,18 @@ static int constraint_jacobian(MINSTR* str) {
 
 static double step_of(const Run& run) { return run.alfa > 0.0 ? run.alfa : MISSING; }
 
+// Room for the iterations of most runs, so that small ones do not spend their time on growth.
+static void reserve(History& history) {
+  static constexpr std::size_t MOST = 64;
+  history.iteration.reserve(MOST);
+  history.calls.reserve(MOST);
+  for (auto* column : {&history.objective, &history.gradient, &history.violation, &history.step})
+    column->reserve(MOST);
+}
+
 static void keep_iteration(Run& run, const Progress& at) {
   History& history = run.shared.history;
+  if (history.iteration.empty()) reserve(history);
   history.iteration.push_back(at.iteration);
   history.calls.push_back(at.calls);
   history.objective.push_back(at.objective);
