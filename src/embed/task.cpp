@@ -1,12 +1,14 @@
 // task: the active task of a thread, the frames of its calls, planned failures and counters.
 //
 // The only state that is shared by several functions without being passed on is the pointer to the
-// active task, one a thread. It is set for the length of a call and put back by the scope that set
-// it, so that calls on several sessions can stand inside one another.
+// active task, one a thread, and that to what watches new tasks in tests. Each is set for the length
+// of a call and put back by the scope that set it, so that calls on several sessions can stand inside
+// one another.
 #include "embed/task.h"
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 namespace tqnlp::embed {
 
@@ -19,12 +21,23 @@ Task& current_task() {
   return own;
 }
 
-Task::Task() { frames.emplace_back(); }
+static thread_local Watch* watch = nullptr;
+
+Watch::Watch() : outer_(std::exchange(watch, this)) {}
+Watch::~Watch() { watch = outer_; }
+
+Task::Task() {
+  frames.emplace_back();
+  if (watch != nullptr) std::ranges::copy(watch->faults, faults);
+}
 
 // Memory that was taken without a call, and the values of the variables.
 Task::~Task() {
   long bytes = 0;
   for (Frame& frame : frames) release_blocks(frame, &bytes);
+  if (watch == nullptr) return;
+  std::ranges::copy(faults, watch->faults);
+  watch->counters = counters;
 }
 
 Activation::Activation(Task& task) : outer_(active_task) { active_task = &task; }

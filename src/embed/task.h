@@ -236,6 +236,22 @@ struct Task {
 // The active task of this thread, or the thread's own when no session is active.
 Task& current_task();
 
+// What the tasks that this thread makes for a scope begin with, and what becomes of it: a run of the
+// named face has a task of its own, which is gone when a test could look.
+class Watch {
+ public:
+  Watch();
+  ~Watch();
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  Countdown faults[fault_kinds];
+  Counters counters{};
+
+ private:
+  Watch* outer_;
+};
+
 // Makes a task the active one of this thread for a scope.
 class Activation {
  public:

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "embed/task.h"
 #include "face/face_problem.h"
 #include "tqnlp/optimize.hpp"
 
@@ -176,6 +177,47 @@ TEST(Face, ProgressStopsARunAndLimitsEndIt) {
   EXPECT_EQ(solve(ROSENBROCK, START, limits).status.ending, Status::time_limit);
   EXPECT_EQ(solve(Problem::minimize(1, [](Point) { return std::nan(""); }), {0}).status.ending,
             Status::no_value_at_start);
+}
+
+// Every allocation of a solve is refused in its turn: an answer that says so, no block left, and
+// the next solve as if nothing had been.
+void walk_through_refusals(const Problem& problem, const Options& options = {}) {
+  static constexpr auto ALLOCATION = static_cast<std::size_t>(embed::Fault::allocation);
+  const Result whole = solve(problem, START, options);
+  ASSERT_TRUE(whole.status) << whole.status.sentence();
+  bool struck = true;
+  for (long k = 0; struck; ++k) {
+    embed::Watch watch;
+    watch.faults[ALLOCATION].left = k;
+    try {
+      const Result found = solve(problem, START, options);
+      EXPECT_EQ(found.x.size(), START.size());
+      EXPECT_TRUE(!found.status || whole.objective == found.objective) << k;
+    } catch (const FatalError& error) {
+      EXPECT_EQ(error.code(), 1016) << error.what();
+    }
+    struck = watch.faults[ALLOCATION].left < 0;
+    EXPECT_EQ(watch.counters.blocks_left, 0) << k;
+  }
+  const Result again = solve(problem, START, options);
+  EXPECT_EQ(again.x, whole.x);
+  EXPECT_EQ(again.log.size(), whole.log.size());
+}
+
+TEST(Face, RefusedMemoryIsToldAndLeavesNothing) {
+  auto constrained = Problem(ROSENBROCK).bounds({-3, -3}, {3, 3}).linear(Vector{1, 1}, -4, 1);
+  Options loud;
+  loud.report = 5;
+  walk_through_refusals(constrained, loud);
+  constrained.nonlinear({0}, {2}, [](Point x, Values c) { c[0] = x[0] * x[0] + x[1] * x[1]; });
+  walk_through_refusals(constrained);
+  walk_through_refusals(Problem::least_squares(2, 2, [](Point x, Values r) {
+    r[0] = 10 * (x[1] - x[0] * x[0]);
+    r[1] = 1 - x[0];
+  }));
+  walk_through_refusals(Problem::quadratic(SymmetricMatrix(2, {4, 1, 1, 3}), {1, 1})
+                            .bounds({-2, -2}, {2, 2})
+                            .linear(Vector{1, 1}, -1, 3));
 }
 
 // ---- The rest -----------------------------------------------------------------------------------
