@@ -140,7 +140,12 @@ static void check(Shared& shared, embed::Task& task, Result* result, Advice* adv
     return;
   *advice = {};
   const std::size_t lines = task.log.size();
-  check_point(shared, look_at(shared, *result), result, advice);
+  try {
+    check_point(shared, look_at(shared, *result), result, advice);
+  } catch (const embed::ExitRequest&) {  // memory was refused: what the run has found stands
+    result->optimality.verdict = Optimality::not_known;
+    return;
+  }
   task.log.resize(lines);  // its remarks are those of the run
 }
 
