@@ -27,8 +27,9 @@ struct BestPoint {
   std::vector<double> x;
 };
 
-// Time in the user's functions. Readings of a clock cost more than a quick function: of such a one
-// the first calls and then every 256th are timed, and stand for those before them.
+// Time in the user's functions. Readings of a clock cost more than a quick function: of such ones
+// a few calls first and then every 127th are timed, and stand for those before them. The distances
+// are odd, so that functions that are called in turn are met alike.
 class UserClock {
  public:
   void starts() {
@@ -44,11 +45,11 @@ class UserClock {
  private:
   using Clock = std::chrono::steady_clock;
   static constexpr double QUICK = 1e-6;  // seconds
-  static constexpr long EVERY = 256;
+  static constexpr long EVERY = 127;
   void add() {
     const double passed = std::chrono::duration<double>(Clock::now() - began_).count();
-    seconds_ += passed + static_cast<double>(share_ - 1) * std::min(passed, QUICK);
-    share_ = passed < QUICK ? std::min(2 * share_, EVERY) : 1;
+    seconds_ += static_cast<double>(share_) * passed;
+    share_ = passed < QUICK ? std::min(2 * share_ + 1, EVERY) : 1;
     untimed_ = share_ - 1;
   }
   Clock::time_point began_;

@@ -139,7 +139,14 @@ TQNLP_DISPATCH(void, blocks,
 
 void change_rows(const RowCorrections& corrections, long count, long from, long to, long first,
                  double* c) {
-  if (count > 0 && from < to) blocks(corrections, count, from, to, first, c);
+  static constexpr long FEW_ROWS = 3,
+                        FEW_COLUMNS = 16;  // a block of eight would stand mostly empty
+  if (count < 1) return;
+  if (to - from > FEW_ROWS || count > FEW_COLUMNS) {
+    if (from < to) blocks(corrections, count, from, to, first, c);
+    return;
+  }
+  for (long i = from; i < to; ++i) change_row(corrections, 0, count, i, c + packed_size(i) + first);
 }
 
 // ---- A symmetric matrix -------------------------------------------------------------------------

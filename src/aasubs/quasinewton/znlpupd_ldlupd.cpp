@@ -81,8 +81,9 @@ struct Sweep {
 };
 
 // Corrects pivot d of column j, where y has arrived at v, and says how the column below changes, as
-// change k of its panel. Of the two equivalent forms the constant 4 selects the more stable one.
-static void correct_pivot(Sweep& sweep, long j, double v, double& d, ColumnChanges& changes,
+// change k of its panel; false: no column changes any more. Of the two equivalent forms the
+// constant 4 selects the more stable one.
+static bool correct_pivot(Sweep& sweep, long j, double v, double& d, ColumnChanges& changes,
                           long k) {
   static constexpr double FORMS_MEET = 4.0;
   const double w = v / d;
@@ -90,10 +91,11 @@ static void correct_pivot(Sweep& sweep, long j, double v, double& d, ColumnChang
   const double q = r / sweep.t;
   d *= q;
   sweep.ended = q == 0.0;
-  if (sweep.ended) return;
+  if (sweep.ended) return false;
   const bool by_ratio = q > FORMS_MEET;
   changes.set(k, v, w / r, by_ratio ? sweep.t / r : 1.0, by_ratio);
   sweep.t = r;
+  return true;
 }
 
 // Decides column j, change k of its panel, for all corrections. True: the last correction fills the
@@ -102,11 +104,9 @@ static bool decide_column(Sweep* sweeps, long j, double& d, RowCorrections& rows
   for (int m = 0; m < rows.count; ++m) {
     Sweep& sweep = sweeps[m];
     const double y = rows.y[m][j];
+    if (!sweep.ended && d > 0.0 && correct_pivot(sweep, j, y, d, rows.changes[m], k)) continue;
     rows.changes[m].set(k, 0.0, 0.0, 1.0, false);  // an empty column changes nothing
-    if (sweep.ended) continue;
-    if (d > 0.0) {
-      correct_pivot(sweep, j, y, d, rows.changes[m], k);
-    } else if (sweep.ir <= 0 && sweep.sig >= 0.0 && y != 0.0) {
+    if (!sweep.ended && sweep.ir <= 0 && sweep.sig >= 0.0 && y != 0.0) {
       sweep.ended = true;
       sweep.ir = 1 - sweep.ir;
       return true;
