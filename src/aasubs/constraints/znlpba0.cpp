@@ -102,7 +102,7 @@ double largest_or_nan(long n, const double* v) {
     for (long k = 0; k < WIDTH; ++k) look(v[i + k], k);
   }
   for (; i < n; ++i) look(v[i], 0);
-  for (long k = 1; k < WIDTH; ++k) look(largest[k], 0);
+  for (long k = 1; k < WIDTH && n >= WIDTH; ++k) look(largest[k], 0);
   return largest[0];
 }
 
