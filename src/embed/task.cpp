@@ -1,9 +1,9 @@
 // task: the active task of a thread, the frames of its calls, planned failures and counters.
 //
 // The only state that is shared by several functions without being passed on is the pointer to the
-// active task, one a thread, and that to what watches new tasks in tests. Each is set for the length
-// of a call and put back by the scope that set it, so that calls on several sessions can stand inside
-// one another.
+// active task, one a thread, and that to what watches new tasks in tests. Each is set for the
+// length of a call and put back by the scope that set it, so that calls on several sessions can
+// stand inside one another.
 #include "embed/task.h"
 
 #include <algorithm>

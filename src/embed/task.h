@@ -108,14 +108,14 @@ struct Frame {
   std::list<std::unique_ptr<RvxObject>> reports;
   std::list<std::unique_ptr<TQLCALL>> prepared;
   std::vector<Matrix> results;  // their numbers stay where they are when it grows
-  double no_numbers = 0.0;     // where the numbers of a result without any would stand
-  std::exception_ptr thrown;   // what a module or the sink threw: the call ends, and rethrows it
-  std::string thrown_by;       // who that was, as the subject of a sentence
-  bool sink_threw = false;     // it gets nothing more of this call
-  bool history_begun = false;  // a history of this call has rows: a further one goes on with it
-  int exit_state = 0;          // of the last run module
-  TQLSS* current = nullptr;    // the current prepared call
-  TQLTASK record{};            // what the module sees through tqlq
+  double no_numbers = 0.0;      // where the numbers of a result without any would stand
+  std::exception_ptr thrown;    // what a module or the sink threw: the call ends, and rethrows it
+  std::string thrown_by;        // who that was, as the subject of a sentence
+  bool sink_threw = false;      // it gets nothing more of this call
+  bool history_begun = false;   // a history of this call has rows: a further one goes on with it
+  int exit_state = 0;           // of the last run module
+  TQLSS* current = nullptr;     // the current prepared call
+  TQLTASK record{};             // what the module sees through tqlq
   const TQLCALL* failed = nullptr;  // the last run of a module, if it gave no value
   std::size_t first_log = 0;        // where the log of this call begins,
   std::size_t first_printed = 0;    // its printed lines
@@ -236,8 +236,8 @@ struct Task {
 // The active task of this thread, or the thread's own when no session is active.
 Task& current_task();
 
-// What the tasks that this thread makes for a scope begin with, and what becomes of it: a run of the
-// named face has a task of its own, which is gone when a test could look.
+// What the tasks that this thread makes for a scope begin with, and what becomes of it: a run of
+// the named face has a task of its own, which is gone when a test could look.
 class Watch {
  public:
   Watch();

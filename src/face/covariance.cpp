@@ -7,10 +7,10 @@
 #include <new>
 
 #include "aasubs/derivatives/znlpfid.h"
-#include "aasubs/setup/evaluations.h"
 #include "aasubs/setup/hessian_form.h"
 #include "face/statistics.h"
 #include "face/task_scope.h"
+#include "kernels/vector.h"
 
 namespace tqnlp::face {
 

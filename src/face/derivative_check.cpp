@@ -4,9 +4,9 @@
 #include <cmath>
 
 #include "aasubs/derivatives/column_differences.h"
-#include "aasubs/setup/evaluations.h"
 #include "face/constraints.h"
 #include "face/problem.h"
+#include "kernels/vector.h"
 
 namespace tqnlp {
 

@@ -61,8 +61,8 @@ static const double* point(Run& run) {
     x = run.inside.data();
   }
   const Constraints& c = run.shared.constraints;
-  const bool good = c.bounds ? all_between(run.nvar, x, c.lower.data(), c.upper.data())
-                             : all_finite(run.nvar, x);
+  const bool good =
+      c.bounds ? all_between(run.nvar, x, c.lower.data(), c.upper.data()) : all_finite(run.nvar, x);
   if (good) [[likely]]
     return x;
   return projection(run, x);
