@@ -237,8 +237,12 @@ static double step_to_radius(const Path& p) {
   return std::isfinite(step) ? step : 0.0;
 }
 
-// Residual of an inactive constraint at the trial, 0 when it is rounding.
+// Residual of an inactive constraint at the trial, 0 when it is rounding. Rounding here is not that
+// of the sum alone: the trial leaves the active constraints by what the rotations of Z have left in
+// the direction. The opposite of an active equality would otherwise block the line, and, since
+// nothing can leave for it, end the path far from the radius.
 static double residual(const Path& p, long k) {
+  static constexpr double ROUNDING = 1e-12;
   const double* gradient = p.row(k);
   const double value = p.c[p.iact[k]];
   double sum = p.resmax + value;
@@ -248,7 +252,7 @@ static double residual(const Path& p, long k) {
     sum += term;
     size += std::fabs(term);
   }
-  return significant(sum, size) ? sum : 0.0;
+  return significant(sum, size) && std::fabs(sum) > ROUNDING * size ? sum : 0.0;
 }
 
 // vmd at d + step direction, from the active set there; in stage 1 resmax of that point too.
