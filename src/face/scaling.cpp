@@ -72,9 +72,15 @@ static double size_of(double start, double lower, double upper) {
 }
 
 static std::vector<double> sizes_of(const Constraints& c, const std::vector<double>& start) {
+  // A zero that was computed, such as sin(pi) among ordinary numbers, is none but for rounding.
+  static constexpr double ROUNDING = 1e-14;
+  double largest = 0.0;
+  for (const double x : start) largest = std::max(largest, std::fabs(x));
   std::vector<double> sizes;
-  for (std::size_t j = 0; j < start.size(); ++j)
-    sizes.push_back(size_of(start[j], c.lower[j], c.upper[j]));
+  for (std::size_t j = 0; j < start.size(); ++j) {
+    const double known = std::fabs(start[j]) > ROUNDING * largest ? start[j] : 0.0;
+    sizes.push_back(size_of(known, c.lower[j], c.upper[j]));
+  }
   return sizes;
 }
 
