@@ -73,10 +73,13 @@ static void bind_errors(py::module_& module) {
     module.attr(name) = type;
     return type;
   };
-  evaluation_failed() = make("EvaluationFailed", PyExc_ArithmeticError,
-                             "Raised by a function that cannot be evaluated at a point.");
-  error_types(0) = make("CallError", PyExc_ValueError, "A subroutine refused its call.");
-  error_types(1) = make("FatalError", PyExc_RuntimeError, "A run could not go on.");
+  evaluation_failed() =
+      make("EvaluationFailed", PyExc_ArithmeticError,
+           "Raised by a user's function that has no value at a point: the run backs up.");
+  error_types(0) = make("CallError", PyExc_ValueError,
+                        "A subroutine refused its call. Attributes: code (int), log (list).");
+  error_types(1) = make("FatalError", PyExc_RuntimeError,
+                        "A run could not go on. Attributes: code (int), log (list).");
   py::register_exception_translator([](std::exception_ptr thrown) {
     try {
       std::rethrow_exception(thrown);

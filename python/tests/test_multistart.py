@@ -74,6 +74,9 @@ def test_dask():
         **workers, silence_logs=50
     ) as cluster, distributed.Client(cluster) as client:
         check(tqnlp.multistart(PROBLEM, STARTS, client.get_executor()))
+        with pytest.raises(KeyError) as raised:
+            tqnlp.multistart(tqnlp.Problem(broken), np.repeat(STARTS, 3), client.get_executor())
+        assert raised.value.start == 6
         deaths = tqnlp.multistart(tqnlp.Problem(deadly), STARTS, client.get_executor())
     assert "KilledWorker" in repr(deaths.lost[4])
     assert all((result is None) == (i in deaths.lost) for i, result in enumerate(deaths.results))
@@ -106,7 +109,8 @@ def test_a_worker_that_dies_costs_its_start():
     with futures.ProcessPoolExecutor(2) as processes:
         found = tqnlp.multistart(problem, STARTS, processes)
     assert list(found.lost) == [4] and found.results[4] is None
-    assert sum(len(one.starts) for one in found.solutions) == 6 and "start 4 was lost" in repr(found)
+    assert sum(len(one.starts) for one in found.solutions) == 6
+    assert "start 4 was lost" in repr(found)
 
 
 def test_the_first_exception_is_raised_whatever_ends_first():

@@ -166,7 +166,8 @@ FAILURES = [  # what a function gives at its third call
 @pytest.mark.parametrize("failure", FAILURES)
 def test_failures_leak_nothing(failure):
     marker = object()
-    good = {"fun": rosen, "jac": rosen_gradient, "hess": scipy.rosen_hess, "constraints": lambda x: 1}
+    good = {"fun": rosen, "jac": rosen_gradient, "hess": scipy.rosen_hess}
+    good["constraints"] = lambda x: 1.0
 
     def attempt():
         def body(which):

@@ -121,6 +121,11 @@ def least_squares(
     Result
         With `cost`, `fun` (the residuals), `grad`, `jac` (m, n), `active_mask`, `covariance`
         (residual variance times the inverse of J'J) and `stderr`.
+
+    Raises
+    ------
+    TypeError, ValueError, Exception
+        As `minimize` does.
     """
     said = squares_problem(fun, x0, jac, bounds, method, tol, constraints, args, kwargs, m, options)
     problem = said[0]

@@ -155,6 +155,16 @@ def minimize(
     Exception
         What a function raises, with the best point so far as ``partial``. `EvaluationFailed`
         marks a point that has no value instead.
+    KeyboardInterrupt
+        Ctrl-C, within an evaluation or an iteration; with ``partial``.
+
+    Notes
+    -----
+    `fun`, `jac`, `hess` and those of constraints may be compiled: a `scipy.LowLevelCallable`, a
+    `numba.cfunc` or a function of ctypes with the signature ``double (int, double *)``, or ``void
+    (int, double *, double *)`` for what fills an array by rows. They run without the interpreter.
+
+    The techniques, and the publications that they follow, stand in docs/algorithms.md.
     """
     said = scalar_problem(fun, x0, args, method, jac, hess, bounds, constraints, tol, options)
     return solve(*said, callback)
@@ -181,7 +191,18 @@ def quadratic(
     x0 : array_like, shape (n,)
         The start; zeros without one.
 
-    The other arguments and the result are those of `minimize`.
+    c : float
+    bounds, constraints, method, tol, options
+        As of `minimize`; constraints are linear alone.
+
+    Returns
+    -------
+    Result
+
+    Raises
+    ------
+    TypeError, ValueError
+        Where an argument has another type or shape, or h is not symmetric.
     """
     problem: dict[str, Any] = {"kind": "quadratic", "c": float(c), **symmetric(h)}
     n = problem["n"]
@@ -193,7 +214,23 @@ def quadratic(
 
 
 def method(name: str) -> Callable[..., Result]:
-    """A method for ``scipy.optimize.minimize(..., method=tqnlp.method("NLPQN"))``."""
+    """A method for ``scipy.optimize.minimize(..., method=tqnlp.method("NLPQN"))``.
+
+    Parameters
+    ----------
+    name : str
+        As the `method` of `minimize`.
+
+    Returns
+    -------
+    callable
+        With the arguments that SciPy gives to a method of the user's own; it answers a `Result`.
+
+    Raises
+    ------
+    TypeError, ValueError
+        Where there is no such method.
+    """
     technique(name)  # refused here rather than in the run
 
     def run(

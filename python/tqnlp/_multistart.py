@@ -4,15 +4,10 @@ from __future__ import annotations
 
 import os
 from collections.abc import Callable, Generator, Iterable
-from concurrent.futures import (
-    BrokenExecutor,
-    Executor,
-    ProcessPoolExecutor,
-    ThreadPoolExecutor,
-    as_completed,
-)
+from concurrent.futures import BrokenExecutor, Executor, ProcessPoolExecutor, ThreadPoolExecutor
 from dataclasses import dataclass, field, replace
 from html import escape
+from queue import SimpleQueue
 from typing import Any, NamedTuple, Union
 
 import numpy as np
@@ -215,10 +210,9 @@ class _Runs:
         for first in range(0, len(broken), at_once):
             yield from self._alone(executor, sorted(broken)[first : first + at_once])
 
-    def _submitted(
-        self, executor_of: Callable[[int], Executor], starts: Iterable[int]
-    ) -> Ends:
+    def _submitted(self, executor_of: Callable[[int], Executor], starts: Iterable[int]) -> Ends:
         futures: dict[Any, int] = {}
+        ended: SimpleQueue = SimpleQueue()  # also gets what was cancelled, on every executor
         try:
             for i in starts:
                 try:
@@ -227,13 +221,15 @@ class _Runs:
                     yield i, broken
                 else:
                     futures[future] = i
-            for future in as_completed(futures):
+                    future.add_done_callback(ended.put)
+            for _ in range(len(futures)):
+                future = ended.get()
                 if future.cancelled():
                     continue
                 error = future.exception()
                 if error is not None and not _died(error):
                     self._raised(futures[future], futures)
-                yield futures[future], error or future.result()
+                yield futures[future], future.result() if error is None else error
         finally:
             for future in futures:
                 future.cancel()
@@ -295,9 +291,7 @@ def _without_progress(problem: Problem) -> tuple[bool, Problem]:
     return bool(wanted), replace(problem, options=options)
 
 
-def _watched(
-    ends: Ends, count: int, wanted: bool
-) -> Ends:
+def _watched(ends: Ends, count: int, wanted: bool) -> Ends:
     least = np.inf
     with Live(wanted) as live:
         for done, (i, end) in enumerate(ends, 1):

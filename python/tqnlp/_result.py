@@ -11,7 +11,16 @@ import numpy as np
 
 
 class LogRecord(NamedTuple):
-    """A line of the log."""
+    """A line of the log of a run.
+
+    Attributes
+    ----------
+    group, number : int
+        Which message it is, as docs/messages.md lists them.
+    severity : str
+        "note", "warning" or "error".
+    text : str
+    """
 
     group: int
     number: int
@@ -20,7 +29,17 @@ class LogRecord(NamedTuple):
 
 
 class Table(NamedTuple):
-    """A table of the report; str() is its text."""
+    """A table of the report; str() is its text.
+
+    Attributes
+    ----------
+    name, title : str
+    columns : list of str
+    rows : list of list
+        A cell is a number or a text, NaN where it is missing.
+    text : str
+        The table as the report shows it.
+    """
 
     name: str
     title: str

@@ -29,7 +29,21 @@ class Session:
         self._core = _core.Session()
 
     def module(self, name: str, body: Callable[[np.ndarray], Any]) -> None:
-        """Makes a function known as a module."""
+        """Makes a function known as a module.
+
+        Parameters
+        ----------
+        name : str
+            Of any case; at most one module has it.
+        body : callable
+            ``body(x)``, x of shape (n,), answers a number or an array of numbers; an exception of
+            it ends the call and comes out of it. `EvaluationFailed` marks a point without a value.
+
+        Raises
+        ------
+        TypeError
+            Where the body is no function.
+        """
         self._core.module(name, body)
 
     def termination_module(self, name: str, body: Callable[[np.ndarray, float], float]) -> None:
@@ -37,9 +51,11 @@ class Session:
         self._core.termination_module(name, body)
 
     def remove_module(self, name: str) -> bool:
+        """Forgets a module; answers whether there was one."""
         return self._core.remove_module(name)
 
     def has_module(self, name: str) -> bool:
+        """Is there a module of this name?"""
         return self._core.has_module(name)
 
     def call(self, subroutine: str, *arguments: Any) -> list[Any]:
@@ -50,6 +66,13 @@ class Session:
         list
             Of the optimizers ``[rc, x]``, an int and an array of shape (n,); of NLPFEA ``[x]``;
             of NLPFDD the three matrices.
+
+        Raises
+        ------
+        CallError
+            Where the subroutine refuses the call: `code` and `log` tell why.
+        TypeError, ValueError
+            Where an argument is no matrix of numbers.
         """
         results: list[Any] = list(self._core.call(subroutine, *arguments))
         name = subroutine.upper()
@@ -64,6 +87,7 @@ class Session:
         self._core.sink(write)
 
     def variable(self, name: str) -> np.ndarray:
+        """A matrix that a module or a call has left under a name, of shape (rows, columns)."""
         return self._core.variable(name)
 
     @property
