@@ -63,11 +63,19 @@ class Function {
   py::object operator()(PointArray& points, Point x);
   const std::string& name() const { return name_; }
 
+  // The first call gets this answer if it is at this point, at which the function was called
+  // before.
+  void know(const py::array_t<double>& at, py::object answer);
+
  private:
+  py::object take_known(Point x);
+
   std::string name_;
   py::object body_;
   py::tuple further_;
   std::vector<PyObject*> arguments_;  // a free place, the point, the further ones
+  std::vector<double> known_at_;
+  py::object known_;
 };
 
 // The exception EvaluationFailed of the package.

@@ -25,7 +25,12 @@ static std::shared_ptr<Function> function(const py::dict& said, const char* key)
   const py::tuple further = has(said, "args") ? said["args"].cast<py::tuple>() : py::tuple();
   std::string name = key;
   if (said.contains("name")) name = said["name"].cast<std::string>() + ", " + name;
-  return make_held<Function>(name, said[key].cast<py::object>(), further);
+  auto made = make_held<Function>(name, said[key].cast<py::object>(), further);
+  if (has(said, "known") && said["known"].contains(key)) {
+    const auto known = said["known"][key].cast<py::tuple>();
+    made->know(known[0].cast<Doubles>(), known[1]);
+  }
+  return made;
 }
 
 // Python functions take the interpreter lock, compiled ones do not.

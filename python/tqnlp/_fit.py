@@ -26,7 +26,7 @@ def _jacobian(fun: Any, jac: Any, x: np.ndarray, m: int) -> np.ndarray | None:
     if isinstance(fun, Compiled):
         return _jacobian(lambda at: fun.values(at, m), None, x, m)
     session = Session()
-    session.module("F", lambda at: np.reshape(fun(at), (m, 1)))
+    session.module("F", lambda at: np.asarray(fun(at), dtype=float).reshape(m, 1))
     try:
         _, derivatives, _ = session.call("NLPFDD", "F", x, [m, 1])
     except ValueError:
@@ -65,6 +65,9 @@ def _pair_of_bounds(bounds: Any, n: int) -> Any:
     return list(zip(*sides))
 
 
+_DEFAULTS = {"gradient_tolerance": 0.0, "iterations": 1000, "calls": 10000}
+
+
 def squares_problem(
     fun: Any, x0: Any, jac: Any, bounds: Any, method: str, tol: float | None, constraints: Any,
     args: Any, kwargs: dict[str, Any] | None, m: int | None, options: dict[str, Any] | None,
@@ -79,9 +82,9 @@ def squares_problem(
             jac = _with_arguments(jac, further, kwargs or {})
     problem: dict[str, Any] = {"kind": "least_squares", "fun": residuals}
     inside = constrained(problem, x, _pair_of_bounds(bounds, x.size), constraints)
-    problem["m"] = _number_of_residuals(residuals, inside, m)
+    problem["m"] = _number_of_residuals(residuals, inside, m, problem)
     general = bool(problem["linear"] or problem["nonlinear"])
-    made = options_of(options, method, tol, general)
+    made = {**_DEFAULTS, **options_of(options, method, tol, general)}
     problem["jac"] = differences_or_function(jac, made)
     return problem, x, made
 
@@ -98,6 +101,11 @@ def least_squares(
     args: Any = (),
     kwargs: dict[str, Any] | None = None,
     m: int | None = None,
+    ftol: float | None = None,
+    xtol: float | None = None,
+    gtol: float | None = None,
+    max_nfev: int | None = None,
+    loss: str = "linear",
     options: dict[str, Any] | None = None,
     callback: Callable[..., Any] | None = None,
 ) -> Result:
@@ -113,8 +121,14 @@ def least_squares(
     bounds : (lower, upper), each a number or of shape (n,); or an object with lb and ub
     m : int
         The number of residuals, where `fun` is compiled; the others tell it themselves.
+    ftol, xtol, gtol, max_nfev
+        SciPy's names for the options relative_objective_tolerance, relative_step_tolerance,
+        gradient_tolerance and calls.
+    loss : "linear"
+        Others are refused.
     constraints, options, callback, tol
-        As of `minimize`.
+        As of `minimize`; but a run goes on until the decrease that is still predicted is a share
+        of 1e-8 of the sum of squares, as the size of a gradient says nothing about a fit.
 
     Returns
     -------
@@ -127,6 +141,11 @@ def least_squares(
     TypeError, ValueError, Exception
         As `minimize` does.
     """
+    if loss != "linear":
+        raise ValueError(f"loss must be 'linear', not {loss!r}: there are no robust losses")
+    if isinstance(options, dict) or options is None:
+        scipys = {"ftol": ftol, "xtol": xtol, "gtol": gtol, "max_nfev": max_nfev}
+        options = {**scipys, **(options or {})}
     said = squares_problem(fun, x0, jac, bounds, method, tol, constraints, args, kwargs, m, options)
     problem = said[0]
     result = solve(*said, callback)
@@ -134,14 +153,19 @@ def least_squares(
     return result
 
 
-def _number_of_residuals(fun: Any, x: np.ndarray, stated: int | None) -> int:
+def _number_of_residuals(
+    fun: Any, x: np.ndarray, stated: int | None, problem: dict[str, Any]
+) -> int:
     if isinstance(fun, Compiled):
         if stated is None or stated < 1:
             raise ValueError("m must be the number of residuals, as fun is compiled")
         return stated
-    first = np.asarray(fun(x.copy()))
+    first = np.array(fun(x.copy()))
+    if first.dtype.kind not in "biufO":
+        raise TypeError(f"fun must return numbers, not an array of type {first.dtype}")
     if first.ndim > 1 or first.size == 0:
         raise ValueError(f"fun must return residuals of shape (m,), not {first.shape}")
+    problem["known"] = {"fun": (x, first)}
     return first.size
 
 
@@ -234,7 +258,7 @@ def curve_fit(
     sigma : array_like, shape (m,) or (m, m)
         Standard deviations of ydata, or its covariance matrix.
     absolute_sigma : bool
-        Is sigma in the units of ydata? Otherwise only the ratios count.
+        Is sigma, or 1 without it, in the units of ydata? Otherwise only the ratios count.
     jac : callable
         ``jac(xdata, p1, p2, ...) -> (m, n)``.
     full_output : bool
@@ -278,13 +302,14 @@ def curve_fit(
         return weighted(np.asarray(jac(xdata, *p), dtype=float))
 
     chosen = derivatives if callable(jac) else jac
+    if "maxfev" in kwargs:
+        kwargs["max_nfev"] = kwargs.pop("maxfev")
     result = least_squares(residuals, start, chosen, bounds, method or "auto", **kwargs)
     if not result.success:
         failed = RuntimeError(f"curve_fit: {result.message}")
         failed.partial = result  # type: ignore[attr-defined]
         raise failed
     result.update(xdata=xdata, ydata=y, sigma=sigma, fitted=np.array(f(xdata, *result.x)) + 0 * y)
-    absolute = absolute_sigma and sigma is not None
-    pcov = result.unscaled_covariance if absolute else result.covariance
+    pcov = result.unscaled_covariance if absolute_sigma else result.covariance
     pcov = np.where(np.isnan(pcov), np.inf, pcov)
     return (result.x, pcov, result) if full_output else (result.x, pcov)

@@ -113,6 +113,8 @@ def minimize(
     tol: float | None = None,
     options: dict[str, Any] | None = None,
     callback: Callable[..., Any] | None = None,
+    *,
+    hessp: None = None,
 ) -> Result:
     """Minimizes a function of several variables.
 
@@ -143,6 +145,8 @@ def minimize(
     callback : callable
         ``callback(x)`` or ``callback(intermediate_result)`` after each iteration; True or
         StopIteration ends the run.
+    hessp
+        Refused: the techniques want the Hessian itself, which may be sparse.
 
     Returns
     -------
@@ -166,6 +170,8 @@ def minimize(
 
     The techniques, and the publications that they follow, stand in docs/algorithms.md.
     """
+    if hessp is not None:
+        raise ValueError("hessp is not taken; give the Hessian itself as hess")
     said = scalar_problem(fun, x0, args, method, jac, hess, bounds, constraints, tol, options)
     return solve(*said, callback)
 
@@ -246,9 +252,8 @@ def method(name: str) -> Callable[..., Result]:
         tol: float | None = None,
         **options: Any,
     ) -> Result:
-        if hessp is not None:
-            raise ValueError("hessp is not taken; give the Hessian itself as hess")
-        return minimize(fun, x0, args, name, jac, hess, bounds, constraints, tol, options, callback)
+        said = (bounds, constraints, tol, options, callback)
+        return minimize(fun, x0, args, name, jac, hess, *said, hessp=hessp)
 
     run.__name__ = name
     return run

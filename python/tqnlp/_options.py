@@ -28,6 +28,18 @@ SCIPY = {
     "cobyla": "cobyla",
     "trust-exact": "trust_region",
     "lm": "levenberg_marquardt",
+    "trf": "levenberg_marquardt",
+    "dogbox": "levenberg_marquardt",
+}
+_NEAREST = {  # to methods of SciPy that have no like here
+    "l-bfgs-b": "'auto', for many parameters 'conjugate_gradient'",
+    "tnc": "'auto', for many parameters 'conjugate_gradient'",
+    "trust-constr": "'auto' or 'watchdog'",
+    "newton-cg": "'trust_region', with hess",
+    "dogleg": "'double_dogleg' or 'trust_region'",
+    "trust-ncg": "'trust_region', with hess",
+    "trust-krylov": "'trust_region', with hess",
+    "powell": "'nelder_mead' or 'cobyla'",
 }
 _OTHER_NAMES = {"auto": "automatic", **SUBROUTINES, **SCIPY}
 
@@ -35,15 +47,24 @@ _SCIPY_OPTIONS = {
     "maxiter": "iterations",
     "maxfev": "calls",
     "maxfun": "calls",
+    "max_nfev": "calls",
     "gtol": "gradient_tolerance",
+    "ftol": "relative_objective_tolerance",
+    "xtol": "relative_step_tolerance",
+    "fatol": "objective_tolerance",
+    "xatol": "step_tolerance",
 }
 _SIMPLEX = ("nelder_mead", "nelder_mead_2", "cobyla")
 
 
 def technique(name: Any, constrained: bool = False) -> str:
     """The technique of a name; simplex search under constraints is COBYLA."""
+    if name is None:
+        return "automatic"
     if not isinstance(name, str):
         raise TypeError(f"method must be a name, not {name!r}")
+    if name.lower() in _NEAREST:
+        raise ValueError(f"method {name!r} is none of this package; near is {_NEAREST[name.lower()]}")
     found = _OTHER_NAMES.get(name.lower(), name.lower())
     if found not in _core.TECHNIQUES:
         known = [*_core.TECHNIQUES, *(key.upper() for key in SUBROUTINES)]

@@ -18,7 +18,7 @@ def vector(value: Any, name: str, length: int | None = None) -> np.ndarray:
     """An array of shape (length,) of finite or infinite doubles."""
     try:
         array = np.asarray(value)
-        if array.dtype.kind not in "biufO":
+        if array.dtype.kind not in "biufO" or (array == None).any():  # noqa: E711
             raise TypeError
         array = array.astype(float)
     except (TypeError, ValueError):
@@ -122,15 +122,17 @@ def _linear(constraint: Any, n: int, name: str) -> dict[str, Any]:
     return {**rows, "lower": lower, "upper": upper}
 
 
-def _count_of(fun: Any, args: tuple, x: np.ndarray, name: str, stated: int) -> int:
-    """The number of values; of a compiled function the stated one."""
-    if isinstance(fun, Compiled):
+def _count_of(block: dict[str, Any], x: np.ndarray, stated: int) -> int:
+    """The number of values, which the run then knows at x; of a compiled function the stated one."""
+    if isinstance(block["fun"], Compiled):
         return stated
-    value = np.asarray(fun(x.copy(), *args))
+    value = np.array(block["fun"](x.copy(), *block["args"]))
     if value.dtype.kind not in "biufO" or value.ndim > 1:
         raise ValueError(
-            f"{name}.fun must return numbers of shape (k,), not {value.shape} of {value.dtype}"
+            f"{block['name']}.fun must return numbers of shape (k,), "
+            f"not {value.shape} of {value.dtype}"
         )
+    block["known"] = {"fun": (x, value)}
     return value.size
 
 
@@ -148,7 +150,7 @@ def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
     if "fun" not in said:
         raise ValueError(f"{name} must have a 'fun'")
     block = _block(name, said["fun"], said.get("jac"), said.get("args", ()))
-    count = _count_of(block["fun"], block["args"], x, name, int(said.get("count", 1)))
+    count = _count_of(block, x, int(said.get("count", 1)))
     upper = np.zeros(count) if kind == "eq" else np.full(count, np.inf)
     return {**block, "lower": np.zeros(count), "upper": upper}
 
@@ -156,7 +158,7 @@ def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
 def _by_sides(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
     block = _block(name, said.fun, getattr(said, "jac", None), ())
     stated = np.broadcast(said.lb, said.ub).size
-    lower, upper = _sides(said.lb, said.ub, _count_of(block["fun"], (), x, name, stated), name)
+    lower, upper = _sides(said.lb, said.ub, _count_of(block, x, stated), name)
     return {**block, "lower": lower, "upper": upper}
 
 
@@ -210,6 +212,7 @@ def add_hessian(problem: dict[str, Any], hess: Any, x: np.ndarray) -> None:
     args = problem["args"]
     first = hess(x.copy(), *args)
     if not hasattr(first, "tocoo"):
+        problem["known"] = {"hess": (x, np.array(first))}
         return
     n = x.size
     pattern = np.unique(_lower(first, n)[0])
