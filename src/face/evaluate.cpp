@@ -99,12 +99,25 @@ static Values as_values(double* values, long count) {
   return {values, static_cast<std::size_t>(count)};
 }
 
+// The same at x for count values, which may be known from before.
+template <class Body>
+static bool evaluate(Run& run, long& calls, const double* x, double* values, long count,
+                     const Body& body) {
+  Recall& recall = run.shared.recall;
+  if (!recall.is_on()) return call(run, calls, body);
+  if (!run.shared.interrupted && recall.read(&calls, run.nvar, x, values, count)) return true;
+  if (!call(run, calls, body)) return false;
+  recall.keep(&calls, run.nvar, x, values, count);
+  return true;
+}
+
 // Calls a function that fills count values; false when one of them is not finite.
 static bool fill(Run& run, long& calls, const Problem::Function& function, double* values,
                  long count) {
   const double* x = point(run);
   if (x == nullptr) return false;
-  return call(run, calls, [&] { function(as_point(run, x), as_values(values, count)); }) &&
+  return evaluate(run, calls, x, values, count,
+                  [&] { function(as_point(run, x), as_values(values, count)); }) &&
          all_finite(count, values);
 }
 
@@ -163,7 +176,8 @@ static void note_constraints(Run& run, const double* x) {
 static int scalar_objective(Run& run, const double* x) {
   double value = 0.0;
   const auto& objective = run.shared.problem.objective;
-  if (!call(run, run.shared.counts.objective, [&] { value = objective(as_point(run, x)); }) ||
+  if (!evaluate(run, run.shared.counts.objective, x, &value, 1,
+                [&] { value = objective(as_point(run, x)); }) ||
       !std::isfinite(value))
     return FAILED;
   run.func[0] = run.crit = objective_to_record(run.shared.units, run.imax != 0 ? -value : value);
@@ -176,8 +190,8 @@ static int squares_objective(Run& run, const double* x) {
   const long m = run.shared.problem.m;
   double* f = run.squares ? run.func : run.values.data();
   const auto& residuals = run.shared.problem.residuals;
-  if (!call(run, run.shared.counts.objective,
-            [&] { residuals(as_point(run, x), as_values(f, m)); }) ||
+  if (!evaluate(run, run.shared.counts.objective, x, f, m,
+                [&] { residuals(as_point(run, x), as_values(f, m)); }) ||
       !all_finite(m, f))
     return FAILED;
   const Units& units = run.shared.units;
@@ -468,6 +482,10 @@ static int terminate(MINSTR* str, int job) {
   const int code = znlptrm(str, job);
   const bool iteration = job == TEST_START || (job > 0 && job % 2 == 1);
   if (!iteration) return code;
+  if (code != GOOD)
+    shared.recall.start();
+  else if (job != TEST_START)
+    shared.recall.stop();
   Progress at = progress_of(run);
   keep_iteration(run, at);
   if (shared.options.progress == nullptr || job == TEST_START) return code;

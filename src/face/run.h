@@ -12,6 +12,7 @@
 
 #include "aasubs/record/minstr.h"
 #include "aasubs/setup/derivative_choice.h"
+#include "face/recall.h"
 #include "face/scaling.h"
 #include "face/techniques.h"
 
@@ -68,6 +69,7 @@ struct Shared {
   bool unit_is_open = false;    // that of the objective, until its first value is known
   Counts counts{};
   UserClock clock{};
+  Recall recall{};
   BestPoint best{};
   History history{};
   std::exception_ptr thrown{};     // by a user's function, or by what Options holds
