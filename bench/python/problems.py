@@ -321,7 +321,7 @@ def bounded():
         Problem("HS110", [9] * 10, [-45.77846971], _hs110, bounds=[(2.001, 9.999)] * 10),
         Problem("Rosenbrock, cut off", [-1.2, 0.4], [0.25], _rosenbrock,
             bounds=[(-INF, 0.5), (-INF, INF)]),
-        Problem("Wood, halved", [-3, -1, -3, -1], [1.5571450], _wood, squares=True,
+        Problem("Wood, halved", [-3, -1, -3, -1], [0.5701396836644903], _wood, squares=True,
             bounds=[(-10, 0.5), (-10, 10), (-10, 10), (-10, 10)]),
         Problem("Powell singular, cut off", [3, 1, 1, 2], [122.0], _powell, squares=True,
             bounds=[(1, INF)] * 4),
