@@ -54,6 +54,8 @@ def _pair_of_bounds(bounds: Any, n: int) -> Any:
         lower, upper = bounds
     except (TypeError, ValueError):
         raise ValueError("bounds must be (lower, upper), each a number or of shape (n,)") from None
+    if isinstance(lower, float) and isinstance(upper, float) and lower == -upper == -np.inf:
+        return None
     sides = []
     for side, name in ((lower, "lower"), (upper, "upper")):
         array = vector(side, f"{name} bounds")
