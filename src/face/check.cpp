@@ -238,6 +238,16 @@ static double size_of_objective(const Shared& shared) {
   return std::fabs(start) > TINY ? std::min(std::fabs(start), most) : most;
 }
 
+// Of a sum of squares, whose zero is its own: what is left of it, down to the rounding of what it
+// was at the start. A decrease relative to it is the square of the relative offset of Bates and
+// Watts (1981), Technometrics 23, but for the degrees of freedom.
+static double size_of_squares(const Run& run) {
+  static constexpr double ROUNDING = 1e-16;
+  const std::vector<double>& values = run.shared.history.objective;
+  const double start = values.empty() ? 0.0 : objective_to_record(run.shared.units, values[0]);
+  return std::max(std::fabs(run.crit), ROUNDING * std::fabs(start));
+}
+
 static bool check_first_order_conditions(Run& run, Findings& at, Result* result) {
   General& general = at.general;
   std::vector<double> lower(at.x.size()), upper(at.x.size()), slopes(at.slopes);
@@ -378,6 +388,7 @@ static void advise(Run& run, const Findings& at, const SecondOrder& found, bool 
 // What the model of second order promises beside the gradient decides, where it is known.
 static void judge_by_curvature(Run& run, const Findings& at, Look look, Result* result,
                                Advice* advice) {
+  const ProblemData& problem = run.shared.problem;
   Optimality& found = result->optimality;
   const Allowance& allowance = allowance_of(*result);
   const bool in_doubt = found.verdict == Optimality::not_stationary;
@@ -396,9 +407,12 @@ static void judge_by_curvature(Run& run, const Findings& at, Look look, Result* 
   point.direction = direction.data();
   if (!look_at_curvature(record, at, *result, &point)) return;
   found.curvature_known = true;
+  const bool squares = problem.kind == Kind::least_squares;
   const double bend = bend_of_objective(record);
-  const double size = std::max({std::fabs(run.crit), size_of_objective(run.shared), bend});
-  const double most = in_doubt ? allowance.decrease : allowance.hidden_decrease;
+  const double size = squares
+                          ? size_of_squares(run)
+                          : std::max({std::fabs(run.crit), size_of_objective(run.shared), bend});
+  const double most = in_doubt || squares ? allowance.decrease : allowance.hidden_decrease;
   const bool stationary = point.decrease <= most * size || point.step <= allowance.step;
   found.verdict = stationary ? Optimality::optimal : Optimality::not_stationary;
   advise(record, at, point, curved, result, advice);

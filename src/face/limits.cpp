@@ -181,6 +181,7 @@ static void search(Shared& shared, const TechniqueRow& row, const Result& result
                    Request& request) {
   Run run(shared, row);
   prepare_run(run, result.x);
+  shared.recall.stop();
   run.atol = run.imax != 0 ? -HUGE_VALUE : HUGE_VALUE;
   run.ster = request.errors.data();
   run.covstr = &request.post;
