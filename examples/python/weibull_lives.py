@@ -38,17 +38,17 @@ start = [1.0, lives.mean()]
 print(tqnlp.check_derivatives(value, start, jac=slopes))
 
 # %% The fit
-found = tqnlp.minimize(value, start, jac=slopes, bounds=[(1e-6, None)] * 2)
+found = tqnlp.minimize(value, start, jac=slopes, bounds=[(1e-6, None)] * 2,
+                       options={"names": ["shape", "scale"]})
 print(found)
 
-# %% Standard errors: the covariance is the inverse Hessian of minus the log-likelihood
-tql = tqnlp.Session()
-tql.module("F", value)
-hessian = tql.call("NLPFDD", "F", found.x)[2]
-errors = np.sqrt(np.diag(np.linalg.inv(hessian)))
-for name, estimate, error in zip(("shape", "scale"), found.x, errors):
-    low, high = estimate - 1.96 * error, estimate + 1.96 * error
-    print(f"{name} {estimate:8.4f} +- {error:.4f}, 95 % Wald limits {low:.3f} to {high:.3f}")
+# %% Standard errors from the Hessian, and limits of the profile likelihood, which see that the
+# likelihood falls more slowly to one side
+wald, profile = found.limits(0.95, "wald"), found.limits(0.95)
+for error, near, exact in zip(found.stderr, wald, profile):
+    print(f"{exact.name} {exact.estimate:8.4f} +- {error:.4f}, 95 % limits: "
+          f"{near.lower:.3f} to {near.upper:.3f} (Wald), "
+          f"{exact.lower:.3f} to {exact.upper:.3f} (profile)")
 
 # %% The life that a tenth of the bearings does not reach
 shape, scale = found.x

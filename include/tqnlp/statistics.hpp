@@ -115,9 +115,11 @@ struct Profile {
   double estimate = missing;
   std::vector<double> values;     // of the parameter
   std::vector<double> objective;  // the optimum there, as the user states it
-  // Signed root of the likelihood ratio: -z below the estimate and z above it, where a limit whose
-  // quantile is z stands. A straight line where the Wald limits are right.
+  // Signed root of the likelihood ratio: the limits of the level stand at -quantile and quantile.
+  // A straight line where the Wald limits are right.
   std::vector<double> root;
+  double level = 0.0;
+  double quantile = missing;
 };
 
 }  // namespace tqnlp

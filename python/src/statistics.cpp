@@ -119,7 +119,8 @@ static py::dict profile(const Fit& fit, long parameter, double level, double mul
       [&] { return result.profile(parameter, level, likelihood_of(multiple, residual_variance)); });
   return py::dict("parameter"_a = found.parameter, "name"_a = found.name,
                   "estimate"_a = found.estimate, "values"_a = as_array(found.values),
-                  "objective"_a = as_array(found.objective), "root"_a = as_array(found.root));
+                  "objective"_a = as_array(found.objective), "root"_a = as_array(found.root),
+                  "level"_a = found.level, "quantile"_a = found.quantile);
 }
 
 static py::array_t<double> jacobian(const Fit& fit) {
@@ -142,6 +143,7 @@ void bind_statistics(py::module_& module) {
            "residual_variance"_a)
       .def("profile", &profile, "parameter"_a, "level"_a, "multiple"_a, "residual_variance"_a)
       .def("jacobian", &jacobian)
+      .def_property_readonly("alive", [](const Fit& fit) { return fit.result != nullptr; })
       .def(py::pickle([](const Fit&) { return py::tuple(); },
                       [](const py::tuple&) { return Fit{}; }));
   module.attr("LIMIT_ENDINGS") = says();

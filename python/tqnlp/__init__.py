@@ -20,15 +20,20 @@ from ._minimize import method, minimize, quadratic
 from ._multistart import ManyResults, Problem, Solution, multistart
 from ._result import LogRecord, Result, Table
 from ._session import Session
+from ._statistics import Covariance, Limit, Limits, Profile
 
 __all__ = [
     "CallError",
+    "Covariance",
     "DerivativeCheck",
     "EvaluationFailed",
     "FatalError",
+    "Limit",
+    "Limits",
     "LogRecord",
     "ManyResults",
     "Problem",
+    "Profile",
     "Result",
     "Session",
     "Solution",

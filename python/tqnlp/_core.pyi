@@ -40,6 +40,7 @@ class Compiled:
     def values(self, x: np.ndarray, count: int, /) -> np.ndarray: ...
 
 class Fit:
+    alive: bool
     def covariance(
         self, kind: str, multiple: float, residual_variance: float | None
     ) -> dict[str, Any]: ...

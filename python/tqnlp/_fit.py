@@ -14,36 +14,6 @@ from ._minimize import differences_or_function, solve
 from ._options import options_of
 from ._problem import constrained, function, further_arguments, start_point, vector
 from ._result import Result
-from ._session import Session
-
-
-def _jacobian(fun: Any, jac: Any, x: np.ndarray, m: int) -> np.ndarray | None:
-    """The Jacobian at the solution, by central differences where there is no function for it."""
-    if isinstance(jac, Compiled):
-        return jac.values(x, m * x.size).reshape(m, x.size)
-    if jac is not None:
-        return np.array(jac(x), dtype=float).reshape(m, x.size)
-    if isinstance(fun, Compiled):
-        return _jacobian(lambda at: fun.values(at, m), None, x, m)
-    session = Session()
-    session.module("F", lambda at: np.asarray(fun(at), dtype=float).reshape(m, 1))
-    try:
-        _, derivatives, _ = session.call("NLPFDD", "F", x, [m, 1])
-    except ValueError:
-        return None  # the function has no value beside the solution
-    return derivatives if m > 1 else derivatives.reshape(1, -1)
-
-
-def _covariance(jacobian: np.ndarray | None, n: int) -> np.ndarray:
-    """The inverse of J'J; infinite where it is singular."""
-    if jacobian is None or not np.isfinite(jacobian).all():
-        return np.full((n, n), np.inf)
-    _, sizes, vectors = np.linalg.svd(jacobian, full_matrices=False)
-    smallest = np.finfo(float).eps * max(jacobian.shape) * sizes[0]
-    if len(sizes) < n or sizes[-1] <= smallest:
-        return np.full((n, n), np.inf)
-    scaled = vectors / sizes[:, None]
-    return scaled.T @ scaled
 
 
 def _pair_of_bounds(bounds: Any, n: int) -> Any:
@@ -135,8 +105,9 @@ def least_squares(
     Returns
     -------
     Result
-        With `cost`, `fun` (the residuals), `grad`, `jac` (m, n), `active_mask`, `covariance`
-        (residual variance times the inverse of J'J) and `stderr`.
+        With `cost`, `fun` (the residuals), `grad`, `active_mask`, and evaluated when they are
+        asked for `jac` (m, n), `covariance` (residual variance times the inverse of J'J) and
+        `stderr`.
 
     Raises
     ------
@@ -149,9 +120,8 @@ def least_squares(
         scipys = {"ftol": ftol, "xtol": xtol, "gtol": gtol, "max_nfev": max_nfev}
         options = {**scipys, **(options or {})}
     said = squares_problem(fun, x0, jac, bounds, method, tol, constraints, args, kwargs, m, options)
-    problem = said[0]
     result = solve(*said, callback)
-    _complete(result, problem["fun"], problem["jac"], problem["m"])
+    _complete(result)
     return result
 
 
@@ -175,33 +145,34 @@ def _with_arguments(fun: Callable, args: tuple, kwargs: dict[str, Any]) -> Calla
     return lambda x: fun(x, *args, **kwargs)
 
 
-def _complete(result: Result, fun: Callable, jac: Callable | None, m: int) -> None:
-    n = result.x.size
+def _complete(result: Result) -> None:
+    """SciPy's fields of least squares; the Jacobian and what follows from it come when asked for."""
     result.cost = result.objective
     result.grad = result.gradient
     result.fun = result.residuals
     result.active_mask = result.active.bounds
-    result.jac = _jacobian(fun, jac, result.x, m)
-    unscaled = _covariance(result.jac, n)
-    variance = 2.0 * result.cost / (m - n) if m > n else np.inf
-    with np.errstate(invalid="ignore"):
-        result.covariance = unscaled * variance
-    result.unscaled_covariance = unscaled
-    result.stderr = np.sqrt(np.diag(result.covariance))
+    del result.jac
 
 
 # ---- curve_fit ------------------------------------------------------------------------------
 
 
-def _number_of_parameters(f: Callable) -> int:
+def _names_of_parameters(f: Callable) -> list[str]:
+    """The parameters of a model behind xdata; none where they cannot be told."""
     try:
         parameters = list(inspect.signature(f).parameters.values())
     except (TypeError, ValueError):
-        parameters = []
+        return []
     named = (inspect.Parameter.POSITIONAL_ONLY, inspect.Parameter.POSITIONAL_OR_KEYWORD)
-    if len(parameters) < 2 or any(p.kind not in named for p in parameters):
+    if any(p.kind not in named for p in parameters):
+        return []
+    return [p.name for p in parameters[1:]]
+
+
+def _number_of_parameters(names: list[str]) -> int:
+    if not names:
         raise ValueError("p0 must be given: the parameters of f cannot be counted")
-    return len(parameters) - 1
+    return len(names)
 
 
 def _default_start(bounds: Any, n: int) -> np.ndarray:
@@ -291,7 +262,8 @@ def curve_fit(
             is_float = isinstance(data, np.ndarray) and data.dtype.kind == "f"
             if is_float and not np.isfinite(data).all():
                 raise ValueError(f"{name} must be finite")
-    start = _default_start(bounds, _number_of_parameters(f)) if p0 is None else start_point(p0)
+    names = _names_of_parameters(f)
+    start = _default_start(bounds, _number_of_parameters(names)) if p0 is None else start_point(p0)
     weighted = _weighting(sigma, y.size)
 
     def residuals(p: np.ndarray) -> np.ndarray:
@@ -303,6 +275,8 @@ def curve_fit(
     def derivatives(p: np.ndarray) -> np.ndarray:
         return weighted(np.asarray(jac(xdata, *p), dtype=float))
 
+    if len(names) == start.size:
+        kwargs["options"] = {"names": names, **(kwargs.get("options") or {})}
     chosen = derivatives if callable(jac) else jac
     if "maxfev" in kwargs:
         kwargs["max_nfev"] = kwargs.pop("maxfev")
@@ -312,6 +286,6 @@ def curve_fit(
         failed.partial = result  # type: ignore[attr-defined]
         raise failed
     result.update(xdata=xdata, ydata=y, sigma=sigma, fitted=np.array(f(xdata, *result.x)) + 0 * y)
-    pcov = result.unscaled_covariance if absolute_sigma else result.covariance
-    pcov = np.where(np.isnan(pcov), np.inf, pcov)
+    found = result.covariances(residual_variance=1.0 if absolute_sigma else None)
+    pcov = found.matrix if found.known else np.full_like(found.matrix, np.inf)
     return (result.x, pcov, result) if full_output else (result.x, pcov)

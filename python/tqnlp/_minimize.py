@@ -56,16 +56,18 @@ def _look(callback: Callable | None, live: Live) -> Callable:
 def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callback: Any) -> Result:
     """Runs the core. What a function raises carries the best point so far as `partial`."""
     wanted = options.pop("progress", False)
+    if (names := options.pop("names", None)) is not None:
+        problem["names"] = names
     stop = STOP.get() or _core.StopFlag()
     try:
         with Live(wanted) as live:
             if wanted or callback is not None:
                 options["progress"] = _look(callback, live)
-            return make_result(_core.solve(problem, x.tolist(), options, stop))
+            return make_result(_core.solve(problem, x.tolist(), options, stop), names)
     except BaseException as raised:
         found = getattr(raised, "partial", None)
         if isinstance(found, dict) and not isinstance(found, Result):
-            raised.partial = make_result(found)  # type: ignore[attr-defined]
+            raised.partial = make_result(found, names)  # type: ignore[attr-defined]
         raise
 
 

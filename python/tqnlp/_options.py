@@ -85,6 +85,12 @@ def _from_tolerance(tol: float, name: str) -> dict[str, float]:
     return {"gradient_tolerance": tol, "relative_gradient_tolerance": tol}
 
 
+def _names(value: Any) -> list[str]:
+    if isinstance(value, str) or not all(isinstance(name, str) for name in value):
+        raise TypeError(f"options: names must be a sequence of str, one a parameter, not {value!r}")
+    return list(value)
+
+
 def options_of(options: Any, method: Any, tol: float | None, constrained: bool) -> dict[str, Any]:
     """Options for the core."""
     if options is not None and not isinstance(options, dict):
@@ -99,10 +105,12 @@ def options_of(options: Any, method: Any, tol: float | None, constrained: bool) 
                 made.setdefault("sink", print)
         elif key == "progress" and not isinstance(value, (bool, type(None))):
             raise TypeError(f"options: progress must be True or False, not {value!r}")
+        elif key == "names":
+            made[key] = _names(value)
         elif key in _core.OPTIONS and key != "technique":
             if value is not None:
                 made[key] = value
         else:
-            known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp"]
+            known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp", "names", "progress"]
             raise ValueError(f"options: {key!r} is not known{_perhaps(str(key), known)}")
     return {**made, "technique": name}

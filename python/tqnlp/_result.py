@@ -9,6 +9,8 @@ from typing import Any, NamedTuple
 
 import numpy as np
 
+from ._statistics import Covariance, Limits, Profile, covariance, limits, profile
+
 
 class LogRecord(NamedTuple):
     """A line of the log of a run.
@@ -123,7 +125,91 @@ class Result(_Fields):
         A column each: `iteration`, `calls`, `objective`, `gradient`, `violation`, `step`.
     counts : Part
         All calls; `tables`, `log`: the report.
+    covariance : ndarray, shape (n, n); stderr : ndarray, shape (n,)
+        Of least squares, and where the objective is minus (or is, maximized) a log-likelihood.
+        Evaluated when it is asked for, as is `jac` of least squares; see `covariances`.
     """
+
+    def __missing__(self, name: str) -> Any:
+        if name not in _LATER or "fit" not in self:
+            raise KeyError(name)
+        if name == "jac":
+            self[name] = self.fit.jacobian()
+        else:
+            found = self.covariances()
+            self.covariance, self.stderr = found.matrix, found.errors
+        return self[name]
+
+    def covariances(
+        self,
+        kind: str = "automatic",
+        *,
+        multiple: float = 1.0,
+        residual_variance: float | None = None,
+    ) -> Covariance:
+        """Covariance of the parameters at x, with what is known of each; evaluates derivatives.
+
+        Parameters
+        ----------
+        kind : {"automatic", "hessian", "crossproduct"}
+            The inverse Hessian, or of least squares (automatic) s2 times the inverse of J'J.
+        multiple : float
+            The objective is so many times a log-likelihood: 2 for -2 log L.
+        residual_variance : float
+            s2 where it is known; otherwise it is estimated.
+
+        Raises
+        ------
+        ValueError
+            For arguments out of range, and where the result comes from another process.
+        """
+        return covariance(self.fit, kind, multiple, residual_variance)
+
+    def limits(
+        self,
+        level: Any = 0.95,
+        kind: str = "profile",
+        parameters: Any = None,
+        *,
+        multiple: float = 1.0,
+        residual_variance: float | None = None,
+    ) -> Limits:
+        """Confidence limits of the parameters.
+
+        Parameters
+        ----------
+        level : float or sequence of float
+            Of confidence, between 0 and 1.
+        kind : {"profile", "wald"}
+            By the profile likelihood, for which the other parameters are optimized again, or by
+            standard errors.
+        parameters : int, str or sequence of these
+            Numbers, or names of ``options={"names": ...}`` and of `curve_fit`; all without it.
+        multiple, residual_variance
+            As of `covariances`.
+
+        Returns
+        -------
+        Limits
+            A sequence of `Limit`: name, level, estimate, lower, upper, and why a side has none.
+
+        References
+        ----------
+        Venzon and Moolgavkar (1988), Applied Statistics 37, 87-94.
+        """
+        names = self.names
+        return limits(self.fit, names, level, kind, parameters, multiple, residual_variance)
+
+    def profile(
+        self,
+        parameter: Any,
+        level: float = 0.99,
+        *,
+        multiple: float = 1.0,
+        residual_variance: float | None = None,
+    ) -> Profile:
+        """The profile of one parameter, by number or name, as far as its limits at the level."""
+        return profile(self.fit, self.names, parameter, level, multiple, residual_variance)
 
     def shown_x(self, most: int = 8) -> str:
         """The first elements of x as text."""
@@ -139,7 +225,7 @@ class Result(_Fields):
             ("check", str(self.optimality["sentence"])),
             ("work", f"{self.nit} iterations, {self.nfev} calls, {self.seconds:.3g} s"),
         ]
-        if "stderr" in self:
+        if "cost" in self and self.fit.alive or "stderr" in self:
             rows.insert(5, ("stderr", _numbers(self.stderr)))
         return rows
 
@@ -174,6 +260,10 @@ class Result(_Fields):
             gradient.semilogy(history.iteration, history.gradient, color="tab:orange")
             gradient.set_ylabel("largest projected gradient", color="tab:orange")
         return axes
+
+    def plot_profile(self, parameter: Any, level: float = 0.99, axes: Any = None) -> Any:
+        """Draws the `profile` of a parameter, by number or name; answers the axes."""
+        return self.profile(parameter, level).plot(_axes(axes))
 
     def plot_fit(self, model: Callable[..., Any] | None = None, axes: Any = None) -> Any:
         """Draws data and fit of a `curve_fit` with ``full_output=True``; answers the axes.
@@ -212,9 +302,13 @@ def _axes(axes: Any) -> Any:
     return plt.subplots()[1]
 
 
-def make_result(found: dict[str, Any]) -> Result:
+_LATER = ("covariance", "stderr", "jac")
+
+
+def make_result(found: dict[str, Any], names: list[str] | None = None) -> Result:
     """A result with SciPy's names for what the core answers."""
     result = Result(found)
+    result.names = names or [f"X{j + 1}" for j in range(len(result.x))]
     counts = found["counts"]
     for name in ("multipliers", "active", "optimality", "counts", "history"):
         result[name] = Part(found[name])

@@ -131,6 +131,8 @@ class Profile(NamedTuple):
         The optimum there, as the user states it.
     root : ndarray, shape (k,)
         Signed root of the likelihood ratio; a straight line where Wald limits are right.
+    level, quantile : float
+        The limits of the level stand where the root is -quantile and quantile.
     """
 
     parameter: int
@@ -139,6 +141,8 @@ class Profile(NamedTuple):
     values: np.ndarray
     objective: np.ndarray
     root: np.ndarray
+    level: float
+    quantile: float
 
     def plot(self, axes: Any = None) -> Any:
         """Draws the root over the parameter; needs Matplotlib. Answers the axes."""
@@ -147,22 +151,14 @@ class Profile(NamedTuple):
 
             _, axes = plt.subplots()
         axes.plot(self.values, self.root, marker=".", color="tab:blue")
-        for level in (0.5, 0.8, 0.95, 0.99):
-            z = _normal_quantile(0.5 + 0.5 * level)
-            if z <= np.max(np.abs(self.root), initial=0.0):
-                for side in (-z, z):
-                    axes.axhline(side, color="0.8", linewidth=0.8)
-                axes.annotate(f"{100 * level:g} %", (1.0, z), xycoords=("axes fraction", "data"))
+        for side in (-self.quantile, self.quantile):
+            axes.axhline(side, color="0.8", linewidth=0.8)
+            text = f"{100 * self.level:g} %"
+            axes.annotate(text, (0.01, side), xycoords=("axes fraction", "data"), va="bottom")
         axes.axvline(self.estimate, color="0.8", linewidth=0.8)
         axes.set_xlabel(self.name)
         axes.set_ylabel("signed root of the likelihood ratio")
         return axes
-
-
-def _normal_quantile(p: float) -> float:
-    from statistics import NormalDist
-
-    return NormalDist().inv_cdf(p)
 
 
 def _correlation(matrix: np.ndarray, errors: np.ndarray) -> np.ndarray:

@@ -59,13 +59,18 @@ static bool variance_is_estimated(const ProblemData& problem, const Likelihood& 
   return problem.kind == Kind::least_squares && !likelihood.residual_variance.has_value();
 }
 
+// Two-sided: of Student where a variance is estimated, otherwise normal.
+static double quantile(const ProblemData& problem, const Likelihood& likelihood, double freedom,
+                       double level) {
+  const double p = 0.5 + 0.5 * level;
+  return variance_is_estimated(problem, likelihood) ? zqt(p, freedom) : zprobit(p);
+}
+
 static void set_wald_limits(const ProblemData& problem, const Likelihood& likelihood,
                             const Covariance& covariance, Limits& limits) {
-  const bool student = variance_is_estimated(problem, likelihood);
   for (Limit& limit : limits.all) {
     const auto j = static_cast<std::size_t>(limit.parameter);
-    const double p = 0.5 + 0.5 * limit.level;
-    const double z = student ? zqt(p, covariance.freedom) : zprobit(p);
+    const double z = quantile(problem, likelihood, covariance.freedom, limit.level);
     const bool usable = covariance.states[j] == Covariance::estimated && z >= 0.0;
     limit.lower_ending = limit.upper_ending = usable ? Limit::found : Limit::no_error;
     if (!usable) continue;
@@ -297,7 +302,8 @@ static std::vector<double> profile_levels(double level) {
 // Points in ascending order; the search for a limit leaves several that are as good as the same.
 static void add_points(std::vector<PLPNT>& points, double sign, double objective, double unit,
                        Profile& profile) {
-  static constexpr double APART = 0.05;  // in the root of the likelihood ratio
+  static constexpr double APART = 0.05;   // in the root of the likelihood ratio
+  static constexpr double BEYOND = 1e-6;  // the limits, relative
   points.push_back({static_cast<double>(profile.parameter), profile.estimate, objective});
   std::sort(points.begin(), points.end(), [=](const PLPNT& a, const PLPNT& b) {
     return a.xval != b.xval ? a.xval < b.xval : sign * a.yval < sign * b.yval;
@@ -305,6 +311,7 @@ static void add_points(std::vector<PLPNT>& points, double sign, double objective
   for (const PLPNT& point : points) {
     const double rise = std::max(sign * (point.yval - objective), 0.0);
     const double root = std::copysign(std::sqrt(rise / unit), point.xval - profile.estimate);
+    if (std::fabs(root) > profile.quantile * (1.0 + BEYOND)) continue;
     if (!profile.root.empty() && root - profile.root.back() < APART) continue;
     profile.values.push_back(point.xval);
     profile.objective.push_back(point.yval);
@@ -332,6 +339,8 @@ Profile profile_of(const Result& result, long parameter, double level,
   profile.parameter = parameter;
   profile.name = plain_name(problem, parameter);
   profile.estimate = result.x[static_cast<std::size_t>(parameter)];
+  profile.level = level;
+  profile.quantile = quantile(problem, likelihood, covariance.freedom, level);
   const bool squares = problem.kind == Kind::least_squares;
   const double unit = 0.5 * (squares ? covariance.residual_variance : likelihood.multiple);
   add_points(request.points, problem.maximize ? -1.0 : 1.0, result.objective, unit, profile);
