@@ -26,7 +26,8 @@ const TechniqueRow& row_of(Technique technique);
 //   nonlinear constraints                      quasi_newton
 //   Hessian: sparse / n at most 500            newton_line_search / trust_region
 //   n above 300                                conjugate_gradient
-//   otherwise                                  quasi_newton
+//   linear rows                                quasi_newton
+//   otherwise                                  quasi_newton_inverse
 const TechniqueRow& choose_technique(const ProblemData& problem, const Constraints& constraints,
                                      const Options& options);
 
