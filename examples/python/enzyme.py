@@ -47,12 +47,10 @@ def draw(path, data, fits):
 data = read(sys.argv[1])
 fits = {}
 for state, points in data.items():
-    fits[state], covariance, result = tqnlp.curve_fit(
-        velocity, *points.T, p0=[100, 0.1], full_output=True
-    )
-    errors = np.sqrt(np.diag(covariance))
-    print(f"{state}: {result.nit} iterations, {result.technique}")
-    for name, estimate, error in zip(("V", "K"), fits[state], errors):
-        print(f"  {name} {estimate:10.5g} +- {error:.3g}")
+    fits[state], _, result = tqnlp.curve_fit(velocity, *points.T, p0=[100, 0.1], full_output=True)
+    print(f"{state}: {result.nit} iterations, {result.technique}; standard errors and 95 % limits")
+    for limit, error in zip(result.limits(0.95), result.stderr):
+        print(f"  {limit.name:4} {limit.estimate:10.5g} +- {error:8.3g}   "
+              f"{limit.lower:.5g} to {limit.upper:.5g}")
 if len(sys.argv) > 2:
     draw(sys.argv[2], data, fits)

@@ -105,7 +105,8 @@ class Result(_Fields):
     jac : ndarray, shape (n,)
         The gradient there (of least squares: the Jacobian, where it was asked for).
     success : bool
-        Did the run converge? What an independent check finds stands in `optimality`.
+        Did the run converge, or could nothing improve a point that passes the independent check?
+        What that finds stands in `optimality`.
     status : int
         The code of the run: positive where it converged.
     message : str
@@ -314,7 +315,9 @@ def make_result(found: dict[str, Any], names: list[str] | None = None) -> Result
         result[name] = Part(found[name])
     result.tables = [Table(*table) for table in found["tables"]]
     result.log = [LogRecord(*record) for record in found["log"]]
+    stands = found["ending"] == "no_progress" and found["optimality"]["verdict"] == "optimal"
     result.update(
+        success=found["success"] or stands,
         fun=found["objective"],
         jac=found["gradient"],
         status=result.pop("code"),
