@@ -26,9 +26,11 @@ struct Allowance {
   double decrease;         // where the gradient promises more
   double hidden_decrease;  // where it does not
   double step;             // to the minimum of the model, of parameters of size 1
+  double decrease_of_a_short_step;
 };
-static constexpr Allowance BY_DERIVATIVES = {1e-3, 1e-6, 1e-4, 1e-5};
-static constexpr Allowance BY_VALUES = {1e-2, 1e-4, 1e-2, 1e-2};  // the technique saw values alone
+static constexpr Allowance BY_DERIVATIVES = {1e-3, 1e-6, 1e-4, 1e-5, 1e-2};
+// The technique saw values alone.
+static constexpr Allowance BY_VALUES = {1e-2, 1e-4, 1e-2, 1e-2, 1e-1};
 
 // The matrix of a Hessian is afforded up to these orders.
 static constexpr long MOST_BY_DIFFERENCES = 60;
@@ -190,16 +192,18 @@ static void hand_out_multipliers(const Run& run, const Findings& at, Result* res
   for (std::size_t i = 0; i < at.general.values.size(); ++i)
     (i < rows ? to.linear : to.nonlinear)
         .push_back(at.general.multipliers[i] * units.objective / at.general.units[i]);
+  // A parameter that is fixed has no differences within its bounds.
+  const bool given =
+      run.supplied.gradient && (c.nonlinear.empty() || run.supplied.constraint_jacobian);
   for (std::size_t j = 0; j < to.bounds.size(); ++j) {
+    const bool unknown = c.lower[j] == c.upper[j] && !given;
+    if (unknown) to.bounds[j] = missing;
     const long row = to.bounds[j] > 0.0 ? c.lower_row[j] : c.upper_row[j];
     if (to.bounds[j] == 0.0 || row < 0) continue;
     const auto i = static_cast<std::size_t>(row);
     to.linear[i] = to.bounds[j] / problem.rows[i].values.front();
-    to.bounds[j] = 0.0;
+    if (!unknown) to.bounds[j] = 0.0;
   }
-  // A parameter that is fixed has no differences within its bounds.
-  for (std::size_t j = 0; j < to.bounds.size() && !run.supplied.gradient; ++j)
-    if (c.lower[j] == c.upper[j]) to.bounds[j] = missing;
   for (auto* list : {&to.bounds, &to.linear, &to.nonlinear})
     for (double& multiplier : *list) multiplier = multiplier == 0.0 ? 0.0 : sign * multiplier;
 }
@@ -357,6 +361,19 @@ static bool find_lower_point(Run& run) {
   return run.crit < before - CLEARLY * (1.0 + std::fabs(before));
 }
 
+// The same by steps along the direction, where no general constraint is in the way.
+static bool find_lower_along(Run& run, const Findings& at, const SecondOrder& found) {
+  static constexpr double CLEARLY = 1e-8;
+  const double before = run.crit;
+  for (const double step : {1.0, -1.0, 0.1, -0.1, 0.01, -0.01}) {
+    for (long j = 0; j < run.nvar; ++j)
+      run.x[j] = at.x[static_cast<std::size_t>(j)] + step * found.direction[j];
+    if (good(run, run.usfct) && run.crit < before - CLEARLY * (1.0 + std::fabs(before)))
+      return true;
+  }
+  return false;
+}
+
 // With multipliers of nonlinear constraints no single function must become lower: the direction is
 // taken as it is, and the run from a point along it finds back to the constraints.
 static void step_along(Run& run, const Findings& at, const std::vector<double>& direction) {
@@ -378,7 +395,8 @@ static void advise(Run& run, const Findings& at, const SecondOrder& found, bool 
   if (!found.bends_down || result->optimality.verdict != Optimality::optimal) return;
   if (of_lagrangian)
     step_along(run, at, std::vector<double>(found.direction, found.direction + run.nvar));
-  else if (!find_lower_point(run))
+  else if (!find_lower_point(run) &&
+           !(run.shared.problem.rows.empty() && find_lower_along(run, at, found)))
     return;
   result->optimality.verdict = Optimality::negative_curvature;
   advice->better.resize(at.x.size());
@@ -413,9 +431,44 @@ static void judge_by_curvature(Run& run, const Findings& at, Look look, Result* 
                           ? size_of_squares(run)
                           : std::max({std::fabs(run.crit), size_of_objective(run.shared), bend});
   const double most = in_doubt || squares ? allowance.decrease : allowance.hidden_decrease;
-  const bool stationary = point.decrease <= most * size || point.step <= allowance.step;
+  // A step may look short for a parameter that is counted in too large a unit.
+  const bool short_step =
+      point.step <= allowance.step && point.decrease <= allowance.decrease_of_a_short_step * size;
+  const bool stationary = point.decrease <= most * size || short_step;
   found.verdict = stationary ? Optimality::optimal : Optimality::not_stationary;
   advise(record, at, point, curved, result, advice);
+}
+
+// A parameter that was small at the start is counted in a small unit, in which neither the gradient
+// nor differences see a minimum that is far beyond: points up to the user's unit away show it.
+static void probe_beyond_small_units(Run& run, const Findings& at, Result* result, Advice* advice) {
+  static constexpr double SMALL = 1e-2;
+  static constexpr double STEPS[] = {1.0, 3e-2, 1e-3, 3e-5, 1e-6};
+  static constexpr int MOST_PARAMETERS = 10;
+  const Units& units = run.shared.units;
+  const double before = run.crit;
+  const double most = allowance_of(*result).hidden_decrease;
+  const double size = std::max(std::fabs(before), size_of_objective(run.shared));
+  int probed = 0;
+  std::vector<double> least(at.x.size());
+  for (long j = 0; j < run.nvar && probed < MOST_PARAMETERS; ++j) {
+    const auto place = static_cast<std::size_t>(j);
+    if (units.of(j) > SMALL || result->active.bounds[place] != 0) continue;
+    ++probed;
+    for (const double step : STEPS) {
+      if (step <= units.of(j) || least[place] != 0.0) break;
+      for (const double side : {-step, step}) {
+        run.x[j] = at.x[place] + side / units.of(j);
+        if (good(run, run.usfct) && run.crit < before - most * size) least[place] = step;
+      }
+    }
+    run.x[j] = at.x[place];
+  }
+  run.crit = before;
+  if (std::ranges::all_of(least, [](double one) { return one == 0.0; })) return;
+  result->optimality.verdict = Optimality::not_stationary;
+  advice->better.clear();
+  advice->least = std::move(least);
 }
 
 static void judge_by_gradient(Result* result) {
@@ -453,6 +506,9 @@ void check_point(Shared& shared, Look look, Result* result, Advice* advice) {
   if (!check_first_order_conditions(run, at, result)) return;
   judge_by_gradient(result);
   judge_by_curvature(run, at, look, result, advice);
+  const bool passes = result->optimality.verdict == Optimality::optimal;
+  if (passes && look == Look::second_order && problem.rows.empty() && problem.c_lower.empty())
+    probe_beyond_small_units(run, at, result, advice);
 }
 
 }  // namespace tqnlp::face

@@ -13,6 +13,7 @@ enum class Look { first_order, if_in_doubt, second_order };
 struct Advice {
   std::vector<double> better;  // the lower point that negative curvature leads to; empty: none
   std::vector<double> sizes;   // of the parameters, by the curvature; 0: not known; empty: none
+  std::vector<double> least;   // sizes that parameters have at least: they were taken too small
 };
 
 // Evaluates the point of the result afresh and fills gradient, residuals, values of the

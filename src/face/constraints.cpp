@@ -50,7 +50,8 @@ static void tighten(const ProblemData& problem, long i, Constraints& c) {
   const LinearRow& row = problem.rows[static_cast<std::size_t>(i)];
   const auto j = static_cast<std::size_t>(row.columns.front());
   const double a = row.values.front();
-  double lower = row.lower / a, upper = row.upper / a;
+  double lower = side_there(row.lower) ? row.lower / a : std::copysign(inf, row.lower / a);
+  double upper = side_there(row.upper) ? row.upper / a : std::copysign(inf, row.upper / a);
   if (a < 0.0) std::swap(lower, upper);
   if (side_there(lower) && lower > c.lower[j]) {
     c.lower[j] = lower;

@@ -7,7 +7,10 @@
 #include <new>
 
 #include "aasubs/derivatives/znlpfid.h"
+#include "aasubs/record/packed.h"
+#include "aasubs/setup/defaults.h"
 #include "aasubs/setup/hessian_form.h"
+#include "face/check.h"
 #include "face/statistics.h"
 #include "face/task_scope.h"
 #include "kernels/vector.h"
@@ -26,7 +29,27 @@ struct Curvature {
 
 }  // namespace
 
-// An active bound holds its parameter: nothing is to be evaluated beside it.
+// Techniques with derivatives put a parameter on its bound, so that one that is merely near is
+// free; of the others the multiplier tells.
+static bool is_held(const Result& result, const Constraints& c, std::size_t j) {
+  static constexpr double AT_SIDE = 1e-12;
+  const double x = result.x[j];
+  const double gap = std::min(std::fabs(x - c.lower[j]), std::fabs(c.upper[j] - x));
+  const bool on_side = gap <= AT_SIDE * (1.0 + std::fabs(x));
+  const bool exact = row_of(result.technique).job != SETTINGS_SIMPLEX;
+  const long row = std::max(c.lower_row[j], c.upper_row[j]);
+  const double of_row = row >= 0 ? result.multipliers.linear[static_cast<std::size_t>(row)] : 0.0;
+  const bool pressed = result.multipliers.bounds[j] != 0.0 || of_row != 0.0;  // also missing
+  return on_side || (!exact && pressed);
+}
+
+// Leaves only the bounds that hold their parameters active.
+static void drop_idle_bounds(const Constraints& c, Result& result) {
+  for (std::size_t j = 0; j < c.lower.size(); ++j)
+    if (!is_held(result, c, j)) result.active.bounds[j] = 0;
+}
+
+// A held parameter stays where it is: nothing is to be evaluated beside it.
 static Constraints with_active_bounds(const ProblemData& problem, const Result& result) {
   Constraints c = normalize(problem);
   for (std::size_t j = 0; j < c.lower.size(); ++j) {
@@ -230,9 +253,79 @@ std::vector<double> jacobian_of(const Result& result) {
     known = evaluate_curvature(shared, result, Variance::crossproduct, curvature);
   };
   const int exit_code = run_on_task(task, body, [&] { log = std::move(task.log); });
-  rethrow_or_end(shared, exit_code, log);
+  rethrow_or_end(shared.thrown, exit_code, log);
   if (!known) curvature.jacobian.assign(static_cast<std::size_t>(problem.m * problem.n), missing);
   return std::move(curvature.jacobian);
+}
+
+// Multipliers and active sides, where the result was not checked.
+static void look_at_sides(const ProblemData& problem, const Origin& origin, Result& at) {
+  const Constraints constraints = normalize(problem);
+  if (at.optimality.verdict == Optimality::not_known) {
+    Shared shared{problem, constraints, origin.options};
+    shared.units = origin.units;
+    Advice advice;
+    check_point(shared, Look::first_order, &at, &advice);
+    if (shared.interrupted) std::rethrow_exception(shared.thrown);
+  }
+  drop_idle_bounds(constraints, at);
+}
+
+// Sizes of the parameters: the distances over which the objective changes by about 1, or a residual
+// variance. Where nothing could be evaluated, the parameters themselves.
+static std::vector<double> sizes_by(const Curvature& curvature, const Result& at, bool known) {
+  const std::size_t n = at.x.size(), m = at.residuals.size();
+  std::vector<double> sizes(n);
+  const double freedom = m > n ? static_cast<double>(m - n) : 1.0;
+  const double variance = m > 0 ? 2.0 * at.objective / freedom : 1.0;
+  for (std::size_t j = 0; j < n; ++j) {
+    double bend = 0.0;
+    if (!curvature.hess.empty() && known)
+      bend = std::fabs(
+          curvature
+              .hess[static_cast<std::size_t>(zisub(static_cast<long>(j), static_cast<long>(j)))]);
+    for (std::size_t i = 0; i < m && !curvature.jacobian.empty() && known; ++i)
+      bend += curvature.jacobian[i * n + j] * curvature.jacobian[i * n + j];
+    sizes[j] = !known ? std::fabs(at.x[j]) : bend > 0.0 ? std::sqrt(variance / bend) : 0.0;
+  }
+  return sizes;
+}
+
+// Do differences in these units see the parameters at their sizes? Where not, takes powers of two
+// near the sizes.
+static bool units_fit(const std::vector<double>& sizes, const Result& at, Units& units) {
+  static constexpr double FAR = 1e3;
+  bool fit = true;
+  std::vector<double> better(sizes.size(), 1.0);
+  for (std::size_t j = 0; j < sizes.size(); ++j) {
+    const double unit = better[j] = units.of(static_cast<long>(j));
+    // Differences are relative to a parameter that is larger than its unit.
+    const double seen = std::max(unit, std::fabs(at.x[j]));
+    const bool known = sizes[j] > 0.0 && std::isfinite(sizes[j]) && at.active.bounds[j] == 0;
+    if (!known || (seen <= FAR * sizes[j] && FAR * seen >= sizes[j])) continue;
+    better[j] = power_of_two(sizes[j]);
+    fit = fit && better[j] == unit;
+  }
+  units.parameter = std::move(better);
+  return fit;
+}
+
+// Forms derivatives until they were taken in units that fit.
+static bool form_curvature(const ProblemData& problem, const Origin& origin, const Result& at,
+                           Variance kind, Curvature& curvature) {
+  static constexpr int MOST_PASSES = 3;
+  const Constraints constraints = with_active_bounds(problem, at);
+  Units units = origin.units;
+  bool known = false;
+  for (int pass = 0; pass < MOST_PASSES; ++pass) {
+    Shared shared{problem, constraints, origin.options};
+    shared.units = units;
+    curvature = {};
+    known = evaluate_curvature(shared, at, kind, curvature);
+    if (shared.interrupted) std::rethrow_exception(shared.thrown);
+    if ((known && curvature.exact) || units_fit(sizes_by(curvature, at, known), at, units)) break;
+  }
+  return known;
 }
 
 Covariance covariance_of(const Result& result, Variance asked, const Likelihood& likelihood) {
@@ -241,23 +334,21 @@ Covariance covariance_of(const Result& result, Variance asked, const Likelihood&
   check_likelihood(likelihood);
   Covariance to;
   to.kind = kind_of(problem, asked);
-  const std::size_t n = result.x.size();
-  set_unknown(n, Covariance::no_derivatives, to);
-  if (result.active.bounds.size() != n) return to;  // the point could not be evaluated
-  const Constraints constraints = with_active_bounds(problem, result);
-  Shared shared{problem, constraints, origin.options};
-  shared.units = origin.units;
+  set_unknown(result.x.size(), Covariance::no_derivatives, to);
+  Result at = result;
   Curvature curvature;
   bool known = false;
   embed::Task task;
   std::vector<LogRecord> log;
-  const int exit_code = run_on_task(
-      task, [&] { known = evaluate_curvature(shared, result, to.kind, curvature); },
-      [&] {
-        log = std::move(task.log);
-        if (known) set_covariance(result, problem, likelihood, curvature, to);
-      });
-  rethrow_or_end(shared, exit_code, log);
+  const auto body = [&] {
+    look_at_sides(problem, origin, at);
+    known = form_curvature(problem, origin, at, to.kind, curvature);
+  };
+  const int exit_code = run_on_task(task, body, [&] {
+    log = std::move(task.log);
+    if (known) set_covariance(at, problem, likelihood, curvature, to);
+  });
+  rethrow_or_end(nullptr, exit_code, log);
   return to;
 }
 

@@ -461,7 +461,7 @@ static Progress progress_of(Run& run) {
   const Units& units = run.shared.units;
   Progress at;
   at.iteration = run.shared.iterations_before + static_cast<long>(run.nitr);
-  at.calls = run.nfct;
+  at.calls = run.shared.calls_before + run.nfct;
   const double crit = wzmis(run.crit) ? run.crit : objective_to_user(units, run.crit);
   at.objective = run.imax != 0 ? -crit : crit;
   const double slope = run.nlicon != 0 ? run.gmlf : run.gmax;

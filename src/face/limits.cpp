@@ -18,6 +18,9 @@ static void check_limits(const ProblemData& problem, const LimitOptions& options
   for (const double level : options.levels)
     if (!(level > 0.0 && level < 1.0)) refuse("level", shown(level), "a number between 0 and 1");
   for (const long j : options.parameters)
+    if (std::ranges::count(options.parameters, j) > 1)
+      refuse("LimitOptions::parameters", std::to_string(j) + " twice", "each once");
+  for (const long j : options.parameters)
     if (j < 0 || j >= problem.n)
       refuse("LimitOptions::parameters", std::to_string(j),
              "parameters from 0 to " + std::to_string(problem.n - 1));
@@ -229,7 +232,7 @@ static void search_limits(const Result& result, const Origin& origin, Request& r
         limits.tables = std::move(task.tables);
         limits.log = std::move(task.log);
       });
-  rethrow_or_end(shared, exit_code, limits.log);
+  rethrow_or_end(shared.thrown, exit_code, limits.log);
   if (!origin.units.parameter.empty()) tables_to_user(origin.units, limits.tables);
   limits.optimizations = request.options.nrun;
   if (wzmis(request.options.flow)) return;
@@ -265,6 +268,8 @@ static bool result_is_no_optimum(const Limits& limits) {
   });
 }
 
+static constexpr int REFUSED = -1;  // a search that could not begin
+
 Limits limits_of(const Result& result, const LimitOptions& options) {
   const Origin& origin = origin_of(result);
   const ProblemData& problem = origin.problem.data();
@@ -284,6 +289,7 @@ Limits limits_of(const Result& result, const LimitOptions& options) {
   fill_request(origin, limit_technique(origin), result, options, covariance, request);
   search_limits(result, origin, request, limits);
   take_limits(origin.units, request, limits);
+  if (request.options.rcod == REFUSED) set_endings(Limit::search_failed, limits);
   if (result_is_no_optimum(limits)) set_endings(Limit::lower_point, limits);
   return limits;
 }
@@ -330,11 +336,12 @@ Profile profile_of(const Result& result, long parameter, double level,
   check_limits(problem, options);
   options.levels = profile_levels(level);
   const Covariance covariance = covariance_of(result, Variance::automatic, likelihood);
+  const bool no_target = problem.kind == Kind::least_squares && wzmis(covariance.residual_variance);
   Request request;
   request.wants_points = true;
   fill_request(origin, limit_technique(origin), result, options, covariance, request);
   Limits limits;
-  search_limits(result, origin, request, limits);
+  if (!no_target) search_limits(result, origin, request, limits);
   Profile profile;
   profile.parameter = parameter;
   profile.name = plain_name(problem, parameter);

@@ -168,7 +168,9 @@ static void set_hessian_form(Run& run) {
       choose_dense_form(run);
     return;
   }
-  if (problem.pattern.has_value() && run.row.ider == 4) choose_sparse_form(run);
+  // The curvature of constraints has elements elsewhere.
+  if (problem.pattern.has_value() && run.row.ider == 4 && run.lagrange.empty())
+    choose_sparse_form(run);
 }
 
 // Where the elements of a sparse Hessian stand.
@@ -269,7 +271,7 @@ static void prepare(Run& run, const std::vector<double>& start, bool central, bo
   set_derivatives(run, central);
   apply_options(run.shared.options, run.row, &run);
   convert_options(run.shared.options, run.shared.units, &run);
-  if (silent) run.dbug = 0.0;
+  if (silent) run.dbug = run.cfdh = 0;  // intervals are estimated in the course of a run
   set_checks(run);
   set_callbacks(run);
   set_hessian_form(run);

@@ -77,6 +77,7 @@ struct Shared {
   bool stopped = false;            // by Options::progress
   bool steps_without_end = false;  // the last run has warned of them
   double began = 0.0;              // clock of the host
+  long calls_before = 0;           // of the objective, of runs before a restart
   long iterations_before = 0;      // of runs before a restart
 
   void keep_exception() {
@@ -139,6 +140,9 @@ void set_callbacks(Run& run);
 void choose_units(Shared& shared, const std::vector<double>& start);
 
 // Units of the parameters by other sizes, unless the user has said his.
+// Raises sizes that were taken too small.
+void grow_sizes(Shared& shared, const std::vector<double>& least);
+
 void learn_sizes(Shared& shared, const std::vector<double>& sizes);
 
 // Units that suit a look at x: near its elements, or for one that is small beside the size of its

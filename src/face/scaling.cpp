@@ -38,7 +38,7 @@ static double unit_of_column(const Units& units, const std::string& column, long
   return column == "GradObj" ? units.objective / units.of(parameter) : 1.0;
 }
 
-void estimates_to_user(const Units& units, std::vector<Table>& tables) {
+void estimates_to_user(const Units& units, std::span<Table> tables) {
   for (Table& table : tables) {
     const auto number = static_cast<std::size_t>(std::ranges::find(table.columns, "Number") -
                                                  table.columns.begin());
@@ -63,12 +63,13 @@ void check_scale(const ProblemData& problem, const Options& options) {
          std::to_string(problem.n));
 }
 
-// By the start, or where it is 0 by the bounds; 0: nothing is known.
+// By the start, or where it is 0 by a small box; 0: nothing is known. A small start may also stand
+// near the 0 of a parameter of any size, which the check of the result finds out.
 static double size_of(double start, double lower, double upper) {
   if (start != 0.0) return std::fabs(start);
-  const double below = lower_exists(lower) ? std::fabs(lower) : 0.0;
-  const double above = upper_exists(upper) ? std::fabs(upper) : 0.0;
-  return std::max(below, above);
+  const bool box = lower_exists(lower) && upper_exists(upper);
+  const double most = std::max(std::fabs(lower), std::fabs(upper));
+  return box && most < 1.0 ? most : 0.0;
 }
 
 static std::vector<double> sizes_of(const Constraints& c, const std::vector<double>& start) {
@@ -128,6 +129,12 @@ void learn_sizes(Shared& shared, const std::vector<double>& sizes) {
   if (may && !are_moderate(sizes)) shared.units.parameter = units_by(sizes);
 }
 
+void grow_sizes(Shared& shared, const std::vector<double>& least) {
+  for (std::size_t j = 0; j < least.size(); ++j)
+    shared.sizes[j] = std::max(shared.sizes[j], least[j]);
+  shared.units.parameter = units_by(shared.sizes);
+}
+
 std::vector<double> units_near(const Shared& shared, const std::vector<double>& x) {
   static constexpr double SMALL = 1e-3;
   std::vector<double> sizes;
@@ -160,8 +167,7 @@ static bool evaluate_start(Run& run) {
 }
 
 // The largest change of the objective at two points near the start, a hundredth of the parameters'
-// sizes away, in directions in which no objective is constant by design. The user's unit counts as
-// a size here where a parameter is small: a start near 0 may mean 0.
+// sizes away, in directions in which no objective is constant by design.
 static double change_near_start(Run& run) {
   static constexpr double PART = 0.01;
   static constexpr double GOLDEN = 0.6180339887498949;
@@ -169,7 +175,7 @@ static double change_near_start(Run& run) {
   for (const double side : {PART, -PART}) {
     for (long j = 0; j < run.nvar; ++j) {
       const double x = run.start[static_cast<std::size_t>(j)];
-      const double size = std::max({std::fabs(x), 1.0, 1.0 / run.shared.units.of(j)});
+      const double size = std::max(std::fabs(x), 1.0);
       run.x[j] = x + side * size * (0.5 + std::fmod(GOLDEN * static_cast<double>(j + 1), 1.0));
     }
     if (run.usfct(&run) == 0) change = std::max(change, std::fabs(run.crit - run.start_crit));

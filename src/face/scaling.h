@@ -63,7 +63,7 @@ void slopes_to_record(const Units& units, double unit, long rows, long n, double
 
 // The numbers of a report's tables that are a parameter's (point, bounds, gradient) or the
 // objective's. Its lines went out before, and other tables stay, in the units of the record.
-void estimates_to_user(const Units& units, std::vector<Table>& tables);
+void estimates_to_user(const Units& units, std::span<Table> tables);
 
 // ---- Choice; what belongs to a run stands in face/run.h -----------------------------------------
 

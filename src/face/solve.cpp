@@ -85,6 +85,17 @@ static bool passes_all_bounds(const Run& run, int code) {
   return code == Status::objective_target_met && !run.shared.options.objective_target.has_value();
 }
 
+// What the caller allows, less what runs before have used.
+static void reduce_limits(Run& run) {
+  const Shared& shared = run.shared;
+  const auto rest = [](double limit, long used) {
+    return std::max(limit - static_cast<double>(used), 0.0);
+  };
+  if (shared.options.iterations.has_value()) run.maxi = rest(run.maxi, shared.iterations_before);
+  if (shared.options.calls.has_value()) run.maxf = rest(run.maxf, shared.calls_before);
+  run.upti = std::max(run.upti - (zdattim() - shared.began), 0.0);
+}
+
 // False: the unit of the objective has become another one, and nothing has run.
 static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
                          Result* result) {
@@ -92,8 +103,9 @@ static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vec
   prepare_run(run, start);
   if (choose_objective_unit(run)) return false;
   tighten_criteria(run, result->optimality.restarts);
-  run.upti = std::max(run.upti - (zdattim() - shared.began), 0.0);
+  reduce_limits(run);
   int code = drive(run);
+  shared.calls_before += run.nfct;
   if (passes_all_bounds(run, code)) code = Status::unbounded;
   shared.steps_without_end = run.unbd != 0;
   if (shared.interrupted) code = Status::interrupted_by_exception;
@@ -104,10 +116,13 @@ static bool run_in_units(Shared& shared, const TechniqueRow& row, const std::vec
 }
 
 // Runs the technique from a start. Whatever ends it, what it has found is in the result.
-static void run_once(Shared& shared, const TechniqueRow& row, const std::vector<double>& start,
-                     Result* result) {
+static void run_once(Shared& shared, embed::Task& task, const TechniqueRow& row,
+                     const std::vector<double>& start, Result* result) {
   shared.iterations_before = result->counts.iterations;
+  const std::size_t tables = task.tables.size();
   if (!run_in_units(shared, row, start, result)) run_in_units(shared, row, start, result);
+  if (shared.units.are_own())
+    estimates_to_user(shared.units, std::span(task.tables).subspan(tables));
 }
 
 // ---- Runs and checks ----------------------------------------------------------------------------
@@ -164,7 +179,7 @@ static bool improves(const Result& next, const Result& last, bool maximize) {
 
 static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow& row,
                           const std::vector<double>& start, Result* result) {
-  run_once(shared, row, start, result);
+  run_once(shared, task, row, start, result);
   Advice advice;
   check(shared, task, result, &advice);
   while (wants_analysis(shared.options, *result) && contradicted(*result) &&
@@ -172,8 +187,13 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
          !shared.steps_without_end) {
     Result next = *result;
     ++next.optimality.restarts;
-    learn_sizes(shared, advice.sizes);
-    run_once(shared, row, advice.better.empty() ? result->x : advice.better, &next);
+    if (advice.least.empty())
+      learn_sizes(shared, advice.sizes);
+    else
+      grow_sizes(shared, advice.least);
+    run_once(shared, task, row, advice.better.empty() ? result->x : advice.better, &next);
+    next.multipliers = {};
+    next.active = {};
     check(shared, task, &next, &advice);
     result->counts = next.counts;
     result->optimality.restarts = next.optimality.restarts;
@@ -252,7 +272,6 @@ static void finish(Shared& shared, embed::Task& task, Result* result) {
   result->seconds_in_user = std::min(shared.clock.seconds(), result->seconds);
   result->log = std::move(task.log);
   result->tables = std::move(task.tables);
-  if (shared.units.are_own()) estimates_to_user(shared.units, result->tables);
 }
 
 static Result solve_on_task(Shared& shared, const Problem& problem, const TechniqueRow& row,

@@ -36,8 +36,8 @@ void check_likelihood(const Likelihood& likelihood) {
     refuse("Likelihood::residual_variance", shown(variance), "a positive number");
 }
 
-void rethrow_or_end(const Shared& shared, int exit_code, std::vector<LogRecord>& log) {
-  if (shared.interrupted) std::rethrow_exception(shared.thrown);
+void rethrow_or_end(const std::exception_ptr& thrown, int exit_code, std::vector<LogRecord>& log) {
+  if (thrown != nullptr) std::rethrow_exception(thrown);
   if (exit_code != 0)
     throw FatalError(exit_code,
                      "statistics could not go on (exit code " + std::to_string(exit_code) + ")",

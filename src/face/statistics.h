@@ -22,7 +22,7 @@ const Origin& origin_of(const Result& result);
 void check_likelihood(const Likelihood& likelihood);
 
 // Throws the exception of a user's function, or FatalError when the library ended the call.
-void rethrow_or_end(const Shared& shared, int exit_code, std::vector<LogRecord>& log);
+void rethrow_or_end(const std::exception_ptr& thrown, int exit_code, std::vector<LogRecord>& log);
 
 Covariance covariance_of(const Result& result, Variance kind, const Likelihood& likelihood);
 std::vector<double> jacobian_of(const Result& result);

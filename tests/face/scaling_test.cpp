@@ -170,5 +170,20 @@ TEST(Check, CurvatureAlongNonlinearConstraints) {
   }
 }
 
+// A start near 0, and bounds far away, say nothing of sizes.
+TEST(Scaling, SmallStartsAndWideBoundsMislead) {
+  for (const double start : {1e-300, 1e-20, 1e-6, 0.0}) {
+    for (const double bound : {1e5, 1e9, inf}) {
+      SCOPED_TRACE(testing::Message() << start << ' ' << bound);
+      auto problem = Problem::minimize(
+          2, [](Point x) { return 100 * std::pow(x[1] - x[0] * x[0], 2) + std::pow(1 - x[0], 2); });
+      problem.bounds({-bound, -bound}, {bound, bound});
+      const Result found = solve(problem, {start, start});
+      EXPECT_NEAR(found.objective, 0.0, 1e-8);
+      EXPECT_TRUE(found.optimality);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tqnlp

@@ -73,7 +73,8 @@ static double violation_of(double value, double lower, double upper) {
   double worst = 0.0;
   if (lower > -HUGE_VALUE) worst = std::max(worst, (lower - value) / (1.0 + std::fabs(lower)));
   if (upper < HUGE_VALUE) worst = std::max(worst, (value - upper) / (1.0 + std::fabs(upper)));
-  return std::isnan(value) ? HUGE_VALUE : worst;
+  const bool asked = lower > -HUGE_VALUE || upper < HUGE_VALUE;
+  return std::isnan(value) && asked ? HUGE_VALUE : worst;
 }
 
 // ---- Least squares on the passive normals -------------------------------------------------------
