@@ -14,9 +14,9 @@ Problem make_problem(const py::dict& said, const std::shared_ptr<Calls>& calls);
 Options make_options(const py::dict& said, const std::shared_ptr<Calls>& calls);
 std::vector<std::string> option_names();
 
-py::dict as_dict(const Result& result);
+py::dict as_dict(const Result& result, const std::shared_ptr<Calls>& calls);
 // The statistics of a result, for its field "fit" (statistics.cpp).
-py::object make_fit(const Result& result);
+py::object make_fit(const Result& result, const std::shared_ptr<Calls>& calls);
 void bind_statistics(py::module_& module);
 py::list as_list(const std::vector<LogRecord>& log);
 py::list as_list(const std::vector<Table>& tables);

@@ -6,6 +6,11 @@
 
 namespace tqnlp::python {
 
+// What was found until an exception, on the exception, if that takes attributes.
+static void attach(const py::object& raised, const py::dict& partial) {
+  if (PyObject_SetAttrString(raised.ptr(), "partial", partial.ptr()) != 0) PyErr_Clear();
+}
+
 // Runs with the lock released. An exception of a function carries what was found until then.
 static py::dict run(const py::dict& problem_said, std::vector<double> start,
                     const py::dict& options_said, const StopFlag& stop) {
@@ -21,14 +26,14 @@ static py::dict run(const py::dict& problem_said, std::vector<double> start,
       const py::gil_scoped_release others_run;
       found = solve(problem, std::move(start), options);
     }
-    return as_dict(found);
+    return as_dict(found, calls);
   } catch (py::error_already_set& raised) {
-    py::setattr(raised.value(), "partial", as_dict(partial));
+    attach(raised.value(), as_dict(partial, calls));
     throw;
   } catch (const py::builtin_exception& refused) {  // of what a function returned
     refused.set_error();
     py::error_already_set raised;
-    if (!partial.x.empty()) py::setattr(raised.value(), "partial", as_dict(partial));
+    if (!partial.x.empty()) attach(raised.value(), as_dict(partial, calls));
     throw raised;
   }
 }
@@ -110,6 +115,7 @@ static void bind_stop_flag(py::module_& module) {
 }
 
 PYBIND11_MODULE(_core, module) {
+  stay_if_abandoned();  // remembers the thread
   bind_errors(module);
   bind_session(module);
   bind_compiled(module);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 namespace tqnlp::python {
 
@@ -16,6 +17,22 @@ PyObject* PointArray::at(Point x) {
   }
   std::memcpy(const_cast<double*>(array_.data()), x.data(), x.size_bytes());
   return array_.ptr();
+}
+
+// ---- The interpreter ----------------------------------------------------------------------------
+
+static bool is_finalizing() {
+#if PY_VERSION_HEX >= 0x030D0000
+  return Py_IsFinalizing() != 0;
+#else
+  return _Py_IsFinalizing() != 0;
+#endif
+}
+
+void stay_if_abandoned() {
+  static const auto main_thread = std::this_thread::get_id();  // of the import
+  while (is_finalizing() && std::this_thread::get_id() != main_thread)
+    std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
 // ---- Calls --------------------------------------------------------------------------------------
@@ -50,6 +67,12 @@ void Function::know(const py::array_t<double>& at, py::object answer) {
 py::object Function::take_known(Point x) {
   py::object answer = std::move(known_);
   return std::equal(x.begin(), x.end(), known_at_.begin(), known_at_.end()) ? answer : py::object();
+}
+
+int Function::traverse(visitproc visit, void* arg) const {
+  Py_VISIT(body_.ptr());
+  Py_VISIT(further_.ptr());
+  return 0;
 }
 
 // The arguments are copied, as the function may run again within itself.

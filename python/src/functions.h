@@ -19,11 +19,19 @@ namespace tqnlp::python {
 
 namespace py = pybind11;
 
+// Where the interpreter ends while this thread still runs (a daemon thread), it has taken the lock
+// from it and unwinds it: such a thread waits for the end of the process, as nothing of Python may
+// be touched any more.
+void stay_if_abandoned();
+
 // The interpreter lock, taken by any thread, also by one that has it.
 class Interpreter {
  public:
   Interpreter() : state_(PyGILState_Ensure()) {}
-  ~Interpreter() { PyGILState_Release(state_); }
+  ~Interpreter() {
+    stay_if_abandoned();
+    PyGILState_Release(state_);
+  }
   Interpreter(const Interpreter&) = delete;
   Interpreter& operator=(const Interpreter&) = delete;
 
@@ -48,12 +56,6 @@ class PointArray {
   py::array_t<double> array_;
 };
 
-// What the calls of all functions of a run share.
-struct Calls {
-  PointArray points;
-  Watch watch;
-};
-
 // A Python function under the name that errors call it by. All of it needs the lock.
 class Function {
  public:
@@ -62,6 +64,9 @@ class Function {
   // Throws EvaluationFailed, py::error_already_set; the latter also for a signal such as Ctrl-C.
   py::object operator()(PointArray& points, Point x);
   const std::string& name() const { return name_; }
+
+  // Shows the collector of cycles what this holds.
+  int traverse(visitproc visit, void* arg) const;
 
   // The first call gets this answer if it is at this point, at which the function was called
   // before.
@@ -76,6 +81,13 @@ class Function {
   std::vector<PyObject*> arguments_;  // a free place, the point, the further ones
   std::vector<double> known_at_;
   py::object known_;
+};
+
+// What the calls of all functions of a run share, and the functions themselves.
+struct Calls {
+  PointArray points;
+  Watch watch;
+  std::vector<std::weak_ptr<Function>> functions{};
 };
 
 // The exception EvaluationFailed of the package.

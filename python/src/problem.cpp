@@ -21,7 +21,8 @@ static std::vector<double> doubles(const py::dict& said, const char* key) {
   return {array.data(), array.data() + array.size()};
 }
 
-static std::shared_ptr<Function> function(const py::dict& said, const char* key) {
+static std::shared_ptr<Function> function(const py::dict& said, const char* key,
+                                          const std::shared_ptr<Calls>& calls) {
   const py::tuple further = has(said, "args") ? said["args"].cast<py::tuple>() : py::tuple();
   std::string name = key;
   if (said.contains("name")) name = said["name"].cast<std::string>() + ", " + name;
@@ -30,13 +31,15 @@ static std::shared_ptr<Function> function(const py::dict& said, const char* key)
     const auto known = said["known"][key].cast<py::tuple>();
     made->know(known[0].cast<Doubles>(), known[1]);
   }
+  calls->functions.push_back(made);
   return made;
 }
 
 // Python functions take the interpreter lock, compiled ones do not.
 static Problem::Function filling_of(const py::dict& said, const char* key,
                                     const std::shared_ptr<Calls>& calls, long rows, long cols) {
-  if (!py::isinstance<Compiled>(said[key])) return filling(calls, function(said, key), rows, cols);
+  if (!py::isinstance<Compiled>(said[key]))
+    return filling(calls, function(said, key, calls), rows, cols);
   return [calls, body = make_held<Compiled>(said[key].cast<Compiled>())](Point x, Values values) {
     (*body)(x, values);
     calls->watch.look();
@@ -44,7 +47,7 @@ static Problem::Function filling_of(const py::dict& said, const char* key,
 }
 
 static Problem::Objective objective_of(const py::dict& said, const std::shared_ptr<Calls>& calls) {
-  if (!py::isinstance<Compiled>(said["fun"])) return objective(calls, function(said, "fun"));
+  if (!py::isinstance<Compiled>(said["fun"])) return objective(calls, function(said, "fun", calls));
   return [body = filling_of(said, "fun", calls, 1, 0)](Point x) {
     double value = missing;
     body(x, {&value, 1});
@@ -137,7 +140,7 @@ static void add_hessian(const py::dict& said, long n, const std::shared_ptr<Call
 static Problem scalar_problem(const py::dict& said, long n, const std::shared_ptr<Calls>& calls) {
   const bool both = said["jac"].ptr() == Py_True;
   ObjectiveWithGradient pair;
-  if (both) pair = objective_with_gradient(calls, function(said, "fun"), n);
+  if (both) pair = objective_with_gradient(calls, function(said, "fun", calls), n);
   const bool maximize = said["kind"].cast<std::string>() == "maximize";
   auto value = both ? std::move(pair.objective) : objective_of(said, calls);
   Problem problem =

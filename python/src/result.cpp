@@ -78,7 +78,7 @@ static py::dict as_dict(const History& history) {
       "violation"_a = as_array(history.violation), "step"_a = as_array(history.step));
 }
 
-py::dict as_dict(const Result& result) {
+py::dict as_dict(const Result& result, const std::shared_ptr<Calls>& calls) {
   using namespace py::literals;
   const Multipliers& multipliers = result.multipliers;
   const ActiveSet& active = result.active;
@@ -98,7 +98,7 @@ py::dict as_dict(const Result& result) {
                                         "nonlinear"_a = as_integers(active.nonlinear)),
                   "optimality"_a = as_dict(result.optimality), "counts"_a = as_dict(result.counts),
                   "history"_a = as_dict(result.history), "tables"_a = as_list(result.tables),
-                  "log"_a = as_list(result.log), "fit"_a = make_fit(result));
+                  "log"_a = as_list(result.log), "fit"_a = make_fit(result, calls));
 }
 
 // ---- Many starts --------------------------------------------------------------------------------

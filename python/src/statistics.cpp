@@ -2,13 +2,18 @@
 // holds the functions of its problem, which are called with the lock as in a run.
 #include <pybind11/stl.h>
 
+#include <mutex>
+
 #include "convert.h"
 
 namespace tqnlp::python {
 
-// Of a result that came from another process nothing is left.
+// Of a result that came from another process nothing is left. Threads use it one after the other,
+// since its functions share what their calls keep; they may call it again themselves.
 struct Fit {
   std::shared_ptr<const Result> result;
+  std::shared_ptr<Calls> calls;
+  std::shared_ptr<std::recursive_mutex> turn = std::make_shared<std::recursive_mutex>();
 };
 
 static const Result& result_of(const Fit& fit) {
@@ -19,7 +24,7 @@ static const Result& result_of(const Fit& fit) {
   return *fit.result;
 }
 
-py::object make_fit(const Result& result) {
+py::object make_fit(const Result& result, const std::shared_ptr<Calls>& calls) {
   const auto kept = make_held<Result>();
   kept->x = result.x;
   kept->objective = result.objective;
@@ -27,13 +32,54 @@ py::object make_fit(const Result& result) {
   kept->multipliers = result.multipliers;
   kept->active = result.active;
   kept->origin = result.origin;
-  return py::cast(Fit{kept});
+  return py::cast(Fit{kept, calls});
 }
 
 template <class Body>
-static auto unlocked(const Body& body) {
+static auto unlocked(const Fit& fit, const Body& body) {
   const py::gil_scoped_release others_run;
+  const std::lock_guard turn(*fit.turn);
   return body();
+}
+
+// ---- Cycles -------------------------------------------------------------------------------------
+
+// An object that keeps its result, whose functions are methods of the object, is a cycle through
+// the library: the collector is shown the functions, which this holds once each. An object that is
+// not made yet holds none.
+static Fit* fit_of(PyObject* self) {
+  try {
+    return py::cast<Fit*>(py::handle(self));
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+static int traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  const Fit* fit = fit_of(self);
+  if (fit == nullptr || fit->calls == nullptr || fit->result == nullptr) return 0;
+  for (const auto& held : fit->calls->functions) {
+    const auto function = held.lock();
+    if (function == nullptr) continue;
+    if (const int code = function->traverse(visit, arg); code != 0) return code;
+  }
+  return 0;
+}
+
+static int clear(PyObject* self) {
+  if (Fit* fit = fit_of(self)) {
+    fit->result.reset();
+    fit->calls.reset();
+  }
+  return 0;
+}
+
+static void take_part_in_collection(PyHeapTypeObject* heap_type) {
+  PyTypeObject& type = heap_type->ht_type;
+  type.tp_flags |= Py_TPFLAGS_HAVE_GC;
+  type.tp_traverse = traverse;
+  type.tp_clear = clear;
 }
 
 static Likelihood likelihood_of(double multiple, std::optional<double> residual_variance) {
@@ -67,7 +113,7 @@ static py::dict covariance(const Fit& fit, const std::string& kind, double multi
   const Result& result = result_of(fit);
   const Variance wanted = kind_named(kind);
   const Covariance found = unlocked(
-      [&] { return result.covariance(wanted, likelihood_of(multiple, residual_variance)); });
+      fit, [&] { return result.covariance(wanted, likelihood_of(multiple, residual_variance)); });
   py::list states;
   for (const auto state : found.states) states.append(STATES[state]);
   return py::dict("known"_a = static_cast<bool>(found), "ending"_a = ENDINGS[found.ending],
@@ -99,7 +145,7 @@ static py::dict limits(const Fit& fit, const std::string& kind, std::vector<doub
   const Result& result = result_of(fit);
   const LimitOptions options =
       limit_options(kind, std::move(levels), std::move(parameters), multiple, residual_variance);
-  const Limits found = unlocked([&] { return result.limits(options); });
+  const Limits found = unlocked(fit, [&] { return result.limits(options); });
   py::list rows;
   for (const Limit& limit : found)
     rows.append(py::make_tuple(limit.parameter, limit.name, limit.level, limit.estimate,
@@ -115,8 +161,9 @@ static py::dict profile(const Fit& fit, long parameter, double level, double mul
                         std::optional<double> residual_variance) {
   using namespace py::literals;
   const Result& result = result_of(fit);
-  const Profile found = unlocked(
-      [&] { return result.profile(parameter, level, likelihood_of(multiple, residual_variance)); });
+  const Profile found = unlocked(fit, [&] {
+    return result.profile(parameter, level, likelihood_of(multiple, residual_variance));
+  });
   return py::dict("parameter"_a = found.parameter, "name"_a = found.name,
                   "estimate"_a = found.estimate, "values"_a = as_array(found.values),
                   "objective"_a = as_array(found.objective), "root"_a = as_array(found.root),
@@ -125,7 +172,7 @@ static py::dict profile(const Fit& fit, long parameter, double level, double mul
 
 static py::array_t<double> jacobian(const Fit& fit) {
   const Result& result = result_of(fit);
-  return as_matrix(unlocked([&] { return result.jacobian(); }), result.x.size());
+  return as_matrix(unlocked(fit, [&] { return result.jacobian(); }), result.x.size());
 }
 
 static py::dict says() {
@@ -137,12 +184,13 @@ static py::dict says() {
 
 void bind_statistics(py::module_& module) {
   using namespace py::literals;
-  py::class_<Fit>(module, "Fit")
+  py::class_<Fit>(module, "Fit", py::custom_type_setup(take_part_in_collection))
       .def("covariance", &covariance, "kind"_a, "multiple"_a, "residual_variance"_a)
       .def("limits", &limits, "kind"_a, "levels"_a, "parameters"_a, "multiple"_a,
            "residual_variance"_a)
       .def("profile", &profile, "parameter"_a, "level"_a, "multiple"_a, "residual_variance"_a)
       .def("jacobian", &jacobian)
+      .def("__deepcopy__", [](const py::object& fit, const py::dict&) { return fit; })
       .def_property_readonly("alive", [](const Fit& fit) { return fit.result != nullptr; })
       .def(py::pickle([](const Fit&) { return py::tuple(); },
                       [](const py::tuple&) { return Fit{}; }));

@@ -1,6 +1,11 @@
 """Covariance, limits and profiles: against a linear fit in closed form, SciPy, and each other."""
 
+import gc
 import pickle
+import subprocess
+import sys
+import weakref
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -74,3 +79,38 @@ def test_refusals_and_results_of_other_processes():
     divisor[0] = 0
     with pytest.raises(ZeroDivisionError):
         broken.limits()
+
+
+def test_an_object_that_keeps_its_result_is_collected():
+    class Model:
+        def loss(self, x):
+            return float((x**2).sum())
+
+        def fit(self):
+            self.result = tqnlp.minimize(self.loss, [1.0])
+            return weakref.ref(self)
+
+    gone = [Model().fit() for _ in range(3)]
+    gc.collect()
+    assert [one() for one in gone] == [None] * 3
+
+
+def test_threads_share_a_result():
+    def both(x):
+        return float((x**2).sum() + (x**4).sum()), 2 * x + 4 * x**3
+
+    found = tqnlp.minimize(both, [1.0, 1.0], jac=True)
+    wanted = str(found.limits())
+    with ThreadPoolExecutor(4) as pool:
+        assert {str(limits) for limits in pool.map(lambda _: found.limits(), range(40))} == {wanted}
+
+
+def test_the_end_of_the_interpreter_abandons_a_run():
+    code = (
+        "import threading, time, tqnlp\n"
+        "slow = lambda x: (time.sleep(0.01), float(x @ x))[1]\n"
+        "run = lambda: tqnlp.minimize(slow, [1.0] * 50)\n"
+        "threading.Thread(target=run, daemon=True).start()\n"
+        "time.sleep(0.1)"
+    )
+    assert subprocess.run([sys.executable, "-c", code], timeout=30).returncode == 0
