@@ -9,6 +9,7 @@
 #include "face/statistics.h"
 #include "face/task_scope.h"
 #include "host/files.h"
+#include "host/log.h"
 #include "kernels/distributions.h"
 
 namespace tqnlp::face {
@@ -217,6 +218,12 @@ static void tables_to_user(const Units& units, std::vector<Table>& tables) {
   }
 }
 
+// The run that stands still at the result has remarks of its own; those of the search are 271 to
+// 287, and literal lines.
+static bool is_of_the_run(const LogRecord& line) {
+  return line.group == OPTIMIZATION && (line.number < 271 || line.number > 287);
+}
+
 // Runs the search on a task of its own.
 static void search_limits(const Result& result, const Origin& origin, Request& request,
                           Limits& limits) {
@@ -233,6 +240,7 @@ static void search_limits(const Result& result, const Origin& origin, Request& r
         limits.log = std::move(task.log);
       });
   rethrow_or_end(shared.thrown, exit_code, limits.log);
+  std::erase_if(limits.log, is_of_the_run);
   if (!origin.units.parameter.empty()) tables_to_user(origin.units, limits.tables);
   limits.optimizations = request.options.nrun;
   if (wzmis(request.options.flow)) return;
