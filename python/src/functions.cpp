@@ -5,6 +5,8 @@
 #include <cstring>
 #include <thread>
 
+#include "cycles.h"
+
 namespace tqnlp::python {
 
 // ---- The point ----------------------------------------------------------------------------------
@@ -72,6 +74,15 @@ py::object Function::take_known(Point x) {
 int Function::traverse(visitproc visit, void* arg) const {
   Py_VISIT(body_.ptr());
   Py_VISIT(further_.ptr());
+  return 0;
+}
+
+int traverse(const std::vector<std::weak_ptr<Function>>& functions, visitproc visit, void* arg) {
+  for (const auto& held : functions) {
+    const auto function = held.lock();
+    const int code = function != nullptr ? function->traverse(visit, arg) : 0;
+    if (code != 0) return code;
+  }
   return 0;
 }
 

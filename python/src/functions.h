@@ -64,6 +64,7 @@ class Function {
   // Throws EvaluationFailed, py::error_already_set; the latter also for a signal such as Ctrl-C.
   py::object operator()(PointArray& points, Point x);
   const std::string& name() const { return name_; }
+  const py::object& body() const { return body_; }
 
   // Shows the collector of cycles what this holds.
   int traverse(visitproc visit, void* arg) const;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "convert.h"
+#include "cycles.h"
 
 namespace tqnlp::python {
 
@@ -41,9 +42,26 @@ static py::array_t<double> as_array(const Matrix& matrix) {
 
 // ---- Modules ------------------------------------------------------------------------------------
 
-static Session::Function module_body(const std::string& name, const py::object& body) {
+namespace {
+
+// A session, and what its modules are made of, for the collector of cycles.
+struct Held {
+  Session session;
+  std::vector<std::weak_ptr<Function>> functions;
+};
+
+}  // namespace
+
+static std::shared_ptr<Function> hold(Held& held, const std::string& name, const py::object& body) {
+  auto function = make_held<Function>(name, body, py::tuple());
+  std::erase_if(held.functions, [](const auto& one) { return one.expired(); });
+  held.functions.push_back(function);
+  return function;
+}
+
+static Session::Function module_body(Held& held, const std::string& name, const py::object& body) {
   const auto points = make_held<PointArray>();
-  const auto function = make_held<Function>("module " + name, body, py::tuple());
+  const auto function = hold(held, "module " + name, body);
   return [points, function](const Matrix& x) {
     const Interpreter lock;
     const auto size = static_cast<std::size_t>(x.size());
@@ -53,12 +71,13 @@ static Session::Function module_body(const std::string& name, const py::object& 
   };
 }
 
-static Session::Termination termination_body(const py::object& body) {
-  const auto function = make_held<py::object>(body);
+static Session::Termination termination_body(Held& held, const std::string& name,
+                                             const py::object& body) {
+  const auto function = hold(held, "termination module " + name, body);
   return [function](const Matrix& x, double objective) {
     const Interpreter lock;
     const auto point = as_array(x).attr("ravel")();
-    PyObject* answer = PyObject_CallFunction(function->ptr(), "Od", point.ptr(), objective);
+    PyObject* answer = PyObject_CallFunction(function->body().ptr(), "Od", point.ptr(), objective);
     if (answer == nullptr) throw_raised();
     const auto owned = py::reinterpret_steal<py::object>(answer);
     check_signals();
@@ -68,39 +87,59 @@ static Session::Termination termination_body(const py::object& body) {
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-static py::list call(Session& session, const std::string& subroutine, const py::args& arguments) {
+static py::list call(Held& held, const std::string& subroutine, const py::args& arguments) {
   std::vector<Matrix> matrices;
   for (std::size_t k = 0; k < arguments.size(); ++k)
     matrices.push_back(as_matrix(arguments[k], subroutine + ", argument " + std::to_string(k + 1)));
   std::vector<Matrix> results;
   {
     const py::gil_scoped_release others_run;
-    results = session.call(subroutine, std::move(matrices));
+    results = held.session.call(subroutine, std::move(matrices));
   }
   py::list list;
   for (const Matrix& result : results) list.append(as_array(result));
   return list;
 }
 
+static int traverse_session(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  const Held* held = made<Held>(self);
+  return held == nullptr ? 0 : traverse(held->functions, visit, arg);
+}
+
+static int clear_session(PyObject* self) {
+  if (Held* held = made<Held>(self)) held->session = Session();
+  return 0;
+}
+
 void bind_session(py::module_& module) {
-  py::class_<Session>(module, "Session")
+  const auto of = [](auto member) {
+    return [member](const Held& held) { return member(held.session); };
+  };
+  py::class_<Held>(module, "Session", collected(traverse_session, clear_session))
       .def(py::init<>())
-      .def("module", [](Session& session, const std::string& name,
-                        const py::object& body) { session.module(name, module_body(name, body)); })
-      .def("termination_module",
-           [](Session& session, const std::string& name, const py::object& body) {
-             session.termination_module(name, termination_body(body));
+      .def("module",
+           [](Held& held, const std::string& name, const py::object& body) {
+             held.session.module(name, module_body(held, name, body));
            })
-      .def("remove_module", &Session::remove_module)
-      .def("has_module", &Session::has_module)
+      .def("termination_module",
+           [](Held& held, const std::string& name, const py::object& body) {
+             held.session.termination_module(name, termination_body(held, name, body));
+           })
+      .def("remove_module",
+           [](Held& held, const std::string& name) { return held.session.remove_module(name); })
+      .def("has_module",
+           [](const Held& held, const std::string& name) { return held.session.has_module(name); })
       .def("call", &call)
-      .def("sink", [](Session& session, const py::object& w) { session.sink(make_sink(w)); })
-      .def("variable", [](const Session& session,
-                          const std::string& name) { return as_array(session.variable(name)); })
-      .def("log", [](const Session& session) { return as_list(session.log()); })
-      .def("tables", [](const Session& session) { return as_list(session.tables()); })
-      .def("report", [](const Session& session) { return text_report(session); })
-      .def("json", [](const Session& session) { return json_report(session); });
+      .def("sink", [](Held& held, const py::object& w) { held.session.sink(make_sink(w)); })
+      .def("variable",
+           [](const Held& held, const std::string& name) {
+             return as_array(held.session.variable(name));
+           })
+      .def("log", of([](const Session& session) { return as_list(session.log()); }))
+      .def("tables", of([](const Session& session) { return as_list(session.tables()); }))
+      .def("report", of([](const Session& session) { return text_report(session); }))
+      .def("json", of([](const Session& session) { return json_report(session); }));
 }
 
 }  // namespace tqnlp::python

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "convert.h"
+#include "cycles.h"
 
 namespace tqnlp::python {
 
@@ -44,42 +45,19 @@ static auto unlocked(const Fit& fit, const Body& body) {
 
 // ---- Cycles -------------------------------------------------------------------------------------
 
-// An object that keeps its result, whose functions are methods of the object, is a cycle through
-// the library: the collector is shown the functions, which this holds once each. An object that is
-// not made yet holds none.
-static Fit* fit_of(PyObject* self) {
-  try {
-    return py::cast<Fit*>(py::handle(self));
-  } catch (const std::exception&) {
-    return nullptr;
-  }
-}
-
-static int traverse(PyObject* self, visitproc visit, void* arg) {
+static int traverse_fit(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
-  const Fit* fit = fit_of(self);
-  if (fit == nullptr || fit->calls == nullptr || fit->result == nullptr) return 0;
-  for (const auto& held : fit->calls->functions) {
-    const auto function = held.lock();
-    if (function == nullptr) continue;
-    if (const int code = function->traverse(visit, arg); code != 0) return code;
-  }
-  return 0;
+  const Fit* fit = made<Fit>(self);
+  const bool alive = fit != nullptr && fit->calls != nullptr && fit->result != nullptr;
+  return alive ? traverse(fit->calls->functions, visit, arg) : 0;
 }
 
-static int clear(PyObject* self) {
-  if (Fit* fit = fit_of(self)) {
+static int clear_fit(PyObject* self) {
+  if (Fit* fit = made<Fit>(self)) {
     fit->result.reset();
     fit->calls.reset();
   }
   return 0;
-}
-
-static void take_part_in_collection(PyHeapTypeObject* heap_type) {
-  PyTypeObject& type = heap_type->ht_type;
-  type.tp_flags |= Py_TPFLAGS_HAVE_GC;
-  type.tp_traverse = traverse;
-  type.tp_clear = clear;
 }
 
 static Likelihood likelihood_of(double multiple, std::optional<double> residual_variance) {
@@ -184,7 +162,7 @@ static py::dict says() {
 
 void bind_statistics(py::module_& module) {
   using namespace py::literals;
-  py::class_<Fit>(module, "Fit", py::custom_type_setup(take_part_in_collection))
+  py::class_<Fit>(module, "Fit", collected(traverse_fit, clear_fit))
       .def("covariance", &covariance, "kind"_a, "multiple"_a, "residual_variance"_a)
       .def("limits", &limits, "kind"_a, "levels"_a, "parameters"_a, "multiple"_a,
            "residual_variance"_a)

@@ -88,6 +88,8 @@ def test_an_object_that_keeps_its_result_is_collected():
 
         def fit(self):
             self.result = tqnlp.minimize(self.loss, [1.0])
+            self.session = tqnlp.Session()
+            self.session.module("F", self.loss)
             return weakref.ref(self)
 
     gone = [Model().fit() for _ in range(3)]
