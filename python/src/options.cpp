@@ -1,4 +1,6 @@
 // Options by their names.
+#include <pybind11/stl.h>
+
 #include "convert.h"
 
 namespace tqnlp::python {
@@ -37,6 +39,13 @@ static Differences differences_of(py::handle value) {
   if (name == "central") return Differences::central;
   throw py::value_error("options: differences must be \"forward\" or \"central\", not \"" + name +
                         "\"");
+}
+
+static Scaling scaling_of(py::handle value) {
+  const auto name = as<std::string>(value, "scaling", "\"automatic\" or \"off\"");
+  if (name == "automatic") return Scaling::automatic;
+  if (name == "off") return Scaling::off;
+  throw py::value_error("options: scaling must be \"automatic\" or \"off\", not \"" + name + "\"");
 }
 
 // The look of the user, and a look for signals where no function of his runs.
@@ -97,6 +106,11 @@ static constexpr Setter SETTERS[] = {
     TQNLP_NUMBER(relative_step_tolerance),
     TQNLP_NUMBER(objective_size),
     TQNLP_NUMBER(parameter_size),
+    {"scaling", [](Options* o, py::handle v) { o->scaling = scaling_of(v); }},
+    {"scale",
+     [](Options* o, py::handle v) {
+       o->scale = as<std::vector<double>>(v, "scale", "numbers, one a parameter");
+     }},
     TQNLP_NUMBER(iterations),
     TQNLP_NUMBER(calls),
     TQNLP_NUMBER(seconds),
@@ -120,6 +134,7 @@ static constexpr Setter SETTERS[] = {
     TQNLP_SWITCH(check_derivatives),
     TQNLP_SWITCH(leave_saddles),
     TQNLP_SWITCH(analysis),
+    TQNLP_SWITCH(check_result),
     TQNLP_CHOICE(report),
     {"sink",
      [](Options* o, py::handle v) { o->sink = make_sink(py::reinterpret_borrow<py::object>(v)); }},

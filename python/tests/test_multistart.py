@@ -130,6 +130,18 @@ def test_wrong_starts_are_named(error, text, starts):
         tqnlp.multistart(PROBLEM, starts)
 
 
+def test_what_an_interrupted_run_had_found_is_kept():
+    calls = []
+
+    def interrupted(x):
+        calls.append(hills(x))
+        return calls[-1] if len(calls) < 4 else signal.raise_signal(signal.SIGINT)
+
+    with pytest.raises(KeyboardInterrupt) as stopped:
+        tqnlp.multistart(tqnlp.Problem(interrupted), STARTS)
+    assert stopped.value.partial.best.objective == min(calls[:3])
+
+
 def test_interrupts_end_all_threads():
     def slow(x):
         time.sleep(0.002)

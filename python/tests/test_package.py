@@ -100,6 +100,13 @@ REFUSED = [
     (ValueError, "gradient_tolerance", {"options": {"gradient_tolerence": 1}}),
     (TypeError, "iterations must be a number", {"options": {"iterations": "many"}}),
     (ValueError, "one of", {"method": "NLPLM"}),
+    (ValueError, "argument method", {"options": {"technique": "cobyla"}}),
+    (TypeError, "sink must be", {"options": {"sink": 3}}),
+    (TypeError, "tol must be", {"tol": "a"}),
+    (ValueError, "hess must be", {"jac": rosen_gradient, "hess": "x"}),
+    (ValueError, "jac must be", {"hess": scipy.rosen_hess}),
+    (ValueError, "'jacobian'", {"constraints": {**DISK_OLD, "jacobian": rosen_gradient}}),
+    (ValueError, r"constraints\[0\].jac", {"constraints": {**DISK_OLD, "jac": "x"}}),
 ]
 
 
@@ -279,8 +286,17 @@ def test_quadratics_of_every_form():
     rows = {"constraints": scipy.LinearConstraint([[1, 1]], 1, 1), "bounds": [(0, None)] * 2}
     wanted = tqnlp.quadratic(h, g, **rows).x
     assert wanted.sum() == pytest.approx(1) and (wanted >= 0).all()
-    for form in (sparse.csr_matrix(h), sparse.tril(h)):
+    twice = sparse.coo_matrix(([1, 1, 1, 0.5], ([0, 0, 1, 1], [0, 0, 1, 0])))
+    for form in (sparse.csr_matrix(h), sparse.tril(h), sparse.triu(h), twice):
+        before = form.nnz
         np.testing.assert_allclose(tqnlp.quadratic(form, g, **rows).x, wanted, atol=1e-9)
+        assert form.nnz == before  # duplicates of the user's own matrix stay
+    row = sparse.csr_matrix((np.array([0.5, 0.5, 1]), [0, 0, 1], [0, 3]), shape=(1, 2))
+    rows["constraints"] = scipy.LinearConstraint(row, 1, 1)
+    np.testing.assert_allclose(tqnlp.quadratic(h, g, **rows).x, wanted, atol=1e-9)
+    assert row.nnz == 3
+    with pytest.raises(TypeError, match="complex"):
+        tqnlp.quadratic(sparse.csr_matrix(h * 1j))
     np.testing.assert_allclose(tqnlp.quadratic([2.0, 4.0], g).x, [0.5, 0.25])
 
 
@@ -293,6 +309,8 @@ def test_a_sparse_hessian_has_its_pattern_from_the_start():
 
     found = tqnlp.minimize(hess=hessian, **case)
     assert found.technique == "newton_line_search" and abs(found.x - 1).max() < 1e-4
+    for part in (sparse.tril, sparse.triu):
+        assert (tqnlp.minimize(hess=lambda x: part(hessian(x)), **case).x == found.x).all()
     with pytest.raises(ValueError, match="pattern"):
         tqnlp.minimize(hess=lambda x: hessian(x, float(x[0] != -1.2)), **case)
 
@@ -333,6 +351,11 @@ def test_wrong_derivatives_are_named():
     slope = rosen_gradient([-1.2, 1.5])[1]
     assert found.wrong[0][3:5] == pytest.approx((slope + 0.5, slope)) and not found
     assert "gradient[1]" in repr(found) and "<td>hessian[0, 1]" in found._repr_html_()
+    partly = [{**disk, "jac": None}, disk]
+    named = tqnlp.Problem(rosen, constraints=partly, options={"names": ["a", "b"], "progress": True})
+    found = tqnlp.check_derivatives(named, [-1.2, 1.5])
+    assert found.compared == 4 and found.wrong[0].name == "constraint_jacobian[3, 1]"
+    assert "  b  " in repr(found)
     with pytest.raises(ValueError, match="nothing to check"):
         tqnlp.check_derivatives(rosen, [0.0, 1.0])
 

@@ -1,6 +1,8 @@
 """SciPy's own kinds of problems, by both ways of calling; the C++ face in bits."""
 
+import functools
 import os
+import pickle
 import subprocess
 import sys
 from pathlib import Path
@@ -82,6 +84,8 @@ def test_every_argument_means_what_it_means_in_scipy():
     assert short.nit == 3 and not short.success and short.ending == "count_limit"
     ended = both_ways(**case, jac=grad, callback=lambda x: bool(x[0] > -0.95))
     assert ended.ending == "stopped_by_caller" and -0.95 < ended.x[0] < 0.0
+    assert tqnlp.minimize(**case, callback=lambda x: 2 * x).success
+    assert tqnlp.minimize(**case, callback=lambda x, state: np.True_ & (state.nit == 2)).nit == 2
     with pytest.raises(ValueError, match="hessp"):
         tqnlp.minimize(**case, jac=grad, hessp=lambda x, p: p)
     with pytest.raises(ValueError, match="hessp"):
@@ -118,8 +122,24 @@ def test_least_squares_within_bounds_and_with_scipys_names():
     np.testing.assert_allclose(ours.x, peer.x, atol=1e-6)
     assert (ours.active_mask == peer.active_mask).all()
     assert tqnlp.least_squares(**case, ftol=1e-10, xtol=1e-10, gtol=1e-10, max_nfev=50).success
-    with pytest.raises(ValueError, match="loss must be 'linear'"):
-        tqnlp.least_squares(**case, loss="huber")
+    for name, value in {"loss": "huber", "diff_step": 1e-3, "x_scale": [1, -1]}.items():
+        with pytest.raises(ValueError, match=name):
+            tqnlp.least_squares(**case, **{name: value})
+    theirs = {"x_scale": [1, 2], "f_scale": 1.0, "tr_options": {}, "verbose": 0, "jac": "cs"}
+    np.testing.assert_allclose(tqnlp.least_squares(**case, **theirs).x, peer.x, atol=1e-6)
+    for technique in ("quasi_newton", "trust_region", "gauss_newton"):
+        found = tqnlp.least_squares(line, [0.5, 0.5], method=technique)
+        assert found.success and "stderr" not in repr(found) and found.stderr.shape == (2,)
+        again = pickle.loads(pickle.dumps(tqnlp.least_squares(line, [0.5, 0.5])))
+        assert not hasattr(again, "jac") and not hasattr(again, "stderr")
+    with pytest.raises(ValueError, match="pair a parameter"):
+        tqnlp.least_squares(line, [0.5, 0.5], bounds=[(0, 3), (0, 3)])
+
+
+def test_models_with_keywords_are_counted():
+    t = np.linspace(0, 1, 9)
+    model = functools.partial(lambda t, a, b, c: a + b * t * c, c=2.0)
+    np.testing.assert_allclose(tqnlp.curve_fit(model, t, 1 + 6 * t)[0], [1, 3], atol=1e-6)
 
 
 # ---- The same bits as in C++ ----------------------------------------------------------------

@@ -8,6 +8,7 @@ from typing import Any, NamedTuple
 
 from . import _core
 from ._multistart import Problem
+from ._problem import number
 from ._result import table_of
 
 
@@ -51,11 +52,14 @@ class DerivativeCheck:
     left_out : int
         Elements of parameters without room between their bounds, or whose functions have no value
         beside the point.
+    names : list of str or None
+        Of the parameters, where the options of a problem say them.
     """
 
     wrong: list[WrongElement]
     compared: int
     left_out: int
+    names: list[str] | None = None
 
     def __bool__(self) -> bool:
         return not self.wrong
@@ -66,10 +70,14 @@ class DerivativeCheck:
 
     def _rows(self) -> list[list[str]]:
         heads = ["element", "given", "by differences", "error"]
-        return [heads] + [
+        rows = [heads] + [
             [one.name, f"{one.given:.8g}", f"{one.difference:.8g}", f"{one.error:.1e}"]
             for one in self.wrong
         ]
+        if self.names is not None:
+            which = ["parameter", *(self.names[one.parameter] for one in self.wrong)]
+            rows = [[row[0], name, *row[1:]] for row, name in zip(rows, which)]
+        return rows
 
     def __repr__(self) -> str:
         return self._sentence() + ("\n" + table_of(self._rows()) if self.wrong else "")
@@ -101,9 +109,9 @@ def check_derivatives(
         Some point that is not special: at zero or at a minimum many errors do not show.
     args, jac, hess, bounds, constraints, m
         As of `minimize` and `least_squares`. A Hessian is compared with differences of the
-        gradient, Jacobians of constraints where all constraints have one.
+        gradient, the Jacobian of each constraint that has one.
     digits : float
-        Decimal digits that are right in the functions; all of them without it.
+        Decimal digits that are right in the functions, above 0; all of them without it.
 
     Returns
     -------
@@ -138,6 +146,32 @@ def check_derivatives(
     if problem["jac"] is None and not any(block["jac"] for block in problem["nonlinear"]):
         raise ValueError("jac must be given, or the jac of constraints: there is nothing to check")
     if digits is not None:
+        if not number(digits, "digits") > 0:
+            raise ValueError(f"digits must be above 0, not {digits!r}")
         options |= {"objective_digits": float(digits), "constraint_digits": float(digits)}
+    options.pop("progress", None)
+    names = options.pop("names", None)
+    rows = _keep_those_with_jacobian(problem)
     wrong, compared, left_out = _core.check_derivatives(problem, point.tolist(), options)
-    return DerivativeCheck([WrongElement(*one) for one in wrong], compared, left_out)
+    found = [WrongElement(*one) for one in wrong]
+    found = [
+        one._replace(row=rows[one.row]) if one.derivative == "constraint_jacobian" else one
+        for one in found
+    ]
+    return DerivativeCheck(found, compared, left_out, names)
+
+
+def _keep_those_with_jacobian(problem: dict[str, Any]) -> list[int]:
+    """Drops the other nonlinear constraints, for whose sake a run has differences of all of them.
+
+    Answers the numbers of the values that are left.
+    """
+    rows: list[int] = []
+    first = 0
+    for block in problem["nonlinear"]:
+        behind = first + len(block["lower"])
+        if block["jac"] is not None:
+            rows += range(first, behind)
+        first = behind
+    problem["nonlinear"] = [block for block in problem["nonlinear"] if block["jac"] is not None]
+    return rows

@@ -4,53 +4,72 @@ from __future__ import annotations
 
 import inspect
 from collections.abc import Callable
+from contextlib import suppress
 from contextvars import ContextVar
 from typing import Any
 
 import numpy as np
 
 from . import _core
-from ._compiled import NUMBER, VALUES, compiled
+from ._compiled import NUMBER
 from ._options import options_of, technique
 from ._problem import (
     add_hessian,
     constrained,
+    differences_or_function,
     function,
     further_arguments,
+    hessian_or_none,
+    number,
     start_point,
     symmetric,
     vector,
 )
 from ._progress import Live
-from ._result import Result, make_result
+from ._result import Part, Result, make_result
 
 # Ends the runs of this context when it is set.
 STOP: ContextVar[_core.StopFlag | None] = ContextVar("STOP", default=None)
 
-_DIFFERENCES = {"2-point": "forward", "3-point": "central"}
+def _form_of(callback: Callable) -> str:
+    """What a callback takes: the point, the intermediate result by its name, or both."""
+    try:
+        parameters = list(inspect.signature(callback).parameters.values())
+    except (TypeError, ValueError):
+        return "point"
+    if [one.name for one in parameters] == ["intermediate_result"]:
+        return "result"
+    named = (inspect.Parameter.POSITIONAL_ONLY, inspect.Parameter.POSITIONAL_OR_KEYWORD)
+    wanted = [one for one in parameters if one.kind in named and one.default is one.empty]
+    return "both" if len(wanted) == 2 else "point"
 
 
 def _look(callback: Callable | None, live: Live) -> Callable:
-    """SciPy's two forms of a callback, and the live line, as the core calls them."""
+    """SciPy's forms of a callback, and the live line, as the core calls them."""
     if callback is None:
         return lambda _, *at: live.show_run(*at)
     told: Callable = function(callback, "callback")
-    try:
-        names = list(inspect.signature(told).parameters)
-    except (TypeError, ValueError):
-        names = []
+    takes = _form_of(told)
 
     def look(x: np.ndarray, fun: float, iteration: int, calls: int, gradient: float) -> bool:
         live.show_run(fun, iteration, calls, gradient)
+        at = Part(x=x, fun=fun, nit=iteration, nfev=calls)
         try:
-            if names == ["intermediate_result"]:
-                at = Result(x=x, fun=fun, nit=iteration)
-                return bool(told(intermediate_result=at))
-            return bool(told(x))
+            if takes == "result":
+                answer = told(intermediate_result=at)
+            else:
+                answer = told(x, at) if takes == "both" else told(x)
         except StopIteration:
             return True
+        return isinstance(answer, (bool, np.bool_)) and bool(answer)
 
     return look
+
+
+def tell(error: BaseException, name: str, value: Any) -> None:
+    """Sets an attribute of an exception, unless its class has no room for it."""
+    with suppress(AttributeError, TypeError):
+        setattr(error, name, value)
 
 
 def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callback: Any) -> Result:
@@ -58,29 +77,17 @@ def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callb
     wanted = options.pop("progress", False)
     if (names := options.pop("names", None)) is not None:
         problem["names"] = names
-    stop = STOP.get() or _core.StopFlag()
+    stop, squares = STOP.get() or _core.StopFlag(), problem["kind"] == "least_squares"
     try:
         with Live(wanted) as live:
             if wanted or callback is not None:
                 options["progress"] = _look(callback, live)
-            return make_result(_core.solve(problem, x.tolist(), options, stop), names)
+            return make_result(_core.solve(problem, x.tolist(), options, stop), names, squares)
     except BaseException as raised:
         found = getattr(raised, "partial", None)
         if isinstance(found, dict) and not isinstance(found, Result):
-            raised.partial = make_result(found, names)  # type: ignore[attr-defined]
+            tell(raised, "partial", make_result(found, names, squares))
         raise
-
-
-def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
-    """A derivative that is a function or None; SciPy's names of differences set an option."""
-    if jac is None or jac is False:
-        return None
-    if (found := compiled(jac, name, VALUES)) is not None or callable(jac):
-        return found or jac
-    if isinstance(jac, str) and jac in _DIFFERENCES:
-        options.setdefault("differences", _DIFFERENCES[jac])
-        return None
-    raise ValueError(f"{name} must be a function, '2-point', '3-point' or None, not {jac!r}")
 
 
 def scalar_problem(
@@ -97,8 +104,10 @@ def scalar_problem(
     general = bool(problem["linear"] or problem["nonlinear"])
     made = options_of(options, method, tol, general)
     problem["jac"] = True if jac is True else differences_or_function(jac, made)
-    second = compiled(hess, "hess", VALUES) or (hess if callable(hess) else None)
-    if second is not None and problem["jac"] is not None:
+    second = hessian_or_none(hess)
+    if second is not None:
+        if problem["jac"] is None:
+            raise ValueError("jac must be a function where hess is one: they are used together")
         add_hessian(problem, second, inside)
     return problem, x, made
 
@@ -132,10 +141,11 @@ def minimize(
     method : str
         ``"auto"``, a technique (``"quasi_newton"``), a subroutine (``"NLPQN"``) or a method of
         SciPy that has its like here (``"BFGS"``).
-    jac : callable, True, "2-point", "3-point" or None
+    jac : callable, True, "2-point", "3-point", "cs" or None
         ``jac(x, *args) -> (n,)``; differences without one.
     hess : callable
-        ``hess(x, *args) -> (n, n)``; used together with `jac`.
+        ``hess(x, *args) -> (n, n)``, dense or sparse, of which either triangle will do; only
+        together with `jac`. SciPy's other forms leave the choice to the technique.
     bounds : sequence of (min, max), or an object with lb and ub
     constraints : one or several of
         dictionaries with type, fun, jac, args; objects with A, lb, ub; with fun, lb, ub, jac.
@@ -145,8 +155,8 @@ def minimize(
         By the names of the library (docs/cpp.md), or maxiter, maxfev, gtol, disp; ``"progress":
         True`` shows a live line on standard error.
     callback : callable
-        ``callback(x)`` or ``callback(intermediate_result)`` after each iteration; True or
-        StopIteration ends the run.
+        ``callback(x)``, ``callback(x, state)`` or ``callback(intermediate_result)`` after each
+        iteration, the latter two with x, fun, nit, nfev; True or StopIteration ends the run.
     hessp
         Refused: the techniques want the Hessian itself, which may be sparse.
 
@@ -196,12 +206,11 @@ def quadratic(
     h : array_like or sparse matrix, shape (n, n), or (n,) for a diagonal
         Of a sparse matrix either triangle will do.
     g : array_like, shape (n,)
+    c : float
     x0 : array_like, shape (n,)
         The start; zeros without one.
-
-    c : float
     bounds, constraints, method, tol, options
-        As of `minimize`; constraints are linear alone.
+        As of `minimize`; with nonlinear constraints it is solved like any other objective.
 
     Returns
     -------
@@ -212,7 +221,7 @@ def quadratic(
     TypeError, ValueError
         Where an argument has another type or shape, or h is not symmetric.
     """
-    problem: dict[str, Any] = {"kind": "quadratic", "c": float(c), **symmetric(h)}
+    problem: dict[str, Any] = {"kind": "quadratic", "c": number(c, "c"), **symmetric(h)}
     n = problem["n"]
     problem["g"] = None if g is None else vector(g, "g", n)
     x = np.zeros(n) if x0 is None else vector(x0, "x0", n)
@@ -221,7 +230,7 @@ def quadratic(
     return solve(problem, x, made, None)
 
 
-def method(name: str) -> Callable[..., Result]:
+def method(name: str | None) -> Callable[..., Result]:
     """A method for ``scipy.optimize.minimize(..., method=tqnlp.method("NLPQN"))``.
 
     Parameters
@@ -257,5 +266,5 @@ def method(name: str) -> Callable[..., Result]:
         said = (bounds, constraints, tol, options, callback)
         return minimize(fun, x0, args, name, jac, hess, *said, hessp=hessp)
 
-    run.__name__ = name
+    run.__name__ = name or "auto"
     return run

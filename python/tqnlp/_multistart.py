@@ -15,8 +15,8 @@ import numpy as np
 from . import _core
 from ._compiled import is_compiled
 from ._fit import least_squares, squares_problem
-from ._minimize import STOP, minimize, scalar_problem
-from ._problem import one_or_several, start_point
+from ._minimize import STOP, minimize, scalar_problem, tell
+from ._problem import function, one_or_several, start_point
 from ._progress import Live
 from ._result import Result, table_of
 
@@ -130,6 +130,7 @@ class ManyResults:
 
     @property
     def best(self) -> Result:
+        """The result of the first solution; IndexError where there is none."""
         return self.solutions[0].result
 
     _HEADS = ("objective", "starts", "first", "ending", "check", "x")
@@ -179,6 +180,7 @@ class _Runs:
         self.problem, self.points = problem, points
         self.stop = _core.StopFlag()
         self.first_raised = len(points)
+        self.interrupted: tuple[int, Any] = (0, None)  # a start run here, and what it had found
 
     def ends(self, executor: Executor | None) -> Ends:
         if executor is not None:
@@ -195,6 +197,9 @@ class _Runs:
                 end: End = _run(self.problem, x, self.stop)
             except Exception as raised:
                 end = raised
+            except BaseException as raised:  # Ctrl-C
+                self.interrupted = (i, getattr(raised, "partial", None))
+                raise
             yield i, end
             if isinstance(end, Exception):
                 return
@@ -259,6 +264,8 @@ class _Runs:
 
 
 def _points(starts: Any) -> list[np.ndarray]:
+    if not isinstance(starts, Iterable):
+        raise TypeError(f"starts must be of shape (k, n), not {starts!r}")
     points = []
     for i, start in enumerate(starts):
         try:
@@ -343,6 +350,10 @@ def multistart(
     """
     if not isinstance(problem, Problem):
         raise TypeError(f"problem must be a tqnlp.Problem, not {problem!r}")
+    if executor is not None and not hasattr(executor, "submit"):
+        raise TypeError(f"executor must be one of concurrent.futures or like it, not {executor!r}")
+    if on_result is not None:
+        function(on_result, "on_result")
     points = _points(starts)
     results: list[Result | None] = [None] * len(points)
     lost: dict[int, BaseException] = {}
@@ -361,11 +372,14 @@ def multistart(
     except BaseException as stopped:
         runs.stop.set()
         ends.close()
-        stopped.partial = _together(results, lost)  # type: ignore[attr-defined]
+        start, found = runs.interrupted
+        if isinstance(found, Result) and np.isfinite(found.objective):
+            results[start] = found
+        tell(stopped, "partial", _together(results, lost))
         raise
     if raised:
         first = min(raised)
-        raised[first].start = first  # type: ignore[attr-defined]
+        tell(raised[first], "start", first)
         raise raised[first]
     if len(lost) == len(points):
         raise RuntimeError(f"every start was lost: {lost[0]!r}") from lost[0]

@@ -2,10 +2,14 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from difflib import get_close_matches
 from typing import Any
 
+import numpy as np
+
 from . import _core
+from ._problem import number
 
 SUBROUTINES = {
     "nlpqn": "quasi_newton",
@@ -86,7 +90,8 @@ def _from_tolerance(tol: float, name: str) -> dict[str, float]:
 
 
 def _names(value: Any) -> list[str]:
-    if isinstance(value, str) or not all(isinstance(name, str) for name in value):
+    several = isinstance(value, Iterable) and not isinstance(value, str)
+    if not several or not all(isinstance(name, str) for name in value):
         raise TypeError(f"options: names must be a sequence of str, one a parameter, not {value!r}")
     return list(value)
 
@@ -96,21 +101,28 @@ def options_of(options: Any, method: Any, tol: float | None, constrained: bool) 
     if options is not None and not isinstance(options, dict):
         raise TypeError(f"options must be a dictionary, not {options!r}")
     name = technique(method, constrained)
-    made: dict[str, Any] = {} if tol is None else _from_tolerance(float(tol), name)
+    made: dict[str, Any] = {} if tol is None else _from_tolerance(number(tol, "tol"), name)
     for key, value in (options or {}).items():
         key = _SCIPY_OPTIONS.get(key, key)
-        if key == "disp":
+        if key == "technique":
+            raise ValueError("options: technique goes by the argument method")
+        if key in ("disp", "verbose"):
             if value:
-                made.setdefault("report", 1)
+                made.setdefault("report", 1 if key == "disp" else value)
                 made.setdefault("sink", print)
-        elif key == "progress" and not isinstance(value, (bool, type(None))):
-            raise TypeError(f"options: progress must be True or False, not {value!r}")
+        elif key == "progress":
+            if not isinstance(value, (bool, np.bool_, type(None))):
+                raise TypeError(f"options: progress must be True or False, not {value!r}")
+            made[key] = bool(value)
         elif key == "names":
-            made[key] = _names(value)
-        elif key in _core.OPTIONS and key != "technique":
+            if value is not None:
+                made[key] = _names(value)
+        elif key == "sink" and value is not None and not callable(value):
+            raise TypeError(f"options: sink must be a function of a line, not {value!r}")
+        elif key in _core.OPTIONS:
             if value is not None:
                 made[key] = value
         else:
-            known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp", "names", "progress"]
+            known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp", "verbose", "names", "progress"]
             raise ValueError(f"options: {key!r} is not known{_perhaps(str(key), known)}")
     return {**made, "technique": name}

@@ -38,6 +38,22 @@ def start_point(x0: Any) -> np.ndarray:
     return x
 
 
+def number(value: Any, name: str) -> float:
+    try:
+        if isinstance(value, str):
+            raise TypeError
+        return float(value)
+    except (TypeError, ValueError):
+        raise TypeError(f"{name} must be a number, not {_shown(value)}") from None
+
+
+def read_only(x: np.ndarray) -> np.ndarray:
+    """A point as every call of a function gets it."""
+    at = x.copy()
+    at.flags.writeable = False
+    return at
+
+
 def further_arguments(args: Any) -> tuple:
     return args if isinstance(args, tuple) else (args,)
 
@@ -51,6 +67,35 @@ def function(value: Any, name: str, takes: tuple[str, ...] = (), args: tuple = (
     if not callable(value):
         raise TypeError(f"{name} must be a function, not {_shown(value)}")
     return value
+
+
+_DIFFERENCES = {"2-point": {"differences": "forward"}, "3-point": {"differences": "central"}, "cs": {}}
+
+
+def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
+    """A derivative that is a function or None; SciPy's names of differences set an option."""
+    if jac is None or jac is False:
+        return None
+    if (found := compiled(jac, name, VALUES)) is not None or callable(jac):
+        return found or jac
+    if not isinstance(jac, str) or jac not in _DIFFERENCES:
+        raise ValueError(f"{name} must be a function, '2-point', '3-point' or None, not {_shown(jac)}")
+    for key, value in _DIFFERENCES[jac].items():
+        options.setdefault(key, value)
+    return None
+
+
+def hessian_or_none(hess: Any) -> Any:
+    """A Hessian that is a function; what SciPy takes for a matrix of differences or of updates is
+    left to the technique."""
+    if hess is None or (isinstance(hess, str) and hess in _DIFFERENCES) or hasattr(hess, "update"):
+        return None
+    if (found := compiled(hess, "hess", VALUES)) is not None or callable(hess):
+        return found or hess
+    raise ValueError(
+        f"hess must be a function, '2-point', '3-point', 'cs', a HessianUpdateStrategy or None, "
+        f"not {_shown(hess)}"
+    )
 
 
 def _shown(value: Any) -> str:
@@ -95,10 +140,16 @@ def bounds_of(bounds: Any, n: int) -> tuple[np.ndarray, np.ndarray] | None:
 # ---- Constraints ----------------------------------------------------------------------------
 
 
+def _refuse_complex(matrix: Any, name: str) -> None:
+    if matrix.dtype.kind not in "biuf":
+        raise TypeError(f"{name} must hold numbers, not a sparse matrix of {matrix.dtype}")
+
+
 def _compressed(matrix: Any, n: int, name: str) -> dict[str, np.ndarray]:
     """Rows in compressed form."""
     if hasattr(matrix, "tocsr"):
-        rows = matrix.tocsr()
+        rows = matrix.tocsr().copy()  # the user's own keeps its duplicates
+        _refuse_complex(rows, f"{name}.A")
         rows.sum_duplicates()
         shape, starts, columns, values = rows.shape, rows.indptr, rows.indices, rows.data
     else:
@@ -126,8 +177,8 @@ def _count_of(block: dict[str, Any], x: np.ndarray, stated: int) -> int:
     """The number of values, which the run then knows at x; of a compiled function the stated one."""
     if isinstance(block["fun"], Compiled):
         return stated
-    value = np.array(block["fun"](x.copy(), *block["args"]))
-    if value.dtype.kind not in "biufO" or value.ndim > 1:
+    value = np.array(block["fun"](read_only(x), *block["args"]))
+    if value.dtype.kind not in "biufO" or value.squeeze().ndim > 1:
         raise ValueError(
             f"{block['name']}.fun must return numbers of shape (k,), "
             f"not {value.shape} of {value.dtype}"
@@ -139,8 +190,7 @@ def _count_of(block: dict[str, Any], x: np.ndarray, stated: int) -> int:
 def _block(name: str, fun: Any, jac: Any, args: Any) -> dict[str, Any]:
     args = further_arguments(args)
     block = {"name": name, "fun": function(fun, f"{name}.fun", NUMBER + VALUES, args)}
-    slopes = compiled(jac, f"{name}.jac", VALUES) or (jac if callable(jac) else None)
-    return {**block, "args": args, "jac": slopes}
+    return {**block, "args": args, "jac": differences_or_function(jac, {}, f"{name}.jac")}
 
 
 def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
@@ -149,6 +199,8 @@ def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
         raise ValueError(f"{name}['type'] must be 'eq' or 'ineq', not {said.get('type')!r}")
     if "fun" not in said:
         raise ValueError(f"{name} must have a 'fun'")
+    if unknown := said.keys() - {"type", "fun", "jac", "args", "count"}:
+        raise ValueError(f"{name} must have no {min(map(str, unknown))!r}: type, fun, jac, args, count")
     block = _block(name, said["fun"], said.get("jac"), said.get("args", ()))
     count = _count_of(block, x, int(said.get("count", 1)))
     upper = np.zeros(count) if kind == "eq" else np.full(count, np.inf)
@@ -210,7 +262,7 @@ def add_hessian(problem: dict[str, Any], hess: Any, x: np.ndarray) -> None:
     if isinstance(hess, Compiled):
         return
     args = problem["args"]
-    first = hess(x.copy(), *args)
+    first = hess(read_only(x), *args)
     if not hasattr(first, "tocoo"):
         problem["known"] = {"hess": (x, np.array(first))}
         return
@@ -229,18 +281,27 @@ def add_hessian(problem: dict[str, Any], hess: Any, x: np.ndarray) -> None:
 
 
 def _lower(matrix: Any, n: int) -> tuple[np.ndarray, np.ndarray]:
-    """Places row * n + column of the lower triangle, and the values there."""
+    """Places row * n + column of the lower triangle, and the values there.
+
+    What stands above counts where nothing stands below: the matrix may be any one triangle.
+    """
     if not hasattr(matrix, "tocoo") or matrix.shape != (n, n):
         raise ValueError(f"hess must return a sparse matrix of shape ({n}, {n}) at every point")
     elements = matrix.tocoo()
-    kept = elements.row >= elements.col
-    return elements.row[kept].astype(np.int64) * n + elements.col[kept], elements.data[kept]
+    _refuse_complex(elements, "hess")
+    rows, columns = elements.row.astype(np.int64), elements.col.astype(np.int64)
+    above = rows < columns
+    places = np.where(above, columns * n + rows, rows * n + columns)
+    kept = ~above
+    kept[above] = ~np.isin(places[above], places[~above])
+    return places[kept], elements.data[kept]
 
 
 def symmetric(h: Any) -> dict[str, Any]:
     """The matrix of a quadratic: dense, sparse, or a vector for a diagonal."""
     if hasattr(h, "tocoo"):
-        rows = h.tocoo()
+        rows = h.tocoo().copy()  # the user's own keeps its duplicates
+        _refuse_complex(rows, "h")
         rows.sum_duplicates()
         _square(rows.shape)
         places = np.stack([rows.row, rows.col], axis=1)

@@ -59,8 +59,9 @@ class _Fields(dict):
     def __getattr__(self, name: str) -> Any:
         try:
             return self[name]
-        except KeyError:
-            raise AttributeError(f"{type(self).__name__} has no field {name!r}") from None
+        except KeyError as missing:
+            why = "".join(missing.args[1:])
+            raise AttributeError(f"{type(self).__name__} has no field {name!r}{why}") from None
 
     def __setattr__(self, name: str, value: Any) -> None:
         self[name] = value
@@ -134,6 +135,8 @@ class Result(_Fields):
     def __missing__(self, name: str) -> Any:
         if name not in _LATER or "fit" not in self:
             raise KeyError(name)
+        if not self.fit.alive:
+            raise KeyError(name, ": it needs the functions of the problem; solve again from x")
         if name == "jac":
             self[name] = self.fit.jacobian()
         else:
@@ -226,7 +229,7 @@ class Result(_Fields):
             ("check", str(self.optimality["sentence"])),
             ("work", f"{self.nit} iterations, {self.nfev} calls, {self.seconds:.3g} s"),
         ]
-        if "cost" in self and self.fit.alive or "stderr" in self:
+        if "stderr" in self:  # which a summary does not evaluate
             rows.insert(5, ("stderr", _numbers(self.stderr)))
         return rows
 
@@ -306,8 +309,8 @@ def _axes(axes: Any) -> Any:
 _LATER = ("covariance", "stderr", "jac")
 
 
-def make_result(found: dict[str, Any], names: list[str] | None = None) -> Result:
-    """A result with SciPy's names for what the core answers."""
+def make_result(found: dict[str, Any], names: list[str] | None, squares: bool) -> Result:
+    """A result with SciPy's names for what the core answers, also those of least squares."""
     result = Result(found)
     result.names = names or [f"X{j + 1}" for j in range(len(result.x))]
     counts = found["counts"]
@@ -326,4 +329,8 @@ def make_result(found: dict[str, Any], names: list[str] | None = None) -> Result
         njev=counts["gradient"],
         nhev=counts["hessian"],
     )
+    if squares:
+        result.update(cost=result.objective, grad=result.gradient, fun=result.residuals)
+        result.active_mask = result.active.bounds
+        del result.jac  # which comes when it is asked for
     return result

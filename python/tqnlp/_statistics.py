@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Iterable, Sequence
 from html import escape
 from typing import Any, NamedTuple
@@ -9,6 +10,7 @@ from typing import Any, NamedTuple
 import numpy as np
 
 from . import _core
+from ._problem import number, vector
 
 
 class Covariance(NamedTuple):
@@ -178,9 +180,12 @@ def _chosen(parameters: Any, names: list[str]) -> list[int]:
     """Numbers of parameters that are given by number or name, one or several."""
     if parameters is None:
         return []
-    if isinstance(parameters, (str, int, np.integer)):
+    if isinstance(parameters, (str, bytes)) or not isinstance(parameters, Iterable):
         parameters = [parameters]
-    return [_number(parameter, names) for parameter in parameters]
+    chosen = [_number(parameter, names) for parameter in parameters]
+    if not chosen:
+        raise ValueError("parameters must name at least one; all without it")
+    return chosen
 
 
 def _number(parameter: Any, names: list[str]) -> int:
@@ -188,7 +193,9 @@ def _number(parameter: Any, names: list[str]) -> int:
         if parameter not in names:
             raise ValueError(f"parameter must be a number or one of {names}, not {parameter!r}")
         return names.index(parameter)
-    return int(parameter)
+    if isinstance(parameter, (bool, np.bool_)) or not hasattr(parameter, "__index__"):
+        raise TypeError(f"parameter must be a number or a name, not {parameter!r}")
+    return operator.index(parameter)
 
 
 def limits(
@@ -200,7 +207,9 @@ def limits(
     multiple: float,
     residual_variance: float | None,
 ) -> Limits:
-    levels = [float(one) for one in np.atleast_1d(np.asarray(level, dtype=float))]
+    levels = vector(level, "level").tolist()
+    if not levels:
+        raise ValueError("level must hold at least one number")
     chosen = _chosen(parameters, names)
     return Limits(fit.limits(kind, levels, chosen, multiple, residual_variance))
 
@@ -213,5 +222,5 @@ def profile(
     multiple: float,
     residual_variance: float | None,
 ) -> Profile:
-    number = _number(parameter, names)
-    return Profile(**fit.profile(number, float(level), multiple, residual_variance))
+    place = _number(parameter, names)
+    return Profile(**fit.profile(place, number(level, "level"), multiple, residual_variance))
