@@ -86,6 +86,8 @@ def test_every_argument_means_what_it_means_in_scipy():
     assert ended.ending == "stopped_by_caller" and -0.95 < ended.x[0] < 0.0
     assert tqnlp.minimize(**case, callback=lambda x: 2 * x).success
     assert tqnlp.minimize(**case, callback=lambda x, state: np.True_ & (state.nit == 2)).nit == 2
+    for tight in ({"tol": 1e-10}, {"options": {"fatol": 1e-10, "xatol": 1e-10}}):
+        assert abs(tqnlp.minimize(**case, method="Nelder-Mead", **tight).x - 1).max() < 1e-5
     with pytest.raises(ValueError, match="hessp"):
         tqnlp.minimize(**case, jac=grad, hessp=lambda x, p: p)
     with pytest.raises(ValueError, match="hessp"):

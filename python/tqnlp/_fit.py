@@ -63,7 +63,7 @@ _FOR_SQUARES = ("levenberg_marquardt", "hybrid_quasi_newton", "gauss_newton")
 
 
 def _options(options: Any, method: Any, tol: float | None, problem: dict[str, Any]) -> dict:
-    """Options for the core. The techniques of least squares have a better test than a gradient's."""
+    """Options for the core; techniques of least squares have a better test than a gradient's."""
     made = options_of(options, method, tol, bool(problem["linear"] or problem["nonlinear"]))
     automatic = made["technique"] == "automatic" and not problem["nonlinear"]
     if automatic or made["technique"] in _FOR_SQUARES:
@@ -164,7 +164,7 @@ def least_squares(
         SciPy's names for the options relative_objective_tolerance, relative_step_tolerance,
         gradient_tolerance and calls.
     x_scale : array_like, shape (n,), or "jac"
-        Typical sizes of the parameters, for the option scale; a number and "jac" leave it to the run.
+        Typical sizes of the parameters, the option scale; a number and "jac" leave it to the run.
     verbose : int
         The option report, printed as the run goes.
     loss, f_scale, diff_step, tr_solver, tr_options, jac_sparsity
@@ -188,8 +188,8 @@ def least_squares(
     _refuse_all_but_defaults(loss=loss, f_scale=f_scale, diff_step=diff_step, tr_solver=tr_solver,
                              tr_options=tr_options, jac_sparsity=jac_sparsity)  # fmt: skip
     if isinstance(options, dict) or options is None:
-        scipys = {"ftol": ftol, "xtol": xtol, "gtol": gtol, "max_nfev": max_nfev}
-        scipys |= {"scale": _scale(x_scale, x0), "verbose": verbose}
+        scipys: dict[str, Any] = {"ftol": ftol, "xtol": xtol, "gtol": gtol, "max_nfev": max_nfev}
+        scipys.update(scale=_scale(x_scale, x0), verbose=verbose)
         options = {**scipys, **(options or {})}
     said = squares_problem(fun, x0, jac, bounds, method, tol, constraints, args, kwargs, m, options)
     return solve(*said, callback)
@@ -269,10 +269,15 @@ def _weighting(sigma: Any, m: int) -> Callable[[np.ndarray], np.ndarray]:
         return lambda rows: rows * (weights if rows.ndim == 1 else weights[:, None])
     if array.shape == (m, m):
         try:
-            factor = np.linalg.cholesky(array)
+            whitening = np.linalg.inv(np.linalg.cholesky(array))  # once, not in every evaluation
         except np.linalg.LinAlgError:
             raise ValueError("sigma must be positive definite where it is a matrix") from None
-        return lambda rows: np.linalg.solve(factor, rows)
+
+        def whitened(rows: np.ndarray) -> np.ndarray:
+            with np.errstate(invalid="ignore"):  # infinities: there is no value
+                return whitening @ rows
+
+        return whitened
     raise ValueError(f"sigma must have the shape ({m},) or ({m}, {m}), not {array.shape}")
 
 

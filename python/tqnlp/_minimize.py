@@ -91,8 +91,8 @@ def solve(problem: dict[str, Any], x: np.ndarray, options: dict[str, Any], callb
 
 
 def scalar_problem(
-    fun: Any, x0: Any, args: Any, method: str, jac: Any, hess: Any, bounds: Any, constraints: Any,
-    tol: float | None, options: dict[str, Any] | None,
+    fun: Any, x0: Any, args: Any, method: str | None, jac: Any, hess: Any, bounds: Any,
+    constraints: Any, tol: float | None, options: dict[str, Any] | None,
 ) -> tuple[dict[str, Any], np.ndarray, dict[str, Any]]:  # fmt: skip
     """Problem, start and options of `minimize` for the core."""
     x = start_point(x0)
@@ -116,7 +116,7 @@ def minimize(
     fun: Callable[..., Any],
     x0: Any,
     args: Any = (),
-    method: str = "auto",
+    method: str | None = "auto",
     jac: Any = None,
     hess: Any = None,
     bounds: Any = None,

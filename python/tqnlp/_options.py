@@ -58,6 +58,7 @@ _SCIPY_OPTIONS = {
     "fatol": "objective_tolerance",
     "xatol": "step_tolerance",
 }
+_SIMPLEX_TOLERANCES = {"fatol", "xatol", "ftol", "xtol"}
 _SIMPLEX = ("nelder_mead", "nelder_mead_2", "cobyla")
 
 
@@ -85,7 +86,8 @@ def _perhaps(name: str, known: list[str]) -> str:
 
 def _from_tolerance(tol: float, name: str) -> dict[str, float]:
     if name in _SIMPLEX:
-        return {"relative_objective_tolerance": tol, "step_tolerance": tol}
+        names = ("relative_objective_tolerance", "predicted_reduction_tolerance", "step_tolerance")
+        return dict.fromkeys(names, tol)
     return {"gradient_tolerance": tol, "relative_gradient_tolerance": tol}
 
 
@@ -125,4 +127,6 @@ def options_of(options: Any, method: Any, tol: float | None, constrained: bool) 
         else:
             known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp", "verbose", "names", "progress"]
             raise ValueError(f"options: {key!r} is not known{_perhaps(str(key), known)}")
+    if name in _SIMPLEX and not _SIMPLEX_TOLERANCES.isdisjoint(options or {}):
+        made.setdefault("predicted_reduction_tolerance", 0.0)  # which would be met first
     return {**made, "technique": name}

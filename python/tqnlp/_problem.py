@@ -69,7 +69,7 @@ def function(value: Any, name: str, takes: tuple[str, ...] = (), args: tuple = (
     return value
 
 
-_DIFFERENCES = {"2-point": {"differences": "forward"}, "3-point": {"differences": "central"}, "cs": {}}
+_DIFFERENCES = {"2-point": "forward", "3-point": "central", "cs": None}
 
 
 def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac") -> Any:
@@ -79,9 +79,11 @@ def differences_or_function(jac: Any, options: dict[str, Any], name: str = "jac"
     if (found := compiled(jac, name, VALUES)) is not None or callable(jac):
         return found or jac
     if not isinstance(jac, str) or jac not in _DIFFERENCES:
-        raise ValueError(f"{name} must be a function, '2-point', '3-point' or None, not {_shown(jac)}")
-    for key, value in _DIFFERENCES[jac].items():
-        options.setdefault(key, value)
+        raise ValueError(
+            f"{name} must be a function, '2-point', '3-point' or None, not {_shown(jac)}"
+        )
+    if (kind := _DIFFERENCES[jac]) is not None:
+        options.setdefault("differences", kind)
     return None
 
 
@@ -199,8 +201,9 @@ def _by_dictionary(said: Any, x: np.ndarray, name: str) -> dict[str, Any]:
         raise ValueError(f"{name}['type'] must be 'eq' or 'ineq', not {said.get('type')!r}")
     if "fun" not in said:
         raise ValueError(f"{name} must have a 'fun'")
-    if unknown := said.keys() - {"type", "fun", "jac", "args", "count"}:
-        raise ValueError(f"{name} must have no {min(map(str, unknown))!r}: type, fun, jac, args, count")
+    known = ("type", "fun", "jac", "args", "count")
+    if unknown := [key for key in said if key not in known]:
+        raise ValueError(f"{name} must have no {unknown[0]!r}, only {', '.join(known)}")
     block = _block(name, said["fun"], said.get("jac"), said.get("args", ()))
     count = _count_of(block, x, int(said.get("count", 1)))
     upper = np.zeros(count) if kind == "eq" else np.full(count, np.inf)
