@@ -27,7 +27,9 @@ static void print(Technique technique, const char* name, const Problem& problem)
   Options options;
   options.technique = technique;
   if (std::string_view(name) == "squares") {  // what the package sets for fits
-    options.gradient_tolerance = 0.0;
+    if (technique == Technique::automatic || technique == Technique::levenberg_marquardt ||
+        technique == Technique::hybrid_quasi_newton || technique == Technique::gauss_newton)
+      options.gradient_tolerance = 0.0;
     options.iterations = 1000.0;
     options.calls = 10000.0;
   }
