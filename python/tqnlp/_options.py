@@ -127,6 +127,7 @@ def options_of(options: Any, method: Any, tol: float | None, constrained: bool) 
         else:
             known = [*_core.OPTIONS, *_SCIPY_OPTIONS, "disp", "verbose", "names", "progress"]
             raise ValueError(f"options: {key!r} is not known{_perhaps(str(key), known)}")
-    if name in _SIMPLEX and not _SIMPLEX_TOLERANCES.isdisjoint(options or {}):
+    given = {key for key, value in (options or {}).items() if value is not None}
+    if name in _SIMPLEX and not _SIMPLEX_TOLERANCES.isdisjoint(given):
         made.setdefault("predicted_reduction_tolerance", 0.0)  # which would be met first
     return {**made, "technique": name}
