@@ -14,7 +14,6 @@
 //   otherwise                                   the results
 //
 // An exception of a module outranks all other ends: it is their cause.
-#include <cfenv>
 #include <cstring>
 
 #include "aasubs/driver/znlpdrv.h"
@@ -285,19 +284,6 @@ static Outcome run_call(Task& task, const std::string& name, std::vector<Matrix>
   return outcome;
 }
 
-// A call leaves the floating-point flags of its caller as they were: its own arithmetic must not
-// look like an error of a module that makes the call.
-class FlagKeeper {
- public:
-  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  FlagKeeper(const FlagKeeper&) = delete;
-  FlagKeeper& operator=(const FlagKeeper&) = delete;
-
- private:
-  std::fexcept_t flags_;
-};
-
 // What a program reads between calls is of the last one: it lasts until the next outermost call.
 static void forget_last_call(Task& task) {
   task.log.clear();
@@ -322,7 +308,7 @@ std::vector<Matrix> Session::call(std::string subroutine, std::vector<Matrix> ar
     throw std::logic_error("Session: another thread is running a call on this session");
   const embed::Activation activation(task);
   const OpenCall open;
-  const FlagKeeper flags;
+  const embed::FlagKeeper flags;
   // Only the outermost call starts new reports: those of calls within modules join them.
   if (task.frames.size() == 1) forget_last_call(task);
   const embed::Charge charge(task.clock, &task.ticks_in_library);

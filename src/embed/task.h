@@ -10,6 +10,7 @@
 // calls: the variables, and what is taken without a call.
 #pragma once
 
+#include <cfenv>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -274,6 +275,19 @@ class FrameScope {
 
  private:
   Task& task_;
+};
+
+// A call leaves the floating-point flags of its caller as they were: its own arithmetic must not
+// look like an error of a module that makes the call.
+class FlagKeeper {
+ public:
+  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
+  FlagKeeper(const FlagKeeper&) = delete;
+  FlagKeeper& operator=(const FlagKeeper&) = delete;
+
+ private:
+  std::fexcept_t flags_;
 };
 
 // Moves a block from the frame of its call to the bottom frame: it outlives the call.

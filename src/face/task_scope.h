@@ -1,24 +1,10 @@
 // Work of the face on a task of its own.
 #pragma once
 
-#include <cfenv>
-
 #include "embed/task.h"
 #include "face/run.h"
 
 namespace tqnlp::face {
-
-// The floating-point flags of the caller stay as they were.
-class FlagKeeper {
- public:
-  FlagKeeper() { std::fegetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  ~FlagKeeper() { std::fesetexceptflag(&flags_, FE_ALL_EXCEPT); }
-  FlagKeeper(const FlagKeeper&) = delete;
-  FlagKeeper& operator=(const FlagKeeper&) = delete;
-
- private:
-  std::fexcept_t flags_;
-};
 
 // Runs body and then last, which takes over log and tables, on a task. Returns 0, or the code with
 // which the library ended the call.
@@ -26,7 +12,7 @@ template <class Body, class Last>
 int run_on_task(embed::Task& task, const Body& body, const Last& last) {
   const embed::Activation activation(task);
   const embed::FrameScope frame(task);
-  const FlagKeeper flags;
+  const embed::FlagKeeper flags;
   int exit_code = 0;
   try {
     body();
