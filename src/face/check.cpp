@@ -507,7 +507,8 @@ void check_point(Shared& shared, Look look, Result* result, Advice* advice) {
   judge_by_gradient(result);
   judge_by_curvature(run, at, look, result, advice);
   const bool passes = result->optimality.verdict == Optimality::optimal;
-  if (passes && look == Look::second_order && problem.rows.empty() && problem.c_lower.empty())
+  const bool free = problem.rows.empty() && problem.c_lower.empty();
+  if (passes && look == Look::second_order && free && shared.options.scale.empty())
     probe_beyond_small_units(run, at, result, advice);
 }
 

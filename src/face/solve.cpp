@@ -187,7 +187,8 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
          !shared.steps_without_end) {
     Result next = *result;
     ++next.optimality.restarts;
-    if (advice.least.empty())
+    const bool by_lower_points = !advice.least.empty();
+    if (!by_lower_points)
       learn_sizes(shared, advice.sizes);
     else
       grow_sizes(shared, advice.least);
@@ -197,7 +198,11 @@ static void run_and_check(Shared& shared, embed::Task& task, const TechniqueRow&
     check(shared, task, &next, &advice);
     result->counts = next.counts;
     result->optimality.restarts = next.optimality.restarts;
-    if (!improves(next, *result, shared.problem.maximize)) break;
+    if (!improves(next, *result, shared.problem.maximize)) {
+      // The lower points that were met are those of another minimum.
+      if (by_lower_points) result->optimality.verdict = Optimality::optimal;
+      break;
+    }
     // The criteria of the caller were met before.
     if (!next.status && !shared.interrupted && !shared.stopped) next.status = result->status;
     *result = std::move(next);
